@@ -1,0 +1,401 @@
+#pragma once
+
+// The single back-end object of the lidar utility. A graphical front end binds to its properties,
+// invokable operations and signals; every subsystem is a group of its operations, implemented in
+// one source file each under LidarUtilitiesCore/src/.
+//
+// Threads (docs/threads.md): the UI thread calls the operations; the connect worker, the
+// page-refresh thread and later workers share this object's state. Flags are atomics; texts are
+// read and written under fieldsMutex_; the catalogue's current_val texts and the UI caches under
+// catalogueMutex_; the SDK clients are shared pointers swapped under clientMutex_.
+
+#include <QObject>
+#include <QString>
+#include <QVariant>
+#include <QVariantList>
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "records.h"
+#include "sdk/authorized_vrc_client.h"
+#include "sdk/config_parser.h"
+#include "sdk/types.h"
+#include "sdk/var_info.h"
+
+namespace lidar {
+class SerialSource;
+class SerialClient;
+}  // namespace lidar
+
+class LidarUtilitiesManager : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QString ipAddress READ getIpAddress WRITE setIpAddress NOTIFY initInfoChanged)
+    Q_PROPERTY(QString port READ getPort WRITE setPort NOTIFY initInfoChanged)
+    Q_PROPERTY(QString serialPort485 READ serial_port_485 WRITE set_serial_port_485 NOTIFY
+                   initInfoChanged)
+    Q_PROPERTY(QString serialPort232 READ serial_port_232 WRITE set_serial_port_232 NOTIFY
+                   initInfoChanged)
+    Q_PROPERTY(QString baudRate READ baud_rate WRITE set_baud_rate NOTIFY initInfoChanged)
+    Q_PROPERTY(QString udpPort READ getUdpPort WRITE setUdpPort NOTIFY initInfoChanged)
+    Q_PROPERTY(QString vrcClientHostPort READ getVrcClientHostPort WRITE setVrcClientHostPort
+                   NOTIFY initInfoChanged)
+    Q_PROPERTY(bool enableVrcClientHostPortUi READ getEnableVrcClientHostPortUi NOTIFY
+                   featureConfigChanged)
+    Q_PROPERTY(bool isConnected READ getIsConnected NOTIFY isConnectedChanged)
+    Q_PROPERTY(int connectType READ getConnectType NOTIFY connectTypeChanged)
+    Q_PROPERTY(bool isUpgrading READ getIsUpgrading NOTIFY isUpgradingChanged)
+    Q_PROPERTY(bool isDownloadLog READ getIsDownloadLog WRITE setIsDownloadLog NOTIFY
+                   isDownloadLogChanged)
+    Q_PROPERTY(int upgradeProgress READ getUpgradeProgress NOTIFY isUpgradingChanged)
+    Q_PROPERTY(int upgradeProgressTotalLen READ getUpgradeProgressTotalLen NOTIFY
+                   isUpgradingChanged)
+    Q_PROPERTY(QString errorMessage READ getErrorMessage WRITE setErrorMsg NOTIFY
+                   errorMessageChanged)
+    Q_PROPERTY(QString successMessage READ getSuccessMessage WRITE setSuccessMsg NOTIFY
+                   successMessageChanged)
+    Q_PROPERTY(QString sendVrcCommandReturnHeader READ getSendVrcCommandReturnHeader NOTIFY
+                   successMessageChanged)
+    Q_PROPERTY(QString sendVrcCommandReturnPayload READ getSendVrcCommandReturnPayload NOTIFY
+                   successMessageChanged)
+    Q_PROPERTY(QString lidarModelFromLidar READ getLidarModelFromLidar CONSTANT)
+    Q_PROPERTY(QVariantList lidarModelList READ getLidarModelList NOTIFY lidarModelListChanged)
+    Q_PROPERTY(QString zpNowName READ getZPNowName NOTIFY lidarModelListChanged)
+    Q_PROPERTY(QVariantList myMap READ getMyMap NOTIFY myMapChanged)
+    Q_PROPERTY(QVariantList level1List READ level1List NOTIFY lidarModelChanged)
+    Q_PROPERTY(QVariantList level2List READ level2List NOTIFY lidarModelChanged)
+    Q_PROPERTY(QVariantList logRepeaterModel READ logRepeaterModel NOTIFY lidarModelChanged)
+    Q_PROPERTY(QVariantList fovList READ getFovList NOTIFY fovConfigChanged)
+    Q_PROPERTY(QStringList monitorHwVersionList READ getMonitorHwVersionList NOTIFY
+                   monitorHwVersionListChanged)
+    Q_PROPERTY(QString currentMonitorHwVersion READ getCurrentMonitorHwVersion NOTIFY
+                   currentMonitorHwVersionChanged)
+    Q_PROPERTY(int monitorModuleIndex READ getMonitorModuleIndex NOTIFY
+                   currentMonitorHwVersionChanged)
+    Q_PROPERTY(int monitorContentRevision READ getMonitorContentRevision NOTIFY
+                   monitorContentChanged)
+
+public:
+    // ---- Creation (lidar_utilities_manager.cpp) ----
+    static LidarUtilitiesManager* getInstance(uint8_t tag, std::string configPath);
+    LidarUtilitiesManager(uint8_t tag, std::string configPath);
+    ~LidarUtilitiesManager() override;
+
+    static const std::string Egret_Str;
+    static const std::string Plover_Str;
+    static const std::string Tern_Str;
+    static const std::string Wren_Str;
+    static const std::string Wren_VRC_Str;
+    static const std::string Heron_VRC_Str;
+    static const std::string READ_VAR, WRITE_VAR, READ_VAR_ARRAY, WRITE_VAR_ARRAY;
+    static const std::string READ_EQUIP_ADDRESS, WRITE_EQUIP_ADDRESS,
+        READ_EQUIP_CONTINUE_ADDRESS, WRITE_EQUIP_CONTINUE_ADDRESS;
+    static const std::string READ_FILE, WRITE_FILE, HAS_SUB_CMD;
+    static const std::string kStrVRCGetLidarModelFromLidar, kStrVRCGetLidarModelFromLidarSubCmd;
+
+    // ---- Connection properties (lidar_utilities_manager.cpp) ----
+    Q_INVOKABLE QString getIpAddress() const;
+    Q_INVOKABLE void setIpAddress(QString address);
+    Q_INVOKABLE QString getPort() const;
+    Q_INVOKABLE void setPort(QString port);
+    Q_INVOKABLE QString serial_port_485() const;
+    Q_INVOKABLE void set_serial_port_485(QString device);
+    Q_INVOKABLE QString serial_port_232() const;
+    Q_INVOKABLE void set_serial_port_232(QString device);
+    Q_INVOKABLE QString baud_rate() const;
+    Q_INVOKABLE void set_baud_rate(QString rate);
+    Q_INVOKABLE QString getUdpPort() const;
+    Q_INVOKABLE void setUdpPort(QString port);  // throws std::invalid_argument for non-numbers
+    Q_INVOKABLE QString getVrcClientHostPort() const;
+    Q_INVOKABLE void setVrcClientHostPort(QString text);
+    Q_INVOKABLE bool getEnableVrcClientHostPortUi() const;
+    std::string getSelectLidarModel() const;
+    void setSelectLidarModel(std::string model);
+    Q_INVOKABLE bool getIsConnected() const { return isConnected.load(); }
+    Q_INVOKABLE int getConnectType() const { return connectType.load(); }
+    Q_INVOKABLE bool getIsUpgrading() const { return isUpgrading.load(); }
+    Q_INVOKABLE bool getIsDownloadLog() const { return isDownloadLog.load(); }
+    Q_INVOKABLE void setIsDownloadLog(bool downloading);
+    Q_INVOKABLE int getUpgradeProgress() const { return upgradeProgress.load(); }
+    Q_INVOKABLE int getUpgradeProgressTotalLen() const { return upgradeProgressTotalLen.load(); }
+    Q_INVOKABLE QString getSendVrcCommandReturnHeader() const;
+    Q_INVOKABLE QString getSendVrcCommandReturnPayload() const;
+    Q_INVOKABLE QString getLidarModelFromLidar() const { return QString(); }
+    bool isConnecting() const { return connecting.load(); }
+    uint8_t getCreationTag() const { return creationTag; }
+
+    // ---- Logging and user messages (lidar_utilities_manager.cpp) ----
+    void writeLogMessage(const std::string& message, const std::string& level);
+    Q_INVOKABLE void showErrorMessage(const QString& text);
+    Q_INVOKABLE void showSuccessMessage(const QString& text);
+    Q_INVOKABLE void setErrorMsg(QString text);
+    Q_INVOKABLE void setSuccessMsg(QString text);
+    Q_INVOKABLE QString getErrorMessage() const;
+    Q_INVOKABLE QString getSuccessMessage() const;
+    Q_INVOKABLE void SetLogBytesFlowStatus(bool on) { logBytesFlow.store(on); }
+    void logMessageHandler(const std::string& line);
+    void setVrcClientLogCallback();
+
+    // ---- Connection control (connection.cpp) ----
+    Q_INVOKABLE bool ConnectLidar();
+    bool Init();
+    bool InitVrcForSerial();
+    bool InitSerial();
+    bool CheckLidarConnection();
+    Q_INVOKABLE void Stop();
+    Q_INVOKABLE int Restart();
+    Q_INVOKABLE int Reset();
+    bool get_config_file();
+    Q_INVOKABLE void StartGetConfigFile();
+    // Waits for the connect worker (and other short workers) to finish; for scripts and tests.
+    void waitForWorkers();
+
+    // ---- Model catalogue (catalogue_reading.cpp) ----
+    Q_INVOKABLE QVariantList getLidarModelList();
+    Q_INVOKABLE void InitZPModule(QString model);
+    Q_INVOKABLE QString getZPNowName() const;
+    Q_INVOKABLE void InitConfigFileParser(QString model);
+    std::string resolveModelConfigPath(const QString& model) const;
+    QString resolveModelDirPath(const QString& model) const;
+    VarInfo* searchVarPtr(const std::string& value, const std::string& searchType) const;
+    bool resolveVarPosOffset(const VarInfo& var, int index, std::pair<int, int>& out) const;
+    Q_INVOKABLE bool CheckVarExistsInConfigFileByName(QString name) const;
+    void changeModelEmit();
+    static std::string trim(const std::string& text);
+    static bool isNum(const QString& text);
+    ConfigParser* getCurrentParser() const { return currentParser; }
+    std::string getCurrentConfigPath() const;
+
+    // ---- Range checks (catalogue_reading.cpp) ----
+    Q_INVOKABLE bool CheckVarIsWithinRange(QString key, QString searchType);
+    Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
+
+    // ---- Decoding and reading (catalogue_reading.cpp) ----
+    void updateSingleVarFromOutput(VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
+                                   std::vector<uint8_t>& value, bool update);
+    void GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>& value);
+    Q_INVOKABLE int UpdateSingleVarInfo(QString key, QString searchType);
+    void GetInfoFromLidarWithSameCmd(
+        std::vector<VarInfo*>& group,
+        std::unordered_map<std::string, std::vector<uint8_t>>* replies, bool update);
+    Q_INVOKABLE void GetLidarModuleInfo(int module);
+    void updatePagesTimer();
+    Q_INVOKABLE bool isTimerUpdate(int module, int page, int var) const;
+    Q_INVOKABLE void UpdateUI();
+    // A variable's display text, read under the catalogue lock.
+    QString currentValueOf(const VarInfo* var) const;
+
+    // ---- UI caches (catalogue_reading.cpp) ----
+    Q_INVOKABLE QVariantList getMyMap();
+    void rebuildMyMapCache();
+    Q_INVOKABLE void notifyMyMapChanged();
+    Q_INVOKABLE QVariantList level1List();
+    Q_INVOKABLE QVariantList level2List();
+    Q_INVOKABLE QVariantList logRepeaterModel();
+    void rebuildUiListCache();
+    void invalidateUiListCache();
+
+    // ---- Monitor variants (monitor.cpp) ----
+    int findMonitorModuleIndex() const;
+    void scanMonitorHwVersions();
+    bool applyMonitorHwVersion(const QString& version, bool withSignals);
+    Q_INVOKABLE QStringList getMonitorHwVersionList() const;
+    Q_INVOKABLE QString getCurrentMonitorHwVersion() const;
+    Q_INVOKABLE int getMonitorModuleIndex() const { return monitorModuleIndex.load(); }
+    Q_INVOKABLE int getMonitorContentRevision() const { return monitorContentRevision.load(); }
+    Q_INVOKABLE void setModuleIndexUse(int module) { moduleIndexUse.store(module); }
+    Q_INVOKABLE int getModuleIndexUse() const { return moduleIndexUse.load(); }
+
+    // ---- Edit staging and applying (write_back.cpp) ----
+    Q_INVOKABLE void SetText(int type, int page, int group, int row, QString text);
+    Q_INVOKABLE unsigned long getSetMapSize() const;
+    Q_INVOKABLE void ClearSetMap();
+    static void writeSubCmdIntoInput(std::string text, u8Array_t& out);
+    static std::pair<std::string, std::string> getTwoCases(QString name);
+    size_t getEditedVarCount() const;
+    Q_INVOKABLE void Run(int page);
+
+    // ---- Channel field of view (model_functions.cpp) ----
+    Q_INVOKABLE QVariantList getFovList() const;
+    Q_INVOKABLE void SetMultiFovConfig(int index, QString value);
+
+    // The SDK client of kinds 0 and 2, or null.
+    std::shared_ptr<AuthorizedVrcClient> getAuthorizedClient() const;
+
+signals:
+    void initInfoChanged();
+    void isConnectedChanged();
+    void connectTypeChanged();
+    void featureConfigChanged();
+    void errorMessageChanged();
+    void successMessageChanged();
+    void sendLogMessage(QString message, QString level);
+    void myMapChanged();
+    void myTimerMapChanged();
+    void lidarClearModel();
+    void lidarModelChanged();
+    void lidarShowModel();
+    void lidarModelListChanged();
+    void wrenLidarInfoChanged();
+    void isGetPBLVersionChanged();
+    void fovConfigChanged();
+    void someVarOutOfRange(QString var_name);
+    void isUpgradingChanged();
+    void isDownloadLogChanged();
+    void downloadFinished();
+    void downloadOperationLogFinished(bool ok);
+    void sendCommandHistoryChanged();
+    void monitorHwVersionListChanged();
+    void currentMonitorHwVersionChanged();
+    void monitorContentChanged();
+    void monitorAutoRefreshChanged();
+    void monitorRecordParamsChanged();
+    void isMonitorRecordingChanged();
+
+private:
+    static void initInstance(uint8_t tag, std::string configPath);
+    static QString settingsFilePath();
+    void readSettings();
+    void saveConnectionSettings();
+    void setAuthorizedClient(std::shared_ptr<AuthorizedVrcClient> client);
+    bool clientIsOpen() const;
+    bool deviceIsIdle() const;  // connected, open client, no upgrade or log download
+    void reportConnectFailure(const char* operation, const std::string& logText,
+                              uint16_t localPort);
+    void joinThread(std::unique_ptr<std::thread>& thread);
+    void resetSerialNumberTexts();
+    void resetFovTable();
+    int sendDeviceCommand(const char* variableName, const char* fallbackName,
+                          const QString& notFoundName, const QString& notFoundCommand);
+    void logToSdkLogger(int line, const char* function, const std::string& message);
+    void buildSerialVarIndexes();
+    void refreshTimerVariables();
+    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groupByReadRequest(
+        const std::vector<VarInfo*>& vars) const;
+    bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
+    QVariantMap varToMap(const VarInfo& var);
+
+public:
+    // ---- Fields shared by several subsystems, in declaration order ----
+    static LidarUtilitiesManager* instance_;
+    static std::once_flag init_instance_flag_;
+
+    std::atomic<bool> pagesTimerRunning{false};
+    std::unique_ptr<std::thread> pagesTimerThread;
+
+private:
+    // UI caches, guarded by catalogueMutex_.
+    QVariantList level1ListCache;
+    QVariantList level2ListCache;
+    QVariantList logListCache;
+    QVariantList myMapCache;
+    bool uiListsValid = false;
+    bool myMapValid = false;
+
+    // Edit staging (UI thread only).
+    std::map<std::string, bool> setMap;
+    std::map<VarInfo*, bool> editedVarMap;
+
+public:
+    std::atomic<int32_t> upgradeMode{0};
+    std::atomic<bool> isGetPBLVersion{false};
+
+private:
+    const uint8_t creationTag;
+    std::string currentConfigPath;  // guarded by fieldsMutex_
+
+    std::shared_ptr<AuthorizedVrcClient> authorizedClient;  // guarded by clientMutex_
+    std::shared_ptr<lidar::SerialSource> rs485Source;
+    std::shared_ptr<lidar::SerialSource> uartSource;
+    std::shared_ptr<lidar::SerialClient> serialClient;
+
+    // Catalogue (UI thread writes them; workers read them while no model load can run).
+    std::unordered_map<std::string, ConfigParser> parserCache;
+    ConfigParser* currentParser = nullptr;
+    ConfigParser* monitorParser = nullptr;
+    std::vector<std::vector<std::vector<VarInfo*>>>* varTree = nullptr;
+    std::vector<std::vector<std::string>>* moduleNames = nullptr;
+    std::vector<VarInfo*>* logVars = nullptr;
+    std::string zpNowName;
+    std::unordered_map<std::string, std::vector<VarInfo*>> serialVarsByName;
+    std::map<int32_t, VarInfo*> serialVarsByIndex;
+
+    // Connection settings, guarded by fieldsMutex_.
+    std::string ipAddress = "192.168.1.201";
+    std::string vrcPort = "9347";
+    std::string sendVrcCommandReturnHeader;
+    std::string sendVrcCommandReturnPayload;
+    std::string serialPort485 = "/dev/ttyUSB0";
+    std::string serialPort232 = "/dev/ttyUSB1";
+    uint32_t pointCloudBaudRate = 3000000;
+    const uint32_t rs485LineRate = 115200;
+    const uint32_t uartLineRate = 9600;
+    uint16_t udpPort = 2368;
+
+    // Channel field of view (degrees): starts of regions 1-5, then their ends.
+    static constexpr std::array<float, 10> kDefaultFovTable = {0, 0, 0, 0, 0,
+                                                               360, 360, 360, 360, 360};
+    std::array<float, 10> fovTable = kDefaultFovTable;  // guarded by fieldsMutex_
+
+public:
+    std::atomic<bool> isConnected{false};
+    std::atomic<bool> connecting{false};
+    std::atomic<bool> isUpgrading{false};
+
+private:
+    QString errorMessage;    // guarded by fieldsMutex_
+    QString successMessage;  // guarded by fieldsMutex_
+
+public:
+    std::atomic<bool> isDownloadLog{false};
+
+private:
+    std::string selectLidarModel;  // guarded by fieldsMutex_
+    std::atomic<bool> enableVrcClientHostPortUi{false};
+    std::string vrcClientHostPort = "ANY";  // guarded by fieldsMutex_
+
+public:
+    std::atomic<int32_t> upgradeProgress{0};
+    std::atomic<int32_t> upgradeProgressTotalLen{1};
+    std::atomic<bool> logBytesFlow{false};
+    std::atomic<int32_t> connectType{0};
+
+private:
+    // Placeholders shown before the first read of the serial models' information pages.
+    std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx",
+                                    "xxxxxxxx"};
+
+    // Monitor.
+    QList<MonitorHwVersionInfo> monitorHwVersions;  // guarded by fieldsMutex_
+    QString currentMonitorHwVersion;                // guarded by fieldsMutex_
+    std::atomic<int32_t> monitorModuleIndex{-1};
+    std::atomic<int32_t> monitorContentRevision{0};
+    std::atomic<int32_t> moduleIndexUse{0};
+    std::atomic<bool> monitorAutoRefresh{true};
+    std::atomic<int32_t> monitorRecordDurationSec{60};
+    std::atomic<int32_t> monitorRecordIntervalSec{1};
+
+public:
+    std::atomic<bool> monitorRefreshRunning{false};
+    std::atomic<bool> monitorRecording{false};
+    std::unique_ptr<std::thread> monitorRefreshThread;
+    std::unique_ptr<std::thread> monitorRecordThread;
+
+private:
+    // Short workers (connect, configuration-file query): joined before a new one starts and by
+    // the destructor, so none outlives the manager.
+    std::mutex workersMutex_;
+    std::vector<std::thread> workers_;
+
+    mutable std::mutex fieldsMutex_;
+    mutable std::mutex clientMutex_;
+    mutable std::recursive_mutex catalogueMutex_;
+};

@@ -1,0 +1,60 @@
+#pragma once
+
+// Value parsers: a display text and the variable's scale in, the big-endian bytes of a set
+// command's payload out. Every rejection is a std::invalid_argument with a message for the user.
+
+#include <QString>
+#include <string>
+#include <vector>
+
+void reverseMemory(void* data, unsigned long size);
+
+class StrParser {
+public:
+    virtual ~StrParser() = default;
+    virtual std::vector<unsigned char> parse(const std::string& text, float scale) = 0;
+    static bool isNumeric(const QString& text);
+};
+
+class IntParser : public StrParser {
+public:
+    explicit IntParser(unsigned long width) : width_(width) {}
+    std::vector<unsigned char> parse(const std::string& text, float scale) override;
+
+private:
+    unsigned long width_;
+};
+
+class UintParser : public StrParser {
+public:
+    explicit UintParser(unsigned long width) : width_(width) {}
+    std::vector<unsigned char> parse(const std::string& text, float scale) override;
+
+private:
+    unsigned long width_;
+};
+
+class FloatParser : public StrParser {
+public:
+    std::vector<unsigned char> parse(const std::string& text, float scale) override;
+};
+
+class DoubleParser : public StrParser {
+public:
+    std::vector<unsigned char> parse(const std::string& text, float scale) override;
+};
+
+class IPv4Parser : public StrParser {
+public:
+    std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
+};
+
+class MacParser : public StrParser {
+public:
+    std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
+};
+
+class RawParser : public StrParser {
+public:
+    std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
+};

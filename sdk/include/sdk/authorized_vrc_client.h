@@ -1,0 +1,64 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "sdk/auth_config.h"
+#include "sdk/types.h"
+#include "sdk/vrc_client.h"
+
+class AuthorizedVrcClient;
+
+// Authorisation handshake: 0xA0 asks whether the device requires it, 0xA1 sends the token.
+class AuthGate {
+public:
+    explicit AuthGate(AuthorizedVrcClient& owner) : owner_(owner) {}
+    // 0 when no authorisation is needed or the token was accepted; otherwise the failing result.
+    int ProbeAuthRequirement();
+    bool IsAuthorised() const;
+
+private:
+    AuthorizedVrcClient& owner_;
+    mutable std::mutex mutex_;
+    bool authorised_ = false;
+};
+
+// A VRC client that applies one access-configuration profile: a command the profile does not
+// allow returns -5, reaches no wire, and is reported through the log slot.
+class AuthorizedVrcClient {
+public:
+    AuthorizedVrcClient(std::shared_ptr<lidar::VrcClient> client, AuthConfig config);
+
+    int QueryCommand(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader);
+    int GetAllChannelFov(float* values, int& count, int& mode);
+    int SetAllChannelFov(const float* values, int count, uint8_t mode);
+    int WrenSetBaudRate(uint32_t rate);
+
+    lidar::VrcClient& GetClient() { return *client_; }
+    std::shared_ptr<lidar::VrcClient> GetClientPtr() const { return client_; }
+    bool IsOpen() const { return client_->IsOpen(); }
+    int GetLastReturnCode() const { return client_->GetLastReturnCode(); }
+    void SetSerialBaudRate(uint32_t rate) { client_->SetSerialBaudRate(rate); }
+    uint32_t GetSerialBaudRate() const { return client_->GetSerialBaudRate(); }
+    AuthGate& GetGate() { return gate_; }
+    const AuthConfig& GetConfig() const { return config_; }
+
+    // The log slot: receives refusals and authorisation events.
+    void SetLogCallback(lidar::LogCallback callback);
+
+private:
+    friend class AuthGate;
+    bool Permit(uint8_t command);
+    void Log(const std::string& line);
+
+    std::shared_ptr<lidar::VrcClient> client_;
+    AuthConfig config_;
+    AuthGate gate_;
+    std::mutex logMutex_;
+    lidar::LogCallback logCallback_;
+};
+
+// Turns the local host/port text of the VRC client into a port (0 = any): "ANY" and "0" mean any
+// port, a decimal 1-65535 that port. Anything else is false with an error a person understands.
+bool ParseVrcClientHostPortText(const std::string& text, uint16_t* port, std::string* error);

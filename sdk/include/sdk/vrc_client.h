@@ -1,0 +1,87 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "sdk/types.h"
+
+namespace lidar {
+
+class SocketSource;
+
+enum class VrcMode : uint8_t { kTcp = 0 };
+
+// Client results (see docs/protocol.md): 0 success, 1..255 device status, negative below.
+enum VrcResult : int {
+    kVrcOk = 0,
+    kVrcNotConnected = -1,
+    kVrcClosedByPeer = -2,
+    kVrcTimeout = -3,
+    kVrcMalformed = -4,
+    kVrcRefused = -5,
+};
+
+using LogCallback = std::function<void(const std::string&)>;
+
+// The VRC command client over TCP. One request is on the wire at a time; QueryCommand may be
+// called from several threads at once.
+class VrcClient {
+public:
+    // Connects at once. autoReconnect, retries, the three texts and heartbeatSeconds are accepted
+    // for the device SDK's signature; see docs/protocol.md for which are used.
+    VrcClient(std::string host, uint16_t port, bool autoReconnect, VrcMode mode, uint8_t retries,
+              std::string user, std::string password, std::string deviceName,
+              uint32_t connectTimeoutMs, uint32_t receiveTimeoutMs, float heartbeatSeconds,
+              uint16_t localPort);
+    ~VrcClient();
+    VrcClient(const VrcClient&) = delete;
+    VrcClient& operator=(const VrcClient&) = delete;
+
+    bool IsOpen() const;
+    void Close();
+    // Why the connection failed or closed, for people ("" while nothing failed).
+    std::string LastError() const;
+
+    // Sends one command and waits for its reply. On success reply holds the 8-byte header and
+    // the payload (withHeader) or the payload alone. Returns a client result code.
+    int QueryCommand(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader);
+    int GetLastReturnCode() const { return lastReturnCode_.load(); }
+
+    // Copies length bytes from start of output into value; false when output does not hold them.
+    bool GetValFromOutput(uint8_t command, uint8_t subCommand, const u8vec& output, int start,
+                          int length, u8vec& value) const;
+
+    // Channel field of view (0x23 / 0x22): values[0..count) are start angles, values[count..2count)
+    // end angles, in degrees. count is in/out: capacity of regions in, regions read out.
+    int GetAllChannelFov(float* values, int& count, int& mode);
+    int SetAllChannelFov(const float* values, int count, uint8_t mode);
+
+    // Serial point-cloud baud rate used by the serial-line models (kind 2).
+    void SetSerialBaudRate(uint32_t rate) { serialBaudRate_.store(rate); }
+    uint32_t GetSerialBaudRate() const { return serialBaudRate_.load(); }
+    int WrenSetBaudRate(uint32_t rate);  // 0xB1
+
+    // One line per frame sent and received, with the bytes in hex ("bytes flow").
+    void SetLogCallback(LogCallback callback);
+
+private:
+    void Log(const std::string& line);
+    int Fail(int code, const std::string& why);
+
+    std::string host_;
+    uint16_t port_;
+    uint32_t receiveTimeoutMs_;
+    std::unique_ptr<SocketSource> socket_;
+    mutable std::mutex queryMutex_;  // one request on the wire at a time
+    mutable std::mutex stateMutex_;  // socket open/close, last error, log callback
+    std::string lastError_;
+    LogCallback logCallback_;
+    std::atomic<int> lastReturnCode_{0};
+    std::atomic<uint32_t> serialBaudRate_{0};
+};
+
+}  // namespace lidar

@@ -1,0 +1,81 @@
+#pragma once
+
+// A simulated lidar that speaks VRC over TCP: catalogue-driven get and set blocks plus the fixed
+// commands of docs/protocol.md. Tests start it in-process on an ephemeral port; lidar-sim wraps it.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+// A named fault mode applied to one command code.
+struct Fault {
+    enum class Kind {
+        kNone,
+        kNoReply,         // read the request, never answer
+        kDelay,           // answer after delayMs
+        kCloseMidReply,   // send part of the reply, then close the connection
+        kBadMagic,        // reply with a wrong magic
+        kOversizedLength, // reply header announcing more than the protocol's limit
+        kWrongEcho,       // reply carrying another command code
+        kStatus,          // reply with status `status` and no payload
+    };
+    Kind kind = Kind::kNone;
+    int delayMs = 0;
+    uint8_t status = 0;
+
+    // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
+    // "wrong-echo", "status=N"; false for anything else.
+    static bool Parse(const std::string& text, Fault& out);
+};
+
+class LidarSimulator {
+public:
+    struct Options {
+        std::string model;                    // catalogue Config/varID/<model>/<model>.csv
+        std::string configDir = "./Config";   // folder that holds varID/
+        std::string bindAddress = "127.0.0.1";
+        uint16_t port = 0;                    // 0 picks a free port
+        std::string requiredToken;            // non-empty: writes need 0xA1 with this token
+        int restartDowntimeMs = 1500;         // unreachable time after 0x10 / 0x25
+    };
+
+    explicit LidarSimulator(Options options);
+    ~LidarSimulator();
+    LidarSimulator(const LidarSimulator&) = delete;
+    LidarSimulator& operator=(const LidarSimulator&) = delete;
+
+    // Loads the catalogue and starts listening; false with a reason on failure.
+    bool Start(std::string* error = nullptr);
+    void Stop();
+    uint16_t Port() const;
+    const Options& GetOptions() const;
+
+    // Requests received per command code since start (or the last ResetCounters).
+    uint64_t RequestCount(uint8_t command) const;
+    std::map<uint8_t, uint64_t> RequestCounts() const;
+    void ResetCounters();
+
+    void SetFault(uint8_t command, Fault fault);
+    void ClearFaults();
+
+    // The block a get command (with its request payload) answers with; empty when unknown.
+    std::vector<uint8_t> Block(uint8_t command, const std::vector<uint8_t>& payload = {}) const;
+    // Overwrites bytes of a get block, for tests that need particular device values.
+    void WriteBlock(uint8_t command, const std::vector<uint8_t>& payload, size_t offset,
+                    const std::vector<uint8_t>& bytes);
+
+    // Local port of the most recent client connection (to check local-port binding).
+    uint16_t LastClientPort() const;
+    // Connections accepted since start.
+    int ConnectionCount() const;
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace sim

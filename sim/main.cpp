@@ -1,0 +1,2 @@
+#include "sim/lidar_simulator.h"
+int main() { return 0; }

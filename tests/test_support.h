@@ -1,0 +1,48 @@
+#pragma once
+
+// Small helpers shared by the tests: temporary directories, a scoped working directory, files.
+
+#include <QSignalSpy>
+#include <functional>
+#include <string>
+
+namespace testsupport {
+
+// A fresh directory under the system temporary directory, removed with its content at the end.
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix = "lidar-test");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// Changes the working directory for the life of the object (the manager reads ./Config).
+class ScopedCwd {
+public:
+    explicit ScopedCwd(const std::string& dir);
+    ~ScopedCwd();
+
+private:
+    std::string previous_;
+};
+
+void WriteFile(const std::string& path, const std::string& content);  // creates parent folders
+std::string ReadFile(const std::string& path);
+bool FileExists(const std::string& path);
+
+// The project's source directory (holds the shipped Config/).
+std::string SourceDir();
+
+// Processes Qt events until predicate holds or timeoutMs passes; returns the predicate's value.
+bool WaitFor(const std::function<bool()>& predicate, int timeoutMs = 5000);
+
+// The texts of a QSignalSpy's first argument, or of both arguments joined by "|" for two.
+std::vector<std::string> SpyTexts(const QSignalSpy& spy);
+
+}  // namespace testsupport
