@@ -14,6 +14,7 @@
 #include <QVariant>
 #include <QVariantList>
 #include <array>
+#include <functional>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -271,6 +272,8 @@ private:
     void reportConnectFailure(const char* operation, const std::string& logText,
                               uint16_t localPort);
     void joinThread(std::unique_ptr<std::thread>& thread);
+    void startPagesThread(void (LidarUtilitiesManager::*loop)());
+    void WrenVrcUpdatePagesTimer();
     void resetSerialNumberTexts();
     void resetFovTable();
     int sendDeviceCommand(const char* variableName, const char* fallbackName,
@@ -392,8 +395,16 @@ public:
 private:
     // Short workers (connect, configuration-file query): joined before a new one starts and by
     // the destructor, so none outlives the manager.
+    struct Worker {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+    void startWorker(std::function<void()> job);
     std::mutex workersMutex_;
-    std::vector<std::thread> workers_;
+    std::vector<Worker> workers_;
+    // Guards the owning pointers of the page and monitor threads (set by the connect worker,
+    // joined by Stop on the UI thread).
+    std::mutex threadsMutex_;
 
     mutable std::mutex fieldsMutex_;
     mutable std::mutex clientMutex_;

@@ -1,0 +1,570 @@
+// Model catalogues: listing, pinning and loading models, variable lookups; reading variables from
+// the lidar (one variable, a module, the page timer); the UI's cached lists and variable map.
+
+#include <QDebug>
+#include <QDir>
+#include <QFileInfo>
+#include <QSettings>
+#include <QStandardPaths>
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <iostream>
+#include <set>
+
+#include "lidar_utilities_manager.h"
+#include "sdk/feature_config_parser.h"
+
+namespace {
+
+const QString kVarIdRoot = "./Config/varID";
+const char* const kFeatureConfigPath = "./Config/feature_config.csv";
+constexpr uint8_t kFovReadCommand = 0x23;
+constexpr int kFovRegions = 5;
+
+// Sleeps the full interval even when a signal interrupts the sleep.
+void sleepMilliseconds(long ms) {
+    timespec request{ms / 1000, (ms % 1000) * 1000000L};
+    timespec remaining{};
+    while (nanosleep(&request, &remaining) == -1 && errno == EINTR) request = remaining;
+}
+
+QString hexByte(uint8_t value) {
+    return QString("%1").arg(value, 2, 16, QChar('0'));
+}
+
+}  // namespace
+
+// ---- Model list, pinning, loading ----
+
+QVariantList LidarUtilitiesManager::getLidarModelList() {
+    QVariantList list;
+    if (!zpNowName.empty()) {
+        list.append(QString::fromStdString(zpNowName));
+        return list;
+    }
+    std::set<QString> names;
+    QDir root(kVarIdRoot);
+    for (const QFileInfo& file : root.entryInfoList(QDir::Files)) {
+        if (file.suffix().compare("csv", Qt::CaseInsensitive) == 0) names.insert(file.baseName());
+    }
+    for (const QFileInfo& dir : root.entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const QString modelFile = dir.absoluteFilePath() + "/" + dir.fileName() + ".csv";
+        if (QFileInfo(modelFile).isFile()) names.insert(dir.fileName());
+    }
+    QStringList sorted(names.begin(), names.end());
+    std::sort(sorted.begin(), sorted.end(), [](const QString& a, const QString& b) {
+        return a.compare(b, Qt::CaseInsensitive) < 0;
+    });
+    for (const QString& name : sorted) list.append(name);
+    return list;
+}
+
+void LidarUtilitiesManager::InitZPModule(QString model) {
+    if (model.isEmpty()) return;
+    if (!getLidarModelList().contains(model)) return;
+    InitConfigFileParser(model);
+    zpNowName = model.toStdString();
+    emit lidarModelListChanged();
+}
+
+QString LidarUtilitiesManager::getZPNowName() const {
+    return QString::fromStdString(zpNowName);
+}
+
+std::string LidarUtilitiesManager::resolveModelConfigPath(const QString& model) const {
+    const QString preferred = kVarIdRoot + "/" + model + "/" + model + ".csv";
+    if (QFileInfo(preferred).isFile()) return preferred.toStdString();
+    return (kVarIdRoot + "/" + model + ".csv").toStdString();
+}
+
+QString LidarUtilitiesManager::resolveModelDirPath(const QString& model) const {
+    const QString dir = kVarIdRoot + "/" + model;
+    if (QFileInfo(dir).isDir()) return dir;
+    return QString();
+}
+
+void LidarUtilitiesManager::InitConfigFileParser(QString model) {
+    const std::string modelName = model.toStdString();
+    if (modelName == Wren_Str)
+        connectType.store(1);
+    else if (modelName == Wren_VRC_Str || modelName == Heron_VRC_Str)
+        connectType.store(2);
+    else
+        connectType.store(0);
+
+    const std::string path = resolveModelConfigPath(model);
+    {
+        std::lock_guard<std::recursive_mutex> catalogueLock(catalogueMutex_);
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        // Selecting the model that is already loaded costs nothing and announces nothing.
+        if (currentParser && !currentConfigPath.empty() && path == currentConfigPath) return;
+        currentConfigPath = path;
+    }
+    {
+        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        auto cached = parserCache.find(path);
+        if (cached == parserCache.end()) {
+            cached = parserCache.emplace(path, ConfigParser(path)).first;
+            cached->second.ExtractConfigInfo();
+        }
+        currentParser = &cached->second;
+        varTree = &currentParser->varTree;
+        moduleNames = &currentParser->moduleNames;
+        logVars = &currentParser->logVars;
+    }
+    setSelectLidarModel(modelName);
+
+    enableVrcClientHostPortUi.store(FeatureConfigParser::Load(kFeatureConfigPath, modelName));
+    {
+        QSettings settings(settingsFilePath(), QSettings::IniFormat);
+        const QString hostPort =
+            settings.value("vrc_client_host_port/" + model, QString("ANY")).toString();
+        setVrcClientHostPort(hostPort);
+    }
+    emit featureConfigChanged();
+    emit initInfoChanged();
+
+    scanMonitorHwVersions();
+    const QStringList versions = getMonitorHwVersionList();
+    if (!versions.isEmpty()) {
+        applyMonitorHwVersion(versions.first(), false);
+    } else {
+        monitorModuleIndex.store(findMonitorModuleIndex());
+        {
+            std::lock_guard<std::mutex> lock(fieldsMutex_);
+            currentMonitorHwVersion.clear();
+        }
+        emit currentMonitorHwVersionChanged();
+        emit monitorHwVersionListChanged();
+    }
+
+    if (connectType.load() != 0) {
+        buildSerialVarIndexes();
+        emit wrenLidarInfoChanged();
+    }
+
+    emit connectTypeChanged();
+    rebuildUiListCache();
+    rebuildMyMapCache();
+    changeModelEmit();
+}
+
+void LidarUtilitiesManager::buildSerialVarIndexes() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    serialVarsByName.clear();
+    serialVarsByIndex.clear();
+    if (!varTree || varTree->empty() || (*varTree)[0].empty() || (*varTree)[0][0].empty()) return;
+    for (VarInfo* var : (*varTree)[0][0]) {
+        serialVarsByName[var->var_name].push_back(var);
+        serialVarsByIndex[var->index] = var;
+    }
+}
+
+void LidarUtilitiesManager::changeModelEmit() {
+    setModuleIndexUse(0);
+    emit lidarClearModel();
+    emit lidarModelChanged();
+    emit lidarShowModel();
+}
+
+// ---- Lookups ----
+
+VarInfo* LidarUtilitiesManager::searchVarPtr(const std::string& value,
+                                             const std::string& searchType) const {
+    if (!currentParser) return nullptr;
+    if (searchType == "var_name" || searchType == "name")
+        return currentParser->GetVarInfoByName(value);
+    if (searchType == "id" || searchType == "var_id")
+        return currentParser->GetVarInfoByVarID(value);
+    qDebug() << "searchVarPtr"
+             << "(): unknown search type";
+    return nullptr;
+}
+
+bool LidarUtilitiesManager::resolveVarPosOffset(const VarInfo& var, int index,
+                                                std::pair<int, int>& out) const {
+    if (currentParser && currentParser->GetVarInfoByVarID(var.var_id) &&
+        currentParser->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
+        return true;
+    if (monitorParser && monitorParser->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
+        return true;
+    if (var.offset >= 1) {
+        out = {var.get_start_pos, var.offset};
+        return true;
+    }
+    return false;
+}
+
+bool LidarUtilitiesManager::CheckVarExistsInConfigFileByName(QString name) const {
+    if (name.isEmpty()) return false;
+    const std::pair<std::string, std::string> forms = getTwoCases(name);
+    return searchVarPtr(forms.first, "name") != nullptr ||
+           searchVarPtr(forms.second, "var_name") != nullptr;
+}
+
+std::string LidarUtilitiesManager::trim(const std::string& text) {
+    const size_t first = text.find_first_not_of('\0');
+    if (first == std::string::npos) return text.empty() ? text : std::string();
+    const size_t last = text.find_last_not_of('\0');
+    return text.substr(first, last - first + 1);
+}
+
+bool LidarUtilitiesManager::isNum(const QString& text) {
+    bool ok = false;
+    text.toInt(&ok, 10);
+    return ok;
+}
+
+QString LidarUtilitiesManager::currentValueOf(const VarInfo* var) const {
+    if (!var) return QString();
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    return QString::fromStdString(var->current_val);
+}
+
+// ---- Reading from the lidar ----
+
+bool LidarUtilitiesManager::buildReadRequest(const VarInfo& var, uint8_t& cmd,
+                                             u8Array_t& payload) const {
+    payload.clear();
+    try {
+        if (var.get_cmd.size() > 4) {
+            writeSubCmdIntoInput(var.get_cmd, payload);
+            cmd = 0xFF;
+        } else {
+            cmd = static_cast<uint8_t>(std::stoi(var.get_cmd, nullptr, 0));
+        }
+    } catch (const std::exception&) {
+        return false;
+    }
+    payload.insert(payload.end(), var.get_payload.begin(), var.get_payload.end());
+    return true;
+}
+
+std::vector<std::pair<std::string, std::vector<VarInfo*>>>
+LidarUtilitiesManager::groupByReadRequest(const std::vector<VarInfo*>& vars) const {
+    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groups;
+    std::unordered_map<std::string, size_t> position;
+    for (VarInfo* var : vars) {
+        if (var->get_cmd.empty()) continue;
+        const std::string key = var->get_cmd + var->get_payload_text;
+        auto found = position.find(key);
+        if (found == position.end()) {
+            position.emplace(key, groups.size());
+            groups.push_back({key, {var}});
+        } else {
+            groups[found->second].second.push_back(var);
+        }
+    }
+    return groups;
+}
+
+void LidarUtilitiesManager::GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>& value) {
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    if (!var || !client || !client->IsOpen() || !currentParser) return;
+    uint8_t cmd = 0;
+    u8Array_t payload;
+    if (!buildReadRequest(*var, cmd, payload)) return;
+    u8Array_t reply;
+    const int ret = client->QueryCommand(payload, reply, cmd, false);
+    if (ret != 0) {
+        qDebug().noquote() << "GetInfoFromLidar"
+                           << "(): try get" << QString::fromStdString(var->var_name)
+                           << "FAILED, cmd sent =" << hexByte(cmd)
+                           << "-- QueryCommand()'s ret =" << ret;
+        return;
+    }
+    if (reply.empty()) {
+        qDebug().noquote() << "GetInfoFromLidar"
+                           << "(): try get" << QString::fromStdString(var->var_name)
+                           << ", but get no return msg from lidar. cmd sent = " << hexByte(cmd);
+        return;
+    }
+    updateSingleVarFromOutput(*var, cmd, reply, value, true);
+}
+
+int LidarUtilitiesManager::UpdateSingleVarInfo(QString key, QString searchType) {
+    if (!deviceIsIdle()) return 0;
+    VarInfo* var = searchVarPtr(key.toStdString(), searchType.toStdString());
+    if (!var) return 0;
+    std::vector<uint8_t> value;
+    GetInfoFromLidar(var, value);
+    return 1;
+}
+
+// The channel field of view comes through the client's FOV operation; its numbers are laid out
+// again as the device's 0x23 block so that every catalogue variable of that block decodes as usual.
+static u8Array_t fovBlock(const float* values, int count, int mode) {
+    u8Array_t block{static_cast<uint8_t>(mode), static_cast<uint8_t>(count)};
+    for (int i = 0; i < count; ++i) {
+        for (float degrees : {values[i], values[count + i]}) {
+            const auto tenths = static_cast<uint16_t>(degrees * 10.0f + 0.5f);
+            block.push_back(static_cast<uint8_t>(tenths >> 8));
+            block.push_back(static_cast<uint8_t>(tenths & 0xFF));
+        }
+    }
+    return block;
+}
+
+void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
+    std::vector<VarInfo*>& group, std::unordered_map<std::string, std::vector<uint8_t>>* replies,
+    bool update) {
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    if (group.empty() || !client || !client->IsOpen() || !currentParser) return;
+    uint8_t cmd = 0;
+    u8Array_t payload;
+    if (!buildReadRequest(*group.front(), cmd, payload)) return;
+    const QString firstName = QString::fromStdString(group.front()->var_name);
+
+    u8Array_t reply;
+    if (cmd == kFovReadCommand) {
+        float values[2 * kFovRegions] = {};
+        int count = kFovRegions;
+        int mode = 0;
+        const int ret = client->GetAllChannelFov(values, count, mode);
+        if (ret != 0) {
+            qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
+                               << "(): try get" << firstName
+                               << "FAILED, cmd sent = 0x23 -- QueryCommand()'s ret =" << ret;
+            return;
+        }
+        count = std::clamp(count, 0, kFovRegions);
+        reply = fovBlock(values, count, mode);
+        if (update) {
+            {
+                std::lock_guard<std::mutex> lock(fieldsMutex_);
+                for (int i = 0; i < count; ++i) {
+                    fovTable[i] = values[i];
+                    fovTable[kFovRegions + i] = values[count + i];
+                }
+            }
+            emit fovConfigChanged();
+        }
+    } else {
+        const int ret = client->QueryCommand(payload, reply, cmd, false);
+        if (ret != 0) {
+            qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
+                               << "(): try get" << firstName << "FAILED, cmd sent =" << hexByte(cmd)
+                               << "-- QueryCommand()'s ret =" << ret;
+            return;
+        }
+        if (reply.empty()) {
+            qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
+                               << "(): try get" << firstName
+                               << ", but get no return msg from lidar. cmd sent = " << hexByte(cmd);
+            return;
+        }
+    }
+    for (VarInfo* member : group) {
+        std::vector<uint8_t> bytes;
+        updateSingleVarFromOutput(*member, cmd, reply, bytes, update);
+        if (replies) (*replies)[member->var_name] = bytes;
+    }
+}
+
+void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
+    if (connectType.load() != 0 || !deviceIsIdle() || !currentParser) return;
+    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groups;
+    {
+        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        if (!varTree || module < 0 || module >= static_cast<int>(varTree->size())) return;
+        std::vector<VarInfo*> vars;
+        for (const auto& page : (*varTree)[module])
+            vars.insert(vars.end(), page.begin(), page.end());
+        groups = groupByReadRequest(vars);
+    }
+    for (auto& [key, group] : groups) {
+        try {
+            GetInfoFromLidarWithSameCmd(group, nullptr, true);
+        } catch (const std::exception& e) {
+            qDebug().noquote() << "GetLidarModuleInfo"
+                               << "(): ERROR " + QString(e.what()) +
+                                      ". get_cmd and payload = " + QString::fromStdString(key);
+        }
+    }
+    notifyMyMapChanged();
+}
+
+void LidarUtilitiesManager::refreshTimerVariables() {
+    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groups;
+    {
+        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        const int module = moduleIndexUse.load();
+        if (!varTree || module < 0 || module >= static_cast<int>(varTree->size())) return;
+        std::vector<VarInfo*> vars;
+        for (const auto& page : (*varTree)[module])
+            for (VarInfo* var : page)
+                if (var->timer_update) vars.push_back(var);
+        groups = groupByReadRequest(vars);
+    }
+    for (auto& [key, group] : groups) {
+        try {
+            GetInfoFromLidarWithSameCmd(group, nullptr, true);
+        } catch (const std::exception& e) {
+            qDebug().noquote() << "updatePagesTimer"
+                               << "(): ERROR " + QString(e.what()) +
+                                      ". get_cmd and payload = " + QString::fromStdString(key);
+        }
+    }
+    emit myTimerMapChanged();
+}
+
+void LidarUtilitiesManager::updatePagesTimer() {
+    if (!currentParser || !pagesTimerRunning.load()) return;
+    int counter = 0;
+    while (pagesTimerRunning.load()) {
+        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load()) {
+            if (counter <= 29) {
+                ++counter;
+            } else {
+                refreshTimerVariables();
+                counter = 1;
+            }
+        } else {
+            ++counter;
+            if (counter >= 30) counter = 0;
+        }
+        sleepMilliseconds(100);
+    }
+}
+
+bool LidarUtilitiesManager::isTimerUpdate(int module, int page, int var) const {
+    if (!currentParser || connectType.load() != 0) return false;
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    if (!varTree || module < 0 || module >= static_cast<int>(varTree->size())) return false;
+    const auto& pages = (*varTree)[module];
+    if (page < 0 || page >= static_cast<int>(pages.size())) return false;
+    const auto& vars = pages[page];
+    if (var < 0 || var >= static_cast<int>(vars.size())) return false;
+    return vars[var]->timer_update;
+}
+
+void LidarUtilitiesManager::UpdateUI() {
+    notifyMyMapChanged();
+}
+
+// ---- UI caches ----
+
+QVariantMap LidarUtilitiesManager::varToMap(const VarInfo& var) {
+    QVariantMap map;
+    map.insert("var_id", QString::fromStdString(var.var_id));
+    map.insert("get_cmd", QString::fromStdString(var.get_cmd));
+    map.insert("set_cmd", QString::fromStdString(var.set_cmd));
+    map.insert("var_type", QString::fromStdString(var.var_type));
+    map.insert("var_name", QString::fromStdString(var.var_name));
+    map.insert("index", var.index);
+    map.insert("get_start_pos", var.get_start_pos);
+    map.insert("set_start_pos", var.set_start_pos);
+    map.insert("offset", var.offset);
+    map.insert("permission", var.permission);
+    map.insert("default_val", QString::fromStdString(var.default_val));
+    map.insert("current_val", QString::fromStdString(var.current_val));
+    if (var.type == 2) {
+        if (var.switch_var) {
+            map.insert("switch_index", QString::fromStdString(var.switch_var->current_val));
+        } else {
+            writeLogMessage(
+                "config file error, Please check the configuration of type 2 of " + var.var_name,
+                "ERROR");
+        }
+    }
+    map.insert("visible", var.visible);
+    map.insert("option_num", var.option_num);
+    map.insert("type", var.type);
+    QVariantMap valueToOption;
+    for (const auto& [value, text] : var.value_to_option)
+        valueToOption.insert(QString::number(value), QString::fromStdString(text));
+    map.insert("varname_value_to_option", valueToOption);
+    QVariantList options;
+    for (int32_t option : var.options) options.append(option);
+    map.insert("options", options);
+    return map;
+}
+
+QVariantList LidarUtilitiesManager::getMyMap() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    if (!myMapValid) rebuildMyMapCache();
+    return myMapCache;
+}
+
+void LidarUtilitiesManager::rebuildMyMapCache() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    myMapCache.clear();
+    if (currentParser && connectType.load() == 0 && varTree && !varTree->empty()) {
+        for (const auto& module : *varTree) {
+            QVariantList moduleEntry;
+            for (const auto& page : module) {
+                QVariantList pageEntry;
+                for (const VarInfo* var : page)
+                    if (!var->hidden) pageEntry.append(varToMap(*var));
+                moduleEntry.append(QVariant(pageEntry));
+            }
+            myMapCache.append(QVariant(moduleEntry));
+        }
+    }
+    myMapValid = true;
+}
+
+void LidarUtilitiesManager::notifyMyMapChanged() {
+    rebuildMyMapCache();
+    emit myMapChanged();
+}
+
+QVariantList LidarUtilitiesManager::level1List() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    if (!uiListsValid) rebuildUiListCache();
+    return level1ListCache;
+}
+
+QVariantList LidarUtilitiesManager::level2List() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    if (!uiListsValid) rebuildUiListCache();
+    return level2ListCache;
+}
+
+QVariantList LidarUtilitiesManager::logRepeaterModel() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    if (!uiListsValid) rebuildUiListCache();
+    return logListCache;
+}
+
+void LidarUtilitiesManager::rebuildUiListCache() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    level1ListCache.clear();
+    level2ListCache.clear();
+    logListCache.clear();
+    if (currentParser && connectType.load() == 0 && moduleNames && varTree) {
+        for (size_t m = 0; m < moduleNames->size(); ++m) {
+            const std::vector<std::string>& names = (*moduleNames)[m];
+            if (names.empty()) continue;
+            level1ListCache.append(QString::fromStdString(names.front()));
+            if (names.size() < 2) continue;
+            QVariantList pages;
+            for (size_t p = 1; p < names.size(); ++p) {
+                QVariantList pageEntry{QString::fromStdString(names[p])};
+                if (m < varTree->size() && p - 1 < (*varTree)[m].size()) {
+                    for (const VarInfo* var : (*varTree)[m][p - 1])
+                        if (!var->hidden && !var->name_suffix.empty())
+                            pageEntry.append(
+                                QString::fromStdString(var->var_name + var->name_suffix));
+                }
+                pages.append(QVariant(pageEntry));
+            }
+            level2ListCache.append(QVariant(pages));
+        }
+    }
+    if (currentParser && logVars) {
+        for (const VarInfo* var : *logVars)
+            if (!var->get_cmd.empty() || !var->set_cmd.empty())
+                logListCache.append(QString::fromStdString(var->var_name));
+    }
+    uiListsValid = true;
+}
+
+void LidarUtilitiesManager::invalidateUiListCache() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    level1ListCache.clear();
+    level2ListCache.clear();
+    logListCache.clear();
+    uiListsValid = false;
+}

@@ -1,0 +1,406 @@
+// Connection control: connect workers per connection kind, the liveness probe, Stop, and the two
+// device commands that end a connection (Restart, Reset), plus the configuration-file query.
+
+#include <QString>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <iostream>
+#include <stdexcept>
+
+#include "lidar_utilities_manager.h"
+#include "sdk/auth_config.h"
+#include "sdk/vrc_client.h"
+
+namespace {
+
+const char* const kAuthConfigPath = "./Config/auth_config.csv";
+constexpr uint8_t kDeviceInfoCommand = 0x07;
+constexpr uint8_t kNetworkConfigCommand = 0x08;
+constexpr uint8_t kConfigFileCommand = 0x74;
+
+// A connect step that failed with a text meant for the log ("Connection Error: " + text).
+class ConnectFailure : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+void sleepMs(long ms) {
+    timespec request{ms / 1000, (ms % 1000) * 1000000L};
+    timespec remaining{};
+    while (nanosleep(&request, &remaining) == -1 && errno == EINTR) request = remaining;
+}
+
+// The access profile is the catalogue's base name: /a/b/Model_X.csv gives Model_X.
+std::string profileFromConfigPath(const std::string& path) {
+    std::string profile = path;
+    const size_t slash = profile.rfind('/');
+    if (slash != std::string::npos) profile = profile.substr(slash + 1);
+    const size_t suffix = profile.rfind(".csv");
+    if (suffix != std::string::npos) profile = profile.substr(0, suffix);
+    return profile;
+}
+
+}  // namespace
+
+// ---- Workers and threads ----
+
+void LidarUtilitiesManager::startWorker(std::function<void()> job) {
+    std::lock_guard<std::mutex> lock(workersMutex_);
+    // Reap the workers that have finished, so the list does not grow over a long session.
+    for (auto it = workers_.begin(); it != workers_.end();) {
+        if (it->done->load()) {
+            it->thread.join();
+            it = workers_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    std::thread thread([job = std::move(job), done] {
+        job();
+        done->store(true);
+    });
+    workers_.push_back({std::move(thread), done});
+}
+
+void LidarUtilitiesManager::waitForWorkers() {
+    std::vector<Worker> workers;
+    {
+        std::lock_guard<std::mutex> lock(workersMutex_);
+        workers.swap(workers_);
+    }
+    for (Worker& worker : workers) worker.thread.join();
+}
+
+void LidarUtilitiesManager::joinThread(std::unique_ptr<std::thread>& thread) {
+    std::unique_ptr<std::thread> owned;
+    {
+        std::lock_guard<std::mutex> lock(threadsMutex_);
+        owned = std::move(thread);
+    }
+    if (owned && owned->joinable()) owned->join();
+}
+
+void LidarUtilitiesManager::startPagesThread(void (LidarUtilitiesManager::*loop)()) {
+    // A connect over a live connection replaces the page thread: the old one is stopped first.
+    pagesTimerRunning.store(false);
+    joinThread(pagesTimerThread);
+    pagesTimerRunning.store(true);
+    std::lock_guard<std::mutex> lock(threadsMutex_);
+    pagesTimerThread = std::make_unique<std::thread>(loop, this);
+}
+
+void LidarUtilitiesManager::WrenVrcUpdatePagesTimer() {
+    // The serial models' information pages are read by their own loop; it only keeps time here.
+    while (pagesTimerRunning.load()) sleepMs(100);
+}
+
+// ---- Connecting ----
+
+bool LidarUtilitiesManager::ConnectLidar() {
+    bool (LidarUtilitiesManager::*worker)() = nullptr;
+    switch (connectType.load()) {
+        case 0:
+            worker = &LidarUtilitiesManager::Init;
+            break;
+        case 1:
+            worker = &LidarUtilitiesManager::InitSerial;
+            break;
+        case 2:
+            worker = &LidarUtilitiesManager::InitVrcForSerial;
+            break;
+        default:
+            return false;
+    }
+    if (connecting.exchange(true)) return false;  // an attempt is already running
+    startWorker([this, worker] { (this->*worker)(); });
+    saveConnectionSettings();
+    return true;
+}
+
+void LidarUtilitiesManager::reportConnectFailure(const char* operation, const std::string& logText,
+                                                 uint16_t localPort) {
+    std::cout << operation << "(): init lidar error\n";
+    if (localPort != 0)
+        showErrorMessage(
+            "Failed to bind VRC client local port or connection refused. Check the local port is "
+            "free and matches lidar ACL (e.g. 42524).");
+    else
+        showErrorMessage("Connection Failed. Please check your network settings.");
+    writeLogMessage("Connection Error: " + logText, "ERROR");
+    connecting.store(false);
+}
+
+bool LidarUtilitiesManager::Init() {
+    uint16_t localPort = 0;
+    try {
+        connecting.store(true);
+        setAuthorizedClient(nullptr);
+        isConnected.store(false);
+
+        if (enableVrcClientHostPortUi.load()) {
+            std::string error;
+            if (!ParseVrcClientHostPortText(getVrcClientHostPort().toStdString(), &localPort,
+                                            &error)) {
+                showErrorMessage(QString::fromStdString(error));
+                connecting.store(false);
+                return false;
+            }
+        }
+        std::cout << "Init"
+                  << "(): try to connect to lidar with TCP connection.\n";
+        const int port = std::stoi(getPort().toStdString());
+        auto client = std::make_shared<lidar::VrcClient>(
+            getIpAddress().toStdString(), static_cast<uint16_t>(port), false, lidar::VrcMode::kTcp,
+            1, "", "", "", 4000, 4000, 0.0f, localPort);
+        sleepMs(200);
+        if (!client->IsOpen()) throw ConnectFailure("TCP connection failed.");
+
+        AuthConfig config =
+            AuthConfigParser::Load(kAuthConfigPath, profileFromConfigPath(getCurrentConfigPath()));
+        auto authorized = std::make_shared<AuthorizedVrcClient>(client, config);
+        setAuthorizedClient(authorized);
+        authorized->SetLogCallback(
+            [this](const std::string& line) { writeLogMessage(line, "INFO"); });
+        setVrcClientLogCallback();
+
+        if (!CheckLidarConnection()) {
+            std::cout << "DEBUG: heckLidarConnection() == false\n";
+            throw ConnectFailure("Lidar has No VRC reply.");
+        }
+        authorized->GetGate().ProbeAuthRequirement();
+
+        startPagesThread(&LidarUtilitiesManager::updatePagesTimer);
+
+        isConnected.store(true);
+        writeLogMessage("Lidar connected", "INFO");
+        notifyMyMapChanged();
+        emit isConnectedChanged();
+        connecting.store(false);
+        return true;
+    } catch (const ConnectFailure& failure) {
+        reportConnectFailure("Init", failure.what(), localPort);
+    } catch (const std::exception&) {
+        // Deliberately the same words whatever the exception says.
+        reportConnectFailure("Init", "Unknown", localPort);
+    }
+    return false;
+}
+
+bool LidarUtilitiesManager::InitVrcForSerial() {
+    uint16_t localPort = 0;
+    try {
+        connecting.store(true);
+        setAuthorizedClient(nullptr);
+        isConnected.store(false);
+
+        if (enableVrcClientHostPortUi.load()) {
+            std::string error;
+            if (!ParseVrcClientHostPortText(getVrcClientHostPort().toStdString(), &localPort,
+                                            &error)) {
+                showErrorMessage(QString::fromStdString(error));
+                connecting.store(false);
+                return false;
+            }
+        }
+        std::cout << "InitVrcForSerial"
+                  << "(): try to connect to lidar with TCP connection.\n";
+        const int port = std::stoi(getPort().toStdString());
+        auto client = std::make_shared<lidar::VrcClient>(
+            getIpAddress().toStdString(), static_cast<uint16_t>(port), false, lidar::VrcMode::kTcp,
+            1, "", "", "", 5000, 5000, 0.0f, localPort);
+        sleepMs(200);
+        if (!client->IsOpen()) throw ConnectFailure("TCP connection failed.");
+
+        AuthConfig config =
+            AuthConfigParser::Load(kAuthConfigPath, profileFromConfigPath(getCurrentConfigPath()));
+        auto authorized = std::make_shared<AuthorizedVrcClient>(client, config);
+        setAuthorizedClient(authorized);
+        authorized->SetLogCallback(
+            [this](const std::string& line) { writeLogMessage(line, "INFO"); });
+
+        uint32_t baudRate = 0;
+        {
+            std::lock_guard<std::mutex> lock(fieldsMutex_);
+            baudRate = pointCloudBaudRate;
+        }
+        authorized->SetSerialBaudRate(baudRate);
+        setVrcClientLogCallback();
+        authorized->WrenSetBaudRate(baudRate);
+
+        isConnected.store(true);
+        writeLogMessage("Lidar connected", "INFO");
+        startPagesThread(&LidarUtilitiesManager::WrenVrcUpdatePagesTimer);
+        emit isConnectedChanged();
+        connecting.store(false);
+        return true;
+    } catch (const ConnectFailure& failure) {
+        reportConnectFailure("InitVrcForSerial", failure.what(), localPort);
+    } catch (const std::exception&) {
+        reportConnectFailure("InitVrcForSerial", "Unknown", localPort);
+    }
+    return false;
+}
+
+bool LidarUtilitiesManager::InitSerial() {
+    // The two-line serial connection of the Wren model needs the serial device layer, which this
+    // build does not have yet: say so plainly instead of pretending to open the lines.
+    connecting.store(true);
+    rs485Source.reset();
+    uartSource.reset();
+    showErrorMessage("Connection Failed. Please check your RS485 serial port.");
+    writeLogMessage("Connection Error: serial lines are not supported by this build", "ERROR");
+    connecting.store(false);
+    return false;
+}
+
+bool LidarUtilitiesManager::CheckLidarConnection() {
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    if (!client || !client->IsOpen()) return false;
+    // The probe would fill the log with its bytes.
+    const bool bytesFlowWasOn = logBytesFlow.exchange(false);
+    u8Array_t reply;
+    bool alive = client->QueryCommand({}, reply, kDeviceInfoCommand, false) == 0;
+    if (!alive) alive = client->QueryCommand({}, reply, kNetworkConfigCommand, false) == 0;
+    if (bytesFlowWasOn) logBytesFlow.store(true);
+    return alive;
+}
+
+// ---- Disconnecting ----
+
+void LidarUtilitiesManager::resetSerialNumberTexts() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    if (!currentParser) return;
+    for (const auto& var : currentParser->AllVars())
+        if (var->var_type == "SN") var->current_val = "xxxxxxxx";
+}
+
+void LidarUtilitiesManager::Stop() {
+    try {
+        switch (connectType.load()) {
+            case 0:
+                isConnected.store(false);
+                pagesTimerRunning.store(false);
+                monitorRefreshRunning.store(false);
+                monitorRecording.store(false);
+                joinThread(monitorRefreshThread);
+                joinThread(monitorRecordThread);
+                joinThread(pagesTimerThread);
+                resetSerialNumberTexts();
+                setAuthorizedClient(nullptr);
+                ClearSetMap();
+                emit isConnectedChanged();
+                notifyMyMapChanged();
+                resetFovTable();
+                writeLogMessage("Lidar disconnected", "INFO");
+                break;
+            case 1:
+                isConnected.store(false);
+                pagesTimerRunning.store(false);
+                joinThread(pagesTimerThread);
+                rs485Source.reset();
+                uartSource.reset();
+                serialClient.reset();
+                emit isConnectedChanged();
+                emit wrenLidarInfoChanged();
+                writeLogMessage("Lidar disconnected", "INFO");
+                break;
+            case 2:
+                isConnected.store(false);
+                pagesTimerRunning.store(false);
+                joinThread(pagesTimerThread);
+                resetSerialNumberTexts();
+                setAuthorizedClient(nullptr);
+                emit isConnectedChanged();
+                emit wrenLidarInfoChanged();
+                writeLogMessage("Lidar disconnected", "INFO");
+                break;
+            default:
+                writeLogMessage("connect type is not support", "INFO");
+                break;
+        }
+    } catch (const std::exception&) {
+        std::cout << "stop error" << std::endl;
+    }
+}
+
+// ---- Device commands that end the connection ----
+
+int LidarUtilitiesManager::sendDeviceCommand(const char* variableName, const char* fallbackName,
+                                             const QString& notFoundName,
+                                             const QString& notFoundCommand) {
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    if (!client || !client->IsOpen() || isUpgrading.load() || !isConnected.load() ||
+        isDownloadLog.load())
+        return -1;
+    VarInfo* var = searchVarPtr(variableName, "var_name");
+    if (!var) var = searchVarPtr(fallbackName, "var_name");
+    if (!var) {
+        showErrorMessage(notFoundName);
+        return -1;
+    }
+    const std::string command = !var->set_cmd.empty() ? var->set_cmd : var->get_cmd;
+    if (command.empty()) {
+        showErrorMessage(notFoundCommand);
+        return -1;
+    }
+    u8Array_t payload;
+    uint8_t code = 0xff;
+    if (command.size() > 4)
+        writeSubCmdIntoInput(command, payload);
+    else
+        code = static_cast<uint8_t>(std::stoi(command, nullptr, 0));
+    payload.insert(payload.end(), var->get_payload.begin(), var->get_payload.end());
+
+    u8Array_t reply;
+    const int ret = client->QueryCommand(payload, reply, code, true);
+    if (ret == 0) {
+        Stop();
+        return 0;
+    }
+    showErrorMessage(
+        "Auto reboot failed, ret_code: " + QString::number(client->GetLastReturnCode()) +
+        ". Please reboot lidar manually.");
+    return ret;
+}
+
+int LidarUtilitiesManager::Restart() {
+    try {
+        return sendDeviceCommand("Restart", "restart", "Can not find restart name",
+                                 "Can not find restart command");
+    } catch (const std::exception& e) {
+        showErrorMessage(QString("Restart error: ") + e.what());
+        return -1;
+    }
+}
+
+int LidarUtilitiesManager::Reset() {
+    try {
+        return sendDeviceCommand("Reset", "reset", "Can not find reset name",
+                                 "Can not find reset command");
+    } catch (const std::exception& e) {
+        showErrorMessage(QString("retset error: ") + e.what());
+        return -1;
+    }
+}
+
+// ---- Configuration file ----
+
+bool LidarUtilitiesManager::get_config_file() {
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    u8Array_t reply;
+    const int ret = client ? client->QueryCommand({}, reply, kConfigFileCommand, false) : 0;
+    // The device's answer is not kept; the outcome test is the reverse of every other query's,
+    // as the host viewer expects.
+    if (ret != 0) {
+        std::cout << "[SUCCESS]: Get config file from lidar success! \n";
+        return true;
+    }
+    std::cout << "[FAILED]: Get config file from lidar failed! \n";
+    return false;
+}
+
+void LidarUtilitiesManager::StartGetConfigFile() {
+    startWorker([this] { get_config_file(); });
+}

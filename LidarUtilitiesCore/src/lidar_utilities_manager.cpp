@@ -1,0 +1,307 @@
+// The manager object: creation, shared fields, connection properties, the settings file, and the
+// log and pop-up message channels.
+
+#include "lidar_utilities_manager.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QSettings>
+#include <QStandardPaths>
+#include <iostream>
+#include <stdexcept>
+#include <system_error>
+
+LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
+std::once_flag LidarUtilitiesManager::init_instance_flag_;
+
+const std::string LidarUtilitiesManager::Egret_Str = "Egret";
+const std::string LidarUtilitiesManager::Plover_Str = "Plover";
+const std::string LidarUtilitiesManager::Tern_Str = "Tern";
+const std::string LidarUtilitiesManager::Wren_Str = "Wren";
+const std::string LidarUtilitiesManager::Wren_VRC_Str = "Wren-VRC";
+const std::string LidarUtilitiesManager::Heron_VRC_Str = "Heron-VRC";
+const std::string LidarUtilitiesManager::READ_VAR = "0x01";
+const std::string LidarUtilitiesManager::WRITE_VAR = "0x02";
+const std::string LidarUtilitiesManager::READ_VAR_ARRAY = "0x03";
+const std::string LidarUtilitiesManager::WRITE_VAR_ARRAY = "0x04";
+const std::string LidarUtilitiesManager::READ_EQUIP_ADDRESS = "0x05";
+const std::string LidarUtilitiesManager::WRITE_EQUIP_ADDRESS = "0x06";
+const std::string LidarUtilitiesManager::READ_EQUIP_CONTINUE_ADDRESS = "0x07";
+const std::string LidarUtilitiesManager::WRITE_EQUIP_CONTINUE_ADDRESS = "0x08";
+const std::string LidarUtilitiesManager::READ_FILE = "0x09";
+const std::string LidarUtilitiesManager::WRITE_FILE = "0x0A";
+const std::string LidarUtilitiesManager::HAS_SUB_CMD = "0xff";
+const std::string LidarUtilitiesManager::kStrVRCGetLidarModelFromLidar = "0x07";
+const std::string LidarUtilitiesManager::kStrVRCGetLidarModelFromLidarSubCmd = "0x00010070";
+
+// ---- Creation ----
+
+LidarUtilitiesManager* LidarUtilitiesManager::getInstance(uint8_t tag, std::string configPath) {
+    try {
+        std::call_once(init_instance_flag_, initInstance, tag, std::move(configPath));
+    } catch (const std::system_error&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                                e.what());
+    }
+    return instance_;
+}
+
+void LidarUtilitiesManager::initInstance(uint8_t tag, std::string configPath) {
+    instance_ = new LidarUtilitiesManager(tag, std::move(configPath));
+}
+
+LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath)
+    : QObject(nullptr), creationTag(tag), currentConfigPath(std::move(configPath)) {
+    readSettings();
+    emit initInfoChanged();
+}
+
+LidarUtilitiesManager::~LidarUtilitiesManager() {
+    // A connect worker still running could start a page thread after Stop: let it finish first.
+    waitForWorkers();
+    Stop();
+}
+
+// ---- Settings file ----
+
+QString LidarUtilitiesManager::settingsFilePath() {
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+           "/ZephyrDataFiles/RecvSettings.ini";
+}
+
+void LidarUtilitiesManager::readSettings() {
+    QSettings settings(settingsFilePath(), QSettings::IniFormat);
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    if (settings.contains("device_ip_address"))
+        ipAddress = settings.value("device_ip_address", QVariant()).toString().toStdString();
+    if (settings.contains("vrc_port"))
+        vrcPort = settings.value("vrc_port", QVariant()).toString().toStdString();
+    if (settings.contains("rs485_com"))
+        serialPort485 = settings.value("rs485_com", QVariant()).toString().toStdString();
+    if (settings.contains("rs232_com"))
+        serialPort232 = settings.value("rs232_com", QVariant()).toString().toStdString();
+    if (settings.contains("point_cloud_baudrate"))
+        pointCloudBaudRate =
+            static_cast<uint32_t>(settings.value("point_cloud_baudrate", QVariant()).toInt());
+    if (settings.contains("udp_port"))
+        udpPort = static_cast<uint16_t>(settings.value("udp_port", QVariant()).toInt());
+}
+
+void LidarUtilitiesManager::saveConnectionSettings() {
+    // QSettings does not create missing folders on every platform: make sure Documents exists.
+    const QString path = settingsFilePath();
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QSettings settings(path, QSettings::IniFormat);
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    settings.setValue("device_ip_address", QString::fromStdString(ipAddress));
+    settings.setValue("vrc_port", QString::fromStdString(vrcPort));
+    settings.setValue("rs485_com", QString::fromStdString(serialPort485));
+    settings.setValue("rs232_com", QString::fromStdString(serialPort232));
+    settings.setValue("point_cloud_baudrate", QString::number(pointCloudBaudRate));
+    settings.setValue(
+        QString("vrc_client_host_port/%1").arg(QString::fromStdString(selectLidarModel)),
+        QString::fromStdString(vrcClientHostPort));
+    settings.sync();
+}
+
+// ---- Connection properties ----
+
+QString LidarUtilitiesManager::getIpAddress() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::fromStdString(ipAddress);
+}
+
+void LidarUtilitiesManager::setIpAddress(QString address) {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    ipAddress = address.toStdString();
+}
+
+QString LidarUtilitiesManager::getPort() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::fromStdString(vrcPort);
+}
+
+void LidarUtilitiesManager::setPort(QString port) {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    vrcPort = port.toStdString();
+}
+
+QString LidarUtilitiesManager::serial_port_485() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::fromStdString(serialPort485);
+}
+
+void LidarUtilitiesManager::set_serial_port_485(QString device) {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    serialPort485 = device.toStdString();
+}
+
+QString LidarUtilitiesManager::serial_port_232() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::fromStdString(serialPort232);
+}
+
+void LidarUtilitiesManager::set_serial_port_232(QString device) {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    serialPort232 = device.toStdString();
+}
+
+QString LidarUtilitiesManager::baud_rate() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::number(pointCloudBaudRate);
+}
+
+void LidarUtilitiesManager::set_baud_rate(QString rate) {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    pointCloudBaudRate = rate.toUInt(nullptr, 10);  // 0 when not a number
+}
+
+QString LidarUtilitiesManager::getUdpPort() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::number(udpPort);
+}
+
+void LidarUtilitiesManager::setUdpPort(QString port) {
+    // std::stoi raises std::invalid_argument for a text without a leading number; it leaves
+    // the stored port unchanged.
+    const int value = std::stoi(port.toStdString());
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    udpPort = static_cast<uint16_t>(value);
+}
+
+QString LidarUtilitiesManager::getVrcClientHostPort() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::fromStdString(vrcClientHostPort);
+}
+
+void LidarUtilitiesManager::setVrcClientHostPort(QString text) {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    vrcClientHostPort = text.toStdString();
+}
+
+bool LidarUtilitiesManager::getEnableVrcClientHostPortUi() const {
+    return enableVrcClientHostPortUi.load();
+}
+
+std::string LidarUtilitiesManager::getSelectLidarModel() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return selectLidarModel;
+}
+
+void LidarUtilitiesManager::setSelectLidarModel(std::string model) {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    selectLidarModel = std::move(model);
+}
+
+void LidarUtilitiesManager::setIsDownloadLog(bool downloading) {
+    if (isDownloadLog.exchange(downloading) != downloading) emit isDownloadLogChanged();
+}
+
+QString LidarUtilitiesManager::getSendVrcCommandReturnHeader() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::fromStdString(sendVrcCommandReturnHeader);
+}
+
+QString LidarUtilitiesManager::getSendVrcCommandReturnPayload() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return QString::fromStdString(sendVrcCommandReturnPayload);
+}
+
+std::string LidarUtilitiesManager::getCurrentConfigPath() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return currentConfigPath;
+}
+
+std::shared_ptr<AuthorizedVrcClient> LidarUtilitiesManager::getAuthorizedClient() const {
+    std::lock_guard<std::mutex> lock(clientMutex_);
+    return authorizedClient;
+}
+
+void LidarUtilitiesManager::setAuthorizedClient(std::shared_ptr<AuthorizedVrcClient> client) {
+    std::shared_ptr<AuthorizedVrcClient> previous;
+    {
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        previous = std::move(authorizedClient);
+        authorizedClient = std::move(client);
+    }
+    // The old client (and its socket) is released outside the lock: a worker may still hold it.
+}
+
+bool LidarUtilitiesManager::clientIsOpen() const {
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    return client && client->IsOpen();
+}
+
+bool LidarUtilitiesManager::deviceIsIdle() const {
+    return clientIsOpen() && isConnected.load() && !isUpgrading.load() && !isDownloadLog.load();
+}
+
+// ---- Log and pop-up messages ----
+
+void LidarUtilitiesManager::writeLogMessage(const std::string& message, const std::string& level) {
+    emit sendLogMessage(QString::fromStdString(message), QString::fromStdString(level));
+}
+
+void LidarUtilitiesManager::showErrorMessage(const QString& text) {
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        errorMessage = text;
+    }
+    emit errorMessageChanged();
+}
+
+void LidarUtilitiesManager::showSuccessMessage(const QString& text) {
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        successMessage = text;
+    }
+    emit successMessageChanged();
+}
+
+void LidarUtilitiesManager::setErrorMsg(QString text) {
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        errorMessage = text;
+    }
+    // The UI clears a shown message with "" and needs no notification for that.
+    if (!text.isEmpty()) emit errorMessageChanged();
+}
+
+void LidarUtilitiesManager::setSuccessMsg(QString text) {
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        successMessage = text;
+    }
+    if (!text.isEmpty()) emit successMessageChanged();
+}
+
+QString LidarUtilitiesManager::getErrorMessage() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return errorMessage;
+}
+
+QString LidarUtilitiesManager::getSuccessMessage() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return successMessage;
+}
+
+void LidarUtilitiesManager::logMessageHandler(const std::string& line) {
+    const int kind = connectType.load();
+    // An upgrade over a VRC connection would flood the log with its data frames.
+    if (isUpgrading.load() && (kind == 0 || kind == 2)) return;
+    if (isDownloadLog.load()) return;
+    if (!logBytesFlow.load()) return;
+    writeLogMessage(line, "BYTES");
+}
+
+void LidarUtilitiesManager::setVrcClientLogCallback() {
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    if (!client) {
+        std::cout << "VrcClient haven't initialized\n";
+        return;
+    }
+    client->GetClient().SetLogCallback(
+        [this](const std::string& line) { logMessageHandler(line); });
+}
