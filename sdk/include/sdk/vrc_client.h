@@ -6,8 +6,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "sdk/types.h"
+#include "sdk/vrc_frame.h"
 
 namespace lidar {
 
@@ -30,7 +32,7 @@ using LogCallback = std::function<void(const std::string&)>;
 // The VRC command client over TCP. One request is on the wire at a time; QueryCommand may be
 // called from several threads at once.
 class VrcClient {
-public:
+  public:
     // Connects at once. autoReconnect, retries, the three texts and heartbeatSeconds are accepted
     // for the device SDK's signature; see docs/protocol.md for which are used.
     VrcClient(std::string host, uint16_t port, bool autoReconnect, VrcMode mode, uint8_t retries,
@@ -50,13 +52,21 @@ public:
     // the payload (withHeader) or the payload alone. Returns a client result code.
     int QueryCommand(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader);
     int GetLastReturnCode() const { return lastReturnCode_.load(); }
+    // Lets a wrapper that answers for the client (a refusal, -5) keep the last code truthful.
+    void RecordReturnCode(int code) { lastReturnCode_.store(code); }
+    // For callers that find a well-framed reply unusable: closes the connection, records why and
+    // the code -4, and returns -4.
+    int RejectReply(uint8_t command, const std::string& why);
+    // Local port of the open connection (0 when closed).
+    uint16_t LocalPort() const;
 
     // Copies length bytes from start of output into value; false when output does not hold them.
     bool GetValFromOutput(uint8_t command, uint8_t subCommand, const u8vec& output, int start,
                           int length, u8vec& value) const;
 
     // Channel field of view (0x23 / 0x22): values[0..count) are start angles, values[count..2count)
-    // end angles, in degrees. count is in/out: capacity of regions in, regions read out.
+    // end angles, in degrees. count is in/out: capacity of regions in, regions read out; the
+    // layout always follows the capacity, so a ten-value table is passed with count 5.
     int GetAllChannelFov(float* values, int& count, int& mode);
     int SetAllChannelFov(const float* values, int count, uint8_t mode);
 
@@ -68,9 +78,20 @@ public:
     // One line per frame sent and received, with the bytes in hex ("bytes flow").
     void SetLogCallback(LogCallback callback);
 
-private:
+  private:
     void Log(const std::string& line);
+    bool HasLogCallback() const;
+    void LogFrame(const char* direction, uint8_t command, const std::vector<uint8_t>& header,
+                  const std::vector<uint8_t>& payload);
+    // Records why, closes the connection, returns code.
     int Fail(int code, const std::string& why);
+    // Records why without touching the connection, returns code.
+    int Refuse(int code, const std::string& why);
+    void CloseSocket();
+    // The body of QueryCommand; the caller holds queryMutex_.
+    int QueryLocked(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader);
+    int AwaitReply(uint8_t command, vrc::Frame& frame);
+    int Remember(int code);
 
     std::string host_;
     uint16_t port_;
@@ -81,6 +102,8 @@ private:
     std::string lastError_;
     LogCallback logCallback_;
     std::atomic<int> lastReturnCode_{0};
+    std::atomic<bool> closedLocally_{false};
+    std::vector<uint8_t> receiveBuffer_;  // used under queryMutex_
     std::atomic<uint32_t> serialBaudRate_{0};
 };
 

@@ -1,0 +1,309 @@
+#include "sdk/vrc_client.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+
+#include "sdk/socket_source.h"
+
+namespace lidar {
+namespace {
+
+constexpr uint32_t kDefaultTimeoutMs = 3000;
+constexpr size_t kReceiveChunk = 64 * 1024;
+constexpr size_t kLoggedBytes = 64;
+constexpr uint8_t kGetFov = 0x23;
+constexpr uint8_t kSetFov = 0x22;
+constexpr uint8_t kSetSerialBaudRate = 0xB1;
+
+uint32_t OrDefault(uint32_t timeoutMs) {
+    return timeoutMs == 0 ? kDefaultTimeoutMs : timeoutMs;
+}
+
+std::string CommandText(uint8_t command) {
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02X", command);
+    return text;
+}
+
+// "SEND 0x07 [8] 56 52 07 00 00 00 00 00", at most kLoggedBytes bytes shown.
+std::string FrameLine(const char* direction, uint8_t command, const std::vector<uint8_t>& header,
+                      const std::vector<uint8_t>& payload) {
+    const size_t total = header.size() + payload.size();
+    std::string line =
+        std::string(direction) + " " + CommandText(command) + " [" + std::to_string(total) + "]";
+    const size_t shown = std::min(total, kLoggedBytes);
+    line.reserve(line.size() + shown * 3 + 24);
+    char hex[4];
+    for (size_t i = 0; i < shown; ++i) {
+        const uint8_t byte = i < header.size() ? header[i] : payload[i - header.size()];
+        std::snprintf(hex, sizeof hex, " %02X", byte);
+        line += hex;
+    }
+    if (shown < total) line += " ... (" + std::to_string(total) + " bytes)";
+    return line;
+}
+
+void AppendUint16(u8vec& out, uint16_t value) {
+    out.push_back(static_cast<uint8_t>(value >> 8));
+    out.push_back(static_cast<uint8_t>(value));
+}
+
+uint16_t ReadUint16(const u8vec& in, size_t at) {
+    return static_cast<uint16_t>((in[at] << 8) | in[at + 1]);
+}
+
+// Degrees to the wire's tenths of a degree: nearest, halves away from zero, within 0..65535.
+uint16_t DegreesToTenths(float degrees) {
+    if (std::isnan(degrees)) return 0;
+    const double tenths = std::round(static_cast<double>(degrees) * 10.0);
+    return static_cast<uint16_t>(std::clamp(tenths, 0.0, 65535.0));
+}
+
+}  // namespace
+
+VrcClient::VrcClient(std::string host, uint16_t port, bool /*autoReconnect*/, VrcMode /*mode*/,
+                     uint8_t /*retries*/, std::string /*user*/, std::string /*password*/,
+                     std::string /*deviceName*/, uint32_t connectTimeoutMs,
+                     uint32_t receiveTimeoutMs, float /*heartbeatSeconds*/, uint16_t localPort)
+    : host_(std::move(host)),
+      port_(port),
+      receiveTimeoutMs_(OrDefault(receiveTimeoutMs)),
+      socket_(std::make_unique<SocketSource>()),
+      receiveBuffer_(kReceiveChunk) {
+    if (!socket_->Connect(host_, port_, OrDefault(connectTimeoutMs), localPort)) {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        lastError_ = socket_->LastError();
+        lastReturnCode_.store(kVrcNotConnected);
+    }
+}
+
+VrcClient::~VrcClient() {
+    Close();
+}
+
+bool VrcClient::IsOpen() const {
+    return socket_->IsOpen();
+}
+
+void VrcClient::Close() {
+    closedLocally_.store(true);
+    {
+        // Wakes a query waiting for its reply, so the query lock below is not held for long.
+        std::lock_guard<std::mutex> state(stateMutex_);
+        socket_->Shutdown();
+    }
+    std::lock_guard<std::mutex> query(queryMutex_);
+    CloseSocket();
+}
+
+std::string VrcClient::LastError() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return lastError_;
+}
+
+uint16_t VrcClient::LocalPort() const {
+    return socket_->LocalPort();
+}
+
+void VrcClient::SetLogCallback(LogCallback callback) {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    logCallback_ = std::move(callback);
+}
+
+bool VrcClient::HasLogCallback() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return static_cast<bool>(logCallback_);
+}
+
+void VrcClient::Log(const std::string& line) {
+    LogCallback callback;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        callback = logCallback_;
+    }
+    // Called outside the lock: the callback may well ask the client for its state.
+    if (callback) callback(line);
+}
+
+void VrcClient::LogFrame(const char* direction, uint8_t command, const std::vector<uint8_t>& header,
+                         const std::vector<uint8_t>& payload) {
+    if (HasLogCallback()) Log(FrameLine(direction, command, header, payload));
+}
+
+void VrcClient::CloseSocket() {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    socket_->Close();
+}
+
+int VrcClient::Fail(int code, const std::string& why) {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        lastError_ = why;
+    }
+    CloseSocket();
+    return code;
+}
+
+int VrcClient::Refuse(int code, const std::string& why) {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    lastError_ = why;
+    return code;
+}
+
+int VrcClient::Remember(int code) {
+    lastReturnCode_.store(code);
+    return code;
+}
+
+int VrcClient::RejectReply(uint8_t command, const std::string& why) {
+    std::lock_guard<std::mutex> query(queryMutex_);
+    return Remember(Fail(kVrcMalformed, "malformed reply to " + CommandText(command) + ": " + why));
+}
+
+int VrcClient::QueryCommand(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader) {
+    std::lock_guard<std::mutex> query(queryMutex_);
+    return Remember(QueryLocked(payload, reply, command, withHeader));
+}
+
+int VrcClient::QueryLocked(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader) {
+    reply.clear();
+    const std::string name = CommandText(command);
+    if (!socket_->IsOpen()) {
+        const std::string why = LastError();
+        return Refuse(kVrcNotConnected, why.empty() ? "not connected" : why);
+    }
+    if (payload.size() > vrc::kMaxPayload) {
+        return Refuse(kVrcNotConnected, "request " + name + " of " +
+                                            std::to_string(payload.size()) +
+                                            " bytes exceeds the 64 MiB limit");
+    }
+    const std::vector<uint8_t> header =
+        vrc::EncodeHeader(command, vrc::kStatusOk, static_cast<uint32_t>(payload.size()));
+    LogFrame("SEND", command, header, payload);
+    std::vector<uint8_t> frame = header;
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    if (!socket_->Send(frame.data(), frame.size(), receiveTimeoutMs_)) {
+        return Fail(kVrcNotConnected, "cannot send " + name + ": " + socket_->LastError());
+    }
+    vrc::Frame answer;
+    const int received = AwaitReply(command, answer);
+    if (received != kVrcOk) return received;
+
+    const std::vector<uint8_t> replyHeader = vrc::EncodeHeader(
+        answer.command, answer.status, static_cast<uint32_t>(answer.payload.size()));
+    LogFrame("RECV", answer.command, replyHeader, answer.payload);
+    if (answer.command != command) {
+        return Fail(kVrcMalformed,
+                    "malformed reply to " + name + ": it carries " + CommandText(answer.command));
+    }
+    if (withHeader) {
+        reply = replyHeader;
+        reply.insert(reply.end(), answer.payload.begin(), answer.payload.end());
+    } else {
+        reply = std::move(answer.payload);
+    }
+    return answer.status;
+}
+
+// Reads until one complete frame is decoded or the overall deadline passes.
+int VrcClient::AwaitReply(uint8_t command, vrc::Frame& frame) {
+    using Clock = std::chrono::steady_clock;
+    const std::string name = CommandText(command);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(receiveTimeoutMs_);
+    const std::string timedOut =
+        "no complete reply to " + name + " within " + std::to_string(receiveTimeoutMs_) + " ms";
+    vrc::FrameDecoder decoder;
+    for (;;) {
+        const vrc::FrameDecoder::Result decoded = decoder.Next(frame);
+        if (decoded == vrc::FrameDecoder::Result::kFrame) return kVrcOk;
+        if (decoded == vrc::FrameDecoder::Result::kMalformed) {
+            return Fail(kVrcMalformed,
+                        "malformed reply to " + name + ": bad magic or length over the limit");
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return Fail(kVrcTimeout, timedOut);
+        size_t got = 0;
+        switch (socket_->Receive(receiveBuffer_.data(), receiveBuffer_.size(), got,
+                                 static_cast<uint32_t>(left.count()))) {
+            case SocketSource::ReceiveStatus::kData:
+                decoder.Feed(receiveBuffer_.data(), got);
+                break;
+            case SocketSource::ReceiveStatus::kClosed:
+                if (closedLocally_.load()) {
+                    return Fail(kVrcNotConnected, "connection closed by the client");
+                }
+                return Fail(kVrcClosedByPeer, "device closed the connection before the reply of " +
+                                                  name + " was complete");
+            case SocketSource::ReceiveStatus::kTimeout:
+                return Fail(kVrcTimeout, timedOut);
+            case SocketSource::ReceiveStatus::kError:
+                return Fail(kVrcNotConnected,
+                            "cannot receive the reply of " + name + ": " + socket_->LastError());
+        }
+    }
+}
+
+bool VrcClient::GetValFromOutput(uint8_t /*command*/, uint8_t /*subCommand*/, const u8vec& output,
+                                 int start, int length, u8vec& value) const {
+    if (start < 0 || length < 0) return false;
+    const size_t first = static_cast<size_t>(start);
+    const size_t count = static_cast<size_t>(length);
+    if (first > output.size() || count > output.size() - first) return false;
+    value.assign(output.begin() + static_cast<std::ptrdiff_t>(first),
+                 output.begin() + static_cast<std::ptrdiff_t>(first + count));
+    return true;
+}
+
+int VrcClient::GetAllChannelFov(float* values, int& count, int& mode) {
+    std::lock_guard<std::mutex> query(queryMutex_);
+    if (values == nullptr || count < 0) {
+        return Remember(Refuse(kVrcNotConnected, "GetAllChannelFov: no room for the regions"));
+    }
+    u8vec reply;
+    const int result = QueryLocked({}, reply, kGetFov, false);
+    if (result != kVrcOk) return Remember(result);
+    if (reply.size() < 2 || reply.size() < 2 + size_t{4} * reply[1]) {
+        return Remember(Fail(kVrcMalformed, "malformed reply to " + CommandText(kGetFov) + ": " +
+                                                std::to_string(reply.size()) +
+                                                " bytes do not hold the regions it announces"));
+    }
+    const int capacity = count;
+    const int regions = std::min<int>(reply[1], capacity);
+    for (int i = 0; i < regions; ++i) {
+        const size_t at = 2 + size_t{4} * static_cast<size_t>(i);
+        values[i] = static_cast<float>(ReadUint16(reply, at)) / 10.0f;
+        values[capacity + i] = static_cast<float>(ReadUint16(reply, at + 2)) / 10.0f;
+    }
+    count = regions;
+    mode = reply[0];
+    return Remember(kVrcOk);
+}
+
+int VrcClient::SetAllChannelFov(const float* values, int count, uint8_t mode) {
+    if (count < 0 || count > 255 || (values == nullptr && count > 0)) {
+        std::lock_guard<std::mutex> query(queryMutex_);
+        return Remember(Refuse(kVrcNotConnected,
+                               "SetAllChannelFov: invalid region count " + std::to_string(count)));
+    }
+    u8vec payload{mode, static_cast<uint8_t>(count)};
+    payload.reserve(2 + size_t{4} * static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        AppendUint16(payload, DegreesToTenths(values[i]));
+        AppendUint16(payload, DegreesToTenths(values[count + i]));
+    }
+    u8vec reply;
+    return QueryCommand(payload, reply, kSetFov, false);
+}
+
+int VrcClient::WrenSetBaudRate(uint32_t rate) {
+    const u8vec payload{static_cast<uint8_t>(rate >> 24), static_cast<uint8_t>(rate >> 16),
+                        static_cast<uint8_t>(rate >> 8), static_cast<uint8_t>(rate)};
+    u8vec reply;
+    const int result = QueryCommand(payload, reply, kSetSerialBaudRate, false);
+    if (result == kVrcOk) serialBaudRate_.store(rate);
+    return result;
+}
+
+}  // namespace lidar
