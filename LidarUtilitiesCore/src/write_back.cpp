@@ -1,0 +1,419 @@
+// Settings write-back: staging the user's edits (SetText) and applying the staged set commands of
+// one page to the lidar (Run).
+
+#include <QDebug>
+#include <QStringList>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "lidar_utilities_manager.h"
+#include "sdk/vrc_client.h"
+#include "value_parsers.h"
+
+namespace {
+
+const std::string kNetworkSetCmd = "0x21";
+const std::string kFovSetCmd = "0x22";
+
+using BytesByName = std::unordered_map<std::string, std::vector<uint8_t>>;
+using VarGroup = std::vector<VarInfo*>;
+
+// The set commands of one page that have staged edits, in the order they are sent.
+struct SetCommandPlan {
+    std::map<std::string, VarGroup> groups;
+    std::vector<std::string> sendList;
+};
+
+SetCommandPlan planStagedCommands(const std::vector<std::vector<VarInfo*>>& page,
+                                  const std::map<std::string, bool>& setMap,
+                                  const ConfigParser& parser) {
+    SetCommandPlan plan;
+    bool networkStaged = false;
+    for (const auto& group : page) {
+        for (const VarInfo* var : group) {
+            const std::string& setCmd = var->set_cmd;
+            if (setCmd.empty() || setMap.count(setCmd) == 0 || plan.groups.count(setCmd) != 0) {
+                continue;
+            }
+            // A command carries every field of its payload, not only the edited ones.
+            plan.groups[setCmd] = parser.GetVarInfosBySetCmd(setCmd);
+            if (setCmd == kNetworkSetCmd) {
+                networkStaged = true;
+            } else {
+                plan.sendList.push_back(setCmd);
+            }
+        }
+    }
+    // The network command makes the lidar drop the connection, so it must go last.
+    if (networkStaged) plan.sendList.push_back(kNetworkSetCmd);
+    return plan;
+}
+
+std::vector<VarGroup> groupByGetCommand(const SetCommandPlan& plan) {
+    std::vector<std::string> order;
+    std::map<std::string, VarGroup> byGetCmd;
+    for (const std::string& setCmd : plan.sendList) {
+        for (VarInfo* var : plan.groups.at(setCmd)) {
+            if (var->get_cmd.empty()) continue;
+            if (byGetCmd.count(var->get_cmd) == 0) order.push_back(var->get_cmd);
+            byGetCmd[var->get_cmd].push_back(var);
+        }
+    }
+    std::vector<VarGroup> result;
+    for (const std::string& getCmd : order) result.push_back(byGetCmd[getCmd]);
+    return result;
+}
+
+std::unique_ptr<StrParser> parserForType(const std::string& type) {
+    if (type == "int8") return std::make_unique<IntParser>(1);
+    if (type == "int16") return std::make_unique<IntParser>(2);
+    if (type == "int32") return std::make_unique<IntParser>(4);
+    if (type == "int64") return std::make_unique<IntParser>(8);
+    if (type == "uint8") return std::make_unique<UintParser>(1);
+    if (type == "uint16") return std::make_unique<UintParser>(2);
+    if (type == "uint32") return std::make_unique<UintParser>(4);
+    if (type == "uint64") return std::make_unique<UintParser>(8);
+    if (type == "float32") return std::make_unique<FloatParser>();
+    if (type == "double") return std::make_unique<DoubleParser>();
+    if (type == "IP") return std::make_unique<IPv4Parser>();
+    if (type == "MAC") return std::make_unique<MacParser>();
+    if (type == "raw") return std::make_unique<RawParser>();
+    return nullptr;
+}
+
+// Every name is followed by ", ", the last one too: the messages append " success." directly.
+std::string namesOf(const VarGroup& group) {
+    std::string names;
+    for (const VarInfo* var : group) names += var->var_name + ", ";
+    return names;
+}
+
+// A command text longer than "0xNN" carries sub-command bytes and goes out as command 0xFF.
+uint8_t commandByteOf(const std::string& cmdText, u8Array_t& payload) {
+    if (cmdText.size() > 4) {
+        LidarUtilitiesManager::writeSubCmdIntoInput(cmdText, payload);
+        return 0xFF;
+    }
+    return static_cast<uint8_t>(std::stoi(cmdText, nullptr, 0));
+}
+
+std::string hexText(const std::vector<uint8_t>& bytes) {
+    std::string text;
+    char pair[4];
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        std::snprintf(pair, sizeof(pair), i == 0 ? "%02X" : " %02X", bytes[i]);
+        text += pair;
+    }
+    return text;
+}
+
+void debugLine(const std::string& text) {
+    qDebug().noquote() << QString::fromStdString(text);
+}
+
+// Sends the planned set commands one after the other; the first failure ends the run.
+class StagedCommandSender {
+  public:
+    using ValueReader = std::function<std::string(const VarInfo*)>;
+
+    StagedCommandSender(LidarUtilitiesManager& manager, std::shared_ptr<AuthorizedVrcClient> client,
+                        ValueReader valueOf, std::array<float, 10> fovTable)
+        : manager_(manager),
+          client_(std::move(client)),
+          valueOf_(std::move(valueOf)),
+          fovTable_(fovTable) {}
+
+    // True when every command of the plan was handled without failure.
+    bool sendAll(SetCommandPlan& plan) {
+        try {
+            readBack(plan);
+            for (const std::string& setCmd : plan.sendList) {
+                command_ = setCmd;
+                if (!sendOne(setCmd, plan.groups.at(setCmd))) return false;
+            }
+            return true;
+        } catch (const std::exception& e) {
+            reportFailure(e.what());
+            return false;
+        }
+    }
+
+  private:
+    // Leaves in bytes_ what the lidar holds now; the user's texts stay in current_val.
+    void readBack(const SetCommandPlan& plan) {
+        for (VarGroup& group : groupByGetCommand(plan)) {
+            manager_.GetInfoFromLidarWithSameCmd(group, &bytes_, false);
+        }
+    }
+
+    // False after a configuration fault that has been shown; throws on any other failure.
+    bool sendOne(const std::string& setCmd, const VarGroup& group) {
+        u8Array_t payload;
+        const uint8_t command = commandByteOf(setCmd, payload);
+        if (!appendRawValues(group, payload)) return false;
+        encodeValues(group);
+        for (const VarInfo* var : group) {
+            const auto& bytes = bytes_[var->var_name];
+            payload.insert(payload.end(), bytes.begin(), bytes.end());
+        }
+        if (setCmd == kFovSetCmd) {
+            sendFov(group);
+            return true;
+        }
+        sendPayload(setCmd, command, payload, namesOf(group));
+        return true;
+    }
+
+    // Write-only variables carry their hex digits straight into the payload.
+    bool appendRawValues(const VarGroup& group, u8Array_t& payload) {
+        for (const VarInfo* var : group) {
+            if (!var->get_cmd.empty()) continue;
+            if (var->var_type != "raw") {
+                manager_.showErrorMessage(
+                    "There are undefined cases in the csv config file where there is a line "
+                    "with 'set' and no 'get', but the var_type is not 'raw'.");
+                return false;
+            }
+            LidarUtilitiesManager::writeSubCmdIntoInput(valueOf_(var), payload);
+        }
+        return true;
+    }
+
+    void encodeValues(const VarGroup& group) {
+        for (const VarInfo* var : group) {
+            const std::string value = valueOf_(var);
+            if (value.empty()) {
+                throw std::runtime_error(
+                    "Unknown error with this var: It has no current_val. var_name = " +
+                    var->var_name);
+            }
+            std::unique_ptr<StrParser> parser = parserForType(var->var_type);
+            if (!parser) {
+                reportUnsupportedType(*var, value);
+                throw std::runtime_error("Error with var type");
+            }
+            bytes_[var->var_name] = parser->parse(value, var->scale);
+        }
+    }
+
+    void reportUnsupportedType(const VarInfo& var, const std::string& value) {
+        std::cout << "DEBUG(): not support the format is " << var.var_type << std::endl;
+        debugLine("Run(): This var_type\"" + var.var_type + "\"is not supported currently.");
+        debugLine("strParser == nullptr, var_name:" + var.var_name + ", var_type:" + var.var_type +
+                  ", current_val:" + value);
+    }
+
+    void sendFov(const VarGroup& group) {
+        // The mode byte is the encoded value of the command's own variable.
+        uint8_t mode = 0;
+        if (!group.empty()) {
+            const auto& bytes = bytes_[group.front()->var_name];
+            if (!bytes.empty()) mode = bytes.front();
+        }
+        const int ret = client_->SetAllChannelFov(fovTable_.data(), 5, mode);
+        commandSent_ = true;
+        if (ret != 0) {
+            manager_.writeLogMessage("SET [" + command_ + "] FAILED", "WARNING");
+            throw std::runtime_error("set channel fov failed");
+        }
+    }
+
+    void sendPayload(const std::string& setCmd, uint8_t command, const u8Array_t& payload,
+                     const std::string& names) {
+        debugLine("Run(): QueryCommand send cmd:    " + setCmd);
+        debugLine("Run(): QueryCommand send payload:" + hexText(payload) +
+                  ", length =" + std::to_string(payload.size()));
+        manager_.writeLogMessage("Send VRC command [" + setCmd + "] to set " + names + " success.",
+                                 "INFO");
+        u8Array_t reply;
+        const int ret = client_->QueryCommand(payload, reply, command, false);
+        commandSent_ = true;
+        // The lidar applies the network settings and closes the connection instead of replying.
+        const bool applied = ret == 0 || (setCmd == kNetworkSetCmd &&
+                                          client_->GetLastReturnCode() == lidar::kVrcClosedByPeer);
+        if (!applied) {
+            debugLine("Run(): QueryCommand FAILED, get result =" + std::to_string(ret));
+            manager_.writeLogMessage("SET [" + setCmd + "] FAILED", "WARNING");
+            throw std::runtime_error(setCmd + " SET " + names +
+                                     " ret_code: " + std::to_string(client_->GetLastReturnCode()));
+        }
+        debugLine("Run(): QueryCommand SUCCESS, get result =" + std::to_string(ret));
+        reportSuccess(setCmd, names);
+    }
+
+    void reportSuccess(const std::string& setCmd, const std::string& names) {
+        if (setCmd != kNetworkSetCmd) {
+            manager_.showSuccessMessage(QString::fromStdString("VRC command [" + setCmd +
+                                                               "] to set " + names + " success."));
+            return;
+        }
+        manager_.showSuccessMessage(
+            "Set Lidar Successfully\nNote that if you have changed the TCP-related settings, you "
+            "will need to restart the lidar for it to work.");
+        manager_.Stop();
+    }
+
+    void reportFailure(const std::string& detail) {
+        debugLine("Run(): Caught Exception: " + detail);
+        manager_.showErrorMessage(QString::fromStdString("Set Failed: " + detail));
+        manager_.writeLogMessage("Set " + command_ + " Failed. " +
+                                     (commandSent_ ? "Command was sent." : "No command was sent.") +
+                                     " Detail: " + detail,
+                                 "WARNING");
+    }
+
+    LidarUtilitiesManager& manager_;
+    std::shared_ptr<AuthorizedVrcClient> client_;
+    ValueReader valueOf_;
+    std::array<float, 10> fovTable_;
+    BytesByName bytes_;
+    std::string command_;
+    bool commandSent_ = false;
+};
+
+}  // namespace
+
+void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QString text) {
+    if (varTree == nullptr) return;
+    // The UI only passes rows it shows; anything else is a stale index, not a reason to crash.
+    if (page < 0 || static_cast<size_t>(page) >= varTree->size()) return;
+    const auto& groups = (*varTree)[page];
+    if (group < 0 || static_cast<size_t>(group) >= groups.size()) return;
+    const auto& rows = groups[group];
+    if (row < 0 || static_cast<size_t>(row) >= rows.size()) return;
+
+    const std::string value = text.toStdString();
+    VarInfo* var = rows[row];
+    // Takes the new text unless it is already there; true when it changed.
+    auto replaceValue = [this, &value](VarInfo* target) {
+        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        if (target->current_val == value) return false;
+        target->current_val = value;
+        return true;
+    };
+
+    switch (type) {
+        case 1:
+            if (!replaceValue(var)) return;
+            setMap[var->set_cmd] = true;
+            editedVarMap[var] = true;
+            return;
+        case 2: {
+            VarInfo* linked = var->switch_var;
+            if (linked == nullptr) {
+                writeLogMessage("config file error, Please check the configuration of type 2 of " +
+                                    var->var_name,
+                                "ERROR");
+                return;
+            }
+            if (!replaceValue(linked)) return;
+            // The command is the linked variable's, while the edited row stays the user's row.
+            setMap[linked->set_cmd] = true;
+            editedVarMap[var] = true;
+            return;
+        }
+        case 3: {
+            const int choice = std::stoi(value, nullptr, 10);
+            const int count =
+                std::min(static_cast<int>(var->options.size()), static_cast<int>(var->option_num));
+            if (choice < 0 || choice >= count) {
+                writeLogMessage(
+                    "Invalid switch value of type 3, please check the config file! name: " +
+                        var->var_name,
+                    "ERROR");
+                return;
+            }
+            const std::string optionText = std::to_string(var->options[choice]);
+            {
+                std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+                if (var->current_val == optionText) return;
+                var->current_val = optionText;
+            }
+            setMap[var->set_cmd] = true;
+            editedVarMap[var] = true;
+            return;
+        }
+        default:
+            writeLogMessage("Invalid switch value of type , please check the config file! name: " +
+                                var->var_name,
+                            "ERROR");
+            return;
+    }
+}
+
+unsigned long LidarUtilitiesManager::getSetMapSize() const {
+    return setMap.size();
+}
+
+size_t LidarUtilitiesManager::getEditedVarCount() const {
+    return editedVarMap.size();
+}
+
+void LidarUtilitiesManager::ClearSetMap() {
+    setMap.clear();
+    editedVarMap.clear();
+}
+
+void LidarUtilitiesManager::writeSubCmdIntoInput(std::string text, u8Array_t& out) {
+    for (size_t i = 0; i + 1 < text.size(); i += 2) {
+        const std::string pair = text.substr(i, 2);
+        if (pair == "0x") continue;
+        out.push_back(static_cast<uint8_t>(std::stoi("0x" + pair, nullptr, 0) & 0xFF));
+    }
+}
+
+std::pair<std::string, std::string> LidarUtilitiesManager::getTwoCases(QString name) {
+    QString capitalised;
+    QString lowered;
+    const QStringList words = name.split(' ', Qt::SkipEmptyParts);
+    for (const QString& word : words) {
+        const QString rest = word.mid(1).toLower();
+        capitalised += word.left(1).toUpper() + rest + ' ';
+        lowered += word.left(1).toLower() + rest + ' ';
+    }
+    return {capitalised.trimmed().toStdString(), lowered.trimmed().toStdString()};
+}
+
+void LidarUtilitiesManager::Run(int page) {
+    if (currentParser == nullptr || varTree == nullptr) return;
+    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    if (!client || !client->IsOpen() || !isConnected.load()) {
+        showErrorMessage("Please connect to lidar first");
+        return;
+    }
+    if (isUpgrading.load()) {
+        showErrorMessage("Please wait for the lidar to upgrade completely");
+        return;
+    }
+    if (isDownloadLog.load()) {
+        showErrorMessage("Please wait for the operation log to download completely");
+        return;
+    }
+    if (page < 0 || static_cast<size_t>(page) >= varTree->size()) return;
+
+    SetCommandPlan plan = planStagedCommands((*varTree)[page], setMap, *currentParser);
+    // The staged commands are consumed whatever happens next.
+    setMap.clear();
+
+    std::array<float, 10> fov;
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        fov = fovTable;
+    }
+    auto valueOf = [this](const VarInfo* var) {
+        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        return var->current_val;
+    };
+    StagedCommandSender sender(*this, client, valueOf, fov);
+    if (sender.sendAll(plan)) editedVarMap.clear();
+}
