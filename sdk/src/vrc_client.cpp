@@ -92,6 +92,7 @@ void VrcClient::Close() {
     {
         // Wakes a query waiting for its reply, so the query lock below is not held for long.
         std::lock_guard<std::mutex> state(stateMutex_);
+        if (socket_->IsOpen()) lastError_ = "connection closed by the client";
         socket_->Shutdown();
     }
     std::lock_guard<std::mutex> query(queryMutex_);
