@@ -1,0 +1,138 @@
+// The value parsers turn a display text into the big-endian bytes of a set payload; a rejection
+// carries the exact message the user is shown.
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "value_parsers.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// The message of the std::invalid_argument that parse throws, or "" when it does not throw.
+std::string rejection(StrParser&& parser, const std::string& text, float scale = 1.0f) {
+    try {
+        parser.parse(text, scale);
+    } catch (const std::invalid_argument& e) {
+        return e.what();
+    }
+    return "";
+}
+
+TEST(ValueParsers, IsNumericAcceptsFloatsAndBase10Integers) {
+    for (const char* text : {"1e3", " 7", "-2.5", "+3", "0"}) {
+        EXPECT_TRUE(StrParser::isNumeric(text)) << text;
+    }
+    for (const char* text : {"0x10", "", "abc", "12abc", "1,5", "1e39"}) {
+        EXPECT_FALSE(StrParser::isNumeric(text)) << text;
+    }
+}
+
+TEST(ValueParsers, ReverseMemorySwapsEndsInward) {
+    unsigned char odd[] = {1, 2, 3, 4, 5};
+    reverseMemory(odd, sizeof(odd));
+    EXPECT_EQ(Bytes(odd, odd + 5), (Bytes{5, 4, 3, 2, 1}));
+    unsigned char even[] = {1, 2, 3, 4};
+    reverseMemory(even, sizeof(even));
+    EXPECT_EQ(Bytes(even, even + 4), (Bytes{4, 3, 2, 1}));
+    unsigned char one[] = {9};
+    reverseMemory(one, 1);
+    reverseMemory(one, 0);
+    EXPECT_EQ(one[0], 9);
+}
+
+TEST(ValueParsers, IntParserRangeTruncationScaleAndWidths) {
+    EXPECT_EQ(IntParser(1).parse("127", 1), Bytes{0x7F});
+    EXPECT_EQ(IntParser(1).parse("-128", 1), Bytes{0x80});
+    EXPECT_EQ(IntParser(1).parse("12.9", 1), Bytes{0x0C});
+    EXPECT_EQ(IntParser(1).parse("-12.9", 1), Bytes{0xF4});  // toward zero: -12
+    EXPECT_EQ(IntParser(2).parse("-3.2", 0.1f), (Bytes{0xFF, 0xE0}));
+    EXPECT_EQ(IntParser(2).parse("12.5", 0.01f), (Bytes{0x04, 0xE2}));  // 1250
+    EXPECT_EQ(IntParser(4).parse("-2", 1), (Bytes{0xFF, 0xFF, 0xFF, 0xFE}));
+    EXPECT_EQ(IntParser(8).parse("258", 1), (Bytes{0, 0, 0, 0, 0, 0, 0x01, 0x02}));
+    EXPECT_EQ(IntParser(2).parse("32767", 1), (Bytes{0x7F, 0xFF}));
+
+    EXPECT_EQ(rejection(IntParser(1), "128"), "IntParser: contains an illegal number, error:128");
+    EXPECT_EQ(rejection(IntParser(1), "-129"), "IntParser: contains an illegal number, error:-129");
+    EXPECT_EQ(rejection(IntParser(2), "32768"),
+              "IntParser: contains an illegal number, error:32768");
+    EXPECT_EQ(rejection(IntParser(1), "abc"), "IntParser: contains an illegal number, error:abc");
+    EXPECT_EQ(rejection(IntParser(1), "nan"), "IntParser: contains an illegal number, error:nan");
+    // Qt accepts a subnormal number that stof reports as out of range.
+    EXPECT_EQ(rejection(IntParser(1), "1e-40"), "IntParser: stof() failed, error:stof");
+    // A zero scale makes every value infinite.
+    EXPECT_EQ(rejection(IntParser(1), "1", 0.0f), "IntParser: contains an illegal number, error:1");
+    // The range is tested before the width; the width message keeps its lower-case "i".
+    EXPECT_EQ(rejection(IntParser(3), "5"), "intParser: parser_length is not supported, error:3");
+    EXPECT_EQ(rejection(IntParser(3), "1e9"), "IntParser: contains an illegal number, error:1e9");
+}
+
+TEST(ValueParsers, UintParserKeepsTheFourAndEightByteLimitOfOne) {
+    EXPECT_EQ(UintParser(1).parse("255", 1), Bytes{0xFF});
+    EXPECT_EQ(UintParser(2).parse("65535", 1), (Bytes{0xFF, 0xFF}));
+    EXPECT_EQ(UintParser(2).parse("2.58", 0.01f), (Bytes{0x01, 0x02}));
+    EXPECT_EQ(UintParser(1).parse("7.9", 1), Bytes{0x07});
+    EXPECT_EQ(rejection(UintParser(2), "65536"),
+              "UintParser: contains an illegal number, error:65536");
+    EXPECT_EQ(rejection(UintParser(2), "-1"), "UintParser: contains an illegal number, error:-1");
+    EXPECT_EQ(rejection(UintParser(1), "0x10"),
+              "UintParser: contains an illegal number, error:0x10");
+    EXPECT_EQ(rejection(UintParser(1), "1e-40"), "UintParser: stof() failed, error:stof");
+
+    EXPECT_EQ(UintParser(4).parse("0", 1), (Bytes{0, 0, 0, 0}));
+    EXPECT_EQ(UintParser(4).parse("0.5", 1), (Bytes{0, 0, 0, 0}));
+    EXPECT_EQ(UintParser(8).parse("0", 1), Bytes(8, 0));
+    EXPECT_EQ(rejection(UintParser(4), "1"), "UintParser: contains an illegal number, error:1");
+    EXPECT_EQ(rejection(UintParser(8), "1"), "UintParser: contains an illegal number, error:1");
+    // Width 3 is not refused: its limit is 2^24.
+    EXPECT_EQ(UintParser(3).parse("65536", 1), (Bytes{0x01, 0x00, 0x00}));
+}
+
+TEST(ValueParsers, FloatAndDoubleParsersAreBigEndianIeee) {
+    EXPECT_EQ(FloatParser().parse("1.5", 1), (Bytes{0x3F, 0xC0, 0x00, 0x00}));
+    EXPECT_EQ(FloatParser().parse("3", 2), (Bytes{0x3F, 0xC0, 0x00, 0x00}));
+    EXPECT_EQ(FloatParser().parse("-2", 1), (Bytes{0xC0, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(DoubleParser().parse("1", 1), (Bytes{0x3F, 0xF0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(DoubleParser().parse("3", 2), (Bytes{0x3F, 0xF8, 0, 0, 0, 0, 0, 0}));
+
+    EXPECT_EQ(rejection(FloatParser(), "x1"), "FloatParser: contains an illegal number, error:x1");
+    EXPECT_EQ(rejection(FloatParser(), "1e-40"), "FloatParser: stof() out of range, error:stof");
+    EXPECT_EQ(rejection(DoubleParser(), ""), "DoubleParser: contains an illegal number, error:");
+}
+
+TEST(ValueParsers, IPv4ParserNeedsFourDecimalBytes) {
+    EXPECT_EQ(IPv4Parser().parse("192.168.1.201"), (Bytes{0xC0, 0xA8, 0x01, 0xC9}));
+    EXPECT_EQ(IPv4Parser().parse("0.0.0.255", 0.5f), (Bytes{0, 0, 0, 0xFF}));  // scale ignored
+    EXPECT_EQ(rejection(IPv4Parser(), "1.2.3"), "IPv4Parser: ip address, wrong format.");
+    EXPECT_EQ(rejection(IPv4Parser(), "1.2.3.4.5"), "IPv4Parser: ip address, wrong format.");
+    EXPECT_EQ(rejection(IPv4Parser(), "1.2.3.256"), "IPv4Parser: contains an illegal number");
+    EXPECT_EQ(rejection(IPv4Parser(), "1..3.4"), "IPv4Parser: contains an illegal number");
+    EXPECT_EQ(rejection(IPv4Parser(), "1.2.3.x"), "IPv4Parser: contains an illegal number");
+    EXPECT_EQ(rejection(IPv4Parser(), "1.2.3.-1"), "IPv4Parser: contains an illegal number");
+}
+
+TEST(ValueParsers, MacParserNeedsSixHexBytes) {
+    EXPECT_EQ(MacParser().parse("00:1A:2b:3c:4D:5e"), (Bytes{0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E}));
+    EXPECT_EQ(MacParser().parse("a:b:c:d:e:f"), (Bytes{0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F}));
+    EXPECT_EQ(rejection(MacParser(), "00:1A:2B:3C:4D"), "MacParser: ip address, wrong format.");
+    EXPECT_EQ(rejection(MacParser(), "00:1A:2B:3C:4D:5E:6F"),
+              "MacParser: ip address, wrong format.");
+    EXPECT_EQ(rejection(MacParser(), "00:1A:2B:3C:4D:100"),
+              "MacParser: contains an illegal number");
+    EXPECT_EQ(rejection(MacParser(), "00:1A:2B::4D:5E"), "MacParser: contains an illegal number");
+    EXPECT_EQ(rejection(MacParser(), "00:1A:2B:3C:4D:G0"), "MacParser: contains an illegal number");
+}
+
+TEST(ValueParsers, RawParserReturnsNothingAndSaysSo) {
+    testing::internal::CaptureStdout();
+    const Bytes bytes = RawParser().parse("0102", 1);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(bytes.empty());
+    EXPECT_EQ(out, "not developed\n");
+}
+
+}  // namespace
