@@ -1,0 +1,346 @@
+// Turning reply bytes into the display texts of the catalogue, and checking staged texts against
+// the catalogue's limits before they are written.
+
+#include <QDebug>
+#include <QRegExp>
+#include <QString>
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+
+#include "lidar_utilities_manager.h"
+#include "sdk/logger.h"
+
+namespace {
+
+const char* const kLoggerSourceFile = "LidarUtilitiesCore/src/lidar_utilities_manager";
+
+// Same contract as VrcClient::GetValFromOutput, for when no client is connected (decoding a reply
+// kept from earlier, or tests): copy `length` bytes from `start`, or false when they are not there.
+bool copyValueFromOutput(const std::vector<uint8_t>& output, int start, int length,
+                         std::vector<uint8_t>& value) {
+    if (start < 0 || length < 0) return false;
+    const int64_t end = static_cast<int64_t>(start) + length;
+    if (end > static_cast<int64_t>(output.size())) return false;
+    value.assign(output.begin() + start, output.begin() + end);
+    return true;
+}
+
+// The first `width` bytes as one big-endian unsigned number.
+uint64_t readBigEndian(const std::vector<uint8_t>& value, size_t width) {
+    uint64_t number = 0;
+    for (size_t i = 0; i < width; ++i) number = (number << 8) | value[i];
+    return number;
+}
+
+template <typename T>
+std::string printfText(const char* format, T number) {
+    char text[32];
+    std::snprintf(text, sizeof(text), format, number);
+    return text;
+}
+
+// Scale 1.0 shows the integer as it is; any other scale (NaN included) a two-decimal number.
+// The product is taken in float, the precision in which the writer divides an edited text by the
+// scale again, so that a value read and written back unchanged keeps its raw number.
+template <typename T>
+std::string scaledIntegerText(const char* format, T number, float scale) {
+    if (scale == 1.0f) return printfText(format, number);
+    const float scaled = static_cast<float>(number) * scale;
+    return QString::number(scaled, 'f', 2).toStdString();
+}
+
+std::string joinedDecimalBytes(const std::vector<uint8_t>& value) {
+    std::string text;
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (i > 0) text += '.';
+        text += std::to_string(value[i]);
+    }
+    return text;
+}
+
+std::string macText(const std::vector<uint8_t>& value) {
+    std::string text;
+    for (size_t i = 0; i < 6; ++i) {
+        if (i > 0) text += ':';
+        text += printfText("%02X", static_cast<unsigned>(value[i]));
+    }
+    return text;
+}
+
+std::string hardwareVersionText(const std::vector<uint8_t>& b) {
+    std::string text(b.begin(), b.begin() + 9);
+    text += std::to_string(b[9]) + "." + std::to_string(b[10]) + "." +
+            std::to_string(b[11] * 256 + b[12]);
+    const int build = b[13] * 256 + b[14];
+    if (build != 0) text += "." + std::to_string(build);
+    return LidarUtilitiesManager::trim(text);
+}
+
+std::string softwareDateVersionText(const std::vector<uint8_t>& b) {
+    std::string text(b.begin(), b.begin() + 12);
+    text += std::to_string(b[12]) + "." + std::to_string(b[13]) + "." + std::to_string(b[14]);
+    return LidarUtilitiesManager::trim(text);
+}
+
+std::string durationText(const std::vector<uint8_t>& value) {
+    uint64_t total = 0;
+    for (uint8_t byte : value) total = total * 256 + byte;
+    const uint64_t hours = total / 3600;
+    const uint32_t minutes = static_cast<uint32_t>(total - 3600 * hours) / 60;
+    const uint32_t seconds = static_cast<uint32_t>(total - 3600 * hours) - 60 * minutes;
+    return QString("%1 h %2 min %3 s").arg(hours).arg(minutes).arg(seconds).toStdString();
+}
+
+// Bytes a fixed-width numeric type needs; 0 for the other types.
+size_t numericWidth(const std::string& type) {
+    if (type == "uint8" || type == "int8") return 1;
+    if (type == "uint16" || type == "int16") return 2;
+    if (type == "uint32" || type == "int32" || type == "float32") return 4;
+    if (type == "uint64" || type == "int64" || type == "double") return 8;
+    return 0;
+}
+
+// The display text of a fixed-width numeric type; value holds at least its width.
+std::string numericText(const std::string& type, const std::vector<uint8_t>& value, float scale) {
+    const uint64_t raw = readBigEndian(value, numericWidth(type));
+    if (type == "uint8") return scaledIntegerText("%d", static_cast<int>(raw), scale);
+    if (type == "uint16") return scaledIntegerText("%d", static_cast<int>(raw), scale);
+    if (type == "uint32") return scaledIntegerText("%u", static_cast<uint32_t>(raw), scale);
+    if (type == "uint64") return scaledIntegerText("%lu", static_cast<unsigned long>(raw), scale);
+    if (type == "int8") return scaledIntegerText("%d", static_cast<int>(int8_t(raw)), scale);
+    if (type == "int16") return scaledIntegerText("%d", static_cast<int>(int16_t(raw)), scale);
+    if (type == "int32") return scaledIntegerText("%d", static_cast<int32_t>(raw), scale);
+    if (type == "int64") return scaledIntegerText("%ld", static_cast<long>(raw), scale);
+    if (type == "float32") {
+        const uint32_t bits = static_cast<uint32_t>(raw);
+        float number = 0;
+        std::memcpy(&number, &bits, sizeof(number));
+        return QString::number(number * scale, 'f', 2).toStdString();
+    }
+    double number = 0;
+    std::memcpy(&number, &raw, sizeof(number));
+    return QString::number(number * static_cast<double>(scale), 'f', 2).toStdString();
+}
+
+enum class StagedVerdict { kPass, kTooLong, kBadIp, kBadMac, kOutOfRange, kNotANumber };
+
+bool exactlyMatches(const char* pattern, const std::string& text) {
+    // QRegExp is not safe to share between threads (it caches match state), so one per call.
+    QRegExp expression(pattern);
+    return expression.exactMatch(QString::fromStdString(text));
+}
+
+// How the staged text of one writable variable fares against the catalogue's limits.
+StagedVerdict checkStagedText(const VarInfo& var, const std::string& staged) {
+    const std::string& type = var.var_type;
+    if (type == "string") {
+        return staged.size() > static_cast<size_t>(std::max(var.offset, 0))
+                   ? StagedVerdict::kTooLong
+                   : StagedVerdict::kPass;
+    }
+    if (type == "raw") return StagedVerdict::kPass;
+    if (type == "IP") {
+        return exactlyMatches(
+                   "^((25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)\\.){3}"
+                   "(25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)$",
+                   staged)
+                   ? StagedVerdict::kPass
+                   : StagedVerdict::kBadIp;
+    }
+    if (type == "MAC") {
+        return exactlyMatches("^([0-9A-Fa-f]{2}[:]){5}([0-9A-Fa-f]{2})$", staged)
+                   ? StagedVerdict::kPass
+                   : StagedVerdict::kBadMac;
+    }
+    if (var.min_val == 0 && var.max_val == 0) return StagedVerdict::kPass;
+    if (staged == "0") return StagedVerdict::kPass;
+    try {
+        const int number = std::stoi(staged);
+        return number < var.min_val || number > var.max_val ? StagedVerdict::kOutOfRange
+                                                            : StagedVerdict::kPass;
+    } catch (const std::invalid_argument& e) {
+        qDebug().noquote() << "CheckModuleVarsWithinRange"
+                           << " Invalid argument: " << e.what();
+    } catch (const std::out_of_range& e) {
+        qDebug().noquote() << "CheckModuleVarsWithinRange"
+                           << " Out of range: " << e.what();
+    }
+    return StagedVerdict::kNotANumber;
+}
+
+// Tells the log, the debug stream and the UI (someVarOutOfRange) about one rejected text.
+void reportStagedValueRejected(LidarUtilitiesManager& manager, const VarInfo& var,
+                               const std::string& staged, StagedVerdict verdict) {
+    const QString name = QString::fromStdString(var.var_name);
+    const QString text = QString::fromStdString(staged);
+    switch (verdict) {
+        case StagedVerdict::kBadIp:
+            manager.writeLogMessage(
+                "Detected that the user set " + var.var_name + " has invalid IP format", "WARNING");
+            qDebug().noquote() << "CheckModuleVarsWithinRange"
+                               << ": detected that" << name << "has invalid IP format:" << text;
+            break;
+        case StagedVerdict::kBadMac:
+            manager.writeLogMessage(
+                "Detected that the user set " + var.var_name + " has invalid MAC format",
+                "WARNING");
+            qDebug().noquote() << "CheckModuleVarsWithinRange"
+                               << ": detected that" << name << "has invalid MAC format:" << text;
+            break;
+        case StagedVerdict::kOutOfRange:
+            manager.writeLogMessage(
+                "Detected that the user set " + var.var_name + " is out of range", "WARNING");
+            qDebug().noquote() << "CheckModuleVarsWithinRange"
+                               << ": detected that" << name << "is out of range";
+            break;
+        case StagedVerdict::kTooLong:
+            qDebug().noquote() << "CheckModuleVarsWithinRange"
+                               << ": detected that" << name << "is longer than" << var.offset
+                               << "bytes:" << text;
+            break;
+        case StagedVerdict::kNotANumber:  // the debug line was written by the check
+        case StagedVerdict::kPass:
+            break;
+    }
+    emit manager.someVarOutOfRange(name);
+}
+
+}  // namespace
+
+void LidarUtilitiesManager::logToSdkLogger(int line, const char* function,
+                                           const std::string& message) {
+    Logger::GetInstance().AddToQueue(Logger::kConfigError, kLoggerSourceFile, line, function,
+                                     message);
+}
+
+void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
+                                                      const std::vector<uint8_t>& output,
+                                                      std::vector<uint8_t>& value, bool update) {
+    if (currentParser == nullptr) return;
+    if (output.empty()) {
+        throw std::runtime_error(std::string("updateSingleVarFromOutput") +
+                                 "(): Error with the input 'output'");
+    }
+    if (var.offset == 0) {
+        throw std::runtime_error(std::string("updateSingleVarFromOutput") +
+                                 "(): Error with the input var_info");
+    }
+
+    std::pair<int, int> pos;
+    if (!resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
+        writeLogMessage("get <start_pos, offset> failed!", "ERROR");
+        return;
+    }
+    const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    const bool extracted =
+        client ? client->GetClient().GetValFromOutput(cmd, 0, output, pos.first, pos.second, value)
+               : copyValueFromOutput(output, pos.first, pos.second, value);
+    if (!extracted) {
+        writeLogMessage("get var pos offset failed!", "ERROR");
+        return;
+    }
+    if (!update) return;
+
+    // The text is computed first and stored under the lock, so readers never see half a text.
+    const std::string& type = var.var_type;
+    std::string text;
+    if (type == "IP") {
+        text = joinedDecimalBytes(value);
+    } else if (type == "MAC") {
+        if (value.size() >= 6) {
+            text = macText(value);
+        } else {
+            logToSdkLogger(__LINE__, Q_FUNC_INFO,
+                           "MAC address size is less than 6, please check your config file");
+        }
+    } else if (type == "HWVER" || type == "SWVER_YMD") {
+        if (value.size() != 16) {
+            // The same message for both types, spelling included: log readers search for it.
+            logToSdkLogger(__LINE__, Q_FUNC_INFO,
+                           "HWVER size is not qual to 16, please check your config file");
+            return;
+        }
+        text = type == "HWVER" ? hardwareVersionText(value) : softwareDateVersionText(value);
+    } else if (type == "string") {
+        text = trim(std::string(value.begin(), value.end()));
+    } else if (type == "DT") {
+        text = durationText(value);
+    } else if (const size_t width = numericWidth(type); width > 0) {
+        // The catalogue promises offset == width; a shorter one must not read past the bytes.
+        if (value.size() < width) {
+            logToSdkLogger(__LINE__, Q_FUNC_INFO,
+                           type + " size is less than " + std::to_string(width) +
+                               ", please check your config file");
+            return;
+        }
+        text = numericText(type, value, var.scale);
+    } else {
+        std::cout << "var_type not support: " << type << std::endl;
+        return;
+    }
+
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    var.current_val = text;
+}
+
+bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchType) {
+    const VarInfo* var = searchVarPtr(key.toStdString(), searchType.toStdString());
+    if (var == nullptr) {
+        // An unknown variable must not block a write on its own.
+        qDebug().noquote() << "CheckVarIsWithinRange"
+                           << " Can't find this var info for range check. var_info =" << key;
+        return true;
+    }
+    if (var->var_type == "string") return true;
+    if (var->min_val == 0 || var->max_val == 0) return true;
+
+    std::string staged;
+    {
+        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        staged = var->current_val;
+    }
+    float number = 0;
+    try {
+        number = std::stof(staged);
+    } catch (const std::invalid_argument& e) {
+        qDebug().noquote() << "CheckVarIsWithinRange"
+                           << " Invalid argument: " << e.what();
+        return false;
+    } catch (const std::out_of_range& e) {
+        qDebug().noquote() << "CheckVarIsWithinRange"
+                           << " Out of range: " << e.what();
+        return false;
+    }
+    // Truncated toward zero as an int32 would be; compared as a double so that products beyond
+    // the int32 range (or NaN) fail instead of wrapping.
+    const double scaled = std::trunc(static_cast<double>(number * var->range_scale));
+    return scaled >= var->min_val && scaled <= var->max_val;
+}
+
+bool LidarUtilitiesManager::CheckModuleVarsWithinRange(int module) {
+    if (varTree == nullptr || module < 0 || module >= static_cast<int>(varTree->size())) {
+        return true;
+    }
+    // Every variable is checked, so that the user sees all failures at once.
+    bool allWithinRange = true;
+    for (const std::vector<VarInfo*>& page : (*varTree)[module]) {
+        for (const VarInfo* var : page) {
+            if (var->permission == 0) continue;
+            std::string staged;
+            {
+                std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+                staged = var->current_val;
+            }
+            const StagedVerdict verdict = checkStagedText(*var, staged);
+            if (verdict == StagedVerdict::kPass) continue;
+            allWithinRange = false;
+            reportStagedValueRejected(*this, *var, staged, verdict);
+        }
+    }
+    return allWithinRange;
+}
