@@ -1,0 +1,206 @@
+// Connecting the manager to a simulated lidar over loopback: success, the failure messages,
+// local-port binding, access configuration, authorisation, Restart and Reset.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <QFile>
+#include <QSettings>
+#include <QStandardPaths>
+
+#include "e2e_support.h"
+
+using testsupport::ManagerSession;
+using testsupport::SpyTexts;
+using testsupport::StartSimulator;
+using testsupport::UnusedPort;
+
+namespace {
+
+const char* kNetworkFailure = "Connection Failed. Please check your network settings.";
+const char* kLocalPortFailure =
+    "Failed to bind VRC client local port or connection refused. Check the local port is free and "
+    "matches lidar ACL (e.g. 42524).";
+
+QString settingsPath() {
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+           "/ZephyrDataFiles/RecvSettings.ini";
+}
+
+// Holds a listening socket on a loopback port, so that nobody else can bind it.
+class PortHolder {
+public:
+    PortHolder() {
+        fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        listen(fd_, 1);
+        socklen_t size = sizeof addr;
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &size);
+        port_ = ntohs(addr.sin_port);
+    }
+    ~PortHolder() { close(fd_); }
+    uint16_t port() const { return port_; }
+
+private:
+    int fd_ = -1;
+    uint16_t port_ = 0;
+};
+
+}  // namespace
+
+TEST(Connection, ConnectsSavesSettingsAndDisconnects) {
+    QFile::remove(settingsPath());
+    auto lidar = StartSimulator("Egret");
+    ManagerSession s("Egret");
+
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    EXPECT_EQ(s.connectedSignals().count(), 1);
+    EXPECT_TRUE(s.LogHas("Lidar connected|INFO"));
+    EXPECT_EQ(lidar->RequestCount(0x07), 1u) << "one liveness probe";
+    EXPECT_EQ(lidar->RequestCount(0xA0), 1u) << "one authorisation probe";
+
+    QSettings settings(settingsPath(), QSettings::IniFormat);
+    EXPECT_EQ(settings.value("device_ip_address").toString(), "127.0.0.1");
+    EXPECT_EQ(settings.value("vrc_port").toString(), QString::number(lidar->Port()));
+    EXPECT_EQ(settings.value("point_cloud_baudrate").toString(), "3000000");
+    EXPECT_EQ(settings.value("vrc_client_host_port/Egret").toString(), "ANY");
+
+    s.m().Stop();
+    EXPECT_FALSE(s.m().getIsConnected());
+    EXPECT_EQ(s.connectedSignals().count(), 2);
+    EXPECT_TRUE(s.LogHas("Lidar disconnected|INFO"));
+    EXPECT_EQ(s.m().getAuthorizedClient(), nullptr);
+}
+
+TEST(Connection, RefusedPortAndBadPortTextAreReported) {
+    ManagerSession s("Egret");
+    EXPECT_FALSE(s.Connect(UnusedPort()));
+    EXPECT_EQ(s.m().getErrorMessage(), kNetworkFailure);
+    EXPECT_EQ(SpyTexts(s.log()),
+              std::vector<std::string>{"Connection Error: TCP connection failed.|ERROR"});
+    EXPECT_EQ(s.connectedSignals().count(), 0);
+
+    s.ClearSpies();
+    s.m().setPort("abc");
+    ASSERT_TRUE(s.m().ConnectLidar());
+    testsupport::WaitFor([&] { return !s.m().isConnecting(); });
+    s.m().waitForWorkers();
+    EXPECT_EQ(s.m().getErrorMessage(), kNetworkFailure);
+    EXPECT_EQ(SpyTexts(s.log()), std::vector<std::string>{"Connection Error: Unknown|ERROR"});
+    EXPECT_FALSE(s.m().getIsConnected());
+}
+
+TEST(Connection, SilentLidarGivesNoVrcReplyWithLocalPortMessage) {
+    auto lidar = StartSimulator("Tern");
+    sim::Fault silent;
+    silent.kind = sim::Fault::Kind::kNoReply;
+    lidar->SetFault(0x07, silent);
+    lidar->SetFault(0x08, silent);
+    ManagerSession s("Tern");
+    ASSERT_TRUE(s.m().getEnableVrcClientHostPortUi());
+    s.m().setVrcClientHostPort(QString::number(UnusedPort()));
+
+    EXPECT_FALSE(s.Connect(lidar->Port()));
+    EXPECT_TRUE(s.LogHas("Connection Error: Lidar has No VRC reply.|ERROR"));
+    EXPECT_EQ(s.m().getErrorMessage(), kLocalPortFailure);
+    EXPECT_EQ(s.connectedSignals().count(), 0);
+}
+
+TEST(Connection, LocalPortIsBoundOrReportedInUse) {
+    auto lidar = StartSimulator("Tern");
+    ManagerSession s("Tern");
+    const uint16_t local = UnusedPort();
+    s.m().setVrcClientHostPort(QString::number(local));
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    EXPECT_EQ(lidar->LastClientPort(), local);
+    s.m().Stop();
+
+    PortHolder busy;
+    s.ClearSpies();
+    s.m().setVrcClientHostPort(QString::number(busy.port()));
+    EXPECT_FALSE(s.Connect(lidar->Port()));
+    EXPECT_EQ(s.m().getErrorMessage(), kLocalPortFailure);
+    EXPECT_TRUE(s.LogHas("Connection Error: TCP connection failed.|ERROR"));
+
+    s.ClearSpies();
+    s.m().setVrcClientHostPort("abc");
+    EXPECT_FALSE(s.Connect(lidar->Port()));
+    EXPECT_EQ(s.m().getErrorMessage(),
+              "Invalid VRC client port \"abc\": use ANY or a number from 1 to 65535.");
+    EXPECT_EQ(s.log().count(), 0) << "a rejected host/port text is shown, not logged";
+}
+
+TEST(Connection, RestartAndResetSucceedThenStop) {
+    auto lidar = StartSimulator("Egret");
+    ManagerSession s("Egret");
+    EXPECT_EQ(s.m().Restart(), -1) << "not connected";
+    EXPECT_EQ(s.errors().count(), 0);
+
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    EXPECT_EQ(s.m().Restart(), 0);
+    EXPECT_FALSE(s.m().getIsConnected());
+    EXPECT_EQ(lidar->RequestCount(0x10), 1u);
+
+    testsupport::WaitFor([&] { return false; }, 400);  // the simulated reboot
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    EXPECT_EQ(s.m().Reset(), 0);
+    EXPECT_FALSE(s.m().getIsConnected());
+    EXPECT_EQ(lidar->RequestCount(0x25), 1u);
+}
+
+TEST(Connection, RestartFailureNamesTheReturnCode) {
+    auto lidar = StartSimulator("Egret");
+    sim::Fault failing;
+    failing.kind = sim::Fault::Kind::kStatus;
+    failing.status = 5;
+    lidar->SetFault(0x10, failing);
+    ManagerSession s("Egret");
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+
+    EXPECT_EQ(s.m().Restart(), 5);
+    EXPECT_EQ(s.m().getErrorMessage(),
+              "Auto reboot failed, ret_code: 5. Please reboot lidar manually.");
+    EXPECT_TRUE(s.m().getIsConnected());
+
+    s.m().isUpgrading.store(true);
+    s.errors().clear();
+    EXPECT_EQ(s.m().Reset(), -1) << "refused while an upgrade runs";
+    EXPECT_EQ(s.errors().count(), 0);
+    s.m().isUpgrading.store(false);
+}
+
+TEST(Connection, AccessProfileRefusesWithoutTouchingTheWire) {
+    auto lidar = StartSimulator("Tern");
+    ManagerSession s("Tern");
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    u8Array_t reply;
+    // The Tern profile does not allow firmware upgrades (0x83).
+    EXPECT_EQ(s.m().getAuthorizedClient()->QueryCommand({0}, reply, 0x83, false), -5);
+    EXPECT_EQ(lidar->RequestCount(0x83), 0u);
+    EXPECT_EQ(s.m().getAuthorizedClient()->QueryCommand({}, reply, 0x07, false), 0);
+}
+
+TEST(Connection, AuthorisationWithRightAndWrongToken) {
+    {
+        auto lidar = StartSimulator("Tern", "tern-7f3a9c21");
+        ManagerSession s("Tern");
+        ASSERT_TRUE(s.Connect(lidar->Port()));
+        EXPECT_EQ(lidar->RequestCount(0xA1), 1u);
+        EXPECT_EQ(s.m().Restart(), 0) << "writes pass once the token was accepted";
+    }
+    {
+        auto lidar = StartSimulator("Tern", "another-token");
+        ManagerSession s("Tern");
+        ASSERT_TRUE(s.Connect(lidar->Port())) << "reads work without authorisation";
+        EXPECT_EQ(s.m().Restart(), 3);
+        EXPECT_EQ(s.m().getErrorMessage(),
+                  "Auto reboot failed, ret_code: 3. Please reboot lidar manually.");
+        EXPECT_EQ(lidar->RequestCount(0x10), 1u);
+    }
+}
