@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -8,7 +9,7 @@
 // Entries are kept in memory (the most recent 1000) and written, one line each, to the sink:
 // standard error by default, or a file chosen with SetOutputFile.
 class Logger {
-public:
+  public:
     enum Level { kDebug = 1, kInfo = 2, kWarning = 4, kConfigError = 8, kError = 16 };
 
     struct Entry {
@@ -28,9 +29,16 @@ public:
     // "" writes to standard error; "-" discards the lines (entries are still kept in memory).
     void SetOutputFile(const std::string& path);
 
-private:
+    static constexpr size_t kKeptEntries = 1000;
+    static const char* LevelName(int level);
+
+  private:
     Logger() = default;
+    void WriteLine(const Entry& entry);
+
     mutable std::mutex mutex_;
+    // Grows to twice kKeptEntries before the oldest half is dropped, so trimming stays cheap.
     std::vector<Entry> entries_;
     std::string outputPath_;
+    std::ofstream outputFile_;
 };
