@@ -8,9 +8,13 @@
 
 #include "sdk/var_info.h"
 
+namespace csv {
+class CSVReader;
+}
+
 // Reads a lidar model's catalogue (see docs/catalogue-format.md) into a module/page/variable tree.
 class ConfigParser {
-public:
+  public:
     explicit ConfigParser(std::string path);  // remembers the path; parses nothing yet
     ConfigParser(ConfigParser&&) noexcept;
     ConfigParser& operator=(ConfigParser&&) noexcept;
@@ -43,7 +47,19 @@ public:
     // Variables offered in the command/log list.
     std::vector<VarInfo*> logVars;
 
-private:
+  private:
+    struct Candidate;
+    class RowView;
+
+    void Clear();
+    void Report(int level, int line, const std::string& message);
+    void RejectRow(int line, const std::string& reason);
+    std::vector<Candidate> ReadRows(const csv::CSVReader& reader, RowView& view);
+    static Candidate ReadRow(const RowView& view);
+    void ResolveSwitchVars(std::vector<Candidate>& candidates);
+    void BuildCatalogue(std::vector<Candidate>& candidates);
+    void WarnAboutVarType(const VarInfo& var, int line);
+
     std::string configPath_;
     std::vector<std::unique_ptr<VarInfo>> vars_;
     std::unordered_map<std::string, VarInfo*> byName_;

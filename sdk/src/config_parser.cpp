@@ -1,0 +1,512 @@
+#include "sdk/config_parser.h"
+
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <stdexcept>
+#include <unordered_set>
+
+#include "sdk/csv_table.h"
+#include "sdk/logger.h"
+
+namespace {
+
+const char* const kFunction = "ConfigParser::ExtractConfigInfo";
+
+enum Column {
+    // Required.
+    kModule,
+    kPage,
+    kVarId,
+    kVarName,
+    kVarType,
+    kGetCmd,
+    kSetCmd,
+    kGetStartPos,
+    kSetStartPos,
+    kOffset,
+    // Optional.
+    kIndex,
+    kNameSuffix,
+    kGetPayload,
+    kPermission,
+    kScale,
+    kRangeScale,
+    kDefaultVal,
+    kOptions,
+    kValueToOption,
+    kVisible,
+    kType,
+    kHidden,
+    kSwitchVar,
+    kTimerUpdate,
+    kLogList,
+    kMinVal,
+    kMaxVal,
+    kColumnCount
+};
+constexpr int kRequiredColumns = kOffset + 1;
+
+const std::array<const char*, kColumnCount> kColumnNames = {
+    "module",      "page",        "var_id",        "var_name",        "var_type",
+    "get_cmd",     "set_cmd",     "get_start_pos", "set_start_pos",   "offset",
+    "index",       "name_suffix", "get_payload",   "permission",      "scale",
+    "range_scale", "default_val", "options",       "value_to_option", "visible",
+    "type",        "hidden",      "switch_var",    "timer_update",    "log_list",
+    "min_val",     "max_val"};
+
+// Thrown by the field readers; the message names the column and the offending text.
+class RowError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+std::string Quoted(const std::string& text) {
+    return "\"" + text + "\"";
+}
+
+[[noreturn]] void Reject(Column column, const std::string& text, const std::string& problem) {
+    throw RowError(std::string("column \"") + kColumnNames[column] + "\": " + Quoted(text) + " " +
+                   problem);
+}
+
+std::string Trim(const std::string& text) {
+    size_t first = 0;
+    size_t last = text.size();
+    while (first < last && std::isspace(static_cast<unsigned char>(text[first]))) ++first;
+    while (last > first && std::isspace(static_cast<unsigned char>(text[last - 1]))) --last;
+    return text.substr(first, last - first);
+}
+
+// Locale-independent: the Qt application switches the C locale to the user's, which would make
+// strtof stop at the decimal point in some languages.
+template <typename T>
+bool ParseNumber(const std::string& rawText, T& out) {
+    const std::string text = Trim(rawText);
+    const char* begin = text.data();
+    const char* end = text.data() + text.size();
+    if (begin != end && *begin == '+') ++begin;
+    if (begin == end) return false;
+    const auto result = std::from_chars(begin, end, out);
+    return result.ec == std::errc() && result.ptr == end;
+}
+
+bool IsHexDigits(const std::string& digits) {
+    if (digits.empty()) return false;
+    for (char c : digits) {
+        if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+    }
+    return true;
+}
+
+std::string StripHexPrefix(const std::string& text) {
+    if (text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        return text.substr(2);
+    }
+    return text;
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    while (true) {
+        const size_t end = text.find(separator, start);
+        parts.push_back(
+            text.substr(start, end == std::string::npos ? std::string::npos : end - start));
+        if (end == std::string::npos) return parts;
+        start = end + 1;
+    }
+}
+
+int VarTypeWidth(const std::string& varType) {
+    static const std::unordered_map<std::string, int> kWidths = {
+        {"uint8", 1}, {"int8", 1},    {"uint16", 2}, {"int16", 2}, {"uint32", 4},
+        {"int32", 4}, {"float32", 4}, {"uint64", 8}, {"int64", 8}, {"double", 8}};
+    const auto it = kWidths.find(varType);
+    return it == kWidths.end() ? 0 : it->second;
+}
+
+bool IsKnownVarType(const std::string& varType) {
+    static const std::unordered_set<std::string> kOthers = {
+        "IP", "MAC", "HWVER", "SWVER_YMD", "BYTES", "SN", "PN", "string", "raw", "DT"};
+    return VarTypeWidth(varType) > 0 || kOthers.count(varType) > 0;
+}
+
+bool IsAllEmpty(const std::vector<std::string>& fields) {
+    for (const std::string& f : fields) {
+        if (!Trim(f).empty()) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// The header's column positions, resolved once so that rows are read by index.
+class ConfigParser::RowView {
+  public:
+    explicit RowView(const std::vector<std::string>& header) {
+        positions_.fill(-1);
+        for (int c = 0; c < kColumnCount; ++c) {
+            for (size_t i = 0; i < header.size(); ++i) {
+                if (Trim(header[i]) == kColumnNames[c]) {
+                    positions_[c] = static_cast<int>(i);
+                    break;
+                }
+            }
+        }
+    }
+
+    const char* FirstMissingRequired() const {
+        for (int c = 0; c < kRequiredColumns; ++c) {
+            if (positions_[c] < 0) return kColumnNames[c];
+        }
+        return nullptr;
+    }
+
+    void Bind(const std::vector<std::string>* fields) { fields_ = fields; }
+
+    const std::string& Text(Column column) const {
+        static const std::string kEmpty;
+        const int pos = positions_[column];
+        if (pos < 0 || static_cast<size_t>(pos) >= fields_->size()) return kEmpty;
+        return (*fields_)[static_cast<size_t>(pos)];
+    }
+
+    bool IsEmpty(Column column) const { return Trim(Text(column)).empty(); }
+
+    int32_t Int(Column column, int32_t fallback) const {
+        const std::string& text = Text(column);
+        if (Trim(text).empty()) return fallback;
+        int32_t value = 0;
+        if (!ParseNumber(text, value)) Reject(column, text, "is not an integer");
+        return value;
+    }
+
+    int32_t NonNegativeInt(Column column) const {
+        const int32_t value = Int(column, 0);
+        if (value < 0) Reject(column, Text(column), "is negative");
+        return value;
+    }
+
+    float Float(Column column, float fallback) const {
+        const std::string& text = Text(column);
+        if (Trim(text).empty()) return fallback;
+        float value = 0;
+        if (!ParseNumber(text, value)) Reject(column, text, "is not a number");
+        return value;
+    }
+
+    bool Bool(Column column) const {
+        const std::string text = Trim(Text(column));
+        if (text.empty() || text == "0" || text == "false" || text == "FALSE" || text == "False") {
+            return false;
+        }
+        if (text == "1" || text == "true" || text == "TRUE" || text == "True") return true;
+        Reject(column, Text(column), "is not 0, 1, true or false");
+    }
+
+    std::string Command(Column column) const {
+        const std::string text = Trim(Text(column));
+        if (!text.empty() && !IsHexDigits(StripHexPrefix(text))) {
+            Reject(column, Text(column), "is not a hexadecimal command");
+        }
+        return text;
+    }
+
+    std::vector<uint8_t> HexBytes(Column column) const {
+        const std::string digits = StripHexPrefix(Trim(Text(column)));
+        std::vector<uint8_t> bytes;
+        if (IsEmpty(column)) return bytes;
+        if (digits.size() % 2 != 0 || !IsHexDigits(digits)) {
+            Reject(column, Text(column), "is not pairs of hexadecimal digits");
+        }
+        for (size_t i = 0; i < digits.size(); i += 2) {
+            bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+        }
+        return bytes;
+    }
+
+    std::vector<int32_t> IntList(Column column) const {
+        std::vector<int32_t> values;
+        if (IsEmpty(column)) return values;
+        for (const std::string& part : Split(Text(column), '|')) {
+            int32_t value = 0;
+            if (!ParseNumber(part, value)) {
+                Reject(column, Text(column), "is not a \"|\"-separated list of integers");
+            }
+            values.push_back(value);
+        }
+        return values;
+    }
+
+    std::map<int32_t, std::string> ValueTexts(Column column) const {
+        std::map<int32_t, std::string> map;
+        if (IsEmpty(column)) return map;
+        for (const std::string& pair : Split(Text(column), '|')) {
+            const size_t colon = pair.find(':');
+            int32_t value = 0;
+            if (colon == std::string::npos || !ParseNumber(pair.substr(0, colon), value)) {
+                Reject(column, Text(column), "is not a \"|\"-separated list of value:text pairs");
+            }
+            map[value] = Trim(pair.substr(colon + 1));
+        }
+        return map;
+    }
+
+  private:
+    std::array<int, kColumnCount> positions_{};
+    const std::vector<std::string>* fields_ = nullptr;
+};
+
+// A row that passed the per-row checks, waiting for the checks that need the whole file.
+struct ConfigParser::Candidate {
+    std::unique_ptr<VarInfo> var;
+    int line = 0;
+    std::string module;
+    std::string page;
+    std::string switchVarId;
+    bool hasIndex = false;
+    bool rejected = false;
+};
+
+ConfigParser::ConfigParser(std::string path) : configPath_(std::move(path)) {}
+ConfigParser::ConfigParser(ConfigParser&&) noexcept = default;
+ConfigParser& ConfigParser::operator=(ConfigParser&&) noexcept = default;
+ConfigParser::~ConfigParser() = default;
+
+void ConfigParser::Clear() {
+    moduleNames.clear();
+    varTree.clear();
+    logVars.clear();
+    vars_.clear();
+    byName_.clear();
+    byId_.clear();
+    bySetCmd_.clear();
+    rejectedRows_ = 0;
+}
+
+void ConfigParser::Report(int level, int line, const std::string& message) {
+    Logger::GetInstance().AddToQueue(level, configPath_, line, kFunction, message);
+}
+
+void ConfigParser::RejectRow(int line, const std::string& reason) {
+    ++rejectedRows_;
+    Report(Logger::kConfigError, line, reason + "; the row is skipped");
+}
+
+bool ConfigParser::ExtractConfigInfo() {
+    Clear();
+    std::unique_ptr<csv::CSVReader> reader;
+    try {
+        reader = std::make_unique<csv::CSVReader>(configPath_);
+    } catch (const std::exception& e) {
+        Report(Logger::kConfigError, 0, std::string("cannot read the catalogue: ") + e.what());
+        return false;
+    }
+
+    RowView view(reader->GetColNames());
+    if (const char* missing = view.FirstMissingRequired()) {
+        for (const csv::CSVRow& row : *reader) {
+            if (IsAllEmpty(row.Fields())) continue;
+            RejectRow(row.LineNumber(),
+                      std::string("the header has no required column \"") + missing + "\"");
+        }
+        return true;
+    }
+
+    std::vector<Candidate> candidates = ReadRows(*reader, view);
+    ResolveSwitchVars(candidates);
+    BuildCatalogue(candidates);
+    return true;
+}
+
+std::vector<ConfigParser::Candidate> ConfigParser::ReadRows(const csv::CSVReader& reader,
+                                                            RowView& view) {
+    std::vector<Candidate> candidates;
+    candidates.reserve(reader.Rows().size());
+    std::unordered_map<std::string, int> lineOfVarId;
+    lineOfVarId.reserve(reader.Rows().size());
+    for (const csv::CSVRow& row : reader) {
+        if (IsAllEmpty(row.Fields())) continue;  // spreadsheet filler such as ",,,,"
+        view.Bind(&row.Fields());
+        try {
+            Candidate candidate = ReadRow(view);
+            candidate.line = row.LineNumber();
+            const auto [it, inserted] = lineOfVarId.emplace(candidate.var->var_id, candidate.line);
+            if (!inserted) {
+                Reject(kVarId, candidate.var->var_id,
+                       "repeats the var_id of line " + std::to_string(it->second));
+            }
+            candidates.push_back(std::move(candidate));
+        } catch (const RowError& e) {
+            RejectRow(row.LineNumber(), e.what());
+        }
+    }
+    return candidates;
+}
+
+ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
+    Candidate c;
+    c.var = std::make_unique<VarInfo>();
+    VarInfo& v = *c.var;
+    for (Column required : {kModule, kPage, kVarId, kVarName}) {
+        if (view.IsEmpty(required)) {
+            throw RowError(std::string("column \"") + kColumnNames[required] + "\" is empty");
+        }
+    }
+    c.module = view.Text(kModule);
+    c.page = view.Text(kPage);
+    v.var_id = Trim(view.Text(kVarId));
+    v.var_name = view.Text(kVarName);
+    v.var_type = Trim(view.Text(kVarType));
+    v.get_cmd = view.Command(kGetCmd);
+    v.set_cmd = view.Command(kSetCmd);
+    v.get_start_pos = view.NonNegativeInt(kGetStartPos);
+    v.set_start_pos = view.NonNegativeInt(kSetStartPos);
+    v.offset = view.NonNegativeInt(kOffset);
+    c.hasIndex = !view.IsEmpty(kIndex);
+    v.index = view.Int(kIndex, 0);
+    v.name_suffix = view.Text(kNameSuffix);
+    v.get_payload = view.HexBytes(kGetPayload);
+    v.get_payload_text = Trim(view.Text(kGetPayload));
+    v.permission = view.Int(kPermission, 0);
+    v.scale = view.Float(kScale, 1.0f);
+    v.range_scale = view.Float(kRangeScale, 1.0f);
+    v.default_val = view.Text(kDefaultVal);
+    v.options = view.IntList(kOptions);
+    v.option_num = static_cast<int32_t>(v.options.size());
+    v.value_to_option = view.ValueTexts(kValueToOption);
+    v.visible = view.Int(kVisible, 1);
+    v.type = view.Int(kType, 0);
+    v.hidden = view.Bool(kHidden);
+    c.switchVarId = Trim(view.Text(kSwitchVar));
+    v.timer_update = view.Bool(kTimerUpdate);
+    v.log_list = view.Bool(kLogList);
+    v.min_val = view.Int(kMinVal, 0);
+    v.max_val = view.Int(kMaxVal, 0);
+
+    // The reply decoder reads a fixed-width number's bytes without a length check.
+    const int width = VarTypeWidth(v.var_type);
+    if (width > 0 && v.offset != 0 && v.offset != width) {
+        Reject(
+            kOffset, view.Text(kOffset),
+            "does not match var_type \"" + v.var_type + "\" (" + std::to_string(width) + " bytes)");
+    }
+    return c;
+}
+
+void ConfigParser::ResolveSwitchVars(std::vector<Candidate>& candidates) {
+    std::unordered_map<std::string, Candidate*> byId;
+    byId.reserve(candidates.size());
+    for (Candidate& c : candidates) byId.emplace(c.var->var_id, &c);
+
+    // Rejecting a row can orphan a row that names it, so repeat until nothing changes.
+    bool changed = true;
+    while (changed) {
+        changed = false;
+        for (Candidate& c : candidates) {
+            if (c.rejected || c.switchVarId.empty()) continue;
+            const auto it = byId.find(c.switchVarId);
+            if (it != byId.end() && !it->second->rejected) {
+                c.var->switch_var = it->second->var.get();
+                continue;
+            }
+            c.rejected = true;
+            changed = true;
+            RejectRow(c.line, std::string("column \"switch_var\": ") + Quoted(c.switchVarId) +
+                                  " names no variable of this file");
+        }
+    }
+}
+
+void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
+    std::unordered_map<std::string, size_t> moduleIndex;
+    std::vector<std::unordered_map<std::string, size_t>> pageIndex;
+    std::vector<int32_t> varsInModule;
+    std::unordered_map<std::string, int32_t> setPayloadEnd;
+    std::unordered_set<std::string> nonContiguousSetCmds;
+    vars_.reserve(candidates.size());
+    byName_.reserve(candidates.size());
+    byId_.reserve(candidates.size());
+
+    for (Candidate& c : candidates) {
+        if (c.rejected) continue;
+        VarInfo* var = c.var.get();
+        WarnAboutVarType(*var, c.line);
+
+        const auto [mod, newModule] = moduleIndex.emplace(c.module, moduleNames.size());
+        if (newModule) {
+            moduleNames.push_back({c.module});
+            varTree.emplace_back();
+            pageIndex.emplace_back();
+            varsInModule.push_back(0);
+        }
+        const size_t m = mod->second;
+        const auto [pg, newPage] = pageIndex[m].emplace(c.page, varTree[m].size());
+        if (newPage) {
+            moduleNames[m].push_back(c.page);
+            varTree[m].emplace_back();
+        }
+        varTree[m][pg->second].push_back(var);
+        if (!c.hasIndex) var->index = varsInModule[m];
+        ++varsInModule[m];
+
+        byName_.emplace(var->var_name, var);
+        byId_.emplace(var->var_id, var);
+        if (var->log_list) logVars.push_back(var);
+        if (!var->set_cmd.empty()) {
+            bySetCmd_[var->set_cmd].push_back(var);
+            int32_t& expected = setPayloadEnd[var->set_cmd];
+            if (var->set_start_pos != expected &&
+                nonContiguousSetCmds.insert(var->set_cmd).second) {
+                Report(Logger::kWarning, c.line,
+                       "variables of set_cmd " + Quoted(var->set_cmd) +
+                           " are not contiguous in catalogue order: set_start_pos of " +
+                           Quoted(var->var_id) + " is " + std::to_string(var->set_start_pos) +
+                           ", the offsets before it add up to " + std::to_string(expected));
+            }
+            expected += var->offset;
+        }
+        vars_.push_back(std::move(c.var));
+    }
+}
+
+void ConfigParser::WarnAboutVarType(const VarInfo& var, int line) {
+    if (!IsKnownVarType(var.var_type)) {
+        Report(Logger::kWarning, line,
+               "column \"var_type\": " + Quoted(var.var_type) + " is not a known type; " +
+                   Quoted(var.var_id) + " will not be decoded");
+    } else if ((var.var_type == "HWVER" || var.var_type == "SWVER_YMD") && var.offset != 16) {
+        Report(Logger::kWarning, line,
+               "column \"offset\": " + var.var_type + " values are 16 bytes, " +
+                   Quoted(var.var_id) + " has " + std::to_string(var.offset));
+    }
+}
+
+VarInfo* ConfigParser::GetVarInfoByName(const std::string& name) const {
+    const auto it = byName_.find(name);
+    return it == byName_.end() ? nullptr : it->second;
+}
+
+VarInfo* ConfigParser::GetVarInfoByVarID(const std::string& varId) const {
+    const auto it = byId_.find(varId);
+    return it == byId_.end() ? nullptr : it->second;
+}
+
+bool ConfigParser::GetVarPosOffset(const std::string& get_cmd, const std::string& var_id,
+                                   int replySize, std::pair<int, int>& out) const {
+    const VarInfo* var = GetVarInfoByVarID(var_id);
+    if (var == nullptr || var->get_cmd != get_cmd || var->offset < 1) return false;
+    if (replySize >= 0 &&
+        static_cast<int64_t>(var->get_start_pos) + var->offset > static_cast<int64_t>(replySize)) {
+        return false;
+    }
+    out = {var->get_start_pos, var->offset};
+    return true;
+}
+
+const std::vector<VarInfo*>& ConfigParser::GetVarInfosBySetCmd(const std::string& set_cmd) const {
+    static const std::vector<VarInfo*> kNone;
+    const auto it = bySetCmd_.find(set_cmd);
+    return it == bySetCmd_.end() ? kNone : it->second;
+}
