@@ -1,2 +1,164 @@
+// lidar-sim: runs the simulated lidar until SIGINT or SIGTERM, then prints its request counters.
+
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "sim/lidar_simulator.h"
-int main() { return 0; }
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+const char* const kUsage =
+    "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
+    "                 [--fault CMD:SPEC]... [--restart-downtime MS]\n"
+    "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
+    "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
+    "  --port N               TCP port, 0 picks a free one (default 0)\n"
+    "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
+    "  --token T              require authorisation (0xA1) with this token for writes\n"
+    "  --fault CMD:SPEC       CMD in hex (0x07); SPEC one of no-reply, delay=MS,\n"
+    "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N\n"
+    "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n";
+
+struct UsageError {
+    std::string message;
+};
+
+struct Arguments {
+    sim::LidarSimulator::Options options;
+    std::vector<std::pair<uint8_t, sim::Fault>> faults;
+};
+
+bool ParseNumber(const std::string& text, unsigned long max, int base, unsigned long& out) {
+    if (text.empty() || text[0] == '-' || text[0] == '+') return false;
+    char* end = nullptr;
+    out = std::strtoul(text.c_str(), &end, base);
+    return end == text.c_str() + text.size() && out <= max;
+}
+
+// "0x22:delay=500" or "22:status=4": the command is always hexadecimal, as everywhere else.
+std::pair<uint8_t, sim::Fault> ParseFaultArgument(const std::string& text) {
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos) throw UsageError{"--fault needs CMD:SPEC, got " + text};
+    std::string command = text.substr(0, colon);
+    if (command.size() > 2 && command[0] == '0' && (command[1] == 'x' || command[1] == 'X')) {
+        command.erase(0, 2);
+    }
+    unsigned long code = 0;
+    if (command.empty() || command.size() > 2 || !ParseNumber(command, 0xFF, 16, code)) {
+        throw UsageError{"--fault: bad command code in " + text};
+    }
+    sim::Fault fault;
+    if (!sim::Fault::Parse(text.substr(colon + 1), fault)) {
+        throw UsageError{"--fault: unknown fault mode in " + text};
+    }
+    return {static_cast<uint8_t>(code), fault};
+}
+
+Arguments ParseArguments(int argc, char** argv) {
+    Arguments args;
+    args.options.restartDowntimeMs = 1500;
+    for (int i = 1; i < argc; ++i) {
+        std::string name = argv[i];
+        std::string value;
+        bool inlineValue = false;
+        const size_t equals = name.find('=');
+        if (name.rfind("--", 0) == 0 && equals != std::string::npos) {
+            value = name.substr(equals + 1);
+            name.erase(equals);
+            inlineValue = true;
+        }
+        auto next = [&]() -> std::string {
+            if (inlineValue) return value;
+            if (i + 1 >= argc) throw UsageError{name + " needs a value"};
+            return argv[++i];
+        };
+        unsigned long number = 0;
+        if (name == "--model") {
+            args.options.model = next();
+        } else if (name == "--config-dir") {
+            args.options.configDir = next();
+        } else if (name == "--bind") {
+            args.options.bindAddress = next();
+        } else if (name == "--token") {
+            args.options.requiredToken = next();
+        } else if (name == "--port") {
+            const std::string text = next();
+            if (!ParseNumber(text, 65535, 10, number)) throw UsageError{"bad --port " + text};
+            args.options.port = static_cast<uint16_t>(number);
+        } else if (name == "--restart-downtime") {
+            const std::string text = next();
+            if (!ParseNumber(text, 3600000, 10, number)) {
+                throw UsageError{"bad --restart-downtime " + text};
+            }
+            args.options.restartDowntimeMs = static_cast<int>(number);
+        } else if (name == "--fault") {
+            args.faults.push_back(ParseFaultArgument(next()));
+        } else {
+            throw UsageError{"unknown argument " + name};
+        }
+    }
+    if (args.options.model.empty()) throw UsageError{"--model is required"};
+    return args;
+}
+
+std::string CountersLine(const std::map<uint8_t, uint64_t>& counts) {
+    std::string line = "requests:";
+    char code[8];
+    for (const auto& [command, count] : counts) {
+        std::snprintf(code, sizeof code, "0x%02X", command);
+        line += std::string(" ") + code + "=" + std::to_string(count);
+    }
+    if (counts.empty()) line += " none";
+    return line;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {
+            std::cout << kUsage;
+            return 0;
+        }
+    }
+    Arguments args;
+    try {
+        args = ParseArguments(argc, argv);
+    } catch (const UsageError& e) {
+        std::cerr << "lidar-sim: " << e.message << "\n" << kUsage;
+        return kUsageError;
+    }
+
+    // Block the stop signals before any thread exists, so that only sigwait below sees them.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    sim::LidarSimulator simulator(args.options);
+    for (const auto& [command, fault] : args.faults) simulator.SetFault(command, fault);
+    std::string error;
+    if (!simulator.Start(&error)) {
+        std::cerr << "lidar-sim: " << error << "\n";
+        return 1;
+    }
+    std::cout << "listening on " << args.options.bindAddress << ":" << simulator.Port()
+              << std::endl;
+
+    int received = 0;
+    sigwait(&stopSignals, &received);
+    simulator.Stop();
+    std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
+    return 0;
+}

@@ -1,0 +1,354 @@
+#include "device.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+#include "sdk/config_parser.h"
+
+namespace sim::detail {
+namespace {
+
+namespace vrc = lidar::vrc;
+
+constexpr uint8_t kRestart = 0x10;
+constexpr uint8_t kSetDestination = 0x20;
+constexpr uint8_t kSetNetwork = 0x21;
+constexpr uint8_t kSetFov = 0x22;
+constexpr uint8_t kReset = 0x25;
+constexpr uint8_t kConfigFile = 0x74;
+constexpr uint8_t kReadLog = 0x75;
+constexpr uint8_t kAuthProbe = 0xA0;
+constexpr uint8_t kAuthorise = 0xA1;
+constexpr uint8_t kFirmwareUpgrade = 0x83;
+constexpr uint8_t kGetBaudRate = 0xB0;
+constexpr uint8_t kSetBaudRate = 0xB1;
+constexpr uint8_t kSerialFirmwareUpgrade = 0xB7;
+constexpr uint8_t kComponentUpgrade = 0xC3;
+
+constexpr uint32_t kDefaultBaudRate = 3000000;
+constexpr uint16_t kFullCircleTenths = 3600;
+
+bool IsRegularFile(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// Monitor_<version>_<number>.csv files beside a model's catalogue, in name order.
+std::vector<std::string> MonitorVariantPaths(const std::string& folder) {
+    std::vector<std::string> paths;
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) return paths;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name.rfind("Monitor_", 0) == 0 && name.size() > 4 &&
+            name.compare(name.size() - 4, 4, ".csv") == 0) {
+            paths.push_back(folder + "/" + name);
+        }
+    }
+    ::closedir(dir);
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+std::vector<const VarInfo*> VariablesOf(const ConfigParser& parser) {
+    std::vector<const VarInfo*> vars;
+    for (const auto& var : parser.AllVars()) {
+        if (var) vars.push_back(var.get());
+    }
+    return vars;
+}
+
+Bytes BigEndian32(uint32_t value) {
+    return {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
+            static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+}
+
+Reply Status(uint8_t status) {
+    Reply reply;
+    reply.status = status;
+    return reply;
+}
+
+Reply Payload(Bytes payload) {
+    Reply reply;
+    reply.payload = std::move(payload);
+    return reply;
+}
+
+Reply TextReply(const std::string& text) {
+    return Payload(Bytes(text.begin(), text.end()));
+}
+
+Bytes Slice(const Bytes& bytes, size_t start, size_t length) {
+    if (bytes.size() < start + length) return Bytes(length, 0);
+    return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(start),
+                 bytes.begin() + static_cast<std::ptrdiff_t>(start + length));
+}
+
+uint32_t ReadBigEndian(const Bytes& bytes, size_t start, size_t length) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < length && start + i < bytes.size(); ++i) {
+        value = (value << 8) | bytes[start + i];
+    }
+    return value;
+}
+
+std::string DottedAddress(const Bytes& block, size_t start) {
+    const Bytes b = Slice(block, start, 4);
+    return std::to_string(b[0]) + "." + std::to_string(b[1]) + "." + std::to_string(b[2]) + "." +
+           std::to_string(b[3]);
+}
+
+std::string HexText(const Bytes& bytes) {
+    std::string text;
+    char pair[3];
+    for (uint8_t b : bytes) {
+        std::snprintf(pair, sizeof pair, "%02x", b);
+        text += pair;
+    }
+    return text;
+}
+
+// 0x22's request: mode, region count n, then exactly n pairs of angles in tenths of a degree.
+bool FovRequestValid(const Bytes& payload) {
+    if (payload.size() < 2) return false;
+    const size_t regions = payload[1];
+    if (payload.size() != 2 + 4 * regions) return false;
+    for (size_t i = 2; i < payload.size(); i += 2) {
+        if (ReadBigEndian(payload, i, 2) > kFullCircleTenths) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool Device::Load(const std::string& model, const std::string& configDir, std::string* error) {
+    auto fail = [error](const std::string& why) {
+        if (error) *error = why;
+        return false;
+    };
+    if (model.empty()) return fail("no model given");
+    const std::string inFolder = configDir + "/varID/" + model + "/" + model + ".csv";
+    const std::string inRoot = configDir + "/varID/" + model + ".csv";
+    const std::string path =
+        IsRegularFile(inFolder) ? inFolder : (IsRegularFile(inRoot) ? inRoot : "");
+    if (path.empty()) {
+        return fail("no catalogue for model " + model + " (looked for " + inFolder + " and " +
+                    inRoot + ")");
+    }
+    ConfigParser parser(path);
+    if (!parser.ExtractConfigInfo()) return fail("cannot read catalogue " + path);
+    model_ = model;
+    cataloguePath_ = path;
+    // Monitor variants may read blocks the catalogue does not mention; they are served too.
+    std::vector<ConfigParser> variants;
+    std::vector<const VarInfo*> variantVars;
+    if (path == inFolder) {
+        for (const std::string& variantPath : MonitorVariantPaths(configDir + "/varID/" + model)) {
+            variants.emplace_back(variantPath);
+            if (!variants.back().ExtractConfigInfo()) continue;
+            const std::vector<const VarInfo*> vars = VariablesOf(variants.back());
+            variantVars.insert(variantVars.end(), vars.begin(), vars.end());
+        }
+    }
+    blocks_.Build(VariablesOf(parser), variantVars, model);
+    if (ReachedOverSerialLine()) {
+        blocks_.EnsureBlock(kGetBaudRate, {}, BigEndian32(kDefaultBaudRate));
+    }
+    return true;
+}
+
+bool Device::ReachedOverSerialLine() const {
+    return model_ == "Wren-VRC" || model_ == "Heron-VRC";
+}
+
+bool Device::IsRead(uint8_t command, const Bytes& payload) const {
+    switch (command) {
+        case kDeviceInfoCommand:
+        case kNetworkCommand:
+        case kGetFovCommand:
+        case kConfigFile:
+        case kReadLog:
+        case kAuthProbe:
+        case kAuthorise:
+            return true;
+        default:
+            return blocks_.HasBlock(command, payload);
+    }
+}
+
+Reply Device::Handle(const vrc::Frame& request, Session& session) {
+    const uint8_t command = request.command;
+    const Bytes& payload = request.payload;
+    if (!requiredToken_.empty() && !session.authorised && !IsRead(command, payload)) {
+        return Status(vrc::kStatusNotPermitted);
+    }
+    switch (command) {
+        case kDeviceInfoCommand:
+        case kNetworkCommand:
+        case kGetFovCommand:
+            return ServeFixedBlock(command, payload);
+        case kRestart:
+            return Reboot(false);
+        case kReset:
+            return Reboot(true);
+        case kSetDestination:
+            return SetDestination(payload);
+        case kSetNetwork:
+            return SetNetwork(payload);
+        case kSetFov:
+            return SetFieldOfView(payload);
+        case kConfigFile:
+            return ConfigurationFile();
+        case kReadLog:
+            return ReadLog(payload);
+        case kAuthProbe:
+            return ProbeAuthorisation(session);
+        case kAuthorise:
+            return Authorise(payload, session);
+        case kGetBaudRate:
+            return ReachedOverSerialLine() ? GetBaudRate() : Status(vrc::kStatusUnknownCommand);
+        case kSetBaudRate:
+            return ReachedOverSerialLine() ? SetBaudRate(payload)
+                                           : Status(vrc::kStatusUnknownCommand);
+        case kFirmwareUpgrade:
+            return Upgrade(payload, 0, session);
+        case kSerialFirmwareUpgrade:
+        case kComponentUpgrade:
+            // The begin phase carries the upgrade mode or the component type after the phase.
+            return ReachedOverSerialLine() ? Upgrade(payload, 1, session)
+                                           : Status(vrc::kStatusUnknownCommand);
+        default:
+            return CatalogueCommand(command, payload);
+    }
+}
+
+// These blocks always exist; a request payload the catalogue does not key falls back to the
+// plain block, as the protocol defines these commands with an empty request.
+Reply Device::ServeFixedBlock(uint8_t command, const Bytes& payload) {
+    Reply reply;
+    if (!blocks_.Serve(command, payload, reply.payload)) {
+        blocks_.Serve(command, {}, reply.payload);
+    }
+    return reply;
+}
+
+Reply Device::Reboot(bool restoreDefaults) {
+    if (restoreDefaults) blocks_.RestoreDefaults();
+    Reply reply;
+    reply.after = Reply::After::kReboot;
+    return reply;
+}
+
+Reply Device::SetDestination(const Bytes& payload) {
+    if (payload.size() < 8) return Status(vrc::kStatusBadPayload);
+    // address, destination port, auxiliary port: the same order as bytes 12-19 of 0x08.
+    blocks_.Write(kNetworkCommand, {}, 12, Slice(payload, 0, 8));
+    return Reply{};
+}
+
+Reply Device::SetNetwork(const Bytes& payload) {
+    if (payload.size() < 15) return Status(vrc::kStatusBadPayload);
+    blocks_.Write(kNetworkCommand, {}, 0, Slice(payload, 0, 12));   // address, netmask, gateway
+    blocks_.Write(kNetworkCommand, {}, 20, Slice(payload, 12, 3));  // VLAN flag and id
+    Reply reply;
+    reply.send = false;  // the device applies the new address and drops the connection
+    reply.after = Reply::After::kCloseConnection;
+    return reply;
+}
+
+Reply Device::SetFieldOfView(const Bytes& payload) {
+    if (!FovRequestValid(payload)) return Status(vrc::kStatusBadPayload);
+    blocks_.Replace(kGetFovCommand, {}, payload);
+    return Reply{};
+}
+
+Reply Device::ConfigurationFile() const {
+    const Bytes network = blocks_.Peek(kNetworkCommand, {});
+    std::ostringstream text;
+    text << "# simulated " << model_ << " configuration\n"
+         << "model=" << model_ << "\n"
+         << "catalogue=" << cataloguePath_ << "\n"
+         << "address=" << DottedAddress(network, 0) << "\n"
+         << "netmask=" << DottedAddress(network, 4) << "\n"
+         << "gateway=" << DottedAddress(network, 8) << "\n"
+         << "destination=" << DottedAddress(network, 12) << ":" << ReadBigEndian(network, 16, 2)
+         << "\n";
+    return TextReply(text.str());
+}
+
+// A log the catalogue describes (0x75 with its payload) is served from its block; any other
+// request gets a generated text that differs per log number and selected part.
+Reply Device::ReadLog(const Bytes& payload) {
+    Reply reply;
+    if (blocks_.Serve(kReadLog, payload, reply.payload)) return reply;
+    const int number = payload.empty() ? 0 : payload[0];
+    const Bytes selector = payload.size() > 1 ? Bytes(payload.begin() + 1, payload.end()) : Bytes{};
+    std::ostringstream text;
+    if (number == 0) {
+        text << model_ << " device log\n"
+             << "[0.000] boot: firmware started\n"
+             << "[0.120] net: link up\n"
+             << "[0.300] scan: motor at speed\n";
+    } else {
+        text << model_ << " log " << number << "\n"
+             << "[0.050] op: settings loaded\n"
+             << "[1.000] op: idle\n";
+    }
+    if (!selector.empty()) text << "part " << HexText(selector) << "\n";
+    return TextReply(text.str());
+}
+
+Reply Device::ProbeAuthorisation(const Session& session) const {
+    const bool required = !requiredToken_.empty() && !session.authorised;
+    return Payload({static_cast<uint8_t>(required ? 1 : 0)});
+}
+
+Reply Device::Authorise(const Bytes& payload, Session& session) const {
+    std::string token(payload.begin(), payload.end());
+    while (!token.empty() && token.back() == '\0') token.pop_back();
+    if (!requiredToken_.empty() && token != requiredToken_) {
+        return Status(vrc::kStatusNotPermitted);
+    }
+    session.authorised = true;
+    return Reply{};
+}
+
+Reply Device::GetBaudRate() {
+    Reply reply;
+    blocks_.Serve(kGetBaudRate, {}, reply.payload);
+    return reply;
+}
+
+// The rate lives in the 0xB0 block, where the catalogue's baud-rate variable reads it.
+Reply Device::SetBaudRate(const Bytes& payload) {
+    if (payload.size() != 4 || ReadBigEndian(payload, 0, 4) == 0) {
+        return Status(vrc::kStatusBadPayload);
+    }
+    blocks_.Write(kGetBaudRate, {}, 0, payload);
+    return Reply{};
+}
+
+Reply Device::Upgrade(const Bytes& payload, size_t beginExtraBytes, Session& session) {
+    return Status(session.upgrade.Handle(payload, beginExtraBytes));
+}
+
+Reply Device::CatalogueCommand(uint8_t command, const Bytes& payload) {
+    Reply reply;
+    if (blocks_.Serve(command, payload, reply.payload)) return reply;
+    switch (blocks_.ApplySet(command, payload)) {
+        case BlockStore::SetResult::kApplied:
+            return Reply{};
+        case BlockStore::SetResult::kPayloadTooShort:
+            return Status(vrc::kStatusBadPayload);
+        case BlockStore::SetResult::kNotASetCommand:
+            break;
+    }
+    return Status(vrc::kStatusUnknownCommand);
+}
+
+}  // namespace sim::detail

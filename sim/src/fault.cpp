@@ -1,0 +1,58 @@
+#include <cctype>
+#include <string>
+
+#include "sim/lidar_simulator.h"
+
+namespace sim {
+namespace {
+
+// Digits only, no sign, at most `max`.
+bool ParseCount(const std::string& text, long max, long& out) {
+    if (text.empty() || text.size() > 9) return false;
+    for (char c : text) {
+        if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+    }
+    out = std::stol(text);
+    return out <= max;
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+bool Fault::Parse(const std::string& text, Fault& out) {
+    static const struct {
+        const char* name;
+        Kind kind;
+    } kPlain[] = {{"no-reply", Kind::kNoReply},
+                  {"close-mid-reply", Kind::kCloseMidReply},
+                  {"bad-magic", Kind::kBadMagic},
+                  {"oversized-length", Kind::kOversizedLength},
+                  {"wrong-echo", Kind::kWrongEcho}};
+    for (const auto& plain : kPlain) {
+        if (text == plain.name) {
+            out = Fault{};
+            out.kind = plain.kind;
+            return true;
+        }
+    }
+    long number = 0;
+    constexpr long kMaxDelayMs = 10 * 60 * 1000;
+    if (StartsWith(text, "delay=") && ParseCount(text.substr(6), kMaxDelayMs, number)) {
+        out = Fault{};
+        out.kind = Kind::kDelay;
+        out.delayMs = static_cast<int>(number);
+        return true;
+    }
+    if (StartsWith(text, "status=") && ParseCount(text.substr(7), 255, number)) {
+        out = Fault{};
+        out.kind = Kind::kStatus;
+        out.status = static_cast<uint8_t>(number);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace sim
