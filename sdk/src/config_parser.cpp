@@ -4,6 +4,7 @@
 #include <cctype>
 #include <charconv>
 #include <stdexcept>
+#include <string_view>
 #include <unordered_set>
 
 #include "sdk/csv_table.h"
@@ -70,19 +71,21 @@ std::string Quoted(const std::string& text) {
                    problem);
 }
 
-std::string Trim(const std::string& text) {
-    size_t first = 0;
-    size_t last = text.size();
-    while (first < last && std::isspace(static_cast<unsigned char>(text[first]))) ++first;
-    while (last > first && std::isspace(static_cast<unsigned char>(text[last - 1]))) --last;
-    return text.substr(first, last - first);
+bool IsSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+}
+
+std::string_view Trim(std::string_view text) {
+    while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
+    while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
+    return text;
 }
 
 // Locale-independent: the Qt application switches the C locale to the user's, which would make
 // strtof stop at the decimal point in some languages.
 template <typename T>
-bool ParseNumber(const std::string& rawText, T& out) {
-    const std::string text = Trim(rawText);
+bool ParseNumber(std::string_view rawText, T& out) {
+    const std::string_view text = Trim(rawText);
     const char* begin = text.data();
     const char* end = text.data() + text.size();
     if (begin != end && *begin == '+') ++begin;
@@ -91,7 +94,7 @@ bool ParseNumber(const std::string& rawText, T& out) {
     return result.ec == std::errc() && result.ptr == end;
 }
 
-bool IsHexDigits(const std::string& digits) {
+bool IsHexDigits(std::string_view digits) {
     if (digits.empty()) return false;
     for (char c : digits) {
         if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
@@ -99,11 +102,20 @@ bool IsHexDigits(const std::string& digits) {
     return true;
 }
 
-std::string StripHexPrefix(const std::string& text) {
+std::string_view StripHexPrefix(std::string_view text) {
     if (text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
         return text.substr(2);
     }
     return text;
+}
+
+uint8_t HexPairValue(char high, char low) {
+    const auto nibble = [](char c) {
+        return static_cast<uint8_t>(std::isdigit(static_cast<unsigned char>(c))
+                                        ? c - '0'
+                                        : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10);
+    };
+    return static_cast<uint8_t>(nibble(high) << 4 | nibble(low));
 }
 
 std::vector<std::string> Split(const std::string& text, char separator) {
@@ -197,7 +209,7 @@ class ConfigParser::RowView {
     }
 
     bool Bool(Column column) const {
-        const std::string text = Trim(Text(column));
+        const std::string_view text = Trim(Text(column));
         if (text.empty() || text == "0" || text == "false" || text == "FALSE" || text == "False") {
             return false;
         }
@@ -206,22 +218,22 @@ class ConfigParser::RowView {
     }
 
     std::string Command(Column column) const {
-        const std::string text = Trim(Text(column));
+        const std::string_view text = Trim(Text(column));
         if (!text.empty() && !IsHexDigits(StripHexPrefix(text))) {
             Reject(column, Text(column), "is not a hexadecimal command");
         }
-        return text;
+        return std::string(text);
     }
 
     std::vector<uint8_t> HexBytes(Column column) const {
-        const std::string digits = StripHexPrefix(Trim(Text(column)));
+        const std::string_view digits = StripHexPrefix(Trim(Text(column)));
         std::vector<uint8_t> bytes;
         if (IsEmpty(column)) return bytes;
         if (digits.size() % 2 != 0 || !IsHexDigits(digits)) {
             Reject(column, Text(column), "is not pairs of hexadecimal digits");
         }
         for (size_t i = 0; i < digits.size(); i += 2) {
-            bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+            bytes.push_back(HexPairValue(digits[i], digits[i + 1]));
         }
         return bytes;
     }
@@ -248,7 +260,7 @@ class ConfigParser::RowView {
             if (colon == std::string::npos || !ParseNumber(pair.substr(0, colon), value)) {
                 Reject(column, Text(column), "is not a \"|\"-separated list of value:text pairs");
             }
-            map[value] = Trim(pair.substr(colon + 1));
+            map[value] = std::string(Trim(std::string_view(pair).substr(colon + 1)));
         }
         return map;
     }
@@ -314,28 +326,30 @@ bool ConfigParser::ExtractConfigInfo() {
         return true;
     }
 
-    std::vector<Candidate> candidates = ReadRows(*reader, view);
-    ResolveSwitchVars(candidates);
+    std::unordered_map<std::string, size_t> candidateById;
+    std::vector<Candidate> candidates = ReadRows(*reader, view, candidateById);
+    ResolveSwitchVars(candidates, candidateById);
     BuildCatalogue(candidates);
     return true;
 }
 
-std::vector<ConfigParser::Candidate> ConfigParser::ReadRows(const csv::CSVReader& reader,
-                                                            RowView& view) {
+std::vector<ConfigParser::Candidate> ConfigParser::ReadRows(
+    const csv::CSVReader& reader, RowView& view,
+    std::unordered_map<std::string, size_t>& candidateById) {
     std::vector<Candidate> candidates;
     candidates.reserve(reader.Rows().size());
-    std::unordered_map<std::string, int> lineOfVarId;
-    lineOfVarId.reserve(reader.Rows().size());
+    candidateById.reserve(reader.Rows().size());
     for (const csv::CSVRow& row : reader) {
         if (IsAllEmpty(row.Fields())) continue;  // spreadsheet filler such as ",,,,"
         view.Bind(&row.Fields());
         try {
             Candidate candidate = ReadRow(view);
             candidate.line = row.LineNumber();
-            const auto [it, inserted] = lineOfVarId.emplace(candidate.var->var_id, candidate.line);
+            const auto [it, inserted] =
+                candidateById.try_emplace(candidate.var->var_id, candidates.size());
             if (!inserted) {
                 Reject(kVarId, candidate.var->var_id,
-                       "repeats the var_id of line " + std::to_string(it->second));
+                       "repeats the var_id of line " + std::to_string(candidates[it->second].line));
             }
             candidates.push_back(std::move(candidate));
         } catch (const RowError& e) {
@@ -356,9 +370,9 @@ ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
     }
     c.module = view.Text(kModule);
     c.page = view.Text(kPage);
-    v.var_id = Trim(view.Text(kVarId));
+    v.var_id = std::string(Trim(view.Text(kVarId)));
     v.var_name = view.Text(kVarName);
-    v.var_type = Trim(view.Text(kVarType));
+    v.var_type = std::string(Trim(view.Text(kVarType)));
     v.get_cmd = view.Command(kGetCmd);
     v.set_cmd = view.Command(kSetCmd);
     v.get_start_pos = view.NonNegativeInt(kGetStartPos);
@@ -368,7 +382,7 @@ ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
     v.index = view.Int(kIndex, 0);
     v.name_suffix = view.Text(kNameSuffix);
     v.get_payload = view.HexBytes(kGetPayload);
-    v.get_payload_text = Trim(view.Text(kGetPayload));
+    v.get_payload_text = std::string(Trim(view.Text(kGetPayload)));
     v.permission = view.Int(kPermission, 0);
     v.scale = view.Float(kScale, 1.0f);
     v.range_scale = view.Float(kRangeScale, 1.0f);
@@ -379,7 +393,7 @@ ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
     v.visible = view.Int(kVisible, 1);
     v.type = view.Int(kType, 0);
     v.hidden = view.Bool(kHidden);
-    c.switchVarId = Trim(view.Text(kSwitchVar));
+    c.switchVarId = std::string(Trim(view.Text(kSwitchVar)));
     v.timer_update = view.Bool(kTimerUpdate);
     v.log_list = view.Bool(kLogList);
     v.min_val = view.Int(kMinVal, 0);
@@ -395,20 +409,17 @@ ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
     return c;
 }
 
-void ConfigParser::ResolveSwitchVars(std::vector<Candidate>& candidates) {
-    std::unordered_map<std::string, Candidate*> byId;
-    byId.reserve(candidates.size());
-    for (Candidate& c : candidates) byId.emplace(c.var->var_id, &c);
-
+void ConfigParser::ResolveSwitchVars(std::vector<Candidate>& candidates,
+                                     const std::unordered_map<std::string, size_t>& candidateById) {
     // Rejecting a row can orphan a row that names it, so repeat until nothing changes.
     bool changed = true;
     while (changed) {
         changed = false;
         for (Candidate& c : candidates) {
             if (c.rejected || c.switchVarId.empty()) continue;
-            const auto it = byId.find(c.switchVarId);
-            if (it != byId.end() && !it->second->rejected) {
-                c.var->switch_var = it->second->var.get();
+            const auto it = candidateById.find(c.switchVarId);
+            if (it != candidateById.end() && !candidates[it->second].rejected) {
+                c.var->switch_var = candidates[it->second].var.get();
                 continue;
             }
             c.rejected = true;
@@ -434,7 +445,7 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         VarInfo* var = c.var.get();
         WarnAboutVarType(*var, c.line);
 
-        const auto [mod, newModule] = moduleIndex.emplace(c.module, moduleNames.size());
+        const auto [mod, newModule] = moduleIndex.try_emplace(c.module, moduleNames.size());
         if (newModule) {
             moduleNames.push_back({c.module});
             varTree.emplace_back();
@@ -442,7 +453,7 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
             varsInModule.push_back(0);
         }
         const size_t m = mod->second;
-        const auto [pg, newPage] = pageIndex[m].emplace(c.page, varTree[m].size());
+        const auto [pg, newPage] = pageIndex[m].try_emplace(c.page, varTree[m].size());
         if (newPage) {
             moduleNames[m].push_back(c.page);
             varTree[m].emplace_back();
@@ -451,7 +462,7 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         if (!c.hasIndex) var->index = varsInModule[m];
         ++varsInModule[m];
 
-        byName_.emplace(var->var_name, var);
+        byName_.try_emplace(var->var_name, var);
         byId_.emplace(var->var_id, var);
         if (var->log_list) logVars.push_back(var);
         if (!var->set_cmd.empty()) {

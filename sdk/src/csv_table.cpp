@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace csv {
@@ -71,6 +70,7 @@ struct RowCollector {
             c->rows.emplace_back(std::move(c->fields), line);
         }
         c->fields.clear();
+        c->fields.reserve(c->header.size());
         c->rowStartLine = 0;
     }
 };
@@ -114,11 +114,14 @@ bool CSVRow::HasColumn(const std::string& column) const {
 }
 
 CSVReader::CSVReader(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in) throw std::runtime_error("Can't open " + path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    Parse(text.str());
+    std::string text(static_cast<size_t>(in.tellg()), '\0');
+    in.seekg(0);
+    if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) {
+        throw std::runtime_error("Can't read " + path);
+    }
+    Parse(text);
 }
 
 CSVReader CSVReader::FromText(const std::string& text) {

@@ -54,9 +54,11 @@ class ConfigParser {
     void Clear();
     void Report(int level, int line, const std::string& message);
     void RejectRow(int line, const std::string& reason);
-    std::vector<Candidate> ReadRows(const csv::CSVReader& reader, RowView& view);
+    std::vector<Candidate> ReadRows(const csv::CSVReader& reader, RowView& view,
+                                    std::unordered_map<std::string, size_t>& candidateById);
     static Candidate ReadRow(const RowView& view);
-    void ResolveSwitchVars(std::vector<Candidate>& candidates);
+    void ResolveSwitchVars(std::vector<Candidate>& candidates,
+                           const std::unordered_map<std::string, size_t>& candidateById);
     void BuildCatalogue(std::vector<Candidate>& candidates);
     void WarnAboutVarType(const VarInfo& var, int line);
 
