@@ -248,24 +248,27 @@ TEST(SdkConfigParser, ReportsAndSkipsEachKindOfMalformedRow) {
     const auto u8 = [](const std::string& id, Fields extra = {}) {
         return Var("M", "P", id, "uint8", "0x30", "", 0, 0, "1", std::move(extra));
     };
-    WriteCatalogue(path, {
-                             Var("M", "P", "good1", "uint8", "0x30", "0x31", 0, 0, "1"),  // line 2
-                             u8("b_off", {{"offset", "abc"}}),
-                             u8("b_pay", {{"get_payload", "0x123"}}),
-                             u8("b_opt", {{"options", "1|x"}}),
-                             u8("b_vto", {{"value_to_option", "0=On"}}),
-                             u8("", {}),
-                             u8("b_name", {{"var_name", ""}}),
-                             u8("good1", {}),
-                             u8("b_sw", {{"switch_var", "ghost"}}),  // line 10
-                             Var("M", "P", "b_wid", "uint32", "0x30", "", 0, 0, "2"),
-                             u8("b_bool", {{"hidden", "yes"}}),
-                             u8("b_scale", {{"scale", "1,5"}}),
-                             u8("b_cmd", {{"get_cmd", "0xZ1"}}),
-                             Var("M", "P", "good2", "uint8", "0x30", "0x31", 1, 2, "1"),  // line 15
-                             Fields{{"module", ""}},
-                             u8("b_chain", {{"switch_var", "b_sw"}}),
-                         });
+    const std::vector<Fields> rows = {
+        Var("M", "P", "good1", "uint8", "0x30", "0x31", 0, 0, "1"),  // line 2
+        u8("b_off", {{"offset", "abc"}}),
+        u8("b_pay", {{"get_payload", "0x123"}}),
+        u8("b_opt", {{"options", "1|x"}}),
+        u8("b_vto", {{"value_to_option", "0=On"}}),
+        u8("", {}),
+        u8("b_name", {{"var_name", ""}}),
+        u8("good1", {}),
+        u8("b_sw", {{"switch_var", "ghost"}}),  // line 10
+        Var("M", "P", "b_wid", "uint32", "0x30", "", 0, 0, "2"),
+        u8("b_bool", {{"hidden", "yes"}}),
+        u8("b_scale", {{"scale", "1,5"}}),
+        u8("b_cmd", {{"get_cmd", "0xZ1"}}),
+        Var("M", "P", "good2", "uint8", "0x30", "0x31", 1, 2, "1"),  // line 15
+        Fields{{"module", ""}},
+        u8("b_chain", {{"switch_var", "b_sw"}}),
+        Var("M", "P", "good3", "uint8", "0x30", "0x32", 3, 0, "1"),
+        Var("M", "P", "good4", "uint8", "0x30", "0x32", 4, 1, "1", {{"var_name", "Name good3"}}),
+    };
+    WriteCatalogue(path, rows);
     ConfigParser parser(path);
     ASSERT_TRUE(parser.ExtractConfigInfo());
 
@@ -288,15 +291,19 @@ TEST(SdkConfigParser, ReportsAndSkipsEachKindOfMalformedRow) {
         EXPECT_NE(it->message.find(text), std::string::npos) << it->message;
     }
     EXPECT_EQ(parser.RejectedRowCount(), static_cast<int>(expected.size()));
-    ASSERT_EQ(parser.AllVars().size(), 2u);
-    EXPECT_EQ(Names(parser.varTree.at(0).at(0)), (std::vector<std::string>{"good1", "good2"}));
+    ASSERT_EQ(parser.AllVars().size(), 4u);
+    EXPECT_EQ(Names(parser.varTree.at(0).at(0)),
+              (std::vector<std::string>{"good1", "good2", "good3", "good4"}));
     EXPECT_EQ(parser.GetVarInfoByName("Name good1"), parser.GetVarInfoByVarID("good1"));
 
-    // good2 sits at set position 2 after a 1-byte good1: a gap, warned about but kept.
+    // Kept but warned about: good2 sits at set position 2 after a 1-byte good1 (a gap), and
+    // good4 repeats the name of good3 within one set command.
     const auto warnings = capture.Entries(Logger::kWarning);
-    ASSERT_EQ(warnings.size(), 1u);
+    ASSERT_EQ(warnings.size(), 2u);
     EXPECT_EQ(warnings[0].line, 15);
     EXPECT_NE(warnings[0].message.find("\"0x31\""), std::string::npos);
+    EXPECT_EQ(warnings[1].line, 19);
+    EXPECT_NE(warnings[1].message.find("share the var_name \"Name good3\""), std::string::npos);
 }
 
 TEST(SdkConfigParser, MissingFileOrRequiredColumnLeavesCatalogueEmpty) {

@@ -466,19 +466,36 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         byId_.emplace(var->var_id, var);
         if (var->log_list) logVars.push_back(var);
         if (!var->set_cmd.empty()) {
-            bySetCmd_[var->set_cmd].push_back(var);
-            int32_t& expected = setPayloadEnd[var->set_cmd];
-            if (var->set_start_pos != expected &&
-                nonContiguousSetCmds.insert(var->set_cmd).second) {
-                Report(Logger::kWarning, c.line,
-                       "variables of set_cmd " + Quoted(var->set_cmd) +
-                           " are not contiguous in catalogue order: set_start_pos of " +
-                           Quoted(var->var_id) + " is " + std::to_string(var->set_start_pos) +
-                           ", the offsets before it add up to " + std::to_string(expected));
-            }
-            expected += var->offset;
+            std::vector<VarInfo*>& group = bySetCmd_[var->set_cmd];
+            int32_t& payloadEnd = setPayloadEnd[var->set_cmd];
+            WarnAboutSetGroup(group, *var, payloadEnd, c.line, nonContiguousSetCmds);
+            group.push_back(var);
+            payloadEnd += var->offset;
         }
         vars_.push_back(std::move(c.var));
+    }
+}
+
+void ConfigParser::WarnAboutSetGroup(const std::vector<VarInfo*>& group, const VarInfo& var,
+                                     int32_t payloadEnd, int line,
+                                     std::unordered_set<std::string>& gapReported) {
+    // The manager concatenates a set command's variables in catalogue order.
+    if (var.set_start_pos != payloadEnd && gapReported.insert(var.set_cmd).second) {
+        Report(Logger::kWarning, line,
+               "variables of set_cmd " + Quoted(var.set_cmd) +
+                   " are not contiguous in catalogue order: set_start_pos of " +
+                   Quoted(var.var_id) + " is " + std::to_string(var.set_start_pos) +
+                   ", the offsets before it add up to " + std::to_string(payloadEnd));
+    }
+    // The read-back before a write keeps each variable's bytes under its var_name.
+    for (const VarInfo* other : group) {
+        if (other->var_name == var.var_name) {
+            Report(Logger::kWarning, line,
+                   "variables " + Quoted(other->var_id) + " and " + Quoted(var.var_id) +
+                       " of set_cmd " + Quoted(var.set_cmd) + " share the var_name " +
+                       Quoted(var.var_name));
+            break;
+        }
     }
 }
 

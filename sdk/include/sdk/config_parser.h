@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -61,6 +62,9 @@ class ConfigParser {
                            const std::unordered_map<std::string, size_t>& candidateById);
     void BuildCatalogue(std::vector<Candidate>& candidates);
     void WarnAboutVarType(const VarInfo& var, int line);
+    void WarnAboutSetGroup(const std::vector<VarInfo*>& group, const VarInfo& var,
+                           int32_t payloadEnd, int line,
+                           std::unordered_set<std::string>& gapReported);
 
     std::string configPath_;
     std::vector<std::unique_ptr<VarInfo>> vars_;
