@@ -267,6 +267,7 @@ TEST(SdkConfigParser, ReportsAndSkipsEachKindOfMalformedRow) {
         u8("b_chain", {{"switch_var", "b_sw"}}),
         Var("M", "P", "good3", "uint8", "0x30", "0x32", 3, 0, "1"),
         Var("M", "P", "good4", "uint8", "0x30", "0x32", 4, 1, "1", {{"var_name", "Name good3"}}),
+        Var("M", "P", "good5", "string", "0x30", "0x33", 5, 0, "8"),
     };
     WriteCatalogue(path, rows);
     ConfigParser parser(path);
@@ -291,19 +292,21 @@ TEST(SdkConfigParser, ReportsAndSkipsEachKindOfMalformedRow) {
         EXPECT_NE(it->message.find(text), std::string::npos) << it->message;
     }
     EXPECT_EQ(parser.RejectedRowCount(), static_cast<int>(expected.size()));
-    ASSERT_EQ(parser.AllVars().size(), 4u);
+    ASSERT_EQ(parser.AllVars().size(), 5u);
     EXPECT_EQ(Names(parser.varTree.at(0).at(0)),
-              (std::vector<std::string>{"good1", "good2", "good3", "good4"}));
+              (std::vector<std::string>{"good1", "good2", "good3", "good4", "good5"}));
     EXPECT_EQ(parser.GetVarInfoByName("Name good1"), parser.GetVarInfoByVarID("good1"));
 
     // Kept but warned about: good2 sits at set position 2 after a 1-byte good1 (a gap), and
-    // good4 repeats the name of good3 within one set command.
+    // good4 repeats the name of good3 within one set command, good5 is a string with a set_cmd.
     const auto warnings = capture.Entries(Logger::kWarning);
-    ASSERT_EQ(warnings.size(), 2u);
+    ASSERT_EQ(warnings.size(), 3u);
     EXPECT_EQ(warnings[0].line, 15);
     EXPECT_NE(warnings[0].message.find("\"0x31\""), std::string::npos);
     EXPECT_EQ(warnings[1].line, 19);
     EXPECT_NE(warnings[1].message.find("share the var_name \"Name good3\""), std::string::npos);
+    EXPECT_EQ(warnings[2].line, 20);
+    EXPECT_NE(warnings[2].message.find("cannot be written"), std::string::npos);
 }
 
 TEST(SdkConfigParser, MissingFileOrRequiredColumnLeavesCatalogueEmpty) {

@@ -138,6 +138,11 @@ int VarTypeWidth(const std::string& varType) {
     return it == kWidths.end() ? 0 : it->second;
 }
 
+// The types for which the writer of settings has an encoder.
+bool IsWritableVarType(const std::string& varType) {
+    return VarTypeWidth(varType) > 0 || varType == "IP" || varType == "MAC" || varType == "raw";
+}
+
 bool IsKnownVarType(const std::string& varType) {
     static const std::unordered_set<std::string> kOthers = {
         "IP", "MAC", "HWVER", "SWVER_YMD", "BYTES", "SN", "PN", "string", "raw", "DT"};
@@ -508,6 +513,12 @@ void ConfigParser::WarnAboutVarType(const VarInfo& var, int line) {
         Report(Logger::kWarning, line,
                "column \"offset\": " + var.var_type + " values are 16 bytes, " +
                    Quoted(var.var_id) + " has " + std::to_string(var.offset));
+    }
+    if (!var.set_cmd.empty() && IsKnownVarType(var.var_type) && !IsWritableVarType(var.var_type)) {
+        Report(Logger::kWarning, line,
+               "column \"set_cmd\": " + Quoted(var.var_id) + " has set_cmd " + Quoted(var.set_cmd) +
+                   " but values of var_type " + Quoted(var.var_type) +
+                   " cannot be written; applying that command will fail");
     }
 }
 
