@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QSignalSpy>
+#include <QStandardPaths>
 #include <memory>
 #include <string>
 
@@ -44,6 +46,7 @@ class ManagerSession {
 public:
     explicit ManagerSession(const std::string& model)
         : cwd_(SourceDir()),
+          settingsRemoved_(RemoveSettingsFile()),
           manager_(std::make_unique<LidarUtilitiesManager>(0, "")),
           log_(manager_.get(), &LidarUtilitiesManager::sendLogMessage),
           errors_(manager_.get(), &LidarUtilitiesManager::errorMessageChanged),
@@ -79,7 +82,14 @@ public:
     }
 
 private:
+    // Each session starts from the defaults: an earlier one may have saved a local port.
+    static bool RemoveSettingsFile() {
+        return QFile::remove(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+                             "/ZephyrDataFiles/RecvSettings.ini");
+    }
+
     ScopedCwd cwd_;
+    bool settingsRemoved_;
     std::unique_ptr<LidarUtilitiesManager> manager_;
     QSignalSpy log_;
     QSignalSpy errors_;
