@@ -1,0 +1,116 @@
+// Reading a simulated lidar: one request per group, every type decoded as the catalogue says,
+// and the page timer refreshing only timer variables of the module in use while idle.
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "e2e_support.h"
+
+using testsupport::ManagerSession;
+using testsupport::StartSimulator;
+using testsupport::WaitFor;
+
+namespace {
+
+uint64_t totalRequests(const sim::LidarSimulator& lidar) {
+    uint64_t total = 0;
+    for (const auto& [command, count] : lidar.RequestCounts()) total += count;
+    return total;
+}
+
+int moduleIndex(LidarUtilitiesManager& m, const QString& name) {
+    return m.level1List().indexOf(QVariant(name));
+}
+
+// Types the generic reader leaves alone (read by their own operations) and the device logs,
+// whose content the simulator makes up.
+bool decodedFromCatalogueDefault(const VarInfo& var) {
+    static const std::set<std::string> undecoded = {"SN", "PN", "BYTES", "raw"};
+    return !var.get_cmd.empty() && !undecoded.count(var.var_type) && var.get_cmd != "0x75";
+}
+
+}  // namespace
+
+TEST(Reading, ModuleReadIsOneRequestPerGroupAndDecodesEveryType) {
+    std::set<std::string> typesSeen;
+    for (const std::string model : {"Egret", "Plover", "Tern"}) {
+        SCOPED_TRACE(model);
+        auto lidar = StartSimulator(model);
+        ManagerSession s(model);
+        ASSERT_TRUE(s.Connect(lidar->Port()));
+        ConfigParser* parser = s.m().getCurrentParser();
+        const int monitor = s.m().getMonitorModuleIndex();
+
+        for (int module = 0; module < static_cast<int>(parser->varTree.size()); ++module) {
+            std::set<std::string> groups;
+            for (const auto& page : parser->varTree[module])
+                for (const VarInfo* var : page)
+                    if (!var->get_cmd.empty()) groups.insert(var->get_cmd + var->get_payload_text);
+            const uint64_t before = totalRequests(*lidar);
+            s.m().GetLidarModuleInfo(module);
+            EXPECT_EQ(totalRequests(*lidar) - before, groups.size()) << "module " << module;
+
+            if (module == monitor) continue;  // a monitor variant lays the block out its own way
+            for (const auto& page : parser->varTree[module]) {
+                for (const VarInfo* var : page) {
+                    if (!decodedFromCatalogueDefault(*var)) continue;
+                    EXPECT_EQ(s.m().currentValueOf(var).toStdString(), var->default_val)
+                        << var->var_name << " (" << var->var_type << ")";
+                    typesSeen.insert(var->var_type);
+                }
+            }
+        }
+    }
+    for (const char* type : {"uint8", "uint16", "uint32", "uint64", "int8", "int16", "int32",
+                             "int64", "float32", "double", "IP", "MAC", "HWVER", "SWVER_YMD",
+                             "string", "DT"})
+        EXPECT_TRUE(typesSeen.count(type)) << type << " is not exercised by a shipped catalogue";
+}
+
+TEST(Reading, SingleVariableAndUnknownNames) {
+    auto lidar = StartSimulator("Egret");
+    ManagerSession s("Egret");
+    EXPECT_EQ(s.m().UpdateSingleVarInfo("IP Address", "var_name"), 0) << "not connected";
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    lidar->ResetCounters();
+    EXPECT_EQ(s.m().UpdateSingleVarInfo("No Such Variable", "var_name"), 0);
+    EXPECT_EQ(totalRequests(*lidar), 0u);
+    EXPECT_NE(s.m().UpdateSingleVarInfo("IP Address", "var_name"), 0);
+    EXPECT_EQ(lidar->RequestCount(0x08), 1u);
+    EXPECT_EQ(s.m().currentValueOf(s.m().searchVarPtr("IP Address", "var_name")), "192.168.1.201");
+}
+
+TEST(Reading, PageTimerRefreshesTimerVariablesOnlyWhileIdle) {
+    auto lidar = StartSimulator("Egret");
+    ManagerSession s("Egret");
+    QSignalSpy refreshed(&s.m(), &LidarUtilitiesManager::myTimerMapChanged);
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    const int status = moduleIndex(s.m(), "Status");
+    ASSERT_GE(status, 0);
+    s.m().setModuleIndexUse(status);
+
+    // Busy with a log download: the timer keeps counting but sends nothing.
+    s.m().setIsDownloadLog(true);
+    lidar->ResetCounters();
+    WaitFor([] { return false; }, 3500);
+    EXPECT_EQ(totalRequests(*lidar), 0u);
+    EXPECT_EQ(refreshed.count(), 0);
+    s.m().setIsDownloadLog(false);
+
+    // The device's board temperature changes; the next refresh shows it.
+    const VarInfo* temperature = s.m().getCurrentParser()->varTree[status][0][0];
+    ASSERT_TRUE(temperature->timer_update);
+    ASSERT_EQ(temperature->var_type, "int16");
+    lidar->WriteBlock(0x40, {}, temperature->get_start_pos, {0x0F, 0xA0});
+    ASSERT_TRUE(WaitFor([&] { return refreshed.count() > 0; }, 6000));
+    EXPECT_EQ(s.m().currentValueOf(temperature).toStdString(),
+              QString::number(4000 * temperature->scale, 'f', 2).toStdString());
+    for (const auto& [command, count] : lidar->RequestCounts())
+        EXPECT_EQ(command, 0x40) << "only the timer block is refreshed";
+
+    s.m().Stop();
+    lidar->ResetCounters();
+    WaitFor([] { return false; }, 3500);
+    EXPECT_EQ(totalRequests(*lidar), 0u) << "no refresh after disconnecting";
+}
