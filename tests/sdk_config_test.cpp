@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <unordered_map>
 
 #include "sdk/auth_config.h"
@@ -162,6 +163,20 @@ TEST(SdkLogger, WritesLinesToFileAndKeepsTheLastThousand) {
     ASSERT_EQ(entries.size(), 1000u);
     EXPECT_EQ(entries.front().line, 1500);
     EXPECT_EQ(entries.back().line, 2499);
+
+    // Writers on several threads while another reads: nothing lost, nothing torn.
+    log.ClearEntries();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&log, t] {
+            for (int i = 0; i < 200; ++i) log.AddToQueue(Logger::kInfo, "t", t, "F", "msg");
+        });
+    }
+    threads.emplace_back([&log] {
+        for (int i = 0; i < 50; ++i) (void)log.RecentEntries();
+    });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(log.RecentEntries().size(), 800u);
 }
 
 TEST(SdkConfigParser, BuildsTreeLookupsAndSwitchLinks) {
