@@ -49,12 +49,18 @@ std::string SystemError(const std::string& what) {
 
 }  // namespace
 
+namespace detail {
+
 struct Connection {
     int fd = -1;  // written under the simulator's connection lock; only the owner closes it
     std::thread thread;
     std::atomic<bool> finished{false};
-    detail::Session session;  // touched only by the connection's own thread
+    Session session;  // touched only by the connection's own thread
 };
+
+}  // namespace detail
+
+using detail::Connection;
 
 class LidarSimulator::Impl {
   public:
@@ -144,9 +150,6 @@ void LidarSimulator::Impl::Stop() {
     [[maybe_unused]] ssize_t ignored = ::write(wakeFds_[1], &wake, 1);
     acceptThread_.join();
     CloseListener();
-    ::close(wakeFds_[0]);
-    ::close(wakeFds_[1]);
-    wakeFds_[0] = wakeFds_[1] = -1;
 
     ShutdownAllConnections();
     std::list<std::unique_ptr<Connection>> remaining;
@@ -155,6 +158,10 @@ void LidarSimulator::Impl::Stop() {
         remaining.swap(connections_);
     }
     for (auto& conn : remaining) conn->thread.join();
+    // Last: a connection thread handling a restart writes to the pipe until it ends.
+    ::close(wakeFds_[0]);
+    ::close(wakeFds_[1]);
+    wakeFds_[0] = wakeFds_[1] = -1;
 }
 
 bool LidarSimulator::Impl::OpenListener(std::string* error) {

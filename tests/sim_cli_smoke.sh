@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# lidar-sim end to end: usage errors, the "listening on" line, one request over TCP, and the
+# request counters printed after SIGINT. Argument: the lidar-sim executable.
+set -euo pipefail
+sim=$1
+dir=$(mktemp -d)
+pid=
+cleanup() {
+    if [ -n "$pid" ]; then kill "$pid" 2>/dev/null || true; fi
+    rm -rf "$dir"
+}
+trap cleanup EXIT
+
+for bad in "" "--model" "--model Smoke --port 70000" "--model Smoke --fault 0x07:sometimes" \
+           "--model Smoke --bogus"; do
+    status=0
+    # shellcheck disable=SC2086
+    "$sim" $bad >/dev/null 2>"$dir/usage" || status=$?
+    if [ "$status" != 2 ] || ! grep -q usage "$dir/usage"; then
+        echo "expected a usage error (status 2) for: $bad, got $status"
+        exit 1
+    fi
+done
+
+mkdir -p "$dir/varID/Smoke"
+printf '%s\n%s\n' \
+    'module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,default_val' \
+    'M,P,v,V,uint16,0x40,,0,0,2,513' >"$dir/varID/Smoke/Smoke.csv"
+"$sim" --model Smoke --config-dir "$dir" --port 0 --fault 0x41:status=4 >"$dir/out" 2>"$dir/err" &
+pid=$!
+for _ in $(seq 1 100); do
+    grep -q '^listening on ' "$dir/out" && break
+    sleep 0.1
+done
+line=$(head -n 1 "$dir/out")
+if [[ ! $line =~ ^listening\ on\ 127\.0\.0\.1:([0-9]+)$ ]]; then
+    echo "unexpected first line: '$line'"; cat "$dir/err"; exit 1
+fi
+port=${BASH_REMATCH[1]}
+
+exec 3<>"/dev/tcp/127.0.0.1/$port"
+printf '\x56\x52\x40\x00\x00\x00\x00\x00' >&3
+reply=$(head -c 10 <&3 | od -An -tx1 | tr -d ' \n')
+printf '\x56\x52\x41\x00\x00\x00\x00\x00' >&3
+faulted=$(head -c 8 <&3 | od -An -tx1 | tr -d ' \n')
+exec 3>&-
+[ "$reply" = 56524000000000020201 ] || { echo "unexpected reply to 0x40: $reply"; exit 1; }
+[ "$faulted" = 5652410400000000 ] || { echo "unexpected reply to 0x41: $faulted"; exit 1; }
+
+kill -INT "$pid"
+status=0
+wait "$pid" || status=$?
+pid=
+[ "$status" = 0 ] || { echo "lidar-sim exited with $status"; exit 1; }
+if ! grep -qx 'requests: 0x40=1 0x41=1' "$dir/out"; then
+    echo "no request counters in:"; cat "$dir/out"; exit 1
+fi
+echo "lidar-sim smoke test passed"
