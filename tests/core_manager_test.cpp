@@ -221,8 +221,13 @@ TEST(ManagerCatalogue, UiCachesLeaveHiddenOutAndReportBrokenSwitches) {
     EXPECT_FALSE(m.isTimerUpdate(1, 0, 1));
     EXPECT_FALSE(m.isTimerUpdate(2, 0, 0));
 
+    QSignalSpy mapChanged(&m, &LidarUtilitiesManager::myMapChanged);
     m.notifyMyMapChanged();
-    EXPECT_EQ(log.count(), 2) << "each rebuild reports the broken switch again";
+    m.notifyMyMapChanged();
+    EXPECT_EQ(mapChanged.count(), 2);
+    m.getMyMap();
+    m.getMyMap();
+    EXPECT_EQ(log.count(), 2) << "the map is rebuilt once after notifications, and reports again";
 }
 
 TEST(ManagerCatalogue, TrimRemovesOnlyNulBytes) {

@@ -447,37 +447,37 @@ void LidarUtilitiesManager::UpdateUI() {
 
 QVariantMap LidarUtilitiesManager::varToMap(const VarInfo& var) {
     QVariantMap map;
-    map.insert("var_id", QString::fromStdString(var.var_id));
-    map.insert("get_cmd", QString::fromStdString(var.get_cmd));
-    map.insert("set_cmd", QString::fromStdString(var.set_cmd));
-    map.insert("var_type", QString::fromStdString(var.var_type));
-    map.insert("var_name", QString::fromStdString(var.var_name));
-    map.insert("index", var.index);
-    map.insert("get_start_pos", var.get_start_pos);
-    map.insert("set_start_pos", var.set_start_pos);
-    map.insert("offset", var.offset);
-    map.insert("permission", var.permission);
-    map.insert("default_val", QString::fromStdString(var.default_val));
-    map.insert("current_val", QString::fromStdString(var.current_val));
+    map.insert(QStringLiteral("var_id"), QString::fromStdString(var.var_id));
+    map.insert(QStringLiteral("get_cmd"), QString::fromStdString(var.get_cmd));
+    map.insert(QStringLiteral("set_cmd"), QString::fromStdString(var.set_cmd));
+    map.insert(QStringLiteral("var_type"), QString::fromStdString(var.var_type));
+    map.insert(QStringLiteral("var_name"), QString::fromStdString(var.var_name));
+    map.insert(QStringLiteral("index"), var.index);
+    map.insert(QStringLiteral("get_start_pos"), var.get_start_pos);
+    map.insert(QStringLiteral("set_start_pos"), var.set_start_pos);
+    map.insert(QStringLiteral("offset"), var.offset);
+    map.insert(QStringLiteral("permission"), var.permission);
+    map.insert(QStringLiteral("default_val"), QString::fromStdString(var.default_val));
+    map.insert(QStringLiteral("current_val"), QString::fromStdString(var.current_val));
     if (var.type == 2) {
         if (var.switch_var) {
-            map.insert("switch_index", QString::fromStdString(var.switch_var->current_val));
+            map.insert(QStringLiteral("switch_index"), QString::fromStdString(var.switch_var->current_val));
         } else {
             writeLogMessage(
                 "config file error, Please check the configuration of type 2 of " + var.var_name,
                 "ERROR");
         }
     }
-    map.insert("visible", var.visible);
-    map.insert("option_num", var.option_num);
-    map.insert("type", var.type);
+    map.insert(QStringLiteral("visible"), var.visible);
+    map.insert(QStringLiteral("option_num"), var.option_num);
+    map.insert(QStringLiteral("type"), var.type);
     QVariantMap valueToOption;
     for (const auto& [value, text] : var.value_to_option)
         valueToOption.insert(QString::number(value), QString::fromStdString(text));
-    map.insert("varname_value_to_option", valueToOption);
+    map.insert(QStringLiteral("varname_value_to_option"), valueToOption);
     QVariantList options;
     for (int32_t option : var.options) options.append(option);
-    map.insert("options", options);
+    map.insert(QStringLiteral("options"), options);
     return map;
 }
 
@@ -506,7 +506,13 @@ void LidarUtilitiesManager::rebuildMyMapCache() {
 }
 
 void LidarUtilitiesManager::notifyMyMapChanged() {
-    rebuildMyMapCache();
+    // The map is rebuilt by the first getMyMap() after this: on the UI thread that reads it, and
+    // once however many notifications come before it (a module read of a large catalogue would
+    // otherwise spend most of its time building maps nobody has asked for yet).
+    {
+        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        myMapValid = false;
+    }
     emit myMapChanged();
 }
 
