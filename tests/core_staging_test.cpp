@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lidar_utilities_manager.h"
+#include "sim/lidar_simulator.h"
 #include "test_support.h"
 
 namespace {
@@ -187,6 +188,46 @@ TEST_F(StagingTest, RunRefusesWithoutConnectionAndKeepsTheEdits) {
     EXPECT_EQ(logs.count(), 0);
     EXPECT_EQ(manager_.getSetMapSize(), 1u);
     EXPECT_EQ(manager_.getEditedVarCount(), 1u);
+}
+
+TEST_F(StagingTest, RunGuardsOnAConnectedLidarSendNothing) {
+    sim::LidarSimulator::Options options;
+    options.model = "Model";
+    sim::LidarSimulator device(options);
+    std::string why;
+    ASSERT_TRUE(device.Start(&why)) << why;
+    manager_.setIpAddress("127.0.0.1");
+    manager_.setPort(QString::number(device.Port()));
+    ASSERT_TRUE(manager_.ConnectLidar());
+    manager_.waitForWorkers();
+    ASSERT_TRUE(manager_.getIsConnected());
+
+    manager_.SetText(1, 0, 0, 1, "2000");
+    device.ResetCounters();
+    QSignalSpy errors(&manager_, &LidarUtilitiesManager::errorMessageChanged);
+    QSignalSpy successes(&manager_, &LidarUtilitiesManager::successMessageChanged);
+
+    manager_.Run(2);  // the catalogue has two pages
+    EXPECT_EQ(errors.count(), 0);
+    EXPECT_EQ(manager_.getSetMapSize(), 1u);
+
+    manager_.isUpgrading.store(true);
+    manager_.Run(0);
+    manager_.isUpgrading.store(false);
+    EXPECT_EQ(manager_.getErrorMessage(), "Please wait for the lidar to upgrade completely");
+    manager_.setIsDownloadLog(true);
+    manager_.Run(0);
+    manager_.setIsDownloadLog(false);
+    EXPECT_EQ(manager_.getErrorMessage(),
+              "Please wait for the operation log to download completely");
+
+    EXPECT_EQ(errors.count(), 2);
+    EXPECT_EQ(successes.count(), 0);
+    EXPECT_EQ(manager_.getSetMapSize(), 1u);
+    uint64_t requests = 0;
+    for (const auto& entry : device.RequestCounts()) requests += entry.second;
+    EXPECT_EQ(requests, 0u);
+    manager_.Stop();
 }
 
 TEST(CoreWriteBackRun, WithoutModelReturnsSilently) {
