@@ -1,0 +1,537 @@
+#include "commands.h"
+
+#include <QDateTime>
+#include <QEventLoop>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QTimer>
+#include <algorithm>
+#include <csignal>
+
+#include "output.h"
+#include "session.h"
+#include "set_command.h"
+
+namespace cli {
+namespace {
+
+const std::string kDeviceInfoGetCmd = "0x07";
+const std::string kFovSetCmd = "0x22";
+const std::string kFovGetCmd = "0x23";
+constexpr int kFovRegions = 5;
+
+QString qs(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+// ---- The catalogue as the manager presents it to a UI (level-1/level-2 lists, variable map) ----
+
+struct VarView {
+    QVariantMap fields;  // one entry of the manager's variable map
+    QString unit;
+};
+
+struct PageView {
+    QString name;
+    QVector<VarView> variables;
+};
+
+struct ModuleView {
+    QString name;
+    QVector<PageView> pages;
+};
+
+QString field(const VarView& view, const char* key) {
+    return view.fields.value(key).toString();
+}
+
+// A level-2 label is the variable's name followed directly by its suffix, e.g. " (°C)".
+QString unitFromSuffix(QString suffix) {
+    suffix = suffix.trimmed();
+    const bool bracketed = (suffix.startsWith('(') && suffix.endsWith(')')) ||
+                           (suffix.startsWith('[') && suffix.endsWith(']'));
+    if (bracketed && suffix.size() >= 2) suffix = suffix.mid(1, suffix.size() - 2).trimmed();
+    return suffix;
+}
+
+// Labels exist only for variables with a suffix, so each label is matched to the variable with
+// the longest name it starts with ("Speed Limit (km/h)" belongs to "Speed Limit", not "Speed").
+void assignUnits(QVector<VarView>& variables, const QVariantList& pageLabels) {
+    for (int i = 1; i < pageLabels.size(); ++i) {
+        const QString label = pageLabels[i].toString();
+        VarView* owner = nullptr;
+        int ownerLength = -1;
+        for (VarView& view : variables) {
+            const QString name = field(view, "var_name");
+            if (label.size() > name.size() && label.startsWith(name) && name.size() > ownerLength) {
+                owner = &view;
+                ownerLength = name.size();
+            }
+        }
+        if (owner != nullptr) owner->unit = unitFromSuffix(label.mid(ownerLength));
+    }
+}
+
+QVector<ModuleView> catalogueView(LidarUtilitiesManager& manager) {
+    const QVariantList modules = manager.level1List();
+    const QVariantList pageLists = manager.level2List();
+    const QVariantList map = manager.getMyMap();
+    QVector<ModuleView> view;
+    for (int m = 0; m < modules.size(); ++m) {
+        ModuleView module{modules[m].toString(), {}};
+        const QVariantList labels = m < pageLists.size() ? pageLists[m].toList() : QVariantList();
+        const QVariantList pages = m < map.size() ? map[m].toList() : QVariantList();
+        for (int p = 0; p < pages.size(); ++p) {
+            const QVariantList pageLabels = p < labels.size() ? labels[p].toList() : QVariantList();
+            PageView page{
+                pageLabels.isEmpty() ? "page " + QString::number(p + 1) : pageLabels[0].toString(),
+                {}};
+            for (const QVariant& fields : pages[p].toList())
+                page.variables.push_back({fields.toMap(), QString()});
+            assignUnits(page.variables, pageLabels);
+            module.pages.push_back(page);
+        }
+        view.push_back(module);
+    }
+    return view;
+}
+
+QString optionName(const VarView& view, const QString& raw) {
+    return view.fields.value("varname_value_to_option").toMap().value(raw).toString();
+}
+
+// "0=Strongest, 1=Last, 2=Dual"; a choice without a text is its number alone.
+QString choicesText(const VarView& view) {
+    QStringList choices;
+    for (const QVariant& option : view.fields.value("options").toList()) {
+        const QString raw = option.toString();
+        const QString name = optionName(view, raw);
+        choices << (name.isEmpty() || name == raw ? raw : raw + "=" + name);
+    }
+    return choices.join(", ");
+}
+
+QString displayValue(const VarView& view) {
+    const QString value = field(view, "current_val");
+    const QString name = optionName(view, value);
+    return name.isEmpty() || name == value ? value : value + " (" + name + ")";
+}
+
+QString orDash(const QString& text) {
+    return text.isEmpty() ? "-" : text;
+}
+
+bool anyVariable(const PageView& page, bool (*has)(const VarView&)) {
+    return std::any_of(page.variables.begin(), page.variables.end(), has);
+}
+
+bool hasUnit(const VarView& view) {
+    return !view.unit.isEmpty();
+}
+
+bool hasChoices(const VarView& view) {
+    return !view.fields.value("options").toList().isEmpty();
+}
+
+// ---- models ----
+
+QString connectionKind(const QString& model) {
+    const std::string name = model.toStdString();
+    if (name == LidarUtilitiesManager::Wren_Str) return "serial";
+    if (name == LidarUtilitiesManager::Wren_VRC_Str || name == LidarUtilitiesManager::Heron_VRC_Str)
+        return "VRC over serial";
+    return "network";
+}
+
+// ---- show ----
+
+QJsonObject showVariableJson(const VarView& view) {
+    QJsonObject object{{"name", field(view, "var_name")},
+                       {"type", field(view, "var_type")},
+                       {"get_cmd", field(view, "get_cmd")},
+                       {"set_cmd", field(view, "set_cmd")},
+                       {"default", field(view, "default_val")}};
+    if (!view.unit.isEmpty()) object["unit"] = view.unit;
+    QJsonArray choices;
+    for (const QVariant& option : view.fields.value("options").toList())
+        choices.append(
+            QJsonObject{{"value", option.toInt()}, {"text", optionName(view, option.toString())}});
+    if (!choices.isEmpty()) object["choices"] = choices;
+    return object;
+}
+
+template <typename VariableJson>
+QJsonObject modulesJson(const QString& model, const QVector<ModuleView>& modules,
+                        VariableJson variableJson) {
+    QJsonArray moduleArray;
+    for (const ModuleView& module : modules) {
+        QJsonArray pageArray;
+        for (const PageView& page : module.pages) {
+            QJsonArray variables;
+            for (const VarView& view : page.variables) variables.append(variableJson(view));
+            pageArray.append(QJsonObject{{"name", page.name}, {"variables", variables}});
+        }
+        moduleArray.append(QJsonObject{{"name", module.name}, {"pages", pageArray}});
+    }
+    return QJsonObject{{"model", model}, {"modules", moduleArray}};
+}
+
+QString showPageTable(const PageView& page) {
+    const bool units = anyVariable(page, hasUnit);
+    const bool choices = anyVariable(page, hasChoices);
+    QStringList headers{"NAME", "TYPE", "GET", "SET", "DEFAULT"};
+    if (units) headers << "UNIT";
+    if (choices) headers << "CHOICES";
+    QVector<QStringList> rows;
+    for (const VarView& view : page.variables) {
+        QStringList row{field(view, "var_name"), field(view, "var_type"),
+                        orDash(field(view, "get_cmd")), orDash(field(view, "set_cmd")),
+                        field(view, "default_val")};
+        if (units) row << view.unit;
+        if (choices) row << choicesText(view);
+        rows.push_back(row);
+    }
+    return formatTable(headers, rows, 4);
+}
+
+void printModuleHeading(const ModuleView& module, bool first) {
+    if (!first) printResult("");
+    printResult("== " + module.name + " ==");
+}
+
+// ---- read ----
+
+QJsonObject readVariableJson(const VarView& view) {
+    const QString value = field(view, "current_val");
+    QJsonObject object{{"name", field(view, "var_name")}, {"value", value}};
+    if (!view.unit.isEmpty()) object["unit"] = view.unit;
+    const QString option = optionName(view, value);
+    if (!option.isEmpty()) object["option"] = option;
+    return object;
+}
+
+QString readPageTable(const PageView& page) {
+    const bool units = anyVariable(page, hasUnit);
+    QStringList headers{"NAME", "VALUE"};
+    if (units) headers << "UNIT";
+    QVector<QStringList> rows;
+    for (const VarView& view : page.variables) {
+        QStringList row{field(view, "var_name"), displayValue(view)};
+        if (units) row << view.unit;
+        rows.push_back(row);
+    }
+    return formatTable(headers, rows, 4);
+}
+
+// Values the lidar did not deliver stay empty; the manager only notes that on its debug stream.
+// Serial and part numbers and byte blocks are never decoded by a module read, so they are
+// expected to stay empty.
+void warnAboutUnreadValues(const QVector<ModuleView>& modules) {
+    static const QStringList kNotDecoded = {"SN", "PN", "BYTES", "raw"};
+    QStringList unread;
+    for (const ModuleView& module : modules)
+        for (const PageView& page : module.pages)
+            for (const VarView& view : page.variables)
+                if (!field(view, "get_cmd").isEmpty() && field(view, "current_val").isEmpty() &&
+                    !kNotDecoded.contains(field(view, "var_type")))
+                    unread << field(view, "var_name");
+    if (!unread.isEmpty()) printDiagnostic("warning: no value read for " + unread.join(", "));
+}
+
+// Connects and reads the given modules; kExitOk or the failure status.
+int connectAndRead(Session& session, const QVector<int>& modules) {
+    if (int status = session.connect(); status != kExitOk) return status;
+    for (int module : modules)
+        if (!session.readModule(module)) return kExitFailed;
+    return kExitOk;
+}
+
+QVector<ModuleView> selectModules(const QVector<ModuleView>& all, const QVector<int>& wanted) {
+    QVector<ModuleView> selected;
+    for (int module : wanted)
+        if (module < all.size()) selected.push_back(all[module]);
+    return selected;
+}
+
+// ---- fov ----
+
+// No arguments (show), ten bounds in index order, or INDEX=VALUE pairs.
+QString parseFovEdits(const QStringList& arguments, QVector<QPair<int, QString>>& edits) {
+    if (arguments.isEmpty()) return QString();
+    const int withEquals = static_cast<int>(std::count_if(
+        arguments.begin(), arguments.end(), [](const QString& a) { return a.contains('='); }));
+    if (withEquals == 0 && arguments.size() == 2 * kFovRegions) {
+        for (int i = 0; i < arguments.size(); ++i) edits.append({i, arguments[i]});
+        return QString();
+    }
+    if (withEquals == 0 || withEquals != arguments.size())
+        return "fov takes no arguments, ten bounds (starts 1-5, then ends 1-5) or INDEX=VALUE";
+    for (const QString& argument : arguments) {
+        bool ok = false;
+        const int index = argument.section('=', 0, 0).trimmed().toInt(&ok);
+        if (!ok || index < 0 || index >= 2 * kFovRegions)
+            return "fov: '" + argument + "': INDEX is 0-4 for the starts, 5-9 for the ends";
+        edits.append({index, argument.section('=', 1).trimmed()});
+    }
+    return QString();
+}
+
+void printFovTable(LidarUtilitiesManager& manager, bool json) {
+    const QVariantList bounds = manager.getFovList();
+    QVector<QStringList> rows;
+    QJsonArray regions;
+    for (int r = 0; r < kFovRegions && kFovRegions + r < bounds.size(); ++r) {
+        const QString start = bounds[r].toString();
+        const QString end = bounds[kFovRegions + r].toString();
+        rows.push_back({QString::number(r + 1), start, end});
+        regions.append(
+            QJsonObject{{"region", r + 1}, {"start", start.toDouble()}, {"end", end.toDouble()}});
+    }
+    if (json)
+        printJson(QJsonDocument(QJsonObject{{"regions", regions}}));
+    else
+        printResult(formatTable({"REGION", "START", "END"}, rows));
+}
+
+// ---- watch ----
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void onInterrupt(int) {
+    interrupted = 1;
+}
+
+// SIGINT ends the watch through the event loop, so the manager still stops cleanly.
+class InterruptGuard {
+  public:
+    InterruptGuard() {
+        interrupted = 0;
+        struct sigaction action {};
+        action.sa_handler = onInterrupt;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &previous_);
+    }
+    ~InterruptGuard() { sigaction(SIGINT, &previous_, nullptr); }
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+  private:
+    struct sigaction previous_ {};
+};
+
+std::vector<const VarPosition*> timerVariables(Session& session, int module) {
+    std::vector<const VarPosition*> variables;
+    for (const VarPosition& position : session.variables())
+        if (position.module == module && !position.var->hidden &&
+            session.manager().isTimerUpdate(position.module, position.page, position.row))
+            variables.push_back(&position);
+    return variables;
+}
+
+void printRefresh(Session& session, const std::vector<const VarPosition*>& variables, int refresh) {
+    const QString time = QDateTime::currentDateTime().toString("HH:mm:ss");
+    if (session.options().json) {
+        QJsonObject values;
+        for (const VarPosition* position : variables)
+            values[qs(position->var->var_name)] = session.manager().currentValueOf(position->var);
+        const QJsonObject line{{"refresh", refresh}, {"time", time}, {"values", values}};
+        // One compact object per line, so that a reader can act on each refresh as it comes.
+        printResult(QString::fromUtf8(QJsonDocument(line).toJson(QJsonDocument::Compact)));
+        return;
+    }
+    printResult("-- " + time + " refresh " + QString::number(refresh));
+    for (const VarPosition* position : variables)
+        printResult(qs(position->var->var_name) + "=" +
+                    session.manager().currentValueOf(position->var));
+}
+
+// Runs until SIGINT, `count` refreshes (0: no limit) or a lost connection.
+int watchRefreshes(Session& session, const std::vector<const VarPosition*>& variables, int count) {
+    InterruptGuard guard;
+    QEventLoop loop;
+    int refreshes = 0;
+    QObject::connect(&session.manager(), &LidarUtilitiesManager::myTimerMapChanged, &loop, [&] {
+        printRefresh(session, variables, ++refreshes);
+        if (count > 0 && refreshes >= count) loop.exit(kExitOk);
+    });
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
+        if (interrupted) loop.exit(kExitOk);
+        if (!session.connectionAlive()) {
+            printDiagnostic("error: the connection to the lidar was lost");
+            loop.exit(kExitFailed);
+        }
+    });
+    poll.start(100);
+    return loop.exec();
+}
+
+}  // namespace
+
+int commandModels(Session& session) {
+    if (!session.options().arguments.isEmpty()) return usageError("models takes no arguments");
+    QVector<QStringList> rows;
+    QJsonArray models;
+    for (const QVariant& name : session.manager().getLidarModelList()) {
+        const QString kind = connectionKind(name.toString());
+        rows.push_back({name.toString(), kind});
+        models.append(QJsonObject{{"name", name.toString()}, {"connection", kind}});
+    }
+    if (session.options().json)
+        printJson(QJsonDocument(models));
+    else
+        printResult(formatTable({"MODEL", "CONNECTION"}, rows));
+    return kExitOk;
+}
+
+int commandShow(Session& session) {
+    if (!session.options().arguments.isEmpty()) return usageError("show takes no arguments");
+    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    const QVector<ModuleView> modules = catalogueView(session.manager());
+    if (session.options().json) {
+        printJson(QJsonDocument(modulesJson(session.options().model, modules, showVariableJson)));
+        return kExitOk;
+    }
+    printResult(session.options().model + " (" + connectionKind(session.options().model) +
+                "): " + QString::number(modules.size()) + " modules");
+    for (const ModuleView& module : modules) {
+        printModuleHeading(module, false);
+        for (const PageView& page : module.pages) {
+            printResult("  -- " + page.name + " --");
+            printResult(showPageTable(page));
+        }
+    }
+    return kExitOk;
+}
+
+int commandInfo(Session& session) {
+    if (!session.options().arguments.isEmpty()) return usageError("info takes no arguments");
+    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    // The device-information module is the one read with the device information command.
+    int module =
+        session.moduleWhere([](const VarInfo& v) { return v.get_cmd == kDeviceInfoGetCmd; });
+    if (module < 0) module = 0;
+    if (int status = connectAndRead(session, {module}); status != kExitOk) return status;
+    const QVector<ModuleView> modules = selectModules(catalogueView(session.manager()), {module});
+    QJsonObject json;
+    for (const ModuleView& m : modules)
+        for (const PageView& page : m.pages)
+            for (const VarView& view : page.variables) {
+                if (session.options().json)
+                    json[field(view, "var_name")] = field(view, "current_val");
+                else
+                    printResult(field(view, "var_name") + "=" + field(view, "current_val"));
+            }
+    if (session.options().json) printJson(QJsonDocument(json));
+    warnAboutUnreadValues(modules);
+    return kExitOk;
+}
+
+int commandRead(Session& session) {
+    const QStringList& arguments = session.options().arguments;
+    if (arguments.size() > 1) return usageError("read takes at most one module name");
+    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    QVector<int> wanted;
+    if (arguments.isEmpty()) {
+        for (int m = 0; m < session.moduleNames().size(); ++m) wanted << m;
+    } else {
+        const int module = session.findModule(arguments[0]);
+        if (module < 0)
+            return usageError("unknown module '" + arguments[0] +
+                              "'; the modules are: " + session.moduleNames().join(", "));
+        wanted << module;
+    }
+    if (int status = connectAndRead(session, wanted); status != kExitOk) return status;
+
+    const QVector<ModuleView> modules = selectModules(catalogueView(session.manager()), wanted);
+    if (session.options().json) {
+        printJson(QJsonDocument(modulesJson(session.options().model, modules, readVariableJson)));
+    } else {
+        for (int i = 0; i < modules.size(); ++i) {
+            printModuleHeading(modules[i], i == 0);
+            for (const PageView& page : modules[i].pages) {
+                printResult("  -- " + page.name + " --");
+                printResult(readPageTable(page));
+            }
+        }
+    }
+    warnAboutUnreadValues(modules);
+    return kExitOk;
+}
+
+int commandSet(Session& session) {
+    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    return applyEdits(session);
+}
+
+int commandFov(Session& session) {
+    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    QVector<QPair<int, QString>> edits;
+    if (QString problem = parseFovEdits(session.options().arguments, edits); !problem.isEmpty())
+        return usageError(problem);
+    const int readModule =
+        session.moduleWhere([](const VarInfo& v) { return v.get_cmd == kFovGetCmd; });
+    const int writeModule =
+        session.moduleWhere([](const VarInfo& v) { return v.set_cmd == kFovSetCmd; });
+    if (readModule < 0 || (!edits.isEmpty() && writeModule < 0))
+        return usageError(session.options().model + " has no channel field of view");
+
+    if (int status = connectAndRead(session, {readModule}); status != kExitOk) return status;
+    LidarUtilitiesManager& manager = session.manager();
+    if (!edits.isEmpty()) {
+        const int errorsBefore = session.errorCount();
+        for (const auto& [index, value] : edits) manager.SetMultiFovConfig(index, value);
+        if (session.errorCount() > errorsBefore) {
+            manager.ClearSetMap();
+            printDiagnostic("lidarutil: bounds are degrees from 0 to 360; nothing was sent");
+            return kExitUsage;
+        }
+        manager.Run(writeModule);
+        if (session.errorCount() > errorsBefore) return kExitFailed;
+        // The manager announces no success for this command; say what happened.
+        printDiagnostic("field of view written");
+        if (!session.readModule(readModule)) return kExitFailed;
+    }
+    printFovTable(manager, session.options().json);
+    return kExitOk;
+}
+
+int commandWatch(Session& session) {
+    const QStringList& arguments = session.options().arguments;
+    if (arguments.size() > 1) return usageError("watch takes at most one module name");
+    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    int module = -1;
+    if (arguments.isEmpty()) {
+        module = session.moduleWhere([](const VarInfo& v) { return v.timer_update && !v.hidden; });
+    } else if ((module = session.findModule(arguments[0])) < 0) {
+        return usageError("unknown module '" + arguments[0] +
+                          "'; the modules are: " + session.moduleNames().join(", "));
+    }
+    const std::vector<const VarPosition*> variables =
+        module < 0 ? std::vector<const VarPosition*>() : timerVariables(session, module);
+    if (variables.empty())
+        return usageError(arguments.isEmpty()
+                              ? session.options().model + " has no values refreshed by the timer"
+                              : arguments[0] + " has no values refreshed by the timer");
+
+    if (int status = session.connect(); status != kExitOk) return status;
+    session.manager().setModuleIndexUse(module);
+    printDiagnostic("watching " + session.moduleNames().value(module) +
+                    ", refreshed about every 3 s (Ctrl-C stops) ...");
+    return watchRefreshes(session, variables, session.options().count);
+}
+
+int runCommand(const Options& options) {
+    Session session(options);
+    if (options.command == "models") return commandModels(session);
+    if (int status = session.loadModel(); status != kExitOk) return status;
+    if (options.command == "show") return commandShow(session);
+    if (options.command == "info") return commandInfo(session);
+    if (options.command == "read") return commandRead(session);
+    if (options.command == "set") return commandSet(session);
+    if (options.command == "fov") return commandFov(session);
+    if (options.command == "watch") return commandWatch(session);
+    return usageError("unknown command '" + options.command + "'");
+}
+
+}  // namespace cli

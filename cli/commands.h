@@ -1,0 +1,22 @@
+#pragma once
+
+// lidarutil's subcommands, one function each; every one returns the process exit status.
+
+#include "options.h"
+
+namespace cli {
+
+class Session;
+
+// Builds the session for the options and runs the subcommand they name.
+int runCommand(const Options& options);
+
+int commandModels(Session& session);
+int commandShow(Session& session);
+int commandInfo(Session& session);
+int commandRead(Session& session);
+int commandSet(Session& session);
+int commandFov(Session& session);
+int commandWatch(Session& session);
+
+}  // namespace cli

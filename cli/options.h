@@ -1,0 +1,40 @@
+#pragma once
+
+// Command-line arguments of lidarutil: global options, the subcommand and its arguments.
+
+#include <QString>
+#include <QStringList>
+
+namespace cli {
+
+// Exit statuses shared by every subcommand.
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;  // the lidar or the manager reported a failure
+constexpr int kExitUsage = 2;   // the request itself is wrong (arguments, names, values)
+
+struct Options {
+    QString model = "Egret";
+    QString host;       // empty: an embedded simulator serves the model
+    QString port;       // empty: the manager's saved (or default) port
+    QString localPort;  // empty: the manager's saved local host/port text
+    QString token;      // the embedded simulator requires this token for writes
+    bool verbose = false;
+    bool json = false;
+    int count = 0;  // watch: stop after this many refreshes (0: until SIGINT)
+    QString command;
+    QStringList arguments;  // what follows the subcommand, options removed
+};
+
+struct ParsedCommandLine {
+    bool ok = false;
+    bool helpRequested = false;
+    QString error;  // set when !ok
+    Options options;
+};
+
+// Options may stand before or after the subcommand; "--" ends them.
+ParsedCommandLine parseCommandLine(const QStringList& arguments);
+
+QString usageText();
+
+}  // namespace cli

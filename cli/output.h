@@ -1,0 +1,36 @@
+#pragma once
+
+// Where lidarutil writes: its results on standard output, everything else on standard error,
+// plus the plain-text tables and JSON documents it prints.
+
+#include <QJsonDocument>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+namespace cli {
+
+// Call first in main, before anything writes to standard output. The manager and the device
+// layer print developer lines with std::cout ("Init(): try to connect ..."); mixed into our
+// results they would break --json and every script reading name=value lines. So our results go
+// through a duplicate of the original standard output, and file descriptor 1 itself is pointed
+// at standard error with --verbose (the lines stay visible as diagnostics) or at /dev/null.
+// Qt's debug stream and the device layer's Logger follow the same rule.
+void routeOutput(bool verbose);
+
+// One line of results (a newline is added).
+void printResult(const QString& line);
+// A JSON document, indented, on the results stream.
+void printJson(const QJsonDocument& document);
+// One line on standard error.
+void printDiagnostic(const QString& line);
+// "lidarutil: message" on standard error; returns the exit status of a usage error.
+int usageError(const QString& message);
+// Flushes both streams and whatever the manager left in std::cout.
+void flushOutput();
+
+// A text table: one header row, then the rows; columns are padded to the widest cell, the last
+// column is not padded; every line starts with `indent` blanks.
+QString formatTable(const QStringList& headers, const QVector<QStringList>& rows, int indent = 0);
+
+}  // namespace cli

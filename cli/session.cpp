@@ -1,0 +1,234 @@
+#include "session.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QTimer>
+#include <cstdlib>
+
+#include "output.h"
+
+namespace cli {
+namespace {
+
+// The connect worker gives up by itself (TCP connect and two probes of 4 s each); this is only
+// a backstop against a worker that never reports.
+constexpr int kConnectDeadlineMs = 30000;
+constexpr int kConnectPollMs = 20;
+
+QString connectionKindOf(int connectType) {
+    return connectType == 1 ? "reached over serial lines" : "reached as VRC over a serial line";
+}
+
+}  // namespace
+
+Session::Session(const Options& options) : options_(options) {
+    if (options_.host.isEmpty()) isolateSettings();
+    manager_ = std::make_unique<LidarUtilitiesManager>(0, "");
+    receiver_ = std::make_unique<QObject>();
+    wireMessages();
+}
+
+Session::~Session() {
+    receiver_.reset();
+    manager_.reset();
+    simulator_.reset();
+}
+
+bool Session::configFolderPresent() {
+    return QFileInfo("./Config/varID").isDir();
+}
+
+void Session::isolateSettings() {
+    privateHome_ = std::make_unique<QTemporaryDir>();
+    if (!privateHome_->isValid()) return;
+    setenv("HOME", privateHome_->path().toLocal8Bit().constData(), 1);
+    // The documents folder is looked up through the user-dirs file under XDG_CONFIG_HOME.
+    unsetenv("XDG_CONFIG_HOME");
+}
+
+void Session::wireMessages() {
+    LidarUtilitiesManager* m = manager_.get();
+    QObject* r = receiver_.get();
+    const bool verbose = options_.verbose;
+    QObject::connect(m, &LidarUtilitiesManager::sendLogMessage, r,
+                     [verbose](const QString& message, const QString& level) {
+                         // Warnings and errors explain failures, so they are always shown.
+                         if (verbose || level == "WARNING" || level == "ERROR")
+                             printDiagnostic(level + ": " + message);
+                     });
+    QObject::connect(m, &LidarUtilitiesManager::errorMessageChanged, r, [this] {
+        ++errors_;
+        printDiagnostic("error: " + manager_->getErrorMessage());
+    });
+    QObject::connect(m, &LidarUtilitiesManager::successMessageChanged, r,
+                     [this] { printDiagnostic(manager_->getSuccessMessage()); });
+}
+
+int Session::loadModel() {
+    const QVariantList models = manager_->getLidarModelList();
+    if (!models.contains(options_.model)) {
+        QStringList names;
+        for (const QVariant& name : models) names << name.toString();
+        printDiagnostic("lidarutil: unknown model '" + options_.model +
+                        "'; the models are: " + names.join(", "));
+        return kExitUsage;
+    }
+    manager_->InitConfigFileParser(options_.model);
+    variablesBuilt_ = false;
+    return kExitOk;
+}
+
+int Session::requireNetworkModel() const {
+    const int kind = manager_->getConnectType();
+    if (kind == 0) return kExitOk;
+    printDiagnostic("lidarutil: " + options_.model + " is " + connectionKindOf(kind) +
+                    "; its pages are not served as a variable map, so lidarutil can only list "
+                    "it (models)");
+    return kExitUsage;
+}
+
+QString Session::endpoint() const {
+    return manager_->getIpAddress() + ":" + manager_->getPort();
+}
+
+bool Session::startSimulator() {
+    sim::LidarSimulator::Options simOptions;
+    simOptions.model = options_.model.toStdString();
+    simOptions.configDir = "./Config";
+    simOptions.port = 0;
+    simOptions.requiredToken = options_.token.toStdString();
+    simulator_ = std::make_unique<sim::LidarSimulator>(simOptions);
+    std::string error;
+    if (!simulator_->Start(&error)) {
+        printDiagnostic("error: the simulator did not start: " + QString::fromStdString(error));
+        return false;
+    }
+    return true;
+}
+
+int Session::connect() {
+    if (int status = requireNetworkModel(); status != kExitOk) return status;
+    if (options_.host.isEmpty()) {
+        if (!startSimulator()) return kExitFailed;
+        manager_->setIpAddress("127.0.0.1");
+        manager_->setPort(QString::number(simulator_->Port()));
+    } else {
+        manager_->setIpAddress(options_.host);
+        if (!options_.port.isEmpty()) manager_->setPort(options_.port);
+    }
+    if (!options_.localPort.isEmpty()) manager_->setVrcClientHostPort(options_.localPort);
+    manager_->SetLogBytesFlowStatus(options_.verbose);
+
+    const QString what = simulator_ ? " (simulated " + options_.model + ")" : QString();
+    printDiagnostic("connecting to " + endpoint() + what + " ...");
+    return attemptConnection() ? kExitOk : kExitFailed;
+}
+
+bool Session::reconnect() {
+    printDiagnostic("connecting again to " + endpoint() + " ...");
+    return attemptConnection();
+}
+
+bool Session::attemptConnection() {
+    const int errorsBefore = errors_;
+    if (!manager_->ConnectLidar()) {
+        printDiagnostic("error: the manager did not start a connection");
+        return false;
+    }
+    QEventLoop loop;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, &loop, [this, &loop] {
+        if (!manager_->isConnecting()) loop.quit();
+    });
+    poll.start(kConnectPollMs);
+    QTimer::singleShot(kConnectDeadlineMs, &loop, [&loop] { loop.exit(1); });
+    const bool timedOut = loop.exec() != 0;
+    if (timedOut) {
+        printDiagnostic("error: no answer from " + endpoint() + " within " +
+                        QString::number(kConnectDeadlineMs / 1000) + " s");
+        return false;
+    }
+    manager_->waitForWorkers();
+    // The worker's messages were queued before it finished: deliver them now.
+    QCoreApplication::processEvents();
+    if (manager_->getIsConnected()) return true;
+    if (errors_ == errorsBefore) printDiagnostic("error: could not connect to " + endpoint());
+    return false;
+}
+
+bool Session::connectionAlive() const {
+    const std::shared_ptr<AuthorizedVrcClient> client = manager_->getAuthorizedClient();
+    return manager_->getIsConnected() && client && client->IsOpen();
+}
+
+bool Session::readModule(int module) {
+    const QStringList names = moduleNames();
+    const QString name = module < names.size() ? names[module] : QString::number(module);
+    printDiagnostic("reading " + name + " ...");
+    manager_->GetLidarModuleInfo(module);
+    if (connectionAlive()) return true;
+    printDiagnostic("error: the connection to the lidar broke while reading " + name);
+    return false;
+}
+
+QStringList Session::moduleNames() {
+    QStringList names;
+    for (const QVariant& name : manager_->level1List()) names << name.toString();
+    return names;
+}
+
+int Session::findModule(const QString& name) {
+    const QStringList names = moduleNames();
+    for (int i = 0; i < names.size(); ++i)
+        if (names[i].compare(name, Qt::CaseInsensitive) == 0) return i;
+    return -1;
+}
+
+// SetText and Run address the catalogue tree itself; the UI's variable map leaves hidden
+// variables out and so cannot give those indexes. The tree's shape and the variables' catalogue
+// fields never change once a model is loaded; only current_val does (read through the manager).
+const std::vector<VarPosition>& Session::variables() {
+    if (variablesBuilt_) return variables_;
+    variables_.clear();
+    const ConfigParser* parser = manager_->getCurrentParser();
+    if (parser != nullptr) {
+        const auto& tree = parser->varTree;
+        for (size_t m = 0; m < tree.size(); ++m)
+            for (size_t p = 0; p < tree[m].size(); ++p)
+                for (size_t r = 0; r < tree[m][p].size(); ++r)
+                    variables_.push_back({static_cast<int>(m), static_cast<int>(p),
+                                          static_cast<int>(r), tree[m][p][r]});
+    }
+    variablesBuilt_ = true;
+    return variables_;
+}
+
+const VarPosition* Session::findVariable(const QString& name) {
+    const std::string exact = name.toStdString();
+    for (const VarPosition& position : variables())
+        if (!position.var->hidden && position.var->var_name == exact) return &position;
+    const VarPosition* found = nullptr;
+    for (const VarPosition& position : variables()) {
+        if (position.var->hidden) continue;
+        if (QString::fromStdString(position.var->var_name).compare(name, Qt::CaseInsensitive))
+            continue;
+        if (found != nullptr && found->var != position.var) return nullptr;  // ambiguous
+        found = &position;
+    }
+    return found;
+}
+
+const VarPosition* Session::positionOf(const VarInfo* var) {
+    for (const VarPosition& position : variables())
+        if (position.var == var) return &position;
+    return nullptr;
+}
+
+int Session::moduleWhere(const std::function<bool(const VarInfo&)>& has) {
+    for (const VarPosition& position : variables())
+        if (has(*position.var)) return position.module;
+    return -1;
+}
+
+}  // namespace cli

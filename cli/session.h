@@ -1,0 +1,93 @@
+#pragma once
+
+// One run of lidarutil against one model: the manager, the embedded simulator when no --host is
+// given, the connection and the wiring of the manager's messages to standard error.
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "lidar_utilities_manager.h"
+#include "options.h"
+#include "sim/lidar_simulator.h"
+
+namespace cli {
+
+// Where a variable sits in the catalogue tree: the indexes SetText and Run take.
+struct VarPosition {
+    int module = 0;
+    int page = 0;
+    int row = 0;
+    VarInfo* var = nullptr;
+};
+
+class Session {
+  public:
+    explicit Session(const Options& options);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // The catalogue root must exist before anything else makes sense.
+    static bool configFolderPresent();
+
+    // Loads the model's catalogue; kExitUsage (with a message) for a model that is not shipped.
+    int loadModel();
+    // Refuses (kExitUsage, with a message) models whose pages the manager does not serve as a
+    // variable map: the serial kinds.
+    int requireNetworkModel() const;
+
+    // Starts the simulator when needed and connects; kExitOk or kExitFailed (messages printed).
+    int connect();
+    // Connects again to the same lidar (after a network-settings write closed the connection).
+    bool reconnect();
+    // Reads one module with a progress line; false when the connection broke while reading.
+    bool readModule(int module);
+    bool connectionAlive() const;
+
+    LidarUtilitiesManager& manager() { return *manager_; }
+    const Options& options() const { return options_; }
+    // Error messages the manager has shown since the start.
+    int errorCount() const { return errors_; }
+
+    // Module names of the loaded model, as the manager lists them.
+    QStringList moduleNames();
+    // The module named `name` (letter case ignored), or -1.
+    int findModule(const QString& name);
+    // Every variable of the catalogue tree, hidden ones included, in tree order.
+    const std::vector<VarPosition>& variables();
+    // The shown (not hidden) variable named `name`: the exact name first, then a unique match
+    // that ignores letter case; null when there is none.
+    const VarPosition* findVariable(const QString& name);
+    const VarPosition* positionOf(const VarInfo* var);
+    // The first module holding a variable that `has`, or -1.
+    int moduleWhere(const std::function<bool(const VarInfo&)>& has);
+
+  private:
+    void isolateSettings();
+    void wireMessages();
+    bool startSimulator();
+    bool attemptConnection();
+    QString endpoint() const;
+
+    Options options_;
+    // The embedded simulator's address must not end up in the user's saved connection settings
+    // (a later --host run would take its port), so simulated runs keep the manager's settings
+    // file in a private home that disappears with the run.
+    std::unique_ptr<QTemporaryDir> privateHome_;
+    std::unique_ptr<sim::LidarSimulator> simulator_;
+    std::unique_ptr<LidarUtilitiesManager> manager_;
+    // Receiver of the manager's signals; it lives on this thread, so messages emitted by the
+    // manager's workers arrive queued, in order, when the event loop runs. Declared after the
+    // manager so that it goes first and the manager's own shutdown messages are not printed.
+    std::unique_ptr<QObject> receiver_;
+    std::vector<VarPosition> variables_;
+    bool variablesBuilt_ = false;
+    int errors_ = 0;
+};
+
+}  // namespace cli

@@ -1,0 +1,350 @@
+#include "set_command.h"
+
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "output.h"
+#include "session.h"
+#include "value_parsers.h"
+
+namespace cli {
+namespace {
+
+const std::string kNetworkSetCmd = "0x21";
+const std::string kFovSetCmd = "0x22";
+
+QString qs(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+std::unique_ptr<StrParser> parserForType(const std::string& type) {
+    // The encodings the manager's apply step knows; any other type cannot be written.
+    if (type == "int8") return std::make_unique<IntParser>(1);
+    if (type == "int16") return std::make_unique<IntParser>(2);
+    if (type == "int32") return std::make_unique<IntParser>(4);
+    if (type == "int64") return std::make_unique<IntParser>(8);
+    if (type == "uint8") return std::make_unique<UintParser>(1);
+    if (type == "uint16") return std::make_unique<UintParser>(2);
+    if (type == "uint32") return std::make_unique<UintParser>(4);
+    if (type == "uint64") return std::make_unique<UintParser>(8);
+    if (type == "float32") return std::make_unique<FloatParser>();
+    if (type == "double") return std::make_unique<DoubleParser>();
+    if (type == "IP") return std::make_unique<IPv4Parser>();
+    if (type == "MAC") return std::make_unique<MacParser>();
+    return nullptr;
+}
+
+bool isHexDigitPairs(const QString& text) {
+    static const QRegularExpression pattern("^(0x)?([0-9A-Fa-f]{2})+$");
+    return pattern.match(text).hasMatch();
+}
+
+// Empty when the value can be encoded for the variable; the reason otherwise.
+QString encodingProblem(const VarInfo& var, const QString& value) {
+    const QString name = qs(var.var_name);
+    if (var.var_type == "raw")
+        return isHexDigitPairs(value) ? QString() : name + " takes hexadecimal digit pairs";
+    std::unique_ptr<StrParser> parser = parserForType(var.var_type);
+    if (!parser) return name + ": values of type " + qs(var.var_type) + " cannot be written";
+    try {
+        parser->parse(value.toStdString(), var.scale);
+    } catch (const std::exception& e) {
+        return name + ": '" + value + "' is not accepted (" + e.what() + ")";
+    }
+    return QString();
+}
+
+QString varChoices(const VarInfo& var, int count) {
+    QStringList choices;
+    for (int i = 0; i < count; ++i) {
+        const auto text = var.value_to_option.find(var.options[i]);
+        choices << QString::number(var.options[i]) +
+                       (text != var.value_to_option.end() ? "=" + qs(text->second) : QString());
+    }
+    return choices.join(", ");
+}
+
+// A selection accepts its option text, its raw value, or an index into its options (written
+// #N, or a bare N that is not itself one of the raw values). The option's index, or -1.
+int optionIndex(const VarInfo& var, const QString& requested, QString* problem) {
+    const int count = std::min(static_cast<int>(var.options.size()), var.option_num);
+    for (int i = 0; i < count; ++i) {
+        const auto text = var.value_to_option.find(var.options[i]);
+        if (text != var.value_to_option.end() &&
+            qs(text->second).compare(requested, Qt::CaseInsensitive) == 0)
+            return i;
+    }
+    bool isNumber = false;
+    const int number = QString(requested).remove(QRegularExpression("^#")).toInt(&isNumber);
+    if (isNumber && !requested.startsWith('#')) {
+        for (int i = 0; i < count; ++i)
+            if (var.options[i] == number) return i;
+    }
+    if (isNumber && number >= 0 && number < count) return number;
+    *problem = qs(var.var_name) + ": '" + requested + "' is not one of " + varChoices(var, count);
+    return -1;
+}
+
+// One NAME=VALUE of the command line, resolved against the catalogue.
+struct Edit {
+    QString requested;
+    const VarPosition* row = nullptr;  // the variable named
+    VarInfo* target = nullptr;         // whose value the set command carries
+    const VarPosition* targetRow = nullptr;
+    int setTextType = 1;  // 1 plain value, 2 the linked variable's value, 3 an option index
+    QString stagedText;   // what SetText receives
+    QString expected;     // what a read-back should show
+    QString before;       // the value the lidar held
+};
+
+class SetCommand {
+  public:
+    explicit SetCommand(Session& session) : session_(session), manager_(session.manager()) {}
+
+    int run() {
+        if (int status = resolveEdits(); status != kExitOk) return status;
+        if (int status = session_.connect(); status != kExitOk) return status;
+        for (int module : modulesToRead())
+            if (!session_.readModule(module)) return kExitFailed;
+        if (!everyCarriedValueRead()) return kExitFailed;
+        if (!valuesWithinLimits()) return kExitUsage;
+        const bool applied = applyAll();
+        const int readBack = readBackAndPrint();
+        return applied ? readBack : kExitFailed;
+    }
+
+  private:
+    int resolveEdits() {
+        const QStringList& arguments = session_.options().arguments;
+        if (arguments.isEmpty()) return usageError("set needs NAME=VALUE arguments");
+        QStringList problems;
+        for (const QString& argument : arguments) {
+            Edit edit;
+            const QString problem = resolveEdit(argument, edit);
+            if (!problem.isEmpty()) {
+                problems << problem;
+                continue;
+            }
+            const bool repeated = std::any_of(edits_.begin(), edits_.end(), [&](const Edit& e) {
+                return e.target == edit.target;
+            });
+            if (repeated) problems << qs(edit.row->var->var_name) + " is given twice";
+            edits_.push_back(edit);
+        }
+        for (const QString& problem : problems) printDiagnostic("lidarutil: " + problem);
+        if (problems.isEmpty()) return kExitOk;
+        printDiagnostic("lidarutil: nothing was sent");
+        return kExitUsage;
+    }
+
+    QString resolveEdit(const QString& argument, Edit& edit) {
+        const int equals = argument.indexOf('=');
+        if (equals <= 0) return "'" + argument + "' is not NAME=VALUE";
+        const QString name = argument.left(equals).trimmed();
+        edit.requested = argument.mid(equals + 1).trimmed();
+        edit.row = session_.findVariable(name);
+        if (edit.row == nullptr)
+            return "unknown variable '" + name + "' (lidarutil show lists the variables)";
+        VarInfo* var = edit.row->var;
+        edit.target = var->type == 2 ? var->switch_var : var;
+        if (edit.target == nullptr || edit.target->set_cmd.empty())
+            return qs(var->var_name) + " cannot be written";
+        edit.targetRow = session_.positionOf(edit.target);
+        if (isFovBound(*edit.target))
+            return qs(var->var_name) + " is a field-of-view bound: use lidarutil fov";
+        if (var->type == 2 || var->type == 3) {
+            QString problem;
+            const int index = optionIndex(*var, edit.requested, &problem);
+            if (index < 0) return problem;
+            edit.expected = QString::number(var->options[index]);
+            edit.setTextType = var->type;
+            // A selection is staged by its index; a linked switch passes the value itself.
+            edit.stagedText = var->type == 3 ? QString::number(index) : edit.expected;
+        } else {
+            edit.expected = edit.stagedText = edit.requested;
+        }
+        return encodingProblem(*edit.target, edit.expected);
+    }
+
+    // The manager sends the field-of-view table, not these variables, with the 0x22 command;
+    // only the command's first variable (its mode byte) travels from current_val.
+    bool isFovBound(const VarInfo& var) const {
+        if (var.set_cmd != kFovSetCmd) return false;
+        const auto& group = manager_.getCurrentParser()->GetVarInfosBySetCmd(kFovSetCmd);
+        return !group.empty() && group.front() != &var;
+    }
+
+    const std::vector<VarInfo*>& carriedWith(const Edit& edit) const {
+        return manager_.getCurrentParser()->GetVarInfosBySetCmd(edit.target->set_cmd);
+    }
+
+    // A set command carries every variable of its payload, so all of them must be read first.
+    std::set<int> modulesToRead() {
+        std::set<int> modules;
+        for (const Edit& edit : edits_) {
+            modules.insert(edit.row->module);
+            for (const VarInfo* var : carriedWith(edit))
+                if (const VarPosition* position = session_.positionOf(var))
+                    modules.insert(position->module);
+        }
+        return modules;
+    }
+
+    bool everyCarriedValueRead() {
+        for (Edit& edit : edits_) {
+            edit.before = manager_.currentValueOf(edit.target);
+            for (const VarInfo* var : carriedWith(edit)) {
+                if (var->get_cmd.empty() || !manager_.currentValueOf(var).isEmpty()) continue;
+                printDiagnostic("error: " + qs(var->var_name) +
+                                " could not be read from the lidar; nothing was sent");
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void stage(const Edit& edit) {
+        manager_.SetText(edit.setTextType, edit.row->module, edit.row->page, edit.row->row,
+                         edit.stagedText);
+    }
+
+    // The catalogue's limits are checked on staged values, module by module, before anything is
+    // sent. Run takes the whole set map at once, so the check stages everything, puts the read
+    // values back and clears the map; applyAll then stages one module at a time.
+    bool valuesWithinLimits() {
+        for (const Edit& edit : edits_) stage(edit);
+        bool withinLimits = true;
+        for (int module : targetModules())
+            withinLimits = manager_.CheckModuleVarsWithinRange(module) && withinLimits;
+        for (const Edit& edit : edits_) {
+            if (edit.targetRow == nullptr) continue;
+            manager_.SetText(1, edit.targetRow->module, edit.targetRow->page, edit.targetRow->row,
+                             edit.before);
+        }
+        manager_.ClearSetMap();
+        if (!withinLimits)
+            printDiagnostic("lidarutil: values outside the catalogue's limits; nothing was sent");
+        return withinLimits;
+    }
+
+    std::set<int> targetModules() const {
+        std::set<int> modules;
+        for (const Edit& edit : edits_)
+            if (edit.targetRow != nullptr) modules.insert(edit.targetRow->module);
+        return modules;
+    }
+
+    // The network command makes the lidar drop the connection, so its module goes last.
+    std::vector<int> moduleOrder() const {
+        std::vector<int> order;
+        for (const Edit& edit : edits_)
+            if (std::find(order.begin(), order.end(), edit.row->module) == order.end())
+                order.push_back(edit.row->module);
+        std::stable_partition(order.begin(), order.end(), [this](int module) {
+            return std::none_of(edits_.begin(), edits_.end(), [module](const Edit& edit) {
+                return edit.row->module == module && edit.target->set_cmd == kNetworkSetCmd;
+            });
+        });
+        return order;
+    }
+
+    bool applyAll() {
+        for (int module : moduleOrder()) {
+            if (!session_.connectionAlive() && !reconnectAndReread()) return false;
+            for (const Edit& edit : edits_)
+                if (edit.row->module == module) stage(edit);
+            if (manager_.getSetMapSize() == 0) continue;  // the lidar holds these values already
+            const bool network = std::any_of(edits_.begin(), edits_.end(), [&](const Edit& e) {
+                return e.row->module == module && e.target->set_cmd == kNetworkSetCmd;
+            });
+            const int errorsBefore = session_.errorCount();
+            manager_.Run(module);
+            sentNetwork_ = sentNetwork_ || network;
+            if (session_.errorCount() > errorsBefore) return false;
+        }
+        return true;
+    }
+
+    bool reconnectAndReread() {
+        if (!session_.reconnect()) return false;
+        for (int module : modulesToRead())
+            if (!session_.readModule(module)) return false;
+        return true;
+    }
+
+    int readBackAndPrint() {
+        if (!session_.connectionAlive() && !session_.reconnect()) {
+            if (!sentNetwork_) return kExitFailed;
+            // A lidar that takes its new address at once cannot be reached at the old one.
+            printDiagnostic(
+                "note: the lidar closed the connection after the network settings; "
+                "values not read back");
+            return kExitOk;
+        }
+        std::set<int> modules = targetModules();
+        for (const Edit& edit : edits_) modules.insert(edit.row->module);
+        for (int module : modules)
+            if (!session_.readModule(module)) return kExitFailed;
+        printValues();
+        return kExitOk;
+    }
+
+    void printValues() {
+        QJsonObject json;
+        for (const Edit& edit : edits_) {
+            const QString name = qs(edit.row->var->var_name);
+            const QString value = manager_.currentValueOf(edit.row->var);
+            if (!sameValue(edit.expected, value, edit.target->scale))
+                printDiagnostic("warning: " + name + " reads back as '" + value + "', not '" +
+                                edit.expected + "'");
+            if (session_.options().json)
+                json[name] = value;
+            else
+                printResult(name + "=" + value);
+        }
+        if (session_.options().json) printJson(QJsonDocument(json));
+    }
+
+    // Display texts differ from typed ones in form only: "12.5" reads back as "12.50", an
+    // address part "010" as "10", a MAC address in upper case.
+    static bool sameValue(const QString& expected, const QString& actual, float scale) {
+        if (expected.compare(actual, Qt::CaseInsensitive) == 0) return true;
+        bool expectedIsNumber = false;
+        bool actualIsNumber = false;
+        const double e = expected.toDouble(&expectedIsNumber);
+        const double a = actual.toDouble(&actualIsNumber);
+        if (expectedIsNumber && actualIsNumber)
+            return std::fabs(e - a) <= std::fabs(static_cast<double>(scale)) / 2 + 0.005;
+        const int base = expected.contains(':') ? 16 : 10;
+        static const QRegularExpression separators("[.:]");
+        const QStringList expectedParts = expected.split(separators);
+        const QStringList actualParts = actual.split(separators);
+        if (expectedParts.size() < 2 || expectedParts.size() != actualParts.size()) return false;
+        for (int i = 0; i < expectedParts.size(); ++i) {
+            bool ok1 = false;
+            bool ok2 = false;
+            if (expectedParts[i].toInt(&ok1, base) != actualParts[i].toInt(&ok2, base) || !ok1 ||
+                !ok2)
+                return false;
+        }
+        return true;
+    }
+
+    Session& session_;
+    LidarUtilitiesManager& manager_;
+    std::vector<Edit> edits_;
+    bool sentNetwork_ = false;
+};
+
+}  // namespace
+
+int applyEdits(Session& session) {
+    return SetCommand(session).run();
+}
+
+}  // namespace cli

@@ -1,0 +1,157 @@
+// lidarutil as a person or a script runs it: the built executable, started from the repository
+// root, talking to its embedded simulator.
+
+#include <gtest/gtest.h>
+
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+
+#include "test_support.h"
+
+namespace {
+
+struct Outcome {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+Outcome lidarutil(
+    const QStringList& arguments,
+    const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir())) {
+    const QString program = LIDAR_BINARY_DIR "/cli/lidarutil";
+    Outcome run;
+    if (!QFileInfo(program).isExecutable()) {
+        ADD_FAILURE() << "build the lidarutil target first: " << program.toStdString();
+        return run;
+    }
+    QProcess process;
+    process.setWorkingDirectory(workingDirectory);
+    process.start(program, arguments);
+    if (!process.waitForFinished(60000)) {
+        process.kill();
+        process.waitForFinished();
+        ADD_FAILURE() << "lidarutil " << arguments.join(' ').toStdString() << " did not finish";
+    }
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
+QStringList lines(const QString& text) {
+    return text.split('\n', Qt::SkipEmptyParts);
+}
+
+// The value of the variable `name` in the document printed by read --json.
+QString jsonValue(const QJsonDocument& document, const QString& name) {
+    for (const QJsonValue& module : document.object()["modules"].toArray())
+        for (const QJsonValue& page : module.toObject()["pages"].toArray())
+            for (const QJsonValue& variable : page.toObject()["variables"].toArray())
+                if (variable.toObject()["name"].toString() == name)
+                    return variable.toObject()["value"].toString();
+    return QString();
+}
+
+}  // namespace
+
+TEST(Lidarutil, ListsModelsAndShowsTheCatalogueWithoutALidar) {
+    const Outcome models = lidarutil({"models"});
+    EXPECT_EQ(models.exitCode, 0) << models.err.toStdString();
+    const QStringList rows = lines(models.out);
+    for (const char* row : {"Egret +network", "Plover +network", "Tern +network", "Wren +serial",
+                            "Wren-VRC +VRC over serial", "Heron-VRC +VRC over serial"})
+        EXPECT_EQ(rows.filter(QRegularExpression(QString("^") + row + "$")).size(), 1) << row;
+
+    const Outcome show = lidarutil({"--model", "Egret", "show"});
+    EXPECT_EQ(show.exitCode, 0) << show.err.toStdString();
+    EXPECT_TRUE(show.out.contains("== Network ==")) << show.out.toStdString();
+    // Name, type, get and set commands and the default of one variable, in one row.
+    EXPECT_TRUE(show.out.contains(QRegularExpression("IP Address +IP +0x08 +0x21 +192.168.1.201")));
+    EXPECT_TRUE(show.out.contains("0=Strongest, 1=Last, 2=Dual"));
+    EXPECT_FALSE(show.err.contains("connecting")) << "show needs no lidar";
+}
+
+TEST(Lidarutil, ReadJsonStaysMachineReadable) {
+    // The manager prints developer lines on standard output while connecting and reading; the
+    // JSON document must come out alone.
+    const Outcome read = lidarutil({"read", "Network", "--json"});
+    ASSERT_EQ(read.exitCode, 0) << read.err.toStdString();
+    QJsonParseError error{};
+    const QJsonDocument document = QJsonDocument::fromJson(read.out.toUtf8(), &error);
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << read.out.toStdString();
+    EXPECT_EQ(document.object()["model"].toString(), "Egret");
+    EXPECT_EQ(jsonValue(document, "IP Address"), "192.168.1.201");
+    EXPECT_EQ(jsonValue(document, "Data Port"), "2368");
+    EXPECT_TRUE(read.err.contains("reading Network ...")) << read.err.toStdString();
+}
+
+TEST(Lidarutil, SetAppliesEditsOfSeveralCommandsAndReadsThemBack) {
+    // Two variables of one set command, a selection given by its text, and a network value whose
+    // command makes the lidar drop the connection: set must reconnect to read it back.
+    const Outcome set = lidarutil(
+        {"set", "Spin Rate=1200", "Return Mode=Dual", "Data Port=2400", "Gateway=192.168.1.254"});
+    ASSERT_EQ(set.exitCode, 0) << set.err.toStdString();
+    EXPECT_EQ(lines(set.out), QStringList({"Spin Rate=1200", "Return Mode=2", "Data Port=2400",
+                                           "Gateway=192.168.1.254"}));
+    EXPECT_TRUE(set.err.contains("VRC command [0x31] to set Spin Rate, Return Mode"));
+    EXPECT_TRUE(set.err.contains("connecting again")) << set.err.toStdString();
+    EXPECT_FALSE(set.err.contains("warning")) << set.err.toStdString();
+}
+
+TEST(Lidarutil, RefusesBadRequestsAndReportsDeviceFailures) {
+    const Outcome unknown = lidarutil({"set", "Spin Rate=1200", "No Such Thing=1"});
+    EXPECT_EQ(unknown.exitCode, 2);
+    EXPECT_TRUE(unknown.err.contains("unknown variable 'No Such Thing'"))
+        << unknown.err.toStdString();
+    EXPECT_FALSE(unknown.err.contains("connecting")) << "nothing may be sent";
+    EXPECT_TRUE(unknown.out.isEmpty());
+
+    const Outcome badNumber = lidarutil({"set", "Data Port=70000"});
+    EXPECT_EQ(badNumber.exitCode, 2);
+    EXPECT_TRUE(badNumber.err.contains("Data Port: '70000' is not accepted"))
+        << badNumber.err.toStdString();
+
+    const Outcome badOption = lidarutil({"set", "Return Mode=Triple"});
+    EXPECT_EQ(badOption.exitCode, 2);
+    EXPECT_TRUE(badOption.err.contains("0=Strongest, 1=Last, 2=Dual"))
+        << badOption.err.toStdString();
+
+    // Within the type but outside the catalogue's limits (-5..5): caught before anything is sent.
+    const Outcome outOfRange = lidarutil({"set", "Noise Filter Level=9"});
+    EXPECT_EQ(outOfRange.exitCode, 2);
+    EXPECT_TRUE(outOfRange.err.contains("Noise Filter Level is out of range"));
+    EXPECT_TRUE(outOfRange.err.contains("nothing was sent"));
+
+    // The lidar refuses the write (it wants another token): the manager's failure, exit 1.
+    const Outcome refused =
+        lidarutil({"--model", "Tern", "--token", "other", "set", "Data Port=2400"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.err.contains("Set Failed: 0x20 SET")) << refused.err.toStdString();
+
+    testsupport::TempDir elsewhere;
+    const Outcome noConfig = lidarutil({"show"}, QString::fromStdString(elsewhere.path()));
+    EXPECT_EQ(noConfig.exitCode, 2);
+    EXPECT_TRUE(noConfig.err.contains("./Config/varID not found"));
+}
+
+TEST(Lidarutil, WritesTheFieldOfViewAndWatchesTimerValues) {
+    const Outcome fov = lidarutil({"fov", "0=15", "9=270.5", "--json"});
+    ASSERT_EQ(fov.exitCode, 0) << fov.err.toStdString();
+    const QJsonArray regions = QJsonDocument::fromJson(fov.out.toUtf8())["regions"].toArray();
+    ASSERT_EQ(regions.size(), 5) << fov.out.toStdString();
+    EXPECT_EQ(regions[0]["start"].toDouble(), 15.0);
+    EXPECT_EQ(regions[4]["end"].toDouble(), 270.5);
+    EXPECT_EQ(regions[1]["end"].toDouble(), 360.0);
+
+    const Outcome watch = lidarutil({"watch", "Status", "--count", "1"});
+    ASSERT_EQ(watch.exitCode, 0) << watch.err.toStdString();
+    EXPECT_TRUE(watch.out.contains("refresh 1\n"));
+    EXPECT_TRUE(watch.out.contains(QRegularExpression("\nBoard Temperature=41\\.50\n")))
+        << watch.out.toStdString();
+    EXPECT_FALSE(watch.out.contains("refresh 2"));
+}
