@@ -134,7 +134,7 @@ class StagedCommandSender {
           fovTable_(fovTable) {}
 
     // True when every command of the plan was handled without failure.
-    bool sendAll(SetCommandPlan& plan) {
+    bool sendAll(const SetCommandPlan& plan) {
         try {
             readBack(plan);
             for (const std::string& setCmd : plan.sendList) {
