@@ -336,7 +336,7 @@ TEST_F(VrcClientDevice, FieldOfViewRoundTripsInTheManagersLayout) {
                                 10.0f, 20.0f, 60.0f, 120.5f, 360.0f};
     for (int i = 0; i < 10; ++i) EXPECT_FLOAT_EQ(read[i], expected[i]) << "index " << i;
 
-    // A smaller capacity keeps the layout of the capacity: ends start right after it.
+    // A smaller capacity reads the first regions; their ends follow them.
     float small[4] = {-1.0f, -1.0f, -1.0f, -1.0f};
     count = 2;
     ASSERT_EQ(client->GetAllChannelFov(small, count, mode), 0);
@@ -344,6 +344,23 @@ TEST_F(VrcClientDevice, FieldOfViewRoundTripsInTheManagersLayout) {
     EXPECT_FLOAT_EQ(small[1], 12.3f);
     EXPECT_FLOAT_EQ(small[2], 10.0f);
     EXPECT_FLOAT_EQ(small[3], 20.0f);
+
+    // A device holding fewer regions than the capacity: ends right after the regions read.
+    const float three[6] = {5.0f, 15.0f, 25.0f, 10.0f, 20.0f, 30.0f};
+    ASSERT_EQ(client->SetAllChannelFov(three, 3, 2), 0);
+    float wide[10] = {};
+    count = 5;
+    ASSERT_EQ(client->GetAllChannelFov(wide, count, mode), 0);
+    EXPECT_EQ(count, 3);
+    EXPECT_EQ(mode, 2);
+    for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(wide[i], three[i]) << "index " << i;
+
+    // A reply announcing more regions than it carries is malformed, and ends the connection.
+    sim_->WriteBlock(0x23, {}, 1, {9});
+    count = 5;
+    EXPECT_EQ(client->GetAllChannelFov(wide, count, mode), lidar::kVrcMalformed);
+    EXPECT_EQ(client->GetLastReturnCode(), lidar::kVrcMalformed);
+    EXPECT_FALSE(client->IsOpen());
 }
 
 TEST_F(VrcClientDevice, ProfileRefusalSendsNothing) {

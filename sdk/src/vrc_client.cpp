@@ -270,12 +270,12 @@ int VrcClient::GetAllChannelFov(float* values, int& count, int& mode) {
                                                 std::to_string(reply.size()) +
                                                 " bytes do not hold the regions it announces"));
     }
-    const int capacity = count;
-    const int regions = std::min<int>(reply[1], capacity);
+    // Ends follow the regions read, the layout SetAllChannelFov takes back.
+    const int regions = std::min<int>(reply[1], count);
     for (int i = 0; i < regions; ++i) {
         const size_t at = 2 + size_t{4} * static_cast<size_t>(i);
         values[i] = static_cast<float>(ReadUint16(reply, at)) / 10.0f;
-        values[capacity + i] = static_cast<float>(ReadUint16(reply, at + 2)) / 10.0f;
+        values[regions + i] = static_cast<float>(ReadUint16(reply, at + 2)) / 10.0f;
     }
     count = regions;
     mode = reply[0];

@@ -65,8 +65,8 @@ class VrcClient {
                           int length, u8vec& value) const;
 
     // Channel field of view (0x23 / 0x22): values[0..count) are start angles, values[count..2count)
-    // end angles, in degrees. count is in/out: capacity of regions in, regions read out; the
-    // layout always follows the capacity, so a ten-value table is passed with count 5.
+    // end angles, in degrees. count is in/out: capacity of regions in (the array holds 2 * count
+    // floats), regions read out; the layout follows the count out.
     int GetAllChannelFov(float* values, int& count, int& mode);
     int SetAllChannelFov(const float* values, int count, uint8_t mode);
 
