@@ -6,6 +6,7 @@
 #include <QJsonObject>
 #include <QTimer>
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 
 #include "output.h"
@@ -348,22 +349,34 @@ void printRefresh(Session& session, const std::vector<const VarPosition*>& varia
 // Runs until SIGINT, `count` refreshes (0: no limit) or a lost connection.
 int watchRefreshes(Session& session, const std::vector<const VarPosition*>& variables, int count) {
     InterruptGuard guard;
+    std::atomic<int> refreshes{0};
+    // Direct, like the session's message connections: the page-refresh thread prints each
+    // refresh as it ends, and the loop below only decides when to stop.
+    QObject context;
+    QObject::connect(
+        &session.manager(), &LidarUtilitiesManager::myTimerMapChanged, &context,
+        [&] {
+            const int refresh = refreshes.load() + 1;
+            if (count > 0 && refresh > count) return;
+            printRefresh(session, variables, refresh);
+            refreshes.store(refresh);
+        },
+        Qt::DirectConnection);
     QEventLoop loop;
-    int refreshes = 0;
-    QObject::connect(&session.manager(), &LidarUtilitiesManager::myTimerMapChanged, &loop, [&] {
-        printRefresh(session, variables, ++refreshes);
-        if (count > 0 && refreshes >= count) loop.exit(kExitOk);
-    });
     QTimer poll;
     QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
-        if (interrupted) loop.exit(kExitOk);
-        if (!session.connectionAlive()) {
+        if (interrupted || (count > 0 && refreshes.load() >= count)) {
+            loop.exit(kExitOk);
+        } else if (!session.connectionAlive()) {
             printDiagnostic("error: the connection to the lidar was lost");
             loop.exit(kExitFailed);
         }
     });
     poll.start(100);
-    return loop.exec();
+    const int status = loop.exec();
+    // Joins the page-refresh thread, so no refresh is inside the slot when its captures go.
+    session.manager().Stop();
+    return status;
 }
 
 }  // namespace

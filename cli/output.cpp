@@ -35,7 +35,7 @@ void qtMessage(QtMsgType type, const QMessageLogContext&, const QString& message
     if (!verboseDiagnostics) return;
     static const char* const kNames[] = {"DEBUG", "WARNING", "CRITICAL", "FATAL", "INFO"};
     const int index = static_cast<int>(type);
-    writeLine(stderr, QString(index >= 0 && index < 5 ? kNames[index] : "DEBUG") + " " + message);
+    writeLine(stderr, QString(index >= 0 && index < 5 ? kNames[index] : "DEBUG") + ": " + message);
 }
 
 }  // namespace
@@ -49,6 +49,8 @@ void routeOutput(bool verbose) {
     resultStream = stream;
     if (verbose) {
         ::dup2(STDERR_FILENO, STDOUT_FILENO);
+        // Line by line, so the developer lines interleave with the log in the order they happen.
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);
     } else {
         const int sink = ::open("/dev/null", O_WRONLY);
         if (sink >= 0) {

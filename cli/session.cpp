@@ -1,6 +1,5 @@
 #include "session.h"
 
-#include <QCoreApplication>
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QTimer>
@@ -51,18 +50,24 @@ void Session::wireMessages() {
     LidarUtilitiesManager* m = manager_.get();
     QObject* r = receiver_.get();
     const bool verbose = options_.verbose;
-    QObject::connect(m, &LidarUtilitiesManager::sendLogMessage, r,
-                     [verbose](const QString& message, const QString& level) {
-                         // Warnings and errors explain failures, so they are always shown.
-                         if (verbose || level == "WARNING" || level == "ERROR")
-                             printDiagnostic(level + ": " + message);
-                     });
-    QObject::connect(m, &LidarUtilitiesManager::errorMessageChanged, r, [this] {
-        ++errors_;
-        printDiagnostic("error: " + manager_->getErrorMessage());
-    });
-    QObject::connect(m, &LidarUtilitiesManager::successMessageChanged, r,
-                     [this] { printDiagnostic(manager_->getSuccessMessage()); });
+    QObject::connect(
+        m, &LidarUtilitiesManager::sendLogMessage, r,
+        [verbose](const QString& message, const QString& level) {
+            // Warnings and errors explain failures, so they are always shown.
+            if (verbose || level == "WARNING" || level == "ERROR")
+                printDiagnostic(level + ": " + message);
+        },
+        Qt::DirectConnection);
+    QObject::connect(
+        m, &LidarUtilitiesManager::errorMessageChanged, r,
+        [this] {
+            ++errors_;
+            printDiagnostic("error: " + manager_->getErrorMessage());
+        },
+        Qt::DirectConnection);
+    QObject::connect(
+        m, &LidarUtilitiesManager::successMessageChanged, r,
+        [this] { printDiagnostic(manager_->getSuccessMessage()); }, Qt::DirectConnection);
 }
 
 int Session::loadModel() {
@@ -117,7 +122,12 @@ int Session::connect() {
         manager_->setIpAddress(options_.host);
         if (!options_.port.isEmpty()) manager_->setPort(options_.port);
     }
-    if (!options_.localPort.isEmpty()) manager_->setVrcClientHostPort(options_.localPort);
+    if (!options_.localPort.isEmpty()) {
+        if (!manager_->getEnableVrcClientHostPortUi())
+            printDiagnostic("note: " + options_.model +
+                            " lets the system choose the local port; --local-port is ignored");
+        manager_->setVrcClientHostPort(options_.localPort);
+    }
     manager_->SetLogBytesFlowStatus(options_.verbose);
 
     const QString what = simulator_ ? " (simulated " + options_.model + ")" : QString();
@@ -150,8 +160,6 @@ bool Session::attemptConnection() {
         return false;
     }
     manager_->waitForWorkers();
-    // The worker's messages were queued before it finished: deliver them now.
-    QCoreApplication::processEvents();
     if (manager_->getIsConnected()) return true;
     if (errors_ == errorsBefore) printDiagnostic("error: could not connect to " + endpoint());
     return false;
