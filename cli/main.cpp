@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
 
     int status = cli::kExitOk;
     if (parsed.helpRequested) {
-        cli::printResult(cli::usageText());
+        cli::printResult(cli::usageText().trimmed());
     } else if (!parsed.ok) {
         cli::printDiagnostic("lidarutil: " + parsed.error + " (lidarutil --help lists the usage)");
         status = cli::kExitUsage;

@@ -39,16 +39,11 @@ std::unique_ptr<StrParser> parserForType(const std::string& type) {
     return nullptr;
 }
 
-bool isHexDigitPairs(const QString& text) {
-    static const QRegularExpression pattern("^(0x)?([0-9A-Fa-f]{2})+$");
-    return pattern.match(text).hasMatch();
-}
-
 // Empty when the value can be encoded for the variable; the reason otherwise.
 QString encodingProblem(const VarInfo& var, const QString& value) {
     const QString name = qs(var.var_name);
-    if (var.var_type == "raw")
-        return isHexDigitPairs(value) ? QString() : name + " takes hexadecimal digit pairs";
+    // Write-only raw commands (restart, reset, upgrade) are device operations, not settings.
+    if (var.var_type == "raw") return name + " is a device operation, not a setting";
     std::unique_ptr<StrParser> parser = parserForType(var.var_type);
     if (!parser) return name + ": values of type " + qs(var.var_type) + " cannot be written";
     try {
@@ -254,19 +249,20 @@ class SetCommand {
     }
 
     bool applyAll() {
+        bool anyStaged = false;
         for (int module : moduleOrder()) {
             if (!session_.connectionAlive() && !reconnectAndReread()) return false;
             for (const Edit& edit : edits_)
                 if (edit.row->module == module) stage(edit);
             if (manager_.getSetMapSize() == 0) continue;  // the lidar holds these values already
-            const bool network = std::any_of(edits_.begin(), edits_.end(), [&](const Edit& e) {
-                return e.row->module == module && e.target->set_cmd == kNetworkSetCmd;
-            });
+            anyStaged = true;
             const int errorsBefore = session_.errorCount();
             manager_.Run(module);
-            sentNetwork_ = sentNetwork_ || network;
             if (session_.errorCount() > errorsBefore) return false;
+            // After the network command the manager has stopped the connection on purpose.
+            droppedByNetworkCommand_ = droppedByNetworkCommand_ || !session_.connectionAlive();
         }
+        if (!anyStaged) printDiagnostic("the lidar holds these values already; nothing was sent");
         return true;
     }
 
@@ -279,11 +275,11 @@ class SetCommand {
 
     int readBackAndPrint() {
         if (!session_.connectionAlive() && !session_.reconnect()) {
-            if (!sentNetwork_) return kExitFailed;
-            // A lidar that takes its new address at once cannot be reached at the old one.
+            if (!droppedByNetworkCommand_) return kExitFailed;
+            // A lidar that takes a new address at once, or restarts, cannot be reached now.
             printDiagnostic(
-                "note: the lidar closed the connection after the network settings; "
-                "values not read back");
+                "note: the lidar is not reachable after the write that closed the "
+                "connection; values not read back");
             return kExitOk;
         }
         std::set<int> modules = targetModules();
@@ -338,7 +334,7 @@ class SetCommand {
     Session& session_;
     LidarUtilitiesManager& manager_;
     std::vector<Edit> edits_;
-    bool sentNetwork_ = false;
+    bool droppedByNetworkCommand_ = false;
 };
 
 }  // namespace
