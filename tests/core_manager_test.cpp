@@ -27,7 +27,9 @@ QString settingsPath() {
            "/ZephyrDataFiles/RecvSettings.ini";
 }
 
-void removeSettings() { QFile::remove(settingsPath()); }
+void removeSettings() {
+    QFile::remove(settingsPath());
+}
 
 // A tree of small catalogues: Alpha and Wren in folders, Beta in the root.
 void writeCatalogues(const std::string& root) {
@@ -39,8 +41,8 @@ void writeCatalogues(const std::string& root) {
                               "Status,Temps,a5,Temp,int16,0x40,,0,0,2,0,0,,\" (C)\",0,1\n";
     WriteFile(root + "/Config/varID/Alpha/Alpha.csv", alpha);
     WriteFile(root + "/Config/varID/Alpha.csv", alpha);  // the folder form wins
-    WriteFile(root + "/Config/varID/Beta.csv", std::string(kHeader) +
-                                                   "M,P,b1,Only,uint8,0x30,,0,0,1,0,0,,,0,0\n");
+    WriteFile(root + "/Config/varID/Beta.csv",
+              std::string(kHeader) + "M,P,b1,Only,uint8,0x30,,0,0,1,0,0,,,0,0\n");
     WriteFile(root + "/Config/varID/gamma.CSV", kHeader);
     WriteFile(root + "/Config/varID/x.tar.csv", kHeader);
     WriteFile(root + "/Config/varID/Wren/Wren.csv",

@@ -32,7 +32,7 @@ QString settingsPath() {
 
 // Holds a listening socket on a loopback port, so that nobody else can bind it.
 class PortHolder {
-public:
+  public:
     PortHolder() {
         fd_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in addr{};
@@ -47,7 +47,7 @@ public:
     ~PortHolder() { close(fd_); }
     uint16_t port() const { return port_; }
 
-private:
+  private:
     int fd_ = -1;
     uint16_t port_ = 0;
 };

@@ -43,7 +43,7 @@ inline std::unique_ptr<sim::LidarSimulator> StartSimulator(const std::string& mo
 
 // The manager, its signals recorded, with the shipped catalogues as ./Config.
 class ManagerSession {
-public:
+  public:
     explicit ManagerSession(const std::string& model)
         : cwd_(SourceDir()),
           settingsRemoved_(RemoveSettingsFile()),
@@ -81,7 +81,7 @@ public:
         connected_.clear();
     }
 
-private:
+  private:
     // Each session starts from the defaults: an earlier one may have saved a local port.
     static bool RemoveSettingsFile() {
         return QFile::remove(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
