@@ -1,13 +1,21 @@
 #!/usr/bin/env bash
-# The main job: installs what is missing, builds, and runs lidarutil against the embedded
-# simulator. Extra arguments go to lidarutil.
+# The main job: installs what is missing, builds, and runs a short session of lidarutil against
+# the embedded simulated lidar. With arguments, runs lidarutil with them instead.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
+echo "building (first time: a few minutes) ..." >&2
 "$root/scripts/build.sh" build >/dev/null
 cd "$root"
+lidarutil="$root/build/cli/lidarutil"
 if [ $# -gt 0 ]; then
-    exec "$root/build/cli/lidarutil" "$@"
+    exec "$lidarutil" "$@"
 fi
-"$root/build/cli/lidarutil" models
-"$root/build/cli/lidarutil" --model Egret show
+
+step() { printf '\n$ lidarutil %s\n' "$*"; "$lidarutil" "$@"; }
+step models
+step --model Egret show
+step --model Egret read Operation
+# Two values of one set command (0x31) and a network value (0x21, applied last; the lidar then
+# drops the connection and lidarutil connects again to read back).
+step --model Egret set "Spin Rate=1200" "Return Mode=Dual" "Gateway=192.168.1.254"
