@@ -16,6 +16,9 @@ namespace {
 
 const char* const kAuthConfigPath = "./Config/auth_config.csv";
 constexpr uint8_t kDeviceInfoCommand = 0x07;
+// clang-format off
+const char* const kLocalPortFailure = "Failed to bind VRC client local port or connection refused. Check the local port is free and matches lidar ACL (e.g. 42524).";
+// clang-format on
 constexpr uint8_t kNetworkConfigCommand = 0x08;
 constexpr uint8_t kConfigFileCommand = 0x74;
 
@@ -123,9 +126,7 @@ void LidarUtilitiesManager::reportConnectFailure(const char* operation, const st
                                                  uint16_t localPort) {
     std::cout << operation << "(): init lidar error\n";
     if (localPort != 0)
-        showErrorMessage(
-            "Failed to bind VRC client local port or connection refused. Check the local port is "
-            "free and matches lidar ACL (e.g. 42524).");
+        showErrorMessage(kLocalPortFailure);
     else
         showErrorMessage("Connection Failed. Please check your network settings.");
     writeLogMessage("Connection Error: " + logText, "ERROR");

@@ -22,6 +22,12 @@
 
 namespace {
 
+// Texts the user sees, kept whole so they can be found as written.
+// clang-format off
+const char* const kSetWithoutGetMessage = "There are undefined cases in the csv config file where there is a line with 'set' and no 'get', but the var_type is not 'raw'.";
+const char* const kNetworkSetNote = "Set Lidar Successfully\nNote that if you have changed the TCP-related settings, you will need to restart the lidar for it to work.";
+// clang-format on
+
 const std::string kNetworkSetCmd = "0x21";
 const std::string kFovSetCmd = "0x22";
 
@@ -179,9 +185,7 @@ class StagedCommandSender {
         for (const VarInfo* var : group) {
             if (!var->get_cmd.empty()) continue;
             if (var->var_type != "raw") {
-                manager_.showErrorMessage(
-                    "There are undefined cases in the csv config file where there is a line "
-                    "with 'set' and no 'get', but the var_type is not 'raw'.");
+                manager_.showErrorMessage(kSetWithoutGetMessage);
                 return false;
             }
             LidarUtilitiesManager::writeSubCmdIntoInput(valueOf_(var), payload);
@@ -257,9 +261,7 @@ class StagedCommandSender {
                                                                "] to set " + names + " success."));
             return;
         }
-        manager_.showSuccessMessage(
-            "Set Lidar Successfully\nNote that if you have changed the TCP-related settings, you "
-            "will need to restart the lidar for it to work.");
+        manager_.showSuccessMessage(kNetworkSetNote);
         manager_.Stop();
     }
 
