@@ -1,6 +1,7 @@
 // Reading a module of 500 variables in 25 groups through the manager, beside 25 bare QueryCommand
-// round trips on the same connection to the same simulated lidar. The "ratio" counter is what the manager adds on top of
-// the wire: grouping, decoding 500 values and rebuilding the UI map (target at most 1.2).
+// round trips on the same connection to the same simulated lidar. The "ratio" counter is what the
+// manager adds on top of the wire: grouping, decoding 500 values and rebuilding the UI map (target
+// at most 1.2).
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>

@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include <unistd.h>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -9,7 +11,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace testsupport {
 
@@ -19,7 +20,9 @@ TempDir::TempDir(const std::string& prefix) {
     path_ = pattern;
 }
 
-TempDir::~TempDir() { QDir(QString::fromStdString(path_)).removeRecursively(); }
+TempDir::~TempDir() {
+    QDir(QString::fromStdString(path_)).removeRecursively();
+}
 
 ScopedCwd::ScopedCwd(const std::string& dir) {
     previous_ = QDir::currentPath().toStdString();
@@ -44,9 +47,13 @@ std::string ReadFile(const std::string& path) {
     return s.str();
 }
 
-bool FileExists(const std::string& path) { return QFileInfo::exists(QString::fromStdString(path)); }
+bool FileExists(const std::string& path) {
+    return QFileInfo::exists(QString::fromStdString(path));
+}
 
-std::string SourceDir() { return LIDAR_SOURCE_DIR; }
+std::string SourceDir() {
+    return LIDAR_SOURCE_DIR;
+}
 
 bool WaitFor(const std::function<bool()>& predicate, int timeoutMs) {
     QElapsedTimer timer;

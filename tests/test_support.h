@@ -10,7 +10,7 @@ namespace testsupport {
 
 // A fresh directory under the system temporary directory, removed with its content at the end.
 class TempDir {
-public:
+  public:
     explicit TempDir(const std::string& prefix = "lidar-test");
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -18,17 +18,17 @@ public:
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
 // Changes the working directory for the life of the object (the manager reads ./Config).
 class ScopedCwd {
-public:
+  public:
     explicit ScopedCwd(const std::string& dir);
     ~ScopedCwd();
 
-private:
+  private:
     std::string previous_;
 };
 

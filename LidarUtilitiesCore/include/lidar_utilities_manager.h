@@ -14,9 +14,9 @@
 #include <QVariant>
 #include <QVariantList>
 #include <array>
-#include <functional>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -41,26 +41,26 @@ class LidarUtilitiesManager : public QObject {
     Q_OBJECT
     Q_PROPERTY(QString ipAddress READ getIpAddress WRITE setIpAddress NOTIFY initInfoChanged)
     Q_PROPERTY(QString port READ getPort WRITE setPort NOTIFY initInfoChanged)
-    Q_PROPERTY(QString serialPort485 READ serial_port_485 WRITE set_serial_port_485 NOTIFY
-                   initInfoChanged)
-    Q_PROPERTY(QString serialPort232 READ serial_port_232 WRITE set_serial_port_232 NOTIFY
-                   initInfoChanged)
+    Q_PROPERTY(
+        QString serialPort485 READ serial_port_485 WRITE set_serial_port_485 NOTIFY initInfoChanged)
+    Q_PROPERTY(
+        QString serialPort232 READ serial_port_232 WRITE set_serial_port_232 NOTIFY initInfoChanged)
     Q_PROPERTY(QString baudRate READ baud_rate WRITE set_baud_rate NOTIFY initInfoChanged)
     Q_PROPERTY(QString udpPort READ getUdpPort WRITE setUdpPort NOTIFY initInfoChanged)
-    Q_PROPERTY(QString vrcClientHostPort READ getVrcClientHostPort WRITE setVrcClientHostPort
-                   NOTIFY initInfoChanged)
+    Q_PROPERTY(QString vrcClientHostPort READ getVrcClientHostPort WRITE setVrcClientHostPort NOTIFY
+                   initInfoChanged)
     Q_PROPERTY(bool enableVrcClientHostPortUi READ getEnableVrcClientHostPortUi NOTIFY
                    featureConfigChanged)
     Q_PROPERTY(bool isConnected READ getIsConnected NOTIFY isConnectedChanged)
     Q_PROPERTY(int connectType READ getConnectType NOTIFY connectTypeChanged)
     Q_PROPERTY(bool isUpgrading READ getIsUpgrading NOTIFY isUpgradingChanged)
-    Q_PROPERTY(bool isDownloadLog READ getIsDownloadLog WRITE setIsDownloadLog NOTIFY
-                   isDownloadLogChanged)
+    Q_PROPERTY(
+        bool isDownloadLog READ getIsDownloadLog WRITE setIsDownloadLog NOTIFY isDownloadLogChanged)
     Q_PROPERTY(int upgradeProgress READ getUpgradeProgress NOTIFY isUpgradingChanged)
-    Q_PROPERTY(int upgradeProgressTotalLen READ getUpgradeProgressTotalLen NOTIFY
-                   isUpgradingChanged)
-    Q_PROPERTY(QString errorMessage READ getErrorMessage WRITE setErrorMsg NOTIFY
-                   errorMessageChanged)
+    Q_PROPERTY(
+        int upgradeProgressTotalLen READ getUpgradeProgressTotalLen NOTIFY isUpgradingChanged)
+    Q_PROPERTY(
+        QString errorMessage READ getErrorMessage WRITE setErrorMsg NOTIFY errorMessageChanged)
     Q_PROPERTY(QString successMessage READ getSuccessMessage WRITE setSuccessMsg NOTIFY
                    successMessageChanged)
     Q_PROPERTY(QString sendVrcCommandReturnHeader READ getSendVrcCommandReturnHeader NOTIFY
@@ -79,12 +79,12 @@ class LidarUtilitiesManager : public QObject {
                    monitorHwVersionListChanged)
     Q_PROPERTY(QString currentMonitorHwVersion READ getCurrentMonitorHwVersion NOTIFY
                    currentMonitorHwVersionChanged)
-    Q_PROPERTY(int monitorModuleIndex READ getMonitorModuleIndex NOTIFY
-                   currentMonitorHwVersionChanged)
-    Q_PROPERTY(int monitorContentRevision READ getMonitorContentRevision NOTIFY
-                   monitorContentChanged)
+    Q_PROPERTY(
+        int monitorModuleIndex READ getMonitorModuleIndex NOTIFY currentMonitorHwVersionChanged)
+    Q_PROPERTY(
+        int monitorContentRevision READ getMonitorContentRevision NOTIFY monitorContentChanged)
 
-public:
+  public:
     // ---- Creation (lidar_utilities_manager.cpp) ----
     static LidarUtilitiesManager* getInstance(uint8_t tag, std::string configPath);
     LidarUtilitiesManager(uint8_t tag, std::string configPath);
@@ -97,8 +97,8 @@ public:
     static const std::string Wren_VRC_Str;
     static const std::string Heron_VRC_Str;
     static const std::string READ_VAR, WRITE_VAR, READ_VAR_ARRAY, WRITE_VAR_ARRAY;
-    static const std::string READ_EQUIP_ADDRESS, WRITE_EQUIP_ADDRESS,
-        READ_EQUIP_CONTINUE_ADDRESS, WRITE_EQUIP_CONTINUE_ADDRESS;
+    static const std::string READ_EQUIP_ADDRESS, WRITE_EQUIP_ADDRESS, READ_EQUIP_CONTINUE_ADDRESS,
+        WRITE_EQUIP_CONTINUE_ADDRESS;
     static const std::string READ_FILE, WRITE_FILE, HAS_SUB_CMD;
     static const std::string kStrVRCGetLidarModelFromLidar, kStrVRCGetLidarModelFromLidarSubCmd;
 
@@ -184,9 +184,9 @@ public:
                                    std::vector<uint8_t>& value, bool update);
     void GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>& value);
     Q_INVOKABLE int UpdateSingleVarInfo(QString key, QString searchType);
-    void GetInfoFromLidarWithSameCmd(
-        std::vector<VarInfo*>& group,
-        std::unordered_map<std::string, std::vector<uint8_t>>* replies, bool update);
+    void GetInfoFromLidarWithSameCmd(std::vector<VarInfo*>& group,
+                                     std::unordered_map<std::string, std::vector<uint8_t>>* replies,
+                                     bool update);
     Q_INVOKABLE void GetLidarModuleInfo(int module);
     void updatePagesTimer();
     Q_INVOKABLE bool isTimerUpdate(int module, int page, int var) const;
@@ -231,7 +231,7 @@ public:
     // The SDK client of kinds 0 and 2, or null.
     std::shared_ptr<AuthorizedVrcClient> getAuthorizedClient() const;
 
-signals:
+  signals:
     void initInfoChanged();
     void isConnectedChanged();
     void connectTypeChanged();
@@ -261,7 +261,7 @@ signals:
     void monitorRecordParamsChanged();
     void isMonitorRecordingChanged();
 
-private:
+  private:
     static void initInstance(uint8_t tag, std::string configPath);
     static QString settingsFilePath();
     void readSettings();
@@ -286,7 +286,7 @@ private:
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
 
-public:
+  public:
     // ---- Fields shared by several subsystems, in declaration order ----
     static LidarUtilitiesManager* instance_;
     static std::once_flag init_instance_flag_;
@@ -294,7 +294,7 @@ public:
     std::atomic<bool> pagesTimerRunning{false};
     std::unique_ptr<std::thread> pagesTimerThread;
 
-private:
+  private:
     // UI caches, guarded by catalogueMutex_.
     QVariantList level1ListCache;
     QVariantList level2ListCache;
@@ -307,11 +307,11 @@ private:
     std::map<std::string, bool> setMap;
     std::map<VarInfo*, bool> editedVarMap;
 
-public:
+  public:
     std::atomic<int32_t> upgradeMode{0};
     std::atomic<bool> isGetPBLVersion{false};
 
-private:
+  private:
     const uint8_t creationTag;
     std::string currentConfigPath;  // guarded by fieldsMutex_
 
@@ -344,37 +344,36 @@ private:
     uint16_t udpPort = 2368;
 
     // Channel field of view (degrees): starts of regions 1-5, then their ends.
-    static constexpr std::array<float, 10> kDefaultFovTable = {0, 0, 0, 0, 0,
+    static constexpr std::array<float, 10> kDefaultFovTable = {0,   0,   0,   0,   0,
                                                                360, 360, 360, 360, 360};
     std::array<float, 10> fovTable = kDefaultFovTable;  // guarded by fieldsMutex_
 
-public:
+  public:
     std::atomic<bool> isConnected{false};
     std::atomic<bool> connecting{false};
     std::atomic<bool> isUpgrading{false};
 
-private:
+  private:
     QString errorMessage;    // guarded by fieldsMutex_
     QString successMessage;  // guarded by fieldsMutex_
 
-public:
+  public:
     std::atomic<bool> isDownloadLog{false};
 
-private:
+  private:
     std::string selectLidarModel;  // guarded by fieldsMutex_
     std::atomic<bool> enableVrcClientHostPortUi{false};
     std::string vrcClientHostPort = "ANY";  // guarded by fieldsMutex_
 
-public:
+  public:
     std::atomic<int32_t> upgradeProgress{0};
     std::atomic<int32_t> upgradeProgressTotalLen{1};
     std::atomic<bool> logBytesFlow{false};
     std::atomic<int32_t> connectType{0};
 
-private:
+  private:
     // Placeholders shown before the first read of the serial models' information pages.
-    std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx",
-                                    "xxxxxxxx"};
+    std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
 
     // Monitor.
     QList<MonitorHwVersionInfo> monitorHwVersions;  // guarded by fieldsMutex_
@@ -386,13 +385,13 @@ private:
     std::atomic<int32_t> monitorRecordDurationSec{60};
     std::atomic<int32_t> monitorRecordIntervalSec{1};
 
-public:
+  public:
     std::atomic<bool> monitorRefreshRunning{false};
     std::atomic<bool> monitorRecording{false};
     std::unique_ptr<std::thread> monitorRefreshThread;
     std::unique_ptr<std::thread> monitorRecordThread;
 
-private:
+  private:
     // Short workers (connect, configuration-file query): joined before a new one starts and by
     // the destructor, so none outlives the manager.
     struct Worker {

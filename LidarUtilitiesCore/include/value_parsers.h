@@ -10,51 +10,51 @@
 void reverseMemory(void* data, unsigned long size);
 
 class StrParser {
-public:
+  public:
     virtual ~StrParser() = default;
     virtual std::vector<unsigned char> parse(const std::string& text, float scale) = 0;
     static bool isNumeric(const QString& text);
 };
 
 class IntParser : public StrParser {
-public:
+  public:
     explicit IntParser(unsigned long width) : width_(width) {}
     std::vector<unsigned char> parse(const std::string& text, float scale) override;
 
-private:
+  private:
     unsigned long width_;
 };
 
 class UintParser : public StrParser {
-public:
+  public:
     explicit UintParser(unsigned long width) : width_(width) {}
     std::vector<unsigned char> parse(const std::string& text, float scale) override;
 
-private:
+  private:
     unsigned long width_;
 };
 
 class FloatParser : public StrParser {
-public:
+  public:
     std::vector<unsigned char> parse(const std::string& text, float scale) override;
 };
 
 class DoubleParser : public StrParser {
-public:
+  public:
     std::vector<unsigned char> parse(const std::string& text, float scale) override;
 };
 
 class IPv4Parser : public StrParser {
-public:
+  public:
     std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
 };
 
 class MacParser : public StrParser {
-public:
+  public:
     std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
 };
 
 class RawParser : public StrParser {
-public:
+  public:
     std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
 };

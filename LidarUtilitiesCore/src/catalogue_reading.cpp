@@ -461,7 +461,8 @@ QVariantMap LidarUtilitiesManager::varToMap(const VarInfo& var) {
     map.insert(QStringLiteral("current_val"), QString::fromStdString(var.current_val));
     if (var.type == 2) {
         if (var.switch_var) {
-            map.insert(QStringLiteral("switch_index"), QString::fromStdString(var.switch_var->current_val));
+            map.insert(QStringLiteral("switch_index"),
+                       QString::fromStdString(var.switch_var->current_val));
         } else {
             writeLogMessage(
                 "config file error, Please check the configuration of type 2 of " + var.var_name,

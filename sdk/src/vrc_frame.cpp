@@ -15,7 +15,8 @@ std::vector<uint8_t> EncodeHeader(uint8_t command, uint8_t status, uint32_t payl
 
 std::vector<uint8_t> EncodeFrame(uint8_t command, uint8_t status,
                                  const std::vector<uint8_t>& payload) {
-    std::vector<uint8_t> frame = EncodeHeader(command, status, static_cast<uint32_t>(payload.size()));
+    std::vector<uint8_t> frame =
+        EncodeHeader(command, status, static_cast<uint32_t>(payload.size()));
     frame.insert(frame.end(), payload.begin(), payload.end());
     return frame;
 }
@@ -42,8 +43,8 @@ FrameDecoder::Result FrameDecoder::Next(Frame& out) {
         return Result::kMalformed;
     }
     if (available < kHeaderSize) return Result::kNeedMore;
-    const uint32_t length = (uint32_t(p[4]) << 24) | (uint32_t(p[5]) << 16) |
-                            (uint32_t(p[6]) << 8) | uint32_t(p[7]);
+    const uint32_t length =
+        (uint32_t(p[4]) << 24) | (uint32_t(p[5]) << 16) | (uint32_t(p[6]) << 8) | uint32_t(p[7]);
     if (length > kMaxPayload) {
         malformed_ = true;
         return Result::kMalformed;

@@ -12,13 +12,13 @@ class AuthorizedVrcClient;
 
 // Authorisation handshake: 0xA0 asks whether the device requires it, 0xA1 sends the token.
 class AuthGate {
-public:
+  public:
     explicit AuthGate(AuthorizedVrcClient& owner) : owner_(owner) {}
     // 0 when no authorisation is needed or the token was accepted; otherwise the failing result.
     int ProbeAuthRequirement();
     bool IsAuthorised() const;
 
-private:
+  private:
     AuthorizedVrcClient& owner_;
     mutable std::mutex mutex_;
     bool authorised_ = false;
@@ -27,7 +27,7 @@ private:
 // A VRC client that applies one access-configuration profile: a command the profile does not
 // allow returns -5, reaches no wire, and is reported through the log slot.
 class AuthorizedVrcClient {
-public:
+  public:
     AuthorizedVrcClient(std::shared_ptr<lidar::VrcClient> client, AuthConfig config);
 
     int QueryCommand(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader);
@@ -47,7 +47,7 @@ public:
     // The log slot: receives refusals and authorisation events.
     void SetLogCallback(lidar::LogCallback callback);
 
-private:
+  private:
     friend class AuthGate;
     bool Permit(uint8_t command);
     void Log(const std::string& line);

@@ -13,7 +13,7 @@
 namespace csv {
 
 class CSVRow {
-public:
+  public:
     CSVRow(std::shared_ptr<const std::unordered_map<std::string, size_t>> columns,
            std::vector<std::string> fields, int lineNumber);
 
@@ -26,14 +26,14 @@ public:
     // 1-based line of the file on which the row starts.
     int LineNumber() const { return line_; }
 
-private:
+  private:
     std::shared_ptr<const std::unordered_map<std::string, size_t>> columns_;
     std::vector<std::string> fields_;
     int line_ = 0;
 };
 
 class CSVReader {
-public:
+  public:
     // Reads and parses the whole file. A file that cannot be opened throws std::runtime_error.
     explicit CSVReader(const std::string& path);
     static CSVReader FromText(const std::string& text);
@@ -43,7 +43,7 @@ public:
     std::vector<CSVRow>::const_iterator begin() const { return rows_.begin(); }
     std::vector<CSVRow>::const_iterator end() const { return rows_.end(); }
 
-private:
+  private:
     CSVReader() = default;
     void Parse(const std::string& text);
 
@@ -53,7 +53,7 @@ private:
 
 // Writes rows, quoting every field that needs it (separator, quote, line break, outer blanks).
 class DelimWriter {
-public:
+  public:
     explicit DelimWriter(std::ostream& out) : out_(out) {}
     void WriteRow(const std::vector<std::string>& fields);
     DelimWriter& operator<<(const std::vector<std::string>& fields) {
@@ -61,7 +61,7 @@ public:
         return *this;
     }
 
-private:
+  private:
     std::ostream& out_;
 };
 

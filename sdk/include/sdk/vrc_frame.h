@@ -37,7 +37,7 @@ std::vector<uint8_t> EncodeFrame(uint8_t command, uint8_t status,
 // Incremental decoder: feed bytes as they arrive, take frames out as they complete. The magic and
 // the length are checked as soon as their bytes are in, before any payload memory is reserved.
 class FrameDecoder {
-public:
+  public:
     enum class Result { kNeedMore, kFrame, kMalformed };
 
     // Appends bytes to the decoder's buffer.
@@ -48,7 +48,7 @@ public:
     size_t Buffered() const { return buffer_.size() - readPos_; }
     void Reset();
 
-private:
+  private:
     std::vector<uint8_t> buffer_;
     size_t readPos_ = 0;
     bool malformed_ = false;

@@ -15,13 +15,13 @@ namespace sim {
 struct Fault {
     enum class Kind {
         kNone,
-        kNoReply,         // read the request, never answer
-        kDelay,           // answer after delayMs
-        kCloseMidReply,   // send part of the reply, then close the connection
-        kBadMagic,        // reply with a wrong magic
-        kOversizedLength, // reply header announcing more than the protocol's limit
-        kWrongEcho,       // reply carrying another command code
-        kStatus,          // reply with status `status` and no payload
+        kNoReply,          // read the request, never answer
+        kDelay,            // answer after delayMs
+        kCloseMidReply,    // send part of the reply, then close the connection
+        kBadMagic,         // reply with a wrong magic
+        kOversizedLength,  // reply header announcing more than the protocol's limit
+        kWrongEcho,        // reply carrying another command code
+        kStatus,           // reply with status `status` and no payload
     };
     Kind kind = Kind::kNone;
     int delayMs = 0;
@@ -33,14 +33,14 @@ struct Fault {
 };
 
 class LidarSimulator {
-public:
+  public:
     struct Options {
-        std::string model;                    // catalogue Config/varID/<model>/<model>.csv
-        std::string configDir = "./Config";   // folder that holds varID/
+        std::string model;                   // catalogue Config/varID/<model>/<model>.csv
+        std::string configDir = "./Config";  // folder that holds varID/
         std::string bindAddress = "127.0.0.1";
-        uint16_t port = 0;                    // 0 picks a free port
-        std::string requiredToken;            // non-empty: writes need 0xA1 with this token
-        int restartDowntimeMs = 1500;         // unreachable time after 0x10 / 0x25
+        uint16_t port = 0;             // 0 picks a free port
+        std::string requiredToken;     // non-empty: writes need 0xA1 with this token
+        int restartDowntimeMs = 1500;  // unreachable time after 0x10 / 0x25
     };
 
     explicit LidarSimulator(Options options);
@@ -73,7 +73,7 @@ public:
     // Connections accepted since start.
     int ConnectionCount() const;
 
-private:
+  private:
     class Impl;
     std::unique_ptr<Impl> impl_;
 };
