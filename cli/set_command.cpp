@@ -22,29 +22,12 @@ QString qs(const std::string& text) {
     return QString::fromStdString(text);
 }
 
-std::unique_ptr<StrParser> parserForType(const std::string& type) {
-    // The encodings the manager's apply step knows; any other type cannot be written.
-    if (type == "int8") return std::make_unique<IntParser>(1);
-    if (type == "int16") return std::make_unique<IntParser>(2);
-    if (type == "int32") return std::make_unique<IntParser>(4);
-    if (type == "int64") return std::make_unique<IntParser>(8);
-    if (type == "uint8") return std::make_unique<UintParser>(1);
-    if (type == "uint16") return std::make_unique<UintParser>(2);
-    if (type == "uint32") return std::make_unique<UintParser>(4);
-    if (type == "uint64") return std::make_unique<UintParser>(8);
-    if (type == "float32") return std::make_unique<FloatParser>();
-    if (type == "double") return std::make_unique<DoubleParser>();
-    if (type == "IP") return std::make_unique<IPv4Parser>();
-    if (type == "MAC") return std::make_unique<MacParser>();
-    return nullptr;
-}
-
 // Empty when the value can be encoded for the variable; the reason otherwise.
 QString encodingProblem(const VarInfo& var, const QString& value) {
     const QString name = qs(var.var_name);
     // Write-only raw commands (restart, reset, upgrade) are device operations, not settings.
     if (var.var_type == "raw") return name + " is a device operation, not a setting";
-    std::unique_ptr<StrParser> parser = parserForType(var.var_type);
+    std::unique_ptr<StrParser> parser = parserForVarType(var.var_type);
     if (!parser) return name + ": values of type " + qs(var.var_type) + " cannot be written";
     try {
         parser->parse(value.toStdString(), var.scale);

@@ -269,6 +269,10 @@ class LidarUtilitiesManager : public QObject {
     void setAuthorizedClient(std::shared_ptr<AuthorizedVrcClient> client);
     bool clientIsOpen() const;
     bool deviceIsIdle() const;  // connected, open client, no upgrade or log download
+    // Steps shared by the VRC connect workers: the local port, the TCP client, the access
+    // profile. Null when the host/port text was refused (already reported).
+    std::shared_ptr<AuthorizedVrcClient> openVrcConnection(const char* operation,
+                                                           uint32_t timeoutMs, uint16_t& localPort);
     void reportConnectFailure(const char* operation, const std::string& logText,
                               uint16_t localPort);
     void joinThread(std::unique_ptr<std::thread>& thread);

@@ -4,6 +4,7 @@
 // command's payload out. Every rejection is a std::invalid_argument with a message for the user.
 
 #include <QString>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -58,3 +59,7 @@ class RawParser : public StrParser {
   public:
     std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
 };
+
+// The parser that writes a variable of this var_type ("int8" ... "uint64", "float32", "double",
+// "IP", "MAC", "raw"); null for a type that cannot be written.
+std::unique_ptr<StrParser> parserForVarType(const std::string& varType);

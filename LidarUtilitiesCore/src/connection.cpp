@@ -133,37 +133,44 @@ void LidarUtilitiesManager::reportConnectFailure(const char* operation, const st
     connecting.store(false);
 }
 
+std::shared_ptr<AuthorizedVrcClient> LidarUtilitiesManager::openVrcConnection(const char* operation,
+                                                                              uint32_t timeoutMs,
+                                                                              uint16_t& localPort) {
+    connecting.store(true);
+    setAuthorizedClient(nullptr);
+    isConnected.store(false);
+
+    if (enableVrcClientHostPortUi.load()) {
+        std::string error;
+        if (!ParseVrcClientHostPortText(getVrcClientHostPort().toStdString(), &localPort, &error)) {
+            // Shown as it is: the text says what is wrong with the port; nothing is logged.
+            showErrorMessage(QString::fromStdString(error));
+            connecting.store(false);
+            return nullptr;
+        }
+    }
+    std::cout << operation << "(): try to connect to lidar with TCP connection.\n";
+    const int port = std::stoi(getPort().toStdString());
+    auto client = std::make_shared<lidar::VrcClient>(
+        getIpAddress().toStdString(), static_cast<uint16_t>(port), false, lidar::VrcMode::kTcp, 1,
+        "", "", "", timeoutMs, timeoutMs, 0.0f, localPort);
+    sleepMs(200);
+    if (!client->IsOpen()) throw ConnectFailure("TCP connection failed.");
+
+    AuthConfig config =
+        AuthConfigParser::Load(kAuthConfigPath, profileFromConfigPath(getCurrentConfigPath()));
+    auto authorized = std::make_shared<AuthorizedVrcClient>(client, config);
+    setAuthorizedClient(authorized);
+    authorized->SetLogCallback([this](const std::string& line) { writeLogMessage(line, "INFO"); });
+    return authorized;
+}
+
 bool LidarUtilitiesManager::Init() {
     uint16_t localPort = 0;
     try {
-        connecting.store(true);
-        setAuthorizedClient(nullptr);
-        isConnected.store(false);
-
-        if (enableVrcClientHostPortUi.load()) {
-            std::string error;
-            if (!ParseVrcClientHostPortText(getVrcClientHostPort().toStdString(), &localPort,
-                                            &error)) {
-                showErrorMessage(QString::fromStdString(error));
-                connecting.store(false);
-                return false;
-            }
-        }
-        std::cout << "Init"
-                  << "(): try to connect to lidar with TCP connection.\n";
-        const int port = std::stoi(getPort().toStdString());
-        auto client = std::make_shared<lidar::VrcClient>(
-            getIpAddress().toStdString(), static_cast<uint16_t>(port), false, lidar::VrcMode::kTcp,
-            1, "", "", "", 4000, 4000, 0.0f, localPort);
-        sleepMs(200);
-        if (!client->IsOpen()) throw ConnectFailure("TCP connection failed.");
-
-        AuthConfig config =
-            AuthConfigParser::Load(kAuthConfigPath, profileFromConfigPath(getCurrentConfigPath()));
-        auto authorized = std::make_shared<AuthorizedVrcClient>(client, config);
-        setAuthorizedClient(authorized);
-        authorized->SetLogCallback(
-            [this](const std::string& line) { writeLogMessage(line, "INFO"); });
+        std::shared_ptr<AuthorizedVrcClient> authorized =
+            openVrcConnection("Init", 4000, localPort);
+        if (!authorized) return false;
         setVrcClientLogCallback();
 
         if (!CheckLidarConnection()) {
@@ -192,34 +199,9 @@ bool LidarUtilitiesManager::Init() {
 bool LidarUtilitiesManager::InitVrcForSerial() {
     uint16_t localPort = 0;
     try {
-        connecting.store(true);
-        setAuthorizedClient(nullptr);
-        isConnected.store(false);
-
-        if (enableVrcClientHostPortUi.load()) {
-            std::string error;
-            if (!ParseVrcClientHostPortText(getVrcClientHostPort().toStdString(), &localPort,
-                                            &error)) {
-                showErrorMessage(QString::fromStdString(error));
-                connecting.store(false);
-                return false;
-            }
-        }
-        std::cout << "InitVrcForSerial"
-                  << "(): try to connect to lidar with TCP connection.\n";
-        const int port = std::stoi(getPort().toStdString());
-        auto client = std::make_shared<lidar::VrcClient>(
-            getIpAddress().toStdString(), static_cast<uint16_t>(port), false, lidar::VrcMode::kTcp,
-            1, "", "", "", 5000, 5000, 0.0f, localPort);
-        sleepMs(200);
-        if (!client->IsOpen()) throw ConnectFailure("TCP connection failed.");
-
-        AuthConfig config =
-            AuthConfigParser::Load(kAuthConfigPath, profileFromConfigPath(getCurrentConfigPath()));
-        auto authorized = std::make_shared<AuthorizedVrcClient>(client, config);
-        setAuthorizedClient(authorized);
-        authorized->SetLogCallback(
-            [this](const std::string& line) { writeLogMessage(line, "INFO"); });
+        std::shared_ptr<AuthorizedVrcClient> authorized =
+            openVrcConnection("InitVrcForSerial", 5000, localPort);
+        if (!authorized) return false;
 
         uint32_t baudRate = 0;
         {

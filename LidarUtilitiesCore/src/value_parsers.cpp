@@ -183,3 +183,20 @@ std::vector<unsigned char> RawParser::parse(const std::string& /*text*/, float /
     std::cout << "not developed" << std::endl;
     return {};
 }
+
+std::unique_ptr<StrParser> parserForVarType(const std::string& varType) {
+    if (varType == "int8") return std::make_unique<IntParser>(1);
+    if (varType == "int16") return std::make_unique<IntParser>(2);
+    if (varType == "int32") return std::make_unique<IntParser>(4);
+    if (varType == "int64") return std::make_unique<IntParser>(8);
+    if (varType == "uint8") return std::make_unique<UintParser>(1);
+    if (varType == "uint16") return std::make_unique<UintParser>(2);
+    if (varType == "uint32") return std::make_unique<UintParser>(4);
+    if (varType == "uint64") return std::make_unique<UintParser>(8);
+    if (varType == "float32") return std::make_unique<FloatParser>();
+    if (varType == "double") return std::make_unique<DoubleParser>();
+    if (varType == "IP") return std::make_unique<IPv4Parser>();
+    if (varType == "MAC") return std::make_unique<MacParser>();
+    if (varType == "raw") return std::make_unique<RawParser>();
+    return nullptr;
+}

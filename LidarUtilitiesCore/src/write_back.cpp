@@ -80,23 +80,6 @@ std::vector<VarGroup> groupByGetCommand(const SetCommandPlan& plan) {
     return result;
 }
 
-std::unique_ptr<StrParser> parserForType(const std::string& type) {
-    if (type == "int8") return std::make_unique<IntParser>(1);
-    if (type == "int16") return std::make_unique<IntParser>(2);
-    if (type == "int32") return std::make_unique<IntParser>(4);
-    if (type == "int64") return std::make_unique<IntParser>(8);
-    if (type == "uint8") return std::make_unique<UintParser>(1);
-    if (type == "uint16") return std::make_unique<UintParser>(2);
-    if (type == "uint32") return std::make_unique<UintParser>(4);
-    if (type == "uint64") return std::make_unique<UintParser>(8);
-    if (type == "float32") return std::make_unique<FloatParser>();
-    if (type == "double") return std::make_unique<DoubleParser>();
-    if (type == "IP") return std::make_unique<IPv4Parser>();
-    if (type == "MAC") return std::make_unique<MacParser>();
-    if (type == "raw") return std::make_unique<RawParser>();
-    return nullptr;
-}
-
 // Every name is followed by ", ", the last one too: the messages append " success." directly.
 std::string namesOf(const VarGroup& group) {
     std::string names;
@@ -201,7 +184,7 @@ class StagedCommandSender {
                     "Unknown error with this var: It has no current_val. var_name = " +
                     var->var_name);
             }
-            std::unique_ptr<StrParser> parser = parserForType(var->var_type);
+            std::unique_ptr<StrParser> parser = parserForVarType(var->var_type);
             if (!parser) {
                 reportUnsupportedType(*var, value);
                 throw std::runtime_error("Error with var type");
