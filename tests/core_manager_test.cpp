@@ -22,13 +22,8 @@ const char* kHeader =
     "module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,"
     "type,hidden,switch_var,name_suffix,log_list,timer_update\n";
 
-QString settingsPath() {
-    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
-           "/ZephyrDataFiles/RecvSettings.ini";
-}
-
 void removeSettings() {
-    QFile::remove(settingsPath());
+    QFile::remove(testsupport::SettingsFilePath());
 }
 
 // A tree of small catalogues: Alpha and Wren in folders, Beta in the root.
@@ -79,10 +74,11 @@ TEST(ManagerSettings, DefaultsPersistenceAndSetters) {
     EXPECT_THROW(fresh.setUdpPort("abc"), std::invalid_argument);
     EXPECT_EQ(fresh.getUdpPort(), "4000");
     fresh.setIpAddress("10.1.2.3");
-    EXPECT_FALSE(QFile::exists(settingsPath())) << "setters never write the settings file";
+    EXPECT_FALSE(QFile::exists(testsupport::SettingsFilePath()))
+        << "setters never write the settings file";
 
     {
-        QSettings settings(settingsPath(), QSettings::IniFormat);
+        QSettings settings(testsupport::SettingsFilePath(), QSettings::IniFormat);
         settings.setValue("device_ip_address", "127.0.0.9");
         settings.setValue("vrc_port", "1234");
         settings.setValue("point_cloud_baudrate", "115200");

@@ -25,11 +25,6 @@ const char* kLocalPortFailure =
     "Failed to bind VRC client local port or connection refused. Check the local port is free and "
     "matches lidar ACL (e.g. 42524).";
 
-QString settingsPath() {
-    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
-           "/ZephyrDataFiles/RecvSettings.ini";
-}
-
 // Holds a listening socket on a loopback port, so that nobody else can bind it.
 class PortHolder {
   public:
@@ -55,7 +50,7 @@ class PortHolder {
 }  // namespace
 
 TEST(Connection, ConnectsSavesSettingsAndDisconnects) {
-    QFile::remove(settingsPath());
+    QFile::remove(testsupport::SettingsFilePath());
     auto lidar = StartSimulator("Egret");
     ManagerSession s("Egret");
 
@@ -65,7 +60,7 @@ TEST(Connection, ConnectsSavesSettingsAndDisconnects) {
     EXPECT_EQ(lidar->RequestCount(0x07), 1u) << "one liveness probe";
     EXPECT_EQ(lidar->RequestCount(0xA0), 1u) << "one authorisation probe";
 
-    QSettings settings(settingsPath(), QSettings::IniFormat);
+    QSettings settings(testsupport::SettingsFilePath(), QSettings::IniFormat);
     EXPECT_EQ(settings.value("device_ip_address").toString(), "127.0.0.1");
     EXPECT_EQ(settings.value("vrc_port").toString(), QString::number(lidar->Port()));
     EXPECT_EQ(settings.value("point_cloud_baudrate").toString(), "3000000");

@@ -83,10 +83,7 @@ class ManagerSession {
 
   private:
     // Each session starts from the defaults: an earlier one may have saved a local port.
-    static bool RemoveSettingsFile() {
-        return QFile::remove(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
-                             "/ZephyrDataFiles/RecvSettings.ini");
-    }
+    static bool RemoveSettingsFile() { return QFile::remove(SettingsFilePath()); }
 
     ScopedCwd cwd_;
     bool settingsRemoved_;

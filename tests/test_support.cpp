@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QStandardPaths>
 #include <QThread>
 #include <cstdlib>
 #include <fstream>
@@ -49,6 +50,11 @@ std::string ReadFile(const std::string& path) {
 
 bool FileExists(const std::string& path) {
     return QFileInfo::exists(QString::fromStdString(path));
+}
+
+QString SettingsFilePath() {
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+           "/ZephyrDataFiles/RecvSettings.ini";
 }
 
 std::string SourceDir() {

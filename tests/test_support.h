@@ -3,6 +3,7 @@
 // Small helpers shared by the tests: temporary directories, a scoped working directory, files.
 
 #include <QSignalSpy>
+#include <QString>
 #include <functional>
 #include <string>
 
@@ -35,6 +36,9 @@ class ScopedCwd {
 void WriteFile(const std::string& path, const std::string& content);  // creates parent folders
 std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
+
+// The manager's settings file under the (test) home's Documents.
+QString SettingsFilePath();
 
 // The project's source directory (holds the shipped Config/).
 std::string SourceDir();
