@@ -7,7 +7,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc 2>/dev/null || echo 2)
 
 run_suite() {
-    local dir=$1 sanitize=$2
+    local dir=$1 sanitize=${2:-}
     echo "== $dir (${sanitize:-no sanitizer})"
     "$root/scripts/build.sh" "$dir" "$sanitize"
     (cd "$root/$dir" && ctest --output-on-failure -j "$jobs")
