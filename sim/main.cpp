@@ -19,13 +19,13 @@ constexpr int kUsageError = 2;
 
 const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
-    "                 [--fault CMD:SPEC]... [--restart-downtime MS]\n"
+    "                 [--fault CMD:MODE]... [--restart-downtime MS]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
     "  --port N               TCP port, 0 picks a free one (default 0)\n"
     "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
     "  --token T              require authorisation (0xA1) with this token for writes\n"
-    "  --fault CMD:SPEC       CMD in hex (0x07); SPEC one of no-reply, delay=MS,\n"
+    "  --fault CMD:MODE       CMD in hex (0x07); MODE one of no-reply, delay=MS,\n"
     "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N\n"
     "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n";
 
@@ -48,7 +48,7 @@ bool ParseNumber(const std::string& text, unsigned long max, int base, unsigned 
 // "0x22:delay=500" or "22:status=4": the command is always hexadecimal, as everywhere else.
 std::pair<uint8_t, sim::Fault> ParseFaultArgument(const std::string& text) {
     const size_t colon = text.find(':');
-    if (colon == std::string::npos) throw UsageError{"--fault needs CMD:SPEC, got " + text};
+    if (colon == std::string::npos) throw UsageError{"--fault needs CMD:MODE, got " + text};
     std::string command = text.substr(0, colon);
     if (command.size() > 2 && command[0] == '0' && (command[1] == 'x' || command[1] == 'X')) {
         command.erase(0, 2);
