@@ -12,7 +12,7 @@ if [ $# -gt 0 ]; then
     exec "$lidarutil" "$@"
 fi
 
-step() { printf '\n$ lidarutil %s\n' "$*"; "$lidarutil" "$@"; }
+step() { printf '\n$ lidarutil %s\n' "$*"; "$lidarutil" "$@" 2>&1; }
 step models
 step --model Egret show
 step --model Egret read Operation

@@ -199,3 +199,24 @@ TEST(Connection, AuthorisationWithRightAndWrongToken) {
         EXPECT_EQ(lidar->RequestCount(0x10), 1u);
     }
 }
+
+TEST(Connection, VrcOverSerialSetsTheBaudRateWithoutProbing) {
+    auto lidar = StartSimulator("Wren-VRC");
+    ManagerSession s("Wren-VRC");
+    ASSERT_EQ(s.m().getConnectType(), 2);
+    s.m().set_baud_rate("921600");
+    QSignalSpy wrenInfo(&s.m(), &LidarUtilitiesManager::wrenLidarInfoChanged);
+
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    EXPECT_TRUE(s.LogHas("Lidar connected|INFO"));
+    EXPECT_EQ(lidar->RequestCount(0xB1), 1u);
+    EXPECT_EQ(lidar->Block(0xB0), (std::vector<uint8_t>{0x00, 0x0E, 0x10, 0x00}));
+    EXPECT_EQ(lidar->RequestCount(0x07), 0u) << "no liveness probe over the serial bridge";
+    EXPECT_EQ(lidar->RequestCount(0xA0), 0u);
+    EXPECT_EQ(s.m().getAuthorizedClient()->GetSerialBaudRate(), 921600u);
+
+    s.m().Stop();
+    EXPECT_FALSE(s.m().getIsConnected());
+    EXPECT_EQ(wrenInfo.count(), 1);
+    EXPECT_TRUE(s.LogHas("Lidar disconnected|INFO"));
+}
