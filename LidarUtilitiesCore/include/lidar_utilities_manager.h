@@ -325,12 +325,14 @@ class LidarUtilitiesManager : public QObject {
     std::shared_ptr<lidar::SerialClient> serialClient;
 
     // Catalogue (UI thread writes them; workers read them while no model load can run).
-    std::unordered_map<std::string, ConfigParser> parserCache;
-    ConfigParser* currentParser = nullptr;
-    ConfigParser* monitorParser = nullptr;
-    std::vector<std::vector<std::vector<VarInfo*>>>* varTree = nullptr;
-    std::vector<std::vector<std::string>>* moduleNames = nullptr;
-    std::vector<VarInfo*>* logVars = nullptr;
+    std::unordered_map<std::string, ConfigParser> parserCache;  // guarded by catalogueMutex_
+    // Set on the UI thread, read by workers: atomics. The parsers they point into are never
+    // freed, and their lookup tables do not change after extraction.
+    std::atomic<ConfigParser*> currentParser{nullptr};
+    std::atomic<ConfigParser*> monitorParser{nullptr};
+    std::atomic<std::vector<std::vector<std::vector<VarInfo*>>>*> varTree{nullptr};
+    std::atomic<std::vector<std::vector<std::string>>*> moduleNames{nullptr};
+    std::atomic<std::vector<VarInfo*>*> logVars{nullptr};
     std::string zpNowName;
     std::unordered_map<std::string, std::vector<VarInfo*>> serialVarsByName;
     std::map<int32_t, VarInfo*> serialVarsByIndex;

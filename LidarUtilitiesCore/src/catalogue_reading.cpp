@@ -109,9 +109,9 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
             cached->second.ExtractConfigInfo();
         }
         currentParser = &cached->second;
-        varTree = &currentParser->varTree;
-        moduleNames = &currentParser->moduleNames;
-        logVars = &currentParser->logVars;
+        varTree = &currentParser.load()->varTree;
+        moduleNames = &currentParser.load()->moduleNames;
+        logVars = &currentParser.load()->logVars;
     }
     setSelectLidarModel(modelName);
 
@@ -154,7 +154,8 @@ void LidarUtilitiesManager::buildSerialVarIndexes() {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     serialVarsByName.clear();
     serialVarsByIndex.clear();
-    if (!varTree || varTree->empty() || (*varTree)[0].empty() || (*varTree)[0][0].empty()) return;
+    if (!varTree || varTree.load()->empty() || (*varTree)[0].empty() || (*varTree)[0][0].empty())
+        return;
     for (VarInfo* var : (*varTree)[0][0]) {
         serialVarsByName[var->var_name].push_back(var);
         serialVarsByIndex[var->index] = var;
@@ -174,9 +175,9 @@ VarInfo* LidarUtilitiesManager::searchVarPtr(const std::string& value,
                                              const std::string& searchType) const {
     if (!currentParser) return nullptr;
     if (searchType == "var_name" || searchType == "name")
-        return currentParser->GetVarInfoByName(value);
+        return currentParser.load()->GetVarInfoByName(value);
     if (searchType == "id" || searchType == "var_id")
-        return currentParser->GetVarInfoByVarID(value);
+        return currentParser.load()->GetVarInfoByVarID(value);
     qDebug() << "searchVarPtr"
              << "(): unknown search type";
     return nullptr;
@@ -184,10 +185,10 @@ VarInfo* LidarUtilitiesManager::searchVarPtr(const std::string& value,
 
 bool LidarUtilitiesManager::resolveVarPosOffset(const VarInfo& var, int index,
                                                 std::pair<int, int>& out) const {
-    if (currentParser && currentParser->GetVarInfoByVarID(var.var_id) &&
-        currentParser->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
+    if (currentParser && currentParser.load()->GetVarInfoByVarID(var.var_id) &&
+        currentParser.load()->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
         return true;
-    if (monitorParser && monitorParser->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
+    if (monitorParser && monitorParser.load()->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
         return true;
     if (var.offset >= 1) {
         out = {var.get_start_pos, var.offset};
@@ -367,7 +368,7 @@ void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
     std::vector<std::pair<std::string, std::vector<VarInfo*>>> groups;
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        if (!varTree || module < 0 || module >= static_cast<int>(varTree->size())) return;
+        if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return;
         std::vector<VarInfo*> vars;
         for (const auto& page : (*varTree)[module])
             vars.insert(vars.end(), page.begin(), page.end());
@@ -390,7 +391,7 @@ void LidarUtilitiesManager::refreshTimerVariables() {
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
         const int module = moduleIndexUse.load();
-        if (!varTree || module < 0 || module >= static_cast<int>(varTree->size())) return;
+        if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return;
         std::vector<VarInfo*> vars;
         for (const auto& page : (*varTree)[module])
             for (VarInfo* var : page)
@@ -431,7 +432,7 @@ void LidarUtilitiesManager::updatePagesTimer() {
 bool LidarUtilitiesManager::isTimerUpdate(int module, int page, int var) const {
     if (!currentParser || connectType.load() != 0) return false;
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    if (!varTree || module < 0 || module >= static_cast<int>(varTree->size())) return false;
+    if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return false;
     const auto& pages = (*varTree)[module];
     if (page < 0 || page >= static_cast<int>(pages.size())) return false;
     const auto& vars = pages[page];
@@ -491,7 +492,7 @@ QVariantList LidarUtilitiesManager::getMyMap() {
 void LidarUtilitiesManager::rebuildMyMapCache() {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     myMapCache.clear();
-    if (currentParser && connectType.load() == 0 && varTree && !varTree->empty()) {
+    if (currentParser && connectType.load() == 0 && varTree && !varTree.load()->empty()) {
         for (const auto& module : *varTree) {
             QVariantList moduleEntry;
             for (const auto& page : module) {
@@ -541,7 +542,7 @@ void LidarUtilitiesManager::rebuildUiListCache() {
     level2ListCache.clear();
     logListCache.clear();
     if (currentParser && connectType.load() == 0 && moduleNames && varTree) {
-        for (size_t m = 0; m < moduleNames->size(); ++m) {
+        for (size_t m = 0; m < moduleNames.load()->size(); ++m) {
             const std::vector<std::string>& names = (*moduleNames)[m];
             if (names.empty()) continue;
             level1ListCache.append(QString::fromStdString(names.front()));
@@ -549,7 +550,7 @@ void LidarUtilitiesManager::rebuildUiListCache() {
             QVariantList pages;
             for (size_t p = 1; p < names.size(); ++p) {
                 QVariantList pageEntry{QString::fromStdString(names[p])};
-                if (m < varTree->size() && p - 1 < (*varTree)[m].size()) {
+                if (m < varTree.load()->size() && p - 1 < (*varTree)[m].size()) {
                     for (const VarInfo* var : (*varTree)[m][p - 1])
                         if (!var->hidden && !var->name_suffix.empty())
                             pageEntry.append(

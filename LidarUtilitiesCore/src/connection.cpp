@@ -255,7 +255,7 @@ bool LidarUtilitiesManager::CheckLidarConnection() {
 void LidarUtilitiesManager::resetSerialNumberTexts() {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     if (!currentParser) return;
-    for (const auto& var : currentParser->AllVars())
+    for (const auto& var : currentParser.load()->AllVars())
         if (var->var_type == "SN") var->current_val = "xxxxxxxx";
 }
 

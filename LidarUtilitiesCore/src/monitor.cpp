@@ -32,7 +32,7 @@ bool parseVariantFileName(const QString& fileName, MonitorHwVersionInfo& out) {
 int LidarUtilitiesManager::findMonitorModuleIndex() const {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     if (!currentParser || !moduleNames) return -1;
-    for (size_t i = 0; i < moduleNames->size(); ++i) {
+    for (size_t i = 0; i < moduleNames.load()->size(); ++i) {
         const auto& names = (*moduleNames)[i];
         if (!names.empty() && names.front() == "Monitor") return static_cast<int>(i);
     }
@@ -100,7 +100,7 @@ bool LidarUtilitiesManager::applyMonitorHwVersion(const QString& version, bool w
         }
         ConfigParser& variant = cached->second;
         if (variant.varTree.empty()) return false;
-        if (!varTree || moduleIndex >= static_cast<int>(varTree->size())) return false;
+        if (!varTree || moduleIndex >= static_cast<int>(varTree.load()->size())) return false;
         (*varTree)[moduleIndex] = variant.varTree.front();
         monitorParser = &variant;
     }

@@ -323,7 +323,7 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
 }
 
 bool LidarUtilitiesManager::CheckModuleVarsWithinRange(int module) {
-    if (varTree == nullptr || module < 0 || module >= static_cast<int>(varTree->size())) {
+    if (varTree == nullptr || module < 0 || module >= static_cast<int>(varTree.load()->size())) {
         return true;
     }
     // Every variable is checked, so that the user sees all failures at once.

@@ -271,7 +271,7 @@ class StagedCommandSender {
 void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QString text) {
     if (varTree == nullptr) return;
     // The UI only passes rows it shows; anything else is a stale index, not a reason to crash.
-    if (page < 0 || static_cast<size_t>(page) >= varTree->size()) return;
+    if (page < 0 || static_cast<size_t>(page) >= varTree.load()->size()) return;
     const auto& groups = (*varTree)[page];
     if (group < 0 || static_cast<size_t>(group) >= groups.size()) return;
     const auto& rows = groups[group];
@@ -384,7 +384,7 @@ void LidarUtilitiesManager::Run(int page) {
         showErrorMessage("Please wait for the operation log to download completely");
         return;
     }
-    if (page < 0 || static_cast<size_t>(page) >= varTree->size()) return;
+    if (page < 0 || static_cast<size_t>(page) >= varTree.load()->size()) return;
 
     SetCommandPlan plan = planStagedCommands((*varTree)[page], setMap, *currentParser);
     // The staged commands are consumed whatever happens next.
