@@ -21,9 +21,8 @@ std::vector<unsigned char> bigEndianBytes(uint64_t value, unsigned long width) {
     return bytes;
 }
 
-[[noreturn]] void throwIllegalNumber(const char* parser, const std::string& text) {
-    throw std::invalid_argument(std::string(parser) +
-                                ": contains an illegal number, error:" + text);
+[[noreturn]] void throwIllegalNumber(const char* message, const std::string& text) {
+    throw std::invalid_argument(message + text);
 }
 
 // Truncates toward zero; the range checks before it keep v within int64 except for the single
@@ -64,7 +63,8 @@ bool StrParser::isNumeric(const QString& text) {
 }
 
 std::vector<unsigned char> IntParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber("IntParser", text);
+    if (!isNumeric(QString::fromStdString(text)))
+        throwIllegalNumber("IntParser: contains an illegal number, error:", text);
     float v = 0.0f;
     try {
         v = std::stof(text);
@@ -80,7 +80,8 @@ std::vector<unsigned char> IntParser::parse(const std::string& text, float scale
     const float upper = static_cast<float>(limit - 1);
     const float lower = static_cast<float>(-limit);
     // A NaN slips through both comparisons and has no integer value.
-    if (std::isnan(v) || v > upper || v < lower) throwIllegalNumber("IntParser", text);
+    if (std::isnan(v) || v > upper || v < lower)
+        throwIllegalNumber("IntParser: contains an illegal number, error:", text);
 
     const int64_t raw = truncateToInt64(v);
     if (width_ != 1 && width_ != 2 && width_ != 4 && width_ != 8) {
@@ -93,7 +94,8 @@ std::vector<unsigned char> IntParser::parse(const std::string& text, float scale
 }
 
 std::vector<unsigned char> UintParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber("UintParser", text);
+    if (!isNumeric(QString::fromStdString(text)))
+        throwIllegalNumber("UintParser: contains an illegal number, error:", text);
     float v = 0.0f;
     try {
         v = std::stof(text);
@@ -107,13 +109,15 @@ std::vector<unsigned char> UintParser::parse(const std::string& text, float scal
     // the settings writer and is kept as it is.
     const uint32_t shift = static_cast<uint32_t>((8 * width_) % 32);
     const float limit = static_cast<float>(uint32_t{1} << shift);
-    if (std::isnan(v) || v >= limit || v < 0) throwIllegalNumber("UintParser", text);
+    if (std::isnan(v) || v >= limit || v < 0)
+        throwIllegalNumber("UintParser: contains an illegal number, error:", text);
 
     return bigEndianBytes(truncateToUint64(v), width_);
 }
 
 std::vector<unsigned char> FloatParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber("FloatParser", text);
+    if (!isNumeric(QString::fromStdString(text)))
+        throwIllegalNumber("FloatParser: contains an illegal number, error:", text);
     float v = 0.0f;
     try {
         v = std::stof(text);
@@ -131,7 +135,8 @@ std::vector<unsigned char> FloatParser::parse(const std::string& text, float sca
 }
 
 std::vector<unsigned char> DoubleParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber("DoubleParser", text);
+    if (!isNumeric(QString::fromStdString(text)))
+        throwIllegalNumber("DoubleParser: contains an illegal number, error:", text);
     double v = 0.0;
     try {
         v = std::stod(text);
