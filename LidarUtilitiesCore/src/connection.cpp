@@ -232,7 +232,8 @@ bool LidarUtilitiesManager::InitSerial() {
     connecting.store(true);
     rs485Source.reset();
     uartSource.reset();
-    showErrorMessage("Connection Failed. Please check your RS485 serial port.");
+    showErrorMessage(
+        "Connection Failed. The two-line serial connection is not supported by this build.");
     writeLogMessage("Connection Error: serial lines are not supported by this build", "ERROR");
     connecting.store(false);
     return false;

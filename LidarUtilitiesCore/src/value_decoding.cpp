@@ -17,6 +17,10 @@
 
 namespace {
 
+// clang-format off
+const char* const kIpPattern = R"(^((25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)\.){3}(25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)$)";
+// clang-format on
+
 const char* const kLoggerSourceFile = "LidarUtilitiesCore/src/lidar_utilities_manager";
 
 // Same contract as VrcClient::GetValFromOutput, for when no client is connected (decoding a reply
@@ -145,12 +149,7 @@ StagedVerdict checkStagedText(const VarInfo& var, const std::string& staged) {
     }
     if (type == "raw") return StagedVerdict::kPass;
     if (type == "IP") {
-        return exactlyMatches(
-                   "^((25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)\\.){3}"
-                   "(25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)$",
-                   staged)
-                   ? StagedVerdict::kPass
-                   : StagedVerdict::kBadIp;
+        return exactlyMatches(kIpPattern, staged) ? StagedVerdict::kPass : StagedVerdict::kBadIp;
     }
     if (type == "MAC") {
         return exactlyMatches("^([0-9A-Fa-f]{2}[:]){5}([0-9A-Fa-f]{2})$", staged)
