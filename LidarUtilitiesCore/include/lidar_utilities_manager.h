@@ -285,8 +285,10 @@ class LidarUtilitiesManager : public QObject {
     void logToSdkLogger(int line, const char* function, const std::string& message);
     void buildSerialVarIndexes();
     void refreshTimerVariables();
-    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groupByReadRequest(
-        const std::vector<VarInfo*>& vars) const;
+    // Variables that are read with one request, under their grouping key, in first-seen order.
+    using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
+    ReadGroups groupByReadRequest(const std::vector<VarInfo*>& vars) const;
+    void readGroups(ReadGroups& groups, const char* operation);
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
 

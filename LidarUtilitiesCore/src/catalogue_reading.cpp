@@ -242,9 +242,9 @@ bool LidarUtilitiesManager::buildReadRequest(const VarInfo& var, uint8_t& cmd,
     return true;
 }
 
-std::vector<std::pair<std::string, std::vector<VarInfo*>>>
-LidarUtilitiesManager::groupByReadRequest(const std::vector<VarInfo*>& vars) const {
-    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groups;
+LidarUtilitiesManager::ReadGroups LidarUtilitiesManager::groupByReadRequest(
+    const std::vector<VarInfo*>& vars) const {
+    ReadGroups groups;
     std::unordered_map<std::string, size_t> position;
     for (VarInfo* var : vars) {
         if (var->get_cmd.empty()) continue;
@@ -363,9 +363,22 @@ void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
     }
 }
 
+void LidarUtilitiesManager::readGroups(ReadGroups& groups, const char* operation) {
+    for (auto& [key, group] : groups) {
+        // One bad group must not keep the others from being read.
+        try {
+            GetInfoFromLidarWithSameCmd(group, nullptr, true);
+        } catch (const std::exception& e) {
+            qDebug().noquote() << operation
+                               << "(): ERROR " + QString(e.what()) +
+                                      ". get_cmd and payload = " + QString::fromStdString(key);
+        }
+    }
+}
+
 void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
     if (connectType.load() != 0 || !deviceIsIdle() || !currentParser) return;
-    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groups;
+    ReadGroups groups;
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
         if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return;
@@ -374,20 +387,12 @@ void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
             vars.insert(vars.end(), page.begin(), page.end());
         groups = groupByReadRequest(vars);
     }
-    for (auto& [key, group] : groups) {
-        try {
-            GetInfoFromLidarWithSameCmd(group, nullptr, true);
-        } catch (const std::exception& e) {
-            qDebug().noquote() << "GetLidarModuleInfo"
-                               << "(): ERROR " + QString(e.what()) +
-                                      ". get_cmd and payload = " + QString::fromStdString(key);
-        }
-    }
+    readGroups(groups, "GetLidarModuleInfo");
     notifyMyMapChanged();
 }
 
 void LidarUtilitiesManager::refreshTimerVariables() {
-    std::vector<std::pair<std::string, std::vector<VarInfo*>>> groups;
+    ReadGroups groups;
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
         const int module = moduleIndexUse.load();
@@ -398,15 +403,7 @@ void LidarUtilitiesManager::refreshTimerVariables() {
                 if (var->timer_update) vars.push_back(var);
         groups = groupByReadRequest(vars);
     }
-    for (auto& [key, group] : groups) {
-        try {
-            GetInfoFromLidarWithSameCmd(group, nullptr, true);
-        } catch (const std::exception& e) {
-            qDebug().noquote() << "updatePagesTimer"
-                               << "(): ERROR " + QString(e.what()) +
-                                      ". get_cmd and payload = " + QString::fromStdString(key);
-        }
-    }
+    readGroups(groups, "updatePagesTimer");
     emit myTimerMapChanged();
 }
 
