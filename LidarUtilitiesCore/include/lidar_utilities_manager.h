@@ -175,13 +175,13 @@ class LidarUtilitiesManager : public QObject {
     ConfigParser* getCurrentParser() const { return currentParser; }
     std::string getCurrentConfigPath() const;
 
-    // ---- Range checks (catalogue_reading.cpp) ----
+    // ---- Range checks and reply decoding (value_decoding.cpp) ----
     Q_INVOKABLE bool CheckVarIsWithinRange(QString key, QString searchType);
     Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
-
-    // ---- Decoding and reading (catalogue_reading.cpp) ----
     void updateSingleVarFromOutput(VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
                                    std::vector<uint8_t>& value, bool update);
+
+    // ---- Reading from the lidar (catalogue_reading.cpp) ----
     void GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>& value);
     Q_INVOKABLE int UpdateSingleVarInfo(QString key, QString searchType);
     void GetInfoFromLidarWithSameCmd(std::vector<VarInfo*>& group,
