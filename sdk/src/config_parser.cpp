@@ -9,6 +9,7 @@
 
 #include "sdk/csv_table.h"
 #include "sdk/logger.h"
+#include "sdk/text_fields.h"
 
 namespace {
 
@@ -66,19 +67,12 @@ std::string Quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 
+using lidar::text::Split;
+using lidar::text::Trim;
+
 [[noreturn]] void Reject(Column column, const std::string& text, const std::string& problem) {
     throw RowError(std::string("column \"") + kColumnNames[column] + "\": " + Quoted(text) + " " +
                    problem);
-}
-
-bool IsSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
-}
-
-std::string_view Trim(std::string_view text) {
-    while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
-    while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
-    return text;
 }
 
 // Locale-independent: the Qt application switches the C locale to the user's, which would make
@@ -100,34 +94,6 @@ bool IsHexDigits(std::string_view digits) {
         if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
     }
     return true;
-}
-
-std::string_view StripHexPrefix(std::string_view text) {
-    if (text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-        return text.substr(2);
-    }
-    return text;
-}
-
-uint8_t HexPairValue(char high, char low) {
-    const auto nibble = [](char c) {
-        return static_cast<uint8_t>(std::isdigit(static_cast<unsigned char>(c))
-                                        ? c - '0'
-                                        : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10);
-    };
-    return static_cast<uint8_t>(nibble(high) << 4 | nibble(low));
-}
-
-std::vector<std::string> Split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    while (true) {
-        const size_t end = text.find(separator, start);
-        parts.push_back(
-            text.substr(start, end == std::string::npos ? std::string::npos : end - start));
-        if (end == std::string::npos) return parts;
-        start = end + 1;
-    }
 }
 
 int VarTypeWidth(const std::string& varType) {
@@ -224,21 +190,16 @@ class ConfigParser::RowView {
 
     std::string Command(Column column) const {
         const std::string_view text = Trim(Text(column));
-        if (!text.empty() && !IsHexDigits(StripHexPrefix(text))) {
+        if (!text.empty() && !IsHexDigits(text.substr(lidar::text::HasHexPrefix(text) ? 2 : 0))) {
             Reject(column, Text(column), "is not a hexadecimal command");
         }
         return std::string(text);
     }
 
     std::vector<uint8_t> HexBytes(Column column) const {
-        const std::string_view digits = StripHexPrefix(Trim(Text(column)));
         std::vector<uint8_t> bytes;
-        if (IsEmpty(column)) return bytes;
-        if (digits.size() % 2 != 0 || !IsHexDigits(digits)) {
+        if (!lidar::text::ParseHexPairs(Text(column), bytes)) {
             Reject(column, Text(column), "is not pairs of hexadecimal digits");
-        }
-        for (size_t i = 0; i < digits.size(); i += 2) {
-            bytes.push_back(HexPairValue(digits[i], digits[i + 1]));
         }
         return bytes;
     }

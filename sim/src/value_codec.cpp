@@ -9,34 +9,17 @@
 #include <cstring>
 #include <limits>
 
+#include "sdk/text_fields.h"
+
 namespace sim::detail {
 namespace {
 
+using lidar::text::HasHexPrefix;
+using lidar::text::ParseHexPairs;
+using lidar::text::Split;
+
 std::string Trimmed(const std::string& text) {
-    size_t begin = 0;
-    size_t end = text.size();
-    while (begin < end && std::isspace(static_cast<unsigned char>(text[begin]))) ++begin;
-    while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1]))) --end;
-    return text.substr(begin, end - begin);
-}
-
-bool HasHexPrefix(const std::string& text) {
-    return text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-}
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-bool ParseHexByte(char high, char low, uint8_t& out) {
-    const int h = HexDigit(high);
-    const int l = HexDigit(low);
-    if (h < 0 || l < 0) return false;
-    out = static_cast<uint8_t>(h * 16 + l);
-    return true;
+    return std::string(lidar::text::Trim(text));
 }
 
 // Whole-text conversions: trailing garbage makes them fail.
@@ -162,18 +145,6 @@ bool EncodeDouble(const VarInfo& var, const std::string& text, std::vector<uint8
     std::memcpy(&bits, &d, sizeof bits);
     out = BigEndian(bits, 8);
     return true;
-}
-
-std::vector<std::string> Split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    while (true) {
-        const size_t at = text.find(separator, start);
-        parts.push_back(
-            text.substr(start, at == std::string::npos ? std::string::npos : at - start));
-        if (at == std::string::npos) return parts;
-        start = at + 1;
-    }
 }
 
 bool ParseBoundedDecimal(const std::string& text, uint64_t max, uint64_t& out) {
@@ -344,21 +315,6 @@ bool EncodeByType(const VarInfo& var, const std::string& text, std::vector<uint8
 }
 
 }  // namespace
-
-bool ParseHexPairs(const std::string& text, std::vector<uint8_t>& out) {
-    std::string digits = Trimmed(text);
-    if (HasHexPrefix(digits)) digits.erase(0, 2);
-    if (digits.size() % 2 != 0) return false;
-    std::vector<uint8_t> bytes;
-    bytes.reserve(digits.size() / 2);
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        uint8_t byte = 0;
-        if (!ParseHexByte(digits[i], digits[i + 1], byte)) return false;
-        bytes.push_back(byte);
-    }
-    out = std::move(bytes);
-    return true;
-}
 
 bool ParseCommandText(const std::string& text, WireCommand& out) {
     const std::string t = Trimmed(text);

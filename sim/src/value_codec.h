@@ -22,9 +22,6 @@ struct WireCommand {
 // False for an empty text or one that is not hexadecimal.
 bool ParseCommandText(const std::string& text, WireCommand& out);
 
-// Hex digit pairs with an optional leading "0x" ("0102", "0x0A0B"); false when anything else.
-bool ParseHexPairs(const std::string& text, std::vector<uint8_t>& out);
-
 // The variable's default_val encoded by its var_type into exactly `offset` bytes. An empty or
 // unparsable default gives zeros; `parsed` (when given) tells which of the two happened.
 std::vector<uint8_t> EncodeDefaultValue(const VarInfo& var, bool* parsed = nullptr);
