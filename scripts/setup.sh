@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config qtbase5-dev libqt5serialport5-dev libcsv-dev googletest
-          libgtest-dev libbenchmark-dev tar)
+          libgtest-dev libbenchmark-dev tar libcli11-dev zlib1g-dev clang locales)
 
 missing=()
 for p in "${packages[@]}"; do

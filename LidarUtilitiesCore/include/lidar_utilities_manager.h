@@ -194,6 +194,17 @@ class LidarUtilitiesManager : public QObject {
     // A variable's display text, read under the catalogue lock.
     QString currentValueOf(const VarInfo* var) const;
 
+    // One request of the latest GetLidarModuleInfo that brought no value back: the request as
+    // the catalogue writes it (get_cmd, then the payload's hex digits after a blank when there is
+    // one), the variables it carries and the client's result (1..255 the device's status, a
+    // negative code a transport failure or a refusal by the access profile).
+    struct ReadFailure {
+        std::string request;
+        std::vector<std::string> names;
+        int code = 0;
+    };
+    std::vector<ReadFailure> getLastModuleReadFailures() const;
+
     // ---- UI caches (catalogue_reading.cpp) ----
     Q_INVOKABLE QVariantList getMyMap();
     void rebuildMyMapCache();
@@ -288,7 +299,13 @@ class LidarUtilitiesManager : public QObject {
     // Variables that are read with one request, under their grouping key, in first-seen order.
     using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
     ReadGroups groupByReadRequest(const std::vector<VarInfo*>& vars) const;
-    void readGroups(ReadGroups& groups, const char* operation);
+    // Reads every group; the requests that failed, in group order.
+    std::vector<ReadFailure> readGroups(ReadGroups& groups, const char* operation);
+    // GetInfoFromLidarWithSameCmd with its outcome: the client's result, or -1 when nothing
+    // could be sent (no open client, no catalogue, a command text that is not a command).
+    int readGroupFromLidar(std::vector<VarInfo*>& group,
+                           std::unordered_map<std::string, std::vector<uint8_t>>* replies,
+                           bool update);
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
 
@@ -382,6 +399,8 @@ class LidarUtilitiesManager : public QObject {
   private:
     // Placeholders shown before the first read of the serial models' information pages.
     std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
+
+    std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
 
     // Monitor.
     QList<MonitorHwVersionInfo> monitorHwVersions;  // guarded by fieldsMutex_

@@ -33,6 +33,20 @@ QString hexByte(uint8_t value) {
     return QString("%1").arg(value, 2, 16, QChar('0'));
 }
 
+// Variables with equal keys are read with one request: the command text, then the payload bytes
+// after a blank. The blank keeps "0x75" with payload 00 apart from the sub-command "0x7500".
+std::string readRequestKey(const VarInfo& var) {
+    std::string key = var.get_cmd;
+    if (var.get_payload.empty()) return key;
+    key += ' ';
+    static const char kDigits[] = "0123456789ABCDEF";
+    for (uint8_t byte : var.get_payload) {
+        key += kDigits[byte >> 4];
+        key += kDigits[byte & 0x0F];
+    }
+    return key;
+}
+
 }  // namespace
 
 // ---- Model list, pinning, loading ----
@@ -248,7 +262,7 @@ LidarUtilitiesManager::ReadGroups LidarUtilitiesManager::groupByReadRequest(
     std::unordered_map<std::string, size_t> position;
     for (VarInfo* var : vars) {
         if (var->get_cmd.empty()) continue;
-        const std::string key = var->get_cmd + var->get_payload_text;
+        const std::string key = readRequestKey(*var);
         auto found = position.find(key);
         if (found == position.end()) {
             position.emplace(key, groups.size());
@@ -310,11 +324,17 @@ static u8Array_t fovBlock(const float* values, int count, int mode) {
 void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
     std::vector<VarInfo*>& group, std::unordered_map<std::string, std::vector<uint8_t>>* replies,
     bool update) {
+    readGroupFromLidar(group, replies, update);
+}
+
+int LidarUtilitiesManager::readGroupFromLidar(
+    std::vector<VarInfo*>& group, std::unordered_map<std::string, std::vector<uint8_t>>* replies,
+    bool update) {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (group.empty() || !client || !client->IsOpen() || !currentParser) return;
+    if (group.empty() || !client || !client->IsOpen() || !currentParser) return -1;
     uint8_t cmd = 0;
     u8Array_t payload;
-    if (!buildReadRequest(*group.front(), cmd, payload)) return;
+    if (!buildReadRequest(*group.front(), cmd, payload)) return -1;
     const QString firstName = QString::fromStdString(group.front()->var_name);
 
     u8Array_t reply;
@@ -327,7 +347,7 @@ void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
             qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
                                << "(): try get" << firstName
                                << "FAILED, cmd sent = 0x23 -- QueryCommand()'s ret =" << ret;
-            return;
+            return ret;
         }
         count = std::clamp(count, 0, kFovRegions);
         reply = fovBlock(values, count, mode);
@@ -347,13 +367,13 @@ void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
             qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
                                << "(): try get" << firstName << "FAILED, cmd sent =" << hexByte(cmd)
                                << "-- QueryCommand()'s ret =" << ret;
-            return;
+            return ret;
         }
         if (reply.empty()) {
             qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
                                << "(): try get" << firstName
                                << ", but get no return msg from lidar. cmd sent = " << hexByte(cmd);
-            return;
+            return 0;
         }
     }
     for (VarInfo* member : group) {
@@ -361,19 +381,28 @@ void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
         updateSingleVarFromOutput(*member, cmd, reply, bytes, update);
         if (replies) (*replies)[member->var_name] = bytes;
     }
+    return 0;
 }
 
-void LidarUtilitiesManager::readGroups(ReadGroups& groups, const char* operation) {
+std::vector<LidarUtilitiesManager::ReadFailure> LidarUtilitiesManager::readGroups(
+    ReadGroups& groups, const char* operation) {
+    std::vector<ReadFailure> failures;
     for (auto& [key, group] : groups) {
         // One bad group must not keep the others from being read.
         try {
-            GetInfoFromLidarWithSameCmd(group, nullptr, true);
+            const int ret = readGroupFromLidar(group, nullptr, true);
+            if (ret != 0) {
+                ReadFailure failure{key, {}, ret};
+                for (const VarInfo* var : group) failure.names.push_back(var->var_name);
+                failures.push_back(std::move(failure));
+            }
         } catch (const std::exception& e) {
             qDebug().noquote() << operation
                                << "(): ERROR " + QString(e.what()) +
                                       ". get_cmd and payload = " + QString::fromStdString(key);
         }
     }
+    return failures;
 }
 
 void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
@@ -387,8 +416,18 @@ void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
             vars.insert(vars.end(), page.begin(), page.end());
         groups = groupByReadRequest(vars);
     }
-    readGroups(groups, "GetLidarModuleInfo");
+    std::vector<ReadFailure> failures = readGroups(groups, "GetLidarModuleInfo");
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        lastModuleReadFailures = std::move(failures);
+    }
     notifyMyMapChanged();
+}
+
+std::vector<LidarUtilitiesManager::ReadFailure> LidarUtilitiesManager::getLastModuleReadFailures()
+    const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return lastModuleReadFailures;
 }
 
 void LidarUtilitiesManager::refreshTimerVariables() {
