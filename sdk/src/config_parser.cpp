@@ -188,9 +188,16 @@ class ConfigParser::RowView {
         Reject(column, Text(column), "is not 0, 1, true or false");
     }
 
+    // Up to 4 characters: a command code. Longer: command 0xFF with sub-command digit pairs.
     std::string Command(Column column) const {
         const std::string_view text = Trim(Text(column));
-        if (!text.empty() && !IsHexDigits(text.substr(lidar::text::HasHexPrefix(text) ? 2 : 0))) {
+        if (text.empty()) return std::string();
+        uint8_t code = 0;
+        if (text.size() <= 4 && !lidar::text::ParseCommandCode(text, code)) {
+            Reject(column, Text(column),
+                   "is not a command code (one or two hexadecimal digits, optionally after 0x)");
+        }
+        if (text.size() > 4 && !IsHexDigits(text.substr(lidar::text::HasHexPrefix(text) ? 2 : 0))) {
             Reject(column, Text(column), "is not a hexadecimal command");
         }
         return std::string(text);

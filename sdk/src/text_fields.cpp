@@ -38,6 +38,20 @@ bool HasHexPrefix(std::string_view text) {
     return text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
 }
 
+bool ParseCommandCode(std::string_view text, uint8_t& code) {
+    std::string_view digits = Trim(text);
+    if (HasHexPrefix(digits)) digits.remove_prefix(2);
+    if (digits.empty() || digits.size() > 2) return false;
+    int value = 0;
+    for (char c : digits) {
+        const int digit = HexDigit(c);
+        if (digit < 0) return false;
+        value = value * 16 + digit;
+    }
+    code = static_cast<uint8_t>(value);
+    return true;
+}
+
 bool ParseHexPairs(std::string_view text, std::vector<uint8_t>& out) {
     std::string_view digits = Trim(text);
     if (HasHexPrefix(digits)) digits.remove_prefix(2);

@@ -14,6 +14,10 @@ std::string_view Trim(std::string_view text);
 // The parts between separators, empty parts kept ("a||b" gives "a", "", "b").
 std::vector<std::string> Split(const std::string& text, char separator);
 bool HasHexPrefix(std::string_view text);
+// A command code as catalogues and users write it: one or two hexadecimal digits, optionally
+// after "0x" or "0X", blanks around allowed ("0x21", "21" and "0X21" are 0x21; "7" is 0x07). False
+// for an empty text, a character that is not a hexadecimal digit, or more than two digits.
+bool ParseCommandCode(std::string_view text, uint8_t& code);
 // Pairs of hexadecimal digits, blanks around and an optional "0x" allowed: "0x0102" gives 01 02.
 // An empty text gives no bytes; an odd count or a non-hex digit gives false and leaves out alone.
 bool ParseHexPairs(std::string_view text, std::vector<uint8_t>& out);
