@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -329,6 +330,9 @@ class LidarUtilitiesManager : public QObject {
     // Edit staging (UI thread only).
     std::map<std::string, bool> setMap;
     std::map<VarInfo*, bool> editedVarMap;
+    // The variables whose value the user typed since the last write; only these are encoded
+    // from text, every other field of a command is sent back as the lidar returned it.
+    std::set<const VarInfo*> typedVars_;
 
   public:
     std::atomic<int32_t> upgradeMode{0};

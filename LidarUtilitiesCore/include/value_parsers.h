@@ -4,6 +4,7 @@
 // command's payload out. Every rejection is a std::invalid_argument with a message for the user.
 
 #include <QString>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,6 +60,14 @@ class RawParser : public StrParser {
   public:
     std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
 };
+
+enum class LimitCheck { kWithin, kOutside, kNotANumber };
+
+// Compares the exact decimal value of `text` (C-locale syntax, exponents allowed) times `factor`
+// with the catalogue limits [minVal, maxVal]. The same reading of the text as the parsers use,
+// so that what is checked is what is written.
+LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32_t minVal,
+                                    int32_t maxVal);
 
 // The parser that writes a variable of this var_type ("int8" ... "uint64", "float32", "double",
 // "IP", "MAC", "raw"); null for a type that cannot be written.

@@ -12,6 +12,7 @@
 #include <iostream>
 #include <set>
 
+#include "command_text.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/feature_config_parser.h"
 
@@ -31,20 +32,6 @@ void sleepMilliseconds(long ms) {
 
 QString hexByte(uint8_t value) {
     return QString("%1").arg(value, 2, 16, QChar('0'));
-}
-
-// Variables with equal keys are read with one request: the command text, then the payload bytes
-// after a blank. The blank keeps "0x75" with payload 00 apart from the sub-command "0x7500".
-std::string readRequestKey(const VarInfo& var) {
-    std::string key = var.get_cmd;
-    if (var.get_payload.empty()) return key;
-    key += ' ';
-    static const char kDigits[] = "0123456789ABCDEF";
-    for (uint8_t byte : var.get_payload) {
-        key += kDigits[byte >> 4];
-        key += kDigits[byte & 0x0F];
-    }
-    return key;
 }
 
 }  // namespace
@@ -242,16 +229,7 @@ QString LidarUtilitiesManager::currentValueOf(const VarInfo* var) const {
 bool LidarUtilitiesManager::buildReadRequest(const VarInfo& var, uint8_t& cmd,
                                              u8Array_t& payload) const {
     payload.clear();
-    try {
-        if (var.get_cmd.size() > 4) {
-            writeSubCmdIntoInput(var.get_cmd, payload);
-            cmd = 0xFF;
-        } else {
-            cmd = static_cast<uint8_t>(std::stoi(var.get_cmd, nullptr, 0));
-        }
-    } catch (const std::exception&) {
-        return false;
-    }
+    if (!commandRequestOf(var.get_cmd, cmd, payload)) return false;
     payload.insert(payload.end(), var.get_payload.begin(), var.get_payload.end());
     return true;
 }

@@ -8,6 +8,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "command_text.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/auth_config.h"
 #include "sdk/vrc_client.h"
@@ -331,10 +332,10 @@ int LidarUtilitiesManager::sendDeviceCommand(const char* variableName, const cha
     }
     u8Array_t payload;
     uint8_t code = 0xff;
-    if (command.size() > 4)
-        writeSubCmdIntoInput(command, payload);
-    else
-        code = static_cast<uint8_t>(std::stoi(command, nullptr, 0));
+    if (!commandRequestOf(command, code, payload)) {
+        showErrorMessage(notFoundCommand);
+        return -1;
+    }
     payload.insert(payload.end(), var->get_payload.begin(), var->get_payload.end());
 
     u8Array_t reply;

@@ -14,6 +14,7 @@
 
 #include "lidar_utilities_manager.h"
 #include "sdk/logger.h"
+#include "value_parsers.h"
 
 namespace {
 
@@ -158,17 +159,19 @@ StagedVerdict checkStagedText(const VarInfo& var, const std::string& staged) {
     }
     if (var.min_val == 0 && var.max_val == 0) return StagedVerdict::kPass;
     if (staged == "0") return StagedVerdict::kPass;
-    try {
-        const int number = std::stoi(staged);
-        return number < var.min_val || number > var.max_val ? StagedVerdict::kOutOfRange
-                                                            : StagedVerdict::kPass;
-    } catch (const std::invalid_argument& e) {
-        qDebug().noquote() << "CheckModuleVarsWithinRange"
-                           << " Invalid argument: " << e.what();
-    } catch (const std::out_of_range& e) {
-        qDebug().noquote() << "CheckModuleVarsWithinRange"
-                           << " Out of range: " << e.what();
+    // The exact value the writer would encode is what is compared, so that "5e3" counts as 5000
+    // and "5.5" is above a limit of 5.
+    switch (checkDecimalWithinLimits(staged, 1.0f, var.min_val, var.max_val)) {
+        case LimitCheck::kWithin:
+            return StagedVerdict::kPass;
+        case LimitCheck::kOutside:
+            return StagedVerdict::kOutOfRange;
+        case LimitCheck::kNotANumber:
+            break;
     }
+    qDebug().noquote() << "CheckModuleVarsWithinRange"
+                       << " Invalid argument: "
+                       << "stoi";
     return StagedVerdict::kNotANumber;
 }
 
@@ -303,22 +306,17 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
         staged = var->current_val;
     }
-    float number = 0;
-    try {
-        number = std::stof(staged);
-    } catch (const std::invalid_argument& e) {
+    // The staged text is read exactly, as the writer reads it, and compared exactly after the
+    // range scale: a check and an encoding that disagree would let a value past the limits.
+    const LimitCheck verdict =
+        checkDecimalWithinLimits(staged, var->range_scale, var->min_val, var->max_val);
+    if (verdict == LimitCheck::kNotANumber) {
         qDebug().noquote() << "CheckVarIsWithinRange"
-                           << " Invalid argument: " << e.what();
-        return false;
-    } catch (const std::out_of_range& e) {
-        qDebug().noquote() << "CheckVarIsWithinRange"
-                           << " Out of range: " << e.what();
+                           << " Invalid argument: "
+                           << "stof";
         return false;
     }
-    // Truncated toward zero as an int32 would be; compared as a double so that products beyond
-    // the int32 range (or NaN) fail instead of wrapping.
-    const double scaled = std::trunc(static_cast<double>(number * var->range_scale));
-    return scaled >= var->min_val && scaled <= var->max_val;
+    return verdict == LimitCheck::kWithin;
 }
 
 bool LidarUtilitiesManager::CheckModuleVarsWithinRange(int module) {

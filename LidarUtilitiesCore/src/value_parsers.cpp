@@ -1,14 +1,22 @@
 #include "value_parsers.h"
 
+#include <gmpxx.h>
+
 #include <QStringList>
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <limits>
 #include <stdexcept>
+#include <string_view>
 
 namespace {
+
+enum class DecimalStatus { kOk, kNotDecimal, kTooLarge, kTooSmall };
 
 // The lowest `width` bytes of `value`, most significant first. Built by shifting rather than by
 // copying host memory, so the result is network order on any host.
@@ -25,21 +33,163 @@ std::vector<unsigned char> bigEndianBytes(uint64_t value, unsigned long width) {
     throw std::invalid_argument(message + text);
 }
 
-// Truncates toward zero; the range checks before it keep v within int64 except for the single
-// float value 2^63 (the float image of the 8-byte upper bound), which saturates.
-int64_t truncateToInt64(float v) {
-    constexpr float kTwoPow63 = 9223372036854775808.0f;
-    if (v >= kTwoPow63) return INT64_MAX;
-    if (v < -kTwoPow63) return INT64_MIN;
-    return static_cast<int64_t>(v);
+bool isAsciiSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
 }
 
-uint64_t truncateToUint64(float v) {
-    constexpr float kTwoPow63 = 9223372036854775808.0f;
-    constexpr float kTwoPow64 = 18446744073709551616.0f;
-    if (v >= kTwoPow64) return UINT64_MAX;
-    if (v >= kTwoPow63) return static_cast<uint64_t>(v - kTwoPow63) | (uint64_t{1} << 63);
-    return static_cast<uint64_t>(v);
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// Beyond this many decades a typed number is far outside every type the device holds, and
+// building it exactly would only cost memory.
+constexpr long kLargestDecade = 10000;
+
+mpz_class powerOfTen(unsigned long exponent) {
+    mpz_class result;
+    mpz_ui_pow_ui(result.get_mpz_t(), 10, exponent);
+    return result;
+}
+
+// Reads [sign] digits [. digits] [e|E [sign] digits], surrounded by optional blanks, as the exact
+// rational it denotes. The grammar is the C locale's whatever the desktop language is, so that a
+// comma-decimal language can never change the value a user typed.
+DecimalStatus readDecimal(std::string_view text, mpq_class& out) {
+    size_t begin = 0, end = text.size();
+    while (begin < end && isAsciiSpace(text[begin])) ++begin;
+    while (end > begin && isAsciiSpace(text[end - 1])) --end;
+    size_t i = begin;
+    bool negative = false;
+    if (i < end && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+
+    std::string digits;
+    long fractionDigits = 0;
+    for (; i < end && isDigit(text[i]); ++i) digits += text[i];
+    if (i < end && text[i] == '.') {
+        for (++i; i < end && isDigit(text[i]); ++i, ++fractionDigits) digits += text[i];
+    }
+    if (digits.empty()) return DecimalStatus::kNotDecimal;
+
+    long exponent = 0;
+    if (i < end && (text[i] == 'e' || text[i] == 'E')) {
+        ++i;
+        bool negativeExponent = false;
+        if (i < end && (text[i] == '+' || text[i] == '-')) negativeExponent = text[i++] == '-';
+        if (i == end || !isDigit(text[i])) return DecimalStatus::kNotDecimal;
+        for (; i < end && isDigit(text[i]); ++i) {
+            if (exponent < 10 * kLargestDecade) exponent = exponent * 10 + (text[i] - '0');
+        }
+        if (negativeExponent) exponent = -exponent;
+    }
+    if (i != end) return DecimalStatus::kNotDecimal;
+
+    const size_t firstNonZero = digits.find_first_not_of('0');
+    if (firstNonZero == std::string::npos) {
+        out = 0;
+        return DecimalStatus::kOk;
+    }
+    digits.erase(0, firstNonZero);
+    const long decade = exponent - fractionDigits;
+    const long magnitude = decade + static_cast<long>(digits.size());
+    if (magnitude > kLargestDecade) return DecimalStatus::kTooLarge;
+    if (magnitude < -kLargestDecade) return DecimalStatus::kTooSmall;
+
+    mpz_class mantissa(digits, 10);
+    if (negative) mantissa = -mantissa;
+    if (decade >= 0) {
+        out = mpq_class(mantissa * powerOfTen(static_cast<unsigned long>(decade)));
+    } else {
+        out = mpq_class(mantissa, powerOfTen(static_cast<unsigned long>(-decade)));
+        out.canonicalize();
+    }
+    return DecimalStatus::kOk;
+}
+
+// The catalogue stores scales as floats; the value meant is the shortest decimal that reads back
+// as that float ("0.01" rather than 0.00999999977648258). False for 0, infinities and NaN, which
+// no value can be divided by.
+bool exactScale(float scale, mpq_class& out) {
+    if (!std::isfinite(scale) || scale == 0.0f) return false;
+    char text[64];
+    const auto result = std::to_chars(text, text + sizeof(text), scale);
+    return readDecimal(std::string_view(text, static_cast<size_t>(result.ptr - text)), out) ==
+           DecimalStatus::kOk;
+}
+
+mpq_class powerOfTwo(int exponent) {
+    mpz_class power = 1;
+    power <<= static_cast<mp_bitcnt_t>(exponent < 0 ? -exponent : exponent);
+    return exponent < 0 ? mpq_class(1, power) : mpq_class(power);
+}
+
+// The binary floating-point number of type T nearest to `value` (ties to even), computed from the
+// exact rational so that it is rounded once. False when it overflows T or underflows to zero.
+template <typename T>
+bool nearestBinary(const mpq_class& value, T& out) {
+    if (value == 0) {
+        out = 0;
+        return true;
+    }
+    const mpq_class magnitude = abs(value);
+    // 2^e <= magnitude < 2^(e+1)
+    int e = static_cast<int>(mpz_sizeinbase(magnitude.get_num_mpz_t(), 2)) -
+            static_cast<int>(mpz_sizeinbase(magnitude.get_den_mpz_t(), 2));
+    if (magnitude < powerOfTwo(e)) --e;
+    constexpr int kDigits = std::numeric_limits<T>::digits;
+    constexpr int kMinNormal = std::numeric_limits<T>::min_exponent - 1;
+    if (e > std::numeric_limits<T>::max_exponent) return false;
+    const int unit = std::max(e, kMinNormal) - (kDigits - 1);
+    const mpq_class scaled = magnitude / powerOfTwo(unit);
+    mpz_class mantissa = scaled.get_num() / scaled.get_den();
+    const mpq_class remainder = scaled - mpq_class(mantissa);
+    const mpq_class half(1, 2);
+    if (remainder > half || (remainder == half && mpz_odd_p(mantissa.get_mpz_t()))) ++mantissa;
+    if (mantissa == 0) return false;
+    const T result = std::ldexp(static_cast<T>(mantissa.get_d()), unit);
+    if (!std::isfinite(result)) return false;
+    out = value < 0 ? -result : result;
+    return true;
+}
+
+// True for a non-zero value closer to zero than the smallest normal T: the standard conversions
+// (stof, stod) report those as out of range, and the parsers keep that answer.
+template <typename T>
+bool belowSmallestNormal(const mpq_class& value) {
+    return value != 0 && abs(value) < mpq_class(static_cast<double>(std::numeric_limits<T>::min()));
+}
+
+// value / scale for a parser whose text passed isNumeric; throws with that parser's illegal-number
+// message for texts such as "inf" and "nan", which name no value.
+template <typename T>
+mpq_class exactQuotient(const std::string& text, float scale, const char* illegalMessage,
+                        DecimalStatus& status) {
+    mpq_class value;
+    status = readDecimal(text, value);
+    if (status == DecimalStatus::kNotDecimal) throwIllegalNumber(illegalMessage, text);
+    if (status == DecimalStatus::kOk && belowSmallestNormal<T>(value))
+        status = DecimalStatus::kTooSmall;
+    mpq_class divisor;
+    if (!exactScale(scale, divisor)) throwIllegalNumber(illegalMessage, text);
+    if (status != DecimalStatus::kOk) return 0;
+    return value / divisor;
+}
+
+// Two's complement bytes of a value already known to fit in `width` bytes.
+std::vector<unsigned char> integerBytes(const mpz_class& value, unsigned long width) {
+    mpz_class wrapped = value;
+    if (wrapped < 0) wrapped += mpz_class(1) << static_cast<mp_bitcnt_t>(8 * width);
+    std::vector<unsigned char> bytes(width, 0);
+    for (unsigned long i = 0; i < width; ++i) {
+        const mpz_class byte = (wrapped >> static_cast<mp_bitcnt_t>(8 * (width - 1 - i))) & 0xFF;
+        bytes[i] = static_cast<unsigned char>(byte.get_ui());
+    }
+    return bytes;
+}
+
+mpz_class truncatedTowardZero(const mpq_class& value) {
+    mpz_class result;
+    mpz_tdiv_q(result.get_mpz_t(), value.get_num_mpz_t(), value.get_den_mpz_t());
+    return result;
 }
 
 }  // namespace
@@ -63,71 +213,56 @@ bool StrParser::isNumeric(const QString& text) {
 }
 
 std::vector<unsigned char> IntParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text)))
-        throwIllegalNumber("IntParser: contains an illegal number, error:", text);
-    float v = 0.0f;
-    try {
-        v = std::stof(text);
-    } catch (const std::exception& e) {
-        throw std::invalid_argument(std::string("IntParser: stof() failed, error:") + e.what());
+    static const char* const kIllegal = "IntParser: contains an illegal number, error:";
+    static const char* const kStofFailed = "IntParser: stof() failed, error:stof";
+    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber(kIllegal, text);
+    DecimalStatus status = DecimalStatus::kOk;
+    const mpq_class raw = exactQuotient<float>(text, scale, kIllegal, status);
+    if (status == DecimalStatus::kTooLarge) throwIllegalNumber(kIllegal, text);
+    if (status == DecimalStatus::kTooSmall) throw std::invalid_argument(kStofFailed);
+
+    // The check is on the exact quotient and the full width of the type; the raw value is then
+    // truncated toward zero, as the device has always been sent.
+    if (width_ >= 1 && width_ <= 8) {
+        const mpz_class limit = mpz_class(1) << static_cast<mp_bitcnt_t>(8 * width_ - 1);
+        if (raw > mpq_class(limit - 1) || raw < mpq_class(-limit))
+            throwIllegalNumber(kIllegal, text);
     }
-    v = v / scale;
-
-    // Signed exponent, so that a width of 0 cannot wrap around; absurd widths just overflow to
-    // infinity and are refused below by the width test.
-    const int exponent = width_ > 128 ? 1024 : static_cast<int>(8 * width_) - 1;
-    const double limit = std::ldexp(1.0, exponent);
-    const float upper = static_cast<float>(limit - 1);
-    const float lower = static_cast<float>(-limit);
-    // A NaN slips through both comparisons and has no integer value.
-    if (std::isnan(v) || v > upper || v < lower)
-        throwIllegalNumber("IntParser: contains an illegal number, error:", text);
-
-    const int64_t raw = truncateToInt64(v);
     if (width_ != 1 && width_ != 2 && width_ != 4 && width_ != 8) {
         char width[32];
         std::snprintf(width, sizeof(width), "%lu", width_);
         throw std::invalid_argument(
             std::string("intParser: parser_length is not supported, error:") + width);
     }
-    return bigEndianBytes(static_cast<uint64_t>(raw), width_);
+    return integerBytes(truncatedTowardZero(raw), width_);
 }
 
 std::vector<unsigned char> UintParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text)))
-        throwIllegalNumber("UintParser: contains an illegal number, error:", text);
-    float v = 0.0f;
-    try {
-        v = std::stof(text);
-    } catch (const std::exception& e) {
-        throw std::invalid_argument(std::string("UintParser: stof() failed, error:") + e.what());
-    }
-    v = v / scale;
+    static const char* const kIllegal = "UintParser: contains an illegal number, error:";
+    static const char* const kStofFailed = "UintParser: stof() failed, error:stof";
+    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber(kIllegal, text);
+    DecimalStatus status = DecimalStatus::kOk;
+    const mpq_class raw = exactQuotient<float>(text, scale, kIllegal, status);
+    if (status == DecimalStatus::kTooLarge) throwIllegalNumber(kIllegal, text);
+    if (status == DecimalStatus::kTooSmall) throw std::invalid_argument(kStofFailed);
 
     // The shift count wraps modulo 32 on purpose: widths 4 and 8 get a limit of 1, so such
     // variables accept only values that scale into [0, 1). This is the established behaviour of
     // the settings writer and is kept as it is.
     const uint32_t shift = static_cast<uint32_t>((8 * width_) % 32);
-    const float limit = static_cast<float>(uint32_t{1} << shift);
-    if (std::isnan(v) || v >= limit || v < 0)
-        throwIllegalNumber("UintParser: contains an illegal number, error:", text);
-
-    return bigEndianBytes(truncateToUint64(v), width_);
+    const mpq_class limit(mpz_class(uint32_t{1} << shift));
+    if (raw >= limit || raw < 0) throwIllegalNumber(kIllegal, text);
+    return integerBytes(truncatedTowardZero(raw), width_);
 }
 
 std::vector<unsigned char> FloatParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text)))
-        throwIllegalNumber("FloatParser: contains an illegal number, error:", text);
+    static const char* const kIllegal = "FloatParser: contains an illegal number, error:";
+    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber(kIllegal, text);
+    DecimalStatus status = DecimalStatus::kOk;
+    const mpq_class exact = exactQuotient<float>(text, scale, kIllegal, status);
     float v = 0.0f;
-    try {
-        v = std::stof(text);
-    } catch (const std::out_of_range& e) {
-        throw std::invalid_argument(std::string("FloatParser: stof() out of range, error:") +
-                                    e.what());
-    } catch (const std::exception& e) {
-        throw std::invalid_argument(std::string("FloatParser: stof() failed, error:") + e.what());
-    }
-    v = v / scale;
+    if (status != DecimalStatus::kOk || !nearestBinary(exact, v))
+        throw std::invalid_argument("FloatParser: stof() out of range, error:stof");
 
     uint32_t bits = 0;
     std::memcpy(&bits, &v, sizeof(bits));
@@ -135,22 +270,31 @@ std::vector<unsigned char> FloatParser::parse(const std::string& text, float sca
 }
 
 std::vector<unsigned char> DoubleParser::parse(const std::string& text, float scale) {
-    if (!isNumeric(QString::fromStdString(text)))
-        throwIllegalNumber("DoubleParser: contains an illegal number, error:", text);
+    static const char* const kIllegal = "DoubleParser: contains an illegal number, error:";
+    if (!isNumeric(QString::fromStdString(text))) throwIllegalNumber(kIllegal, text);
+    DecimalStatus status = DecimalStatus::kOk;
+    const mpq_class exact = exactQuotient<double>(text, scale, kIllegal, status);
     double v = 0.0;
-    try {
-        v = std::stod(text);
-    } catch (const std::out_of_range& e) {
-        throw std::invalid_argument(std::string("DoubleParser: stod() out of range, error:") +
-                                    e.what());
-    } catch (const std::exception& e) {
-        throw std::invalid_argument(std::string("DoubleParser: stod() failed, error:") + e.what());
-    }
-    v = v / static_cast<double>(scale);
+    if (status != DecimalStatus::kOk || !nearestBinary(exact, v))
+        throw std::invalid_argument("DoubleParser: stod() out of range, error:stod");
 
     uint64_t bits = 0;
     std::memcpy(&bits, &v, sizeof(bits));
     return bigEndianBytes(bits, sizeof(bits));
+}
+
+LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32_t minVal,
+                                    int32_t maxVal) {
+    mpq_class value;
+    const DecimalStatus status = readDecimal(text, value);
+    if (status == DecimalStatus::kNotDecimal) return LimitCheck::kNotANumber;
+    if (status == DecimalStatus::kTooLarge) return LimitCheck::kOutside;
+    mpq_class exactFactor;
+    if (!exactScale(factor, exactFactor)) return LimitCheck::kOutside;
+    // Truncated toward zero, as the writer truncates the raw value it sends.
+    const mpz_class scaled =
+        status == DecimalStatus::kOk ? truncatedTowardZero(value * exactFactor) : mpz_class(0);
+    return scaled < minVal || scaled > maxVal ? LimitCheck::kOutside : LimitCheck::kWithin;
 }
 
 std::vector<unsigned char> IPv4Parser::parse(const std::string& text, float /*scale*/) {

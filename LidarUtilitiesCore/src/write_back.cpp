@@ -10,13 +10,16 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "command_text.h"
 #include "lidar_utilities_manager.h"
+#include "sdk/text_fields.h"
 #include "sdk/vrc_client.h"
 #include "value_parsers.h"
 
@@ -65,18 +68,20 @@ SetCommandPlan planStagedCommands(const std::vector<std::vector<VarInfo*>>& page
     return plan;
 }
 
-std::vector<VarGroup> groupByGetCommand(const SetCommandPlan& plan) {
+// The read requests that bring back what the planned commands carry, one group per request.
+std::vector<VarGroup> groupByReadRequest(const SetCommandPlan& plan) {
     std::vector<std::string> order;
-    std::map<std::string, VarGroup> byGetCmd;
+    std::map<std::string, VarGroup> byRequest;
     for (const std::string& setCmd : plan.sendList) {
         for (VarInfo* var : plan.groups.at(setCmd)) {
             if (var->get_cmd.empty()) continue;
-            if (byGetCmd.count(var->get_cmd) == 0) order.push_back(var->get_cmd);
-            byGetCmd[var->get_cmd].push_back(var);
+            const std::string key = readRequestKey(*var);
+            if (byRequest.count(key) == 0) order.push_back(key);
+            byRequest[key].push_back(var);
         }
     }
     std::vector<VarGroup> result;
-    for (const std::string& getCmd : order) result.push_back(byGetCmd[getCmd]);
+    for (const std::string& key : order) result.push_back(byRequest[key]);
     return result;
 }
 
@@ -85,15 +90,6 @@ std::string namesOf(const VarGroup& group) {
     std::string names;
     for (const VarInfo* var : group) names += var->var_name + ", ";
     return names;
-}
-
-// A command text longer than "0xNN" carries sub-command bytes and goes out as command 0xFF.
-uint8_t commandByteOf(const std::string& cmdText, u8Array_t& payload) {
-    if (cmdText.size() > 4) {
-        LidarUtilitiesManager::writeSubCmdIntoInput(cmdText, payload);
-        return 0xFF;
-    }
-    return static_cast<uint8_t>(std::stoi(cmdText, nullptr, 0));
 }
 
 std::string hexText(const std::vector<uint8_t>& bytes) {
@@ -116,10 +112,12 @@ class StagedCommandSender {
     using ValueReader = std::function<std::string(const VarInfo*)>;
 
     StagedCommandSender(LidarUtilitiesManager& manager, std::shared_ptr<AuthorizedVrcClient> client,
-                        ValueReader valueOf, std::array<float, 10> fovTable)
+                        ValueReader valueOf, const std::set<const VarInfo*>& typed,
+                        std::array<float, 10> fovTable)
         : manager_(manager),
           client_(std::move(client)),
           valueOf_(std::move(valueOf)),
+          typed_(typed),
           fovTable_(fovTable) {}
 
     // True when every command of the plan was handled without failure.
@@ -140,7 +138,7 @@ class StagedCommandSender {
   private:
     // Leaves in bytes_ what the lidar holds now; the user's texts stay in current_val.
     void readBack(const SetCommandPlan& plan) {
-        for (VarGroup& group : groupByGetCommand(plan)) {
+        for (VarGroup& group : groupByReadRequest(plan)) {
             manager_.GetInfoFromLidarWithSameCmd(group, &bytes_, false);
         }
     }
@@ -148,7 +146,9 @@ class StagedCommandSender {
     // False after a configuration fault that has been shown; throws on any other failure.
     bool sendOne(const std::string& setCmd, const VarGroup& group) {
         u8Array_t payload;
-        const uint8_t command = commandByteOf(setCmd, payload);
+        uint8_t command = 0;
+        if (!commandRequestOf(setCmd, command, payload))
+            throw std::runtime_error("Not a command code: " + setCmd);
         if (!appendRawValues(group, payload)) return false;
         encodeValues(group);
         for (const VarInfo* var : group) {
@@ -176,8 +176,14 @@ class StagedCommandSender {
         return true;
     }
 
+    // Only what the user typed is encoded from text. Every other field goes out with exactly the
+    // bytes the lidar just returned: its display text is rounded and would move the value.
     void encodeValues(const VarGroup& group) {
         for (const VarInfo* var : group) {
+            if (!var->get_cmd.empty() && typed_.count(var) == 0) {
+                keepReadBackBytes(*var);
+                continue;
+            }
             const std::string value = valueOf_(var);
             if (value.empty()) {
                 throw std::runtime_error(
@@ -190,6 +196,18 @@ class StagedCommandSender {
                 throw std::runtime_error("Error with var type");
             }
             bytes_[var->var_name] = parser->parse(value, var->scale);
+        }
+    }
+
+    void keepReadBackBytes(const VarInfo& var) {
+        const auto found = bytes_.find(var.var_name);
+        const bool usable =
+            found != bytes_.end() && !found->second.empty() &&
+            (var.offset <= 0 || found->second.size() == static_cast<size_t>(var.offset));
+        if (!usable) {
+            throw std::runtime_error(
+                "Could not read back the value this command carries unchanged. var_name = " +
+                var.var_name);
         }
     }
 
@@ -260,6 +278,7 @@ class StagedCommandSender {
     LidarUtilitiesManager& manager_;
     std::shared_ptr<AuthorizedVrcClient> client_;
     ValueReader valueOf_;
+    const std::set<const VarInfo*>& typed_;
     std::array<float, 10> fovTable_;
     BytesByName bytes_;
     std::string command_;
@@ -292,6 +311,7 @@ void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QStr
             if (!replaceValue(var)) return;
             setMap[var->set_cmd] = true;
             editedVarMap[var] = true;
+            typedVars_.insert(var);
             return;
         case 2: {
             VarInfo* linked = var->switch_var;
@@ -305,9 +325,11 @@ void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QStr
             // The command is the linked variable's, while the edited row stays the user's row.
             setMap[linked->set_cmd] = true;
             editedVarMap[var] = true;
+            typedVars_.insert(linked);
             return;
         }
         case 3: {
+            // A text that is not a number raises the conversion's error to the caller.
             const int choice = std::stoi(value, nullptr, 10);
             const int count =
                 std::min(static_cast<int>(var->options.size()), static_cast<int>(var->option_num));
@@ -326,6 +348,7 @@ void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QStr
             }
             setMap[var->set_cmd] = true;
             editedVarMap[var] = true;
+            typedVars_.insert(var);
             return;
         }
         default:
@@ -347,13 +370,16 @@ size_t LidarUtilitiesManager::getEditedVarCount() const {
 void LidarUtilitiesManager::ClearSetMap() {
     setMap.clear();
     editedVarMap.clear();
+    typedVars_.clear();
 }
 
 void LidarUtilitiesManager::writeSubCmdIntoInput(std::string text, u8Array_t& out) {
+    // Hexadecimal pairs; a "0x" or "0X" pair is a prefix, not a byte.
     for (size_t i = 0; i + 1 < text.size(); i += 2) {
         const std::string pair = text.substr(i, 2);
-        if (pair == "0x") continue;
-        out.push_back(static_cast<uint8_t>(std::stoi("0x" + pair, nullptr, 0) & 0xFF));
+        if (pair == "0x" || pair == "0X") continue;
+        uint8_t byte = 0;
+        if (lidar::text::ParseCommandCode(pair, byte)) out.push_back(byte);
     }
 }
 
@@ -399,6 +425,9 @@ void LidarUtilitiesManager::Run(int page) {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
         return var->current_val;
     };
-    StagedCommandSender sender(*this, client, valueOf, fov);
-    if (sender.sendAll(plan)) editedVarMap.clear();
+    StagedCommandSender sender(*this, client, valueOf, typedVars_, fov);
+    const bool allSent = sender.sendAll(plan);
+    // The typed values went with the staged commands, which are consumed either way.
+    typedVars_.clear();
+    if (allSent) editedVarMap.clear();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -24,12 +25,12 @@ std::string Trimmed(const std::string& text) {
 
 // Whole-text conversions: trailing garbage makes them fail.
 bool ParseDouble(const std::string& text, double& out) {
-    const std::string t = Trimmed(text);
+    std::string t = Trimmed(text);
+    if (!t.empty() && t[0] == '+') t.erase(0, 1);
     if (t.empty()) return false;
-    errno = 0;
-    char* end = nullptr;
-    out = std::strtod(t.c_str(), &end);
-    return errno == 0 && end == t.c_str() + t.size() && std::isfinite(out);
+    // from_chars reads the C locale's decimal point whatever the process's language is.
+    const auto result = std::from_chars(t.data(), t.data() + t.size(), out);
+    return result.ec == std::errc() && result.ptr == t.data() + t.size() && std::isfinite(out);
 }
 
 bool ParseUnsigned(const std::string& text, uint64_t& out) {
@@ -328,11 +329,21 @@ bool ParseCommandText(const std::string& text, WireCommand& out) {
         out.prefix = std::move(prefix);
         return true;
     }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long value = std::strtoul(t.c_str(), &end, 0);
-    if (errno != 0 || end != t.c_str() + t.size()) return false;
-    out.command = static_cast<uint8_t>(value & 0xFF);
+    // Command codes are hexadecimal with or without "0x"; read here on their own so that the
+    // simulator never inherits a fault of the manager's conversion.
+    const size_t digitsAt = (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X')) ? 2 : 0;
+    if (t.size() - digitsAt > 2) return false;
+    unsigned value = 0;
+    for (size_t i = digitsAt; i < t.size(); ++i) {
+        const char c = static_cast<char>(std::tolower(static_cast<unsigned char>(t[i])));
+        if (c >= '0' && c <= '9')
+            value = value * 16 + static_cast<unsigned>(c - '0');
+        else if (c >= 'a' && c <= 'f')
+            value = value * 16 + static_cast<unsigned>(c - 'a' + 10);
+        else
+            return false;
+    }
+    out.command = static_cast<uint8_t>(value);
     out.prefix.clear();
     return true;
 }
