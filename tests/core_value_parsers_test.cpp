@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -120,6 +121,78 @@ TEST(ValueParsers, RawParserReturnsNothingAndSaysSo) {
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(bytes.empty());
     EXPECT_EQ(out, "not developed\n");
+}
+
+TEST(ValueParsers, IntegersAreExactOverTheirFullWidth) {
+    // min, max and one past each, for every signed width; nothing wraps or loses a digit.
+    const std::pair<unsigned long, const char*> bounds[] = {
+        {1, "128"}, {2, "32768"}, {4, "2147483648"}, {8, "9223372036854775808"}};
+    for (const auto& [width, limit] : bounds) {
+        const std::string max = std::to_string(std::stoull(limit) - 1);
+        const std::string min = std::string("-") + limit;
+        const std::string belowMin = "-" + std::to_string(std::stoull(limit) + 1);
+        Bytes maxBytes(width, 0xFF), minBytes(width, 0x00);
+        maxBytes[0] = 0x7F;
+        minBytes[0] = 0x80;
+        EXPECT_EQ(IntParser(width).parse(max, 1), maxBytes) << max;
+        EXPECT_EQ(IntParser(width).parse(min, 1), minBytes) << min;
+        EXPECT_NE(rejection(IntParser(width), limit), "") << limit;
+        EXPECT_NE(rejection(IntParser(width), belowMin), "") << belowMin;
+    }
+    EXPECT_EQ(IntParser(4).parse("16777217", 1), (Bytes{0x01, 0x00, 0x00, 0x01}));
+    EXPECT_EQ(IntParser(8).parse("9007199254740993", 1),
+              (Bytes{0x00, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01}));
+    EXPECT_EQ(UintParser(1).parse("255", 1), Bytes{0xFF});
+    EXPECT_NE(rejection(UintParser(1), "256"), "");
+    EXPECT_NE(rejection(UintParser(1), "-0.5"), "");
+
+    // Scales are the decimals the catalogue wrote: 0.001 is a thousandth, not 0.0010000000475.
+    EXPECT_EQ(IntParser(4).parse("-1.255", 0.001f), (Bytes{0xFF, 0xFF, 0xFB, 0x19}));  // -1255
+    EXPECT_EQ(IntParser(4).parse("2147483.647", 0.001f), (Bytes{0x7F, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(UintParser(2).parse("655.35", 0.01f), (Bytes{0xFF, 0xFF}));
+    // Exponents are read as the number they write; the result is what the range check sees.
+    EXPECT_EQ(UintParser(2).parse("5e3", 1), (Bytes{0x13, 0x88}));
+    EXPECT_EQ(IntParser(1).parse("0.9e1", 1), Bytes{0x09});
+    EXPECT_EQ(IntParser(2).parse("-1255e-3", 0.001f), (Bytes{0xFB, 0x19}));
+}
+
+TEST(ValueParsers, FloatsRejectWhatTheTypeCannotHold) {
+    EXPECT_EQ(FloatParser().parse("0.1", 1), (Bytes{0x3D, 0xCC, 0xCC, 0xCD}));       // rounded once
+    EXPECT_EQ(FloatParser().parse("16777217", 1), (Bytes{0x4B, 0x80, 0x00, 0x00}));  // ties to even
+    EXPECT_EQ(DoubleParser().parse("0.1", 1),
+              (Bytes{0x3F, 0xB9, 0x99, 0x99, 0x99, 0x99, 0x99, 0x9A}));
+    EXPECT_EQ(DoubleParser().parse("12.5", 0.01f),
+              (Bytes{0x40, 0x93, 0x88, 0, 0, 0, 0, 0}));  // 1250
+    for (const char* text : {"inf", "-inf", "nan"}) {
+        EXPECT_EQ(rejection(FloatParser(), text),
+                  std::string("FloatParser: contains an illegal number, error:") + text);
+        EXPECT_EQ(rejection(DoubleParser(), text),
+                  std::string("DoubleParser: contains an illegal number, error:") + text);
+    }
+    EXPECT_EQ(rejection(FloatParser(), "3e38", 0.5f),
+              "FloatParser: stof() out of range, error:stof");
+    // Beyond float, within double; the scale is the catalogue's decimal 1e-30, so exactly 3e68.
+    const double beyondFloat = 3e68;
+    uint64_t bits = 0;
+    std::memcpy(&bits, &beyondFloat, sizeof bits);
+    Bytes expected(8);
+    for (int i = 0; i < 8; ++i) expected[7 - i] = static_cast<unsigned char>(bits >> (8 * i));
+    EXPECT_EQ(DoubleParser().parse("3e38", 1e-30f), expected);
+    EXPECT_EQ(rejection(FloatParser(), "1", 0.0f), "FloatParser: stof() out of range, error:stof");
+    EXPECT_EQ(rejection(DoubleParser(), "1", 0.0f),
+              "DoubleParser: stod() out of range, error:stod");
+}
+
+TEST(ValueParsers, LimitsAreCheckedOnTheNumberThatIsWritten) {
+    EXPECT_EQ(checkDecimalWithinLimits("5e3", 1, 1, 4094), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("0.9e1", 1, -5, 5), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("4094.9", 1, 1, 4094), LimitCheck::kWithin);  // written 4094
+    EXPECT_EQ(checkDecimalWithinLimits("-5.9", 1, -5, 5), LimitCheck::kWithin);
+    EXPECT_EQ(checkDecimalWithinLimits("5.09", 10, 5, 50), LimitCheck::kWithin);
+    EXPECT_EQ(checkDecimalWithinLimits("5.1", 10, 5, 50), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("1e400", 1, -5, 5), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("12,5", 1, 0, 100), LimitCheck::kNotANumber);
+    EXPECT_EQ(checkDecimalWithinLimits("0x10", 1, 0, 100), LimitCheck::kNotANumber);
 }
 
 }  // namespace

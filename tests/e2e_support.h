@@ -44,8 +44,9 @@ inline std::unique_ptr<sim::LidarSimulator> StartSimulator(const std::string& mo
 // The manager, its signals recorded, with the shipped catalogues as ./Config.
 class ManagerSession {
   public:
-    explicit ManagerSession(const std::string& model)
-        : cwd_(SourceDir()),
+    // `root` holds the ./Config the manager reads: the shipped one unless a test crafts its own.
+    explicit ManagerSession(const std::string& model, const std::string& root = SourceDir())
+        : cwd_(root),
           settingsRemoved_(RemoveSettingsFile()),
           manager_(std::make_unique<LidarUtilitiesManager>(0, "")),
           log_(manager_.get(), &LidarUtilitiesManager::sendLogMessage),

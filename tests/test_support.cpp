@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 #include <QThread>
+#include <clocale>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -80,6 +81,20 @@ std::vector<std::string> SpyTexts(const QSignalSpy& spy) {
         texts.push_back(text);
     }
     return texts;
+}
+
+ScopedCommaDecimalLocale::ScopedCommaDecimalLocale() : dir_("lidar-locale") {
+    const std::string target = dir_.file("de_DE.UTF-8");
+    const std::string command = "localedef -i de_DE -f UTF-8 '" + target + "' >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0 && !FileExists(target + "/LC_NUMERIC")) return;
+    setenv("LOCPATH", dir_.path().c_str(), 1);
+    active_ = std::setlocale(LC_ALL, "de_DE.UTF-8") != nullptr &&
+              std::string(std::localeconv()->decimal_point) == ",";
+}
+
+ScopedCommaDecimalLocale::~ScopedCommaDecimalLocale() {
+    std::setlocale(LC_ALL, "C");
+    unsetenv("LOCPATH");
 }
 
 }  // namespace testsupport

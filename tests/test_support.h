@@ -43,6 +43,20 @@ QString SettingsFilePath();
 // The project's source directory (holds the shipped Config/).
 std::string SourceDir();
 
+// Switches the process to a language that writes decimals with a comma (de_DE, generated into a
+// temporary directory with localedef) and back to "C" at the end. active() is false when the
+// machine cannot build the locale.
+class ScopedCommaDecimalLocale {
+  public:
+    ScopedCommaDecimalLocale();
+    ~ScopedCommaDecimalLocale();
+    bool active() const { return active_; }
+
+  private:
+    TempDir dir_;
+    bool active_ = false;
+};
+
 // Processes Qt events until predicate holds or timeoutMs passes; returns the predicate's value.
 bool WaitFor(const std::function<bool()>& predicate, int timeoutMs = 5000);
 

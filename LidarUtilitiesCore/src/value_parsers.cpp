@@ -169,7 +169,8 @@ mpq_class exactQuotient(const std::string& text, float scale, const char* illega
     if (status == DecimalStatus::kOk && belowSmallestNormal<T>(value))
         status = DecimalStatus::kTooSmall;
     mpq_class divisor;
-    if (!exactScale(scale, divisor)) throwIllegalNumber(illegalMessage, text);
+    // Dividing by a zero (or non-finite) scale gives no finite value: refused as out of range.
+    if (!exactScale(scale, divisor)) status = DecimalStatus::kTooLarge;
     if (status != DecimalStatus::kOk) return 0;
     return value / divisor;
 }
