@@ -116,6 +116,70 @@ void BM_VariableMapRebuild(benchmark::State& state) {
 }
 BENCHMARK(BM_VariableMapRebuild)->Unit(benchmark::kMicrosecond);
 
+// Stop while a read waits on a lidar that reads requests and never answers, beside closing a bare
+// client that waits the same way: "stop_ms" is the latency the UI thread sees (target under
+// 100 ms), "ratio" what Stop adds to waking the wait itself.
+void BM_StopWhileTheLidarIsSilent(benchmark::State& state) {
+    char pattern[] = "/tmp/lidar-bench-XXXXXX";
+    const std::string root = mkdtemp(pattern);
+    writeBenchCatalogue(root);
+    if (chdir(root.c_str()) != 0) {
+        state.SkipWithError("chdir failed");
+        return;
+    }
+    sim::LidarSimulator::Options options;
+    options.model = "Bench";
+    options.configDir = root + "/Config";
+    sim::LidarSimulator lidar(options);
+    if (!lidar.Start()) {
+        state.SkipWithError("simulator did not start");
+        return;
+    }
+    sim::Fault silent;
+    silent.kind = sim::Fault::Kind::kNoReply;
+
+    using Clock = std::chrono::steady_clock;
+    const auto waitingQuery = std::chrono::milliseconds(50);
+    double stopSeconds = 0, bareSeconds = 0;
+    u8vec reply;
+    for (auto _ : state) {
+        lidar.ClearFaults();
+        LidarUtilitiesManager manager(0, "");
+        manager.InitConfigFileParser("Bench");
+        manager.setIpAddress("127.0.0.1");
+        manager.setPort(QString::number(lidar.Port()));
+        manager.ConnectLidar();
+        manager.waitForWorkers();
+        lidar.SetFault(0x30, silent);
+        std::thread reader([&manager] { manager.GetLidarModuleInfo(0); });
+        std::this_thread::sleep_for(waitingQuery);
+        auto start = Clock::now();
+        manager.Stop();
+        const double stopped = std::chrono::duration<double>(Clock::now() - start).count();
+        stopSeconds += stopped;
+        reader.join();
+
+        lidar::VrcClient bare("127.0.0.1", lidar.Port(), false, lidar::VrcMode::kTcp, 1, "", "", "",
+                              4000, 4000, 0.0f, 0);
+        std::thread waiter([&bare, &reply] { bare.QueryCommand({}, reply, 0x30, false); });
+        std::this_thread::sleep_for(waitingQuery);
+        start = Clock::now();
+        bare.Close();
+        bareSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+        waiter.join();
+        state.SetIterationTime(stopped);
+    }
+    const double n = static_cast<double>(state.iterations());
+    state.counters["stop_ms"] = 1e3 * stopSeconds / n;
+    state.counters["bare_close_ms"] = 1e3 * bareSeconds / n;
+    state.counters["ratio"] = stopSeconds / bareSeconds;
+    QDir(QString::fromStdString(root)).removeRecursively();
+}
+BENCHMARK(BM_StopWhileTheLidarIsSilent)
+    ->UseManualTime()
+    ->Iterations(20)
+    ->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {

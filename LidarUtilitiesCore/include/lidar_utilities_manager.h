@@ -15,12 +15,13 @@
 #include <QVariantList>
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <set>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -284,9 +285,22 @@ class LidarUtilitiesManager : public QObject {
     // Steps shared by the VRC connect workers: the local port, the TCP client, the access
     // profile. Null when the host/port text was refused (already reported).
     std::shared_ptr<AuthorizedVrcClient> openVrcConnection(const char* operation,
-                                                           uint32_t timeoutMs, uint16_t& localPort);
-    void reportConnectFailure(const char* operation, const std::string& logText,
-                              uint16_t localPort);
+                                                           uint32_t timeoutMs, uint16_t& localPort,
+                                                           uint64_t attempt);
+    void reportConnectFailure(const char* operation, const std::string& logText, uint16_t localPort,
+                              uint64_t attempt);
+    // Connect attempts and their cancellation. Every attempt carries the epoch it started in;
+    // Stop, the destructor and the next ConnectLidar move the epoch on, and an attempt whose epoch
+    // is gone touches no shared state again: it closes what it built and leaves.
+    bool attemptIsCurrent(uint64_t attempt) const { return connectEpoch_.load() == attempt; }
+    // Runs step under the connect lock when the attempt is still current; false otherwise.
+    bool ifAttemptCurrent(uint64_t attempt, const std::function<void()>& step);
+    // Ends any attempt in flight; true when one was running.
+    bool cancelConnectAttempt();
+    // The last steps of a successful connect: page thread, isConnected, "Lidar connected".
+    bool commitConnection(uint64_t attempt, void (LidarUtilitiesManager::*loop)(),
+                          bool pageThreadFirst);
+    void abandonAttempt(const std::shared_ptr<AuthorizedVrcClient>& client);
     void joinThread(std::unique_ptr<std::thread>& thread);
     void startPagesThread(void (LidarUtilitiesManager::*loop)());
     void WrenVrcUpdatePagesTimer();
@@ -301,7 +315,9 @@ class LidarUtilitiesManager : public QObject {
     using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
     ReadGroups groupByReadRequest(const std::vector<VarInfo*>& vars) const;
     // Reads every group; the requests that failed, in group order.
-    std::vector<ReadFailure> readGroups(ReadGroups& groups, const char* operation);
+    // With runFlag, stops between groups once it reads false.
+    std::vector<ReadFailure> readGroups(ReadGroups& groups, const char* operation,
+                                        const std::atomic<bool>* runFlag = nullptr);
     // GetInfoFromLidarWithSameCmd with its outcome: the client's result, or -1 when nothing
     // could be sent (no open client, no catalogue, a command text that is not a command).
     int readGroupFromLidar(std::vector<VarInfo*>& group,
@@ -435,6 +451,14 @@ class LidarUtilitiesManager : public QObject {
     // Guards the owning pointers of the page and monitor threads (set by the connect worker,
     // joined by Stop on the UI thread).
     std::mutex threadsMutex_;
+    std::mutex connectMutex_;
+    // Wakes the page loop from its pause when it is told to stop.
+    std::mutex pagesWakeMutex_;
+    std::condition_variable pagesWake_;
+    void stopPagesLoop();
+    void pagesLoopPause(long ms);
+    std::atomic<uint64_t> connectEpoch_{0};
+    std::atomic<uint64_t> attemptEpoch_{0};  // the epoch the newest attempt was started in
 
     mutable std::mutex fieldsMutex_;
     mutable std::mutex clientMutex_;

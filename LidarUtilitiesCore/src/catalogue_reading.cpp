@@ -23,13 +23,6 @@ const char* const kFeatureConfigPath = "./Config/feature_config.csv";
 constexpr uint8_t kFovReadCommand = 0x23;
 constexpr int kFovRegions = 5;
 
-// Sleeps the full interval even when a signal interrupts the sleep.
-void sleepMilliseconds(long ms) {
-    timespec request{ms / 1000, (ms % 1000) * 1000000L};
-    timespec remaining{};
-    while (nanosleep(&request, &remaining) == -1 && errno == EINTR) request = remaining;
-}
-
 QString hexByte(uint8_t value) {
     return QString("%1").arg(value, 2, 16, QChar('0'));
 }
@@ -363,9 +356,10 @@ int LidarUtilitiesManager::readGroupFromLidar(
 }
 
 std::vector<LidarUtilitiesManager::ReadFailure> LidarUtilitiesManager::readGroups(
-    ReadGroups& groups, const char* operation) {
+    ReadGroups& groups, const char* operation, const std::atomic<bool>* runFlag) {
     std::vector<ReadFailure> failures;
     for (auto& [key, group] : groups) {
+        if (runFlag != nullptr && !runFlag->load()) break;
         // One bad group must not keep the others from being read.
         try {
             const int ret = readGroupFromLidar(group, nullptr, true);
@@ -420,7 +414,10 @@ void LidarUtilitiesManager::refreshTimerVariables() {
                 if (var->timer_update) vars.push_back(var);
         groups = groupByReadRequest(vars);
     }
-    readGroups(groups, "updatePagesTimer");
+    const std::vector<ReadFailure> failures =
+        readGroups(groups, "updatePagesTimer", &pagesTimerRunning);
+    // Fresh values only: nothing is announced after a stop or when every read failed.
+    if (!pagesTimerRunning.load() || groups.empty() || failures.size() == groups.size()) return;
     emit myTimerMapChanged();
 }
 
@@ -439,7 +436,7 @@ void LidarUtilitiesManager::updatePagesTimer() {
             ++counter;
             if (counter >= 30) counter = 0;
         }
-        sleepMilliseconds(100);
+        pagesLoopPause(100);
     }
 }
 

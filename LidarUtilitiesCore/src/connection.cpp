@@ -7,6 +7,7 @@
 #include <ctime>
 #include <iostream>
 #include <stdexcept>
+#include <system_error>
 
 #include "command_text.h"
 #include "lidar_utilities_manager.h"
@@ -88,16 +89,33 @@ void LidarUtilitiesManager::joinThread(std::unique_ptr<std::thread>& thread) {
 
 void LidarUtilitiesManager::startPagesThread(void (LidarUtilitiesManager::*loop)()) {
     // A connect over a live connection replaces the page thread: the old one is stopped first.
-    pagesTimerRunning.store(false);
+    stopPagesLoop();
     joinThread(pagesTimerThread);
     pagesTimerRunning.store(true);
     std::lock_guard<std::mutex> lock(threadsMutex_);
-    pagesTimerThread = std::make_unique<std::thread>(loop, this);
+    try {
+        pagesTimerThread = std::make_unique<std::thread>(loop, this);
+    } catch (const std::system_error&) {
+        stopPagesLoop();
+        throw;
+    }
 }
 
 void LidarUtilitiesManager::WrenVrcUpdatePagesTimer() {
     // The serial models' information pages are read by their own loop; it only keeps time here.
-    while (pagesTimerRunning.load()) sleepMs(100);
+    while (pagesTimerRunning.load()) pagesLoopPause(100);
+}
+
+void LidarUtilitiesManager::stopPagesLoop() {
+    std::lock_guard<std::mutex> lock(pagesWakeMutex_);
+    pagesTimerRunning.store(false);
+    pagesWake_.notify_all();
+}
+
+void LidarUtilitiesManager::pagesLoopPause(long ms) {
+    std::unique_lock<std::mutex> lock(pagesWakeMutex_);
+    pagesWake_.wait_for(lock, std::chrono::milliseconds(ms),
+                        [this] { return !pagesTimerRunning.load(); });
 }
 
 // ---- Connecting ----
@@ -118,35 +136,72 @@ bool LidarUtilitiesManager::ConnectLidar() {
             return false;
     }
     if (connecting.exchange(true)) return false;  // an attempt is already running
-    startWorker([this, worker] { (this->*worker)(); });
+    {
+        std::lock_guard<std::mutex> lock(connectMutex_);
+        attemptEpoch_.store(++connectEpoch_);
+    }
+    try {
+        startWorker([this, worker] { (this->*worker)(); });
+    } catch (const std::system_error& e) {
+        connecting.store(false);
+        showErrorMessage(QString("Connection Failed. Could not start the connect worker: ") +
+                         e.what());
+        return false;
+    }
     saveConnectionSettings();
     return true;
 }
 
+bool LidarUtilitiesManager::ifAttemptCurrent(uint64_t attempt, const std::function<void()>& step) {
+    std::lock_guard<std::mutex> lock(connectMutex_);
+    if (!attemptIsCurrent(attempt)) return false;
+    step();
+    return true;
+}
+
+bool LidarUtilitiesManager::cancelConnectAttempt() {
+    std::lock_guard<std::mutex> lock(connectMutex_);
+    ++connectEpoch_;
+    return connecting.exchange(false);
+}
+
+void LidarUtilitiesManager::abandonAttempt(const std::shared_ptr<AuthorizedVrcClient>& client) {
+    if (client) client->GetClient().Close();
+}
+
 void LidarUtilitiesManager::reportConnectFailure(const char* operation, const std::string& logText,
-                                                 uint16_t localPort) {
-    std::cout << operation << "(): init lidar error\n";
-    if (localPort != 0)
-        showErrorMessage(kLocalPortFailure);
-    else
-        showErrorMessage("Connection Failed. Please check your network settings.");
-    writeLogMessage("Connection Error: " + logText, "ERROR");
-    connecting.store(false);
+                                                 uint16_t localPort, uint64_t attempt) {
+    // A cancelled attempt failed because it was told to stop: nothing to report.
+    ifAttemptCurrent(attempt, [&] {
+        std::cout << operation << "(): init lidar error\n";
+        if (localPort != 0)
+            showErrorMessage(kLocalPortFailure);
+        else
+            showErrorMessage("Connection Failed. Please check your network settings.");
+        writeLogMessage("Connection Error: " + logText, "ERROR");
+        connecting.store(false);
+    });
 }
 
 std::shared_ptr<AuthorizedVrcClient> LidarUtilitiesManager::openVrcConnection(const char* operation,
                                                                               uint32_t timeoutMs,
-                                                                              uint16_t& localPort) {
-    connecting.store(true);
-    setAuthorizedClient(nullptr);
-    isConnected.store(false);
+                                                                              uint16_t& localPort,
+                                                                              uint64_t attempt) {
+    const bool current = ifAttemptCurrent(attempt, [this] {
+        connecting.store(true);
+        setAuthorizedClient(nullptr);
+        isConnected.store(false);
+    });
+    if (!current) return nullptr;
 
     if (enableVrcClientHostPortUi.load()) {
         std::string error;
         if (!ParseVrcClientHostPortText(getVrcClientHostPort().toStdString(), &localPort, &error)) {
             // Shown as it is: the text says what is wrong with the port; nothing is logged.
-            showErrorMessage(QString::fromStdString(error));
-            connecting.store(false);
+            ifAttemptCurrent(attempt, [&] {
+                showErrorMessage(QString::fromStdString(error));
+                connecting.store(false);
+            });
             return nullptr;
         }
     }
@@ -154,23 +209,66 @@ std::shared_ptr<AuthorizedVrcClient> LidarUtilitiesManager::openVrcConnection(co
     const int port = std::stoi(getPort().toStdString());
     auto client = std::make_shared<lidar::VrcClient>(
         getIpAddress().toStdString(), static_cast<uint16_t>(port), false, lidar::VrcMode::kTcp, 1,
-        "", "", "", timeoutMs, timeoutMs, 0.0f, localPort);
+        "", "", "", timeoutMs, timeoutMs, 0.0f, localPort,
+        [this, attempt] { return !attemptIsCurrent(attempt); });
     sleepMs(200);
+    if (!attemptIsCurrent(attempt)) {
+        client->Close();
+        return nullptr;
+    }
     if (!client->IsOpen()) throw ConnectFailure("TCP connection failed.");
 
     AuthConfig config =
         AuthConfigParser::Load(kAuthConfigPath, profileFromConfigPath(getCurrentConfigPath()));
     auto authorized = std::make_shared<AuthorizedVrcClient>(client, config);
-    setAuthorizedClient(authorized);
+    // Stored under the connect lock, so that a Stop either sees it (and closes it) or has already
+    // cancelled this attempt.
+    if (!ifAttemptCurrent(attempt, [&] { setAuthorizedClient(authorized); })) {
+        abandonAttempt(authorized);
+        return nullptr;
+    }
     authorized->SetLogCallback([this](const std::string& line) { writeLogMessage(line, "INFO"); });
     return authorized;
 }
 
+bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
+                                             void (LidarUtilitiesManager::*loop)(),
+                                             bool pageThreadFirst) {
+    bool committed = false;
+    std::string threadFailure;
+    // The page thread of an earlier connection may be waiting on its lidar: it ends outside the
+    // connect lock, so that a Stop meanwhile is not held up.
+    stopPagesLoop();
+    joinThread(pagesTimerThread);
+    ifAttemptCurrent(attempt, [&] {
+        try {
+            if (pageThreadFirst) startPagesThread(loop);
+            isConnected.store(true);
+            writeLogMessage("Lidar connected", "INFO");
+            if (!pageThreadFirst) startPagesThread(loop);
+            committed = true;
+        } catch (const std::system_error& e) {
+            isConnected.store(false);
+            setAuthorizedClient(nullptr);
+            connecting.store(false);
+            threadFailure = e.what();
+        }
+    });
+    if (!threadFailure.empty()) {
+        showErrorMessage(QString("Connection Failed. Could not start the page thread: ") +
+                         QString::fromStdString(threadFailure));
+        writeLogMessage("Connection Error: could not start the page thread: " + threadFailure,
+                        "ERROR");
+    }
+    return committed;
+}
+
 bool LidarUtilitiesManager::Init() {
+    const uint64_t attempt = attemptEpoch_.load();
     uint16_t localPort = 0;
+    std::shared_ptr<AuthorizedVrcClient> authorized;
     try {
-        std::shared_ptr<AuthorizedVrcClient> authorized =
-            openVrcConnection("Init", 4000, localPort);
+        authorized = openVrcConnection("Init", 4000, localPort, attempt);
         if (!authorized) return false;
         setVrcClientLogCallback();
 
@@ -180,28 +278,30 @@ bool LidarUtilitiesManager::Init() {
         }
         authorized->GetGate().ProbeAuthRequirement();
 
-        startPagesThread(&LidarUtilitiesManager::updatePagesTimer);
-
-        isConnected.store(true);
-        writeLogMessage("Lidar connected", "INFO");
+        if (!commitConnection(attempt, &LidarUtilitiesManager::updatePagesTimer, true)) {
+            abandonAttempt(authorized);
+            return false;
+        }
         notifyMyMapChanged();
         emit isConnectedChanged();
-        connecting.store(false);
+        ifAttemptCurrent(attempt, [this] { connecting.store(false); });
         return true;
     } catch (const ConnectFailure& failure) {
-        reportConnectFailure("Init", failure.what(), localPort);
+        reportConnectFailure("Init", failure.what(), localPort, attempt);
     } catch (const std::exception&) {
         // Deliberately the same words whatever the exception says.
-        reportConnectFailure("Init", "Unknown", localPort);
+        reportConnectFailure("Init", "Unknown", localPort, attempt);
     }
+    if (!attemptIsCurrent(attempt)) abandonAttempt(authorized);
     return false;
 }
 
 bool LidarUtilitiesManager::InitVrcForSerial() {
+    const uint64_t attempt = attemptEpoch_.load();
     uint16_t localPort = 0;
+    std::shared_ptr<AuthorizedVrcClient> authorized;
     try {
-        std::shared_ptr<AuthorizedVrcClient> authorized =
-            openVrcConnection("InitVrcForSerial", 5000, localPort);
+        authorized = openVrcConnection("InitVrcForSerial", 5000, localPort, attempt);
         if (!authorized) return false;
 
         uint32_t baudRate = 0;
@@ -213,17 +313,19 @@ bool LidarUtilitiesManager::InitVrcForSerial() {
         setVrcClientLogCallback();
         authorized->WrenSetBaudRate(baudRate);
 
-        isConnected.store(true);
-        writeLogMessage("Lidar connected", "INFO");
-        startPagesThread(&LidarUtilitiesManager::WrenVrcUpdatePagesTimer);
+        if (!commitConnection(attempt, &LidarUtilitiesManager::WrenVrcUpdatePagesTimer, false)) {
+            abandonAttempt(authorized);
+            return false;
+        }
         emit isConnectedChanged();
-        connecting.store(false);
+        ifAttemptCurrent(attempt, [this] { connecting.store(false); });
         return true;
     } catch (const ConnectFailure& failure) {
-        reportConnectFailure("InitVrcForSerial", failure.what(), localPort);
+        reportConnectFailure("InitVrcForSerial", failure.what(), localPort, attempt);
     } catch (const std::exception&) {
-        reportConnectFailure("InitVrcForSerial", "Unknown", localPort);
+        reportConnectFailure("InitVrcForSerial", "Unknown", localPort, attempt);
     }
+    if (!attemptIsCurrent(attempt)) abandonAttempt(authorized);
     return false;
 }
 
@@ -263,10 +365,15 @@ void LidarUtilitiesManager::resetSerialNumberTexts() {
 
 void LidarUtilitiesManager::Stop() {
     try {
+        // An attempt in flight leaves nothing connected behind, and a query waiting for a lidar
+        // that stopped answering is woken now rather than at its time-out.
+        cancelConnectAttempt();
+        if (std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient())
+            client->GetClient().Close();
         switch (connectType.load()) {
             case 0:
                 isConnected.store(false);
-                pagesTimerRunning.store(false);
+                stopPagesLoop();
                 monitorRefreshRunning.store(false);
                 monitorRecording.store(false);
                 joinThread(monitorRefreshThread);
@@ -282,7 +389,7 @@ void LidarUtilitiesManager::Stop() {
                 break;
             case 1:
                 isConnected.store(false);
-                pagesTimerRunning.store(false);
+                stopPagesLoop();
                 joinThread(pagesTimerThread);
                 rs485Source.reset();
                 uartSource.reset();
@@ -293,7 +400,7 @@ void LidarUtilitiesManager::Stop() {
                 break;
             case 2:
                 isConnected.store(false);
-                pagesTimerRunning.store(false);
+                stopPagesLoop();
                 joinThread(pagesTimerThread);
                 resetSerialNumberTexts();
                 setAuthorizedClient(nullptr);

@@ -59,7 +59,9 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
 }
 
 LidarUtilitiesManager::~LidarUtilitiesManager() {
-    // A connect worker still running could start a page thread after Stop: let it finish first.
+    // A connect worker still running is cancelled, then waited for, so that it cannot start a
+    // page thread after Stop.
+    cancelConnectAttempt();
     waitForWorkers();
     Stop();
 }

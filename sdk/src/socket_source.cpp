@@ -57,6 +57,8 @@ std::string ErrnoText(int error) {
             return "connection reset by peer";
         case EPIPE:
             return "connection closed by peer";
+        case ECANCELED:
+            return "connection attempt cancelled";
         default:
             return std::strerror(error);
     }
@@ -91,9 +93,20 @@ bool BindLocalPort(int fd, int family, uint16_t localPort, std::string& why) {
     return false;
 }
 
-// The connect's own error once the socket is writable (or the time-out as ETIMEDOUT).
-int FinishConnect(int fd, uint32_t timeoutMs) {
-    const int events = WaitFor(fd, POLLOUT, DeadlineAfter(timeoutMs));
+// How often a connect in progress asks whether it is still wanted.
+constexpr auto kCancelPollSlice = std::chrono::milliseconds(20);
+
+// The connect's own error once the socket is writable (or the time-out as ETIMEDOUT, a
+// cancellation as ECANCELED).
+int FinishConnect(int fd, uint32_t timeoutMs, const std::function<bool()>& cancelled) {
+    const auto deadline = DeadlineAfter(timeoutMs);
+    int events = 0;
+    for (;;) {
+        if (cancelled && cancelled()) return ECANCELED;
+        const auto slice = std::min(deadline, Clock::now() + kCancelPollSlice);
+        events = WaitFor(fd, POLLOUT, cancelled ? slice : deadline);
+        if (events != 0 || Clock::now() >= deadline) break;
+    }
     if (events == 0) return ETIMEDOUT;
     if (events < 0) return errno;
     int error = 0;
@@ -109,7 +122,8 @@ SocketSource::~SocketSource() {
 }
 
 int SocketSource::ConnectOne(const void* address, unsigned addressLength, int family,
-                             uint32_t timeoutMs, uint16_t localPort, std::string& why) {
+                             uint32_t timeoutMs, uint16_t localPort,
+                             const std::function<bool()>& cancelled, std::string& why) {
     const int fd = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) {
         why = ErrnoText(errno);
@@ -121,7 +135,7 @@ int SocketSource::ConnectOne(const void* address, unsigned addressLength, int fa
     }
     int error = 0;
     if (::connect(fd, static_cast<const sockaddr*>(address), addressLength) != 0) {
-        error = errno == EINPROGRESS ? FinishConnect(fd, timeoutMs) : errno;
+        error = errno == EINPROGRESS ? FinishConnect(fd, timeoutMs, cancelled) : errno;
     }
     if (error != 0) {
         // The four-tuple of a bound local port can clash with a live connection only at connect.
@@ -136,7 +150,7 @@ int SocketSource::ConnectOne(const void* address, unsigned addressLength, int fa
 }
 
 bool SocketSource::Connect(const std::string& host, uint16_t port, uint32_t timeoutMs,
-                           uint16_t localPort) {
+                           uint16_t localPort, const std::function<bool()>& cancelled) {
     Close();
     const std::string target = host + ":" + std::to_string(port);
     addrinfo hints{};
@@ -152,7 +166,7 @@ bool SocketSource::Connect(const std::string& host, uint16_t port, uint32_t time
     int fd = -1;
     for (addrinfo* entry = found; entry != nullptr && fd < 0; entry = entry->ai_next) {
         fd = ConnectOne(entry->ai_addr, entry->ai_addrlen, entry->ai_family, timeoutMs, localPort,
-                        why);
+                        cancelled, why);
     }
     ::freeaddrinfo(found);
     if (fd < 0) {

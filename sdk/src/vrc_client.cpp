@@ -66,13 +66,14 @@ uint16_t DegreesToTenths(float degrees) {
 VrcClient::VrcClient(std::string host, uint16_t port, bool /*autoReconnect*/, VrcMode /*mode*/,
                      uint8_t /*retries*/, std::string /*user*/, std::string /*password*/,
                      std::string /*deviceName*/, uint32_t connectTimeoutMs,
-                     uint32_t receiveTimeoutMs, float /*heartbeatSeconds*/, uint16_t localPort)
+                     uint32_t receiveTimeoutMs, float /*heartbeatSeconds*/, uint16_t localPort,
+                     const std::function<bool()>& cancelled)
     : host_(std::move(host)),
       port_(port),
       receiveTimeoutMs_(OrDefault(receiveTimeoutMs)),
       socket_(std::make_unique<SocketSource>()),
       receiveBuffer_(kReceiveChunk) {
-    if (!socket_->Connect(host_, port_, OrDefault(connectTimeoutMs), localPort)) {
+    if (!socket_->Connect(host_, port_, OrDefault(connectTimeoutMs), localPort, cancelled)) {
         std::lock_guard<std::mutex> lock(stateMutex_);
         lastError_ = socket_->LastError();
         lastReturnCode_.store(kVrcNotConnected);

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -22,8 +23,10 @@ class SocketSource {
     SocketSource& operator=(const SocketSource&) = delete;
 
     // Connects within timeoutMs. A non-zero localPort is bound first. False with LastError set.
-    bool Connect(const std::string& host, uint16_t port, uint32_t timeoutMs,
-                 uint16_t localPort = 0);
+    // `cancelled`, when given, is asked every few tens of milliseconds while the connection is
+    // being set up; true abandons the attempt ("connection attempt cancelled").
+    bool Connect(const std::string& host, uint16_t port, uint32_t timeoutMs, uint16_t localPort = 0,
+                 const std::function<bool()>& cancelled = {});
     // Sends every byte or fails; false on error or when timeoutMs passes first.
     bool Send(const uint8_t* data, size_t size, uint32_t timeoutMs);
     // Waits at most timeoutMs for bytes; kData sets received (> 0).
@@ -39,7 +42,7 @@ class SocketSource {
 
   private:
     int ConnectOne(const void* address, unsigned addressLength, int family, uint32_t timeoutMs,
-                   uint16_t localPort, std::string& why);
+                   uint16_t localPort, const std::function<bool()>& cancelled, std::string& why);
     void SetError(const std::string& text);
 
     std::atomic<int> fd_{-1};

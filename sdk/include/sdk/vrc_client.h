@@ -34,11 +34,12 @@ using LogCallback = std::function<void(const std::string&)>;
 class VrcClient {
   public:
     // Connects at once. autoReconnect, retries, the three texts and heartbeatSeconds are accepted
-    // for the device SDK's signature; see docs/protocol.md for which are used.
+    // for the device SDK's signature; see docs/protocol.md for which are used. `cancelled`, when
+    // given, can abandon the connect while it waits for the lidar (see SocketSource::Connect).
     VrcClient(std::string host, uint16_t port, bool autoReconnect, VrcMode mode, uint8_t retries,
               std::string user, std::string password, std::string deviceName,
               uint32_t connectTimeoutMs, uint32_t receiveTimeoutMs, float heartbeatSeconds,
-              uint16_t localPort);
+              uint16_t localPort, const std::function<bool()>& cancelled = {});
     ~VrcClient();
     VrcClient(const VrcClient&) = delete;
     VrcClient& operator=(const VrcClient&) = delete;
