@@ -189,26 +189,13 @@ INSTANTIATE_TEST_SUITE_P(NetworkModels, Exactness,
 
 // Command texts are hexadecimal with or without "0x"/"0X": "30" is 0x30, never 30 or 0x1E.
 TEST(Exactness, CommandTextsAreHexadecimalWithOrWithoutPrefix) {
-    testsupport::TempDir root;
-    ASSERT_EQ(
-        std::system(
-            ("cp -r '" + testsupport::SourceDir() + "/Config' '" + root.path() + "/'").c_str()),
-        0);
-    const std::string catalogue = root.file("Config/varID/Egret/Egret.csv");
-    std::string text = testsupport::ReadFile(catalogue);
-    for (const auto& [from, to] :
-         {std::pair<std::string, std::string>{",0x30,", ",30,"}, {",0x31,", ",0X31,"}}) {
-        for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at))
-            text.replace(at, from.size(), to);
-    }
-    testsupport::WriteFile(catalogue, text);
-
+    const testsupport::CraftedConfig crafted("Egret", {{",0x30,", ",30,"}, {",0x31,", ",0X31,"}});
     sim::LidarSimulator::Options options;
     options.model = "Egret";
-    options.configDir = root.file("Config");
+    options.configDir = crafted.configDir();
     sim::LidarSimulator lidar(options);
     ASSERT_TRUE(lidar.Start());
-    ManagerSession s("Egret", root.path());
+    ManagerSession s("Egret", crafted.root());
     ASSERT_TRUE(s.Connect(lidar.Port()));
     constexpr int kOperation = 2;
     s.m().GetLidarModuleInfo(kOperation);

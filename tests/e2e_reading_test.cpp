@@ -118,3 +118,23 @@ TEST(Reading, PageTimerRefreshesTimerVariablesOnlyWhileIdle) {
     WaitFor([] { return false; }, 3500);
     EXPECT_EQ(totalRequests(*lidar), 0u) << "no refresh after disconnecting";
 }
+
+// A member without a length is reported; the rest of its group is still decoded.
+TEST(Reading, OneUndecodableMemberDoesNotBlankItsGroup) {
+    const testsupport::CraftedConfig crafted("Egret",
+                                             {{"spin_rate,Spin Rate,,uint16,0x30,,0x31,0,0,2,",
+                                               "spin_rate,Spin Rate,,uint16,0x30,,0x31,0,0,0,"}});
+    sim::LidarSimulator::Options options;
+    options.model = "Egret";
+    options.configDir = crafted.configDir();
+    sim::LidarSimulator lidar(options);
+    ASSERT_TRUE(lidar.Start());
+    lidar.WriteBlock(0x30, {}, 7, {0xFD});  // Noise Filter Level -3, last of the group
+    ManagerSession s("Egret", crafted.root());
+    ASSERT_TRUE(s.Connect(lidar.Port()));
+    s.m().GetLidarModuleInfo(moduleIndex(s.m(), "Operation"));
+    EXPECT_EQ(s.m().currentValueOf(s.m().searchVarPtr("Noise Filter Level", "var_name")), "-3");
+    EXPECT_TRUE(
+        s.LogHas("Could not decode Spin Rate: updateSingleVarFromOutput(): Error with the "
+                 "input var_info|WARNING"));
+}

@@ -7,8 +7,11 @@
 #include <QFile>
 #include <QSignalSpy>
 #include <QStandardPaths>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "lidar_utilities_manager.h"
 #include "sim/lidar_simulator.h"
@@ -40,6 +43,32 @@ inline std::unique_ptr<sim::LidarSimulator> StartSimulator(const std::string& mo
     if (!simulator->Start(&error)) ADD_FAILURE() << "simulator did not start: " << error;
     return simulator;
 }
+
+// A copy of the shipped Config/ in a temporary directory, with text replaced in one model's
+// catalogue: for catalogues that differ from the shipped ones in one detail.
+class CraftedConfig {
+  public:
+    CraftedConfig(const std::string& model,
+                  const std::vector<std::pair<std::string, std::string>>& replacements) {
+        const std::string copy = "cp -r '" + SourceDir() + "/Config' '" + root_.path() + "/'";
+        if (std::system(copy.c_str()) != 0) ADD_FAILURE() << "could not copy Config/";
+        const std::string catalogue = root_.file("Config/varID/" + model + "/" + model + ".csv");
+        std::string text = ReadFile(catalogue);
+        for (const auto& [from, to] : replacements) {
+            size_t count = 0;
+            for (size_t at = text.find(from); at != std::string::npos;
+                 at = text.find(from, at + to.size()), ++count)
+                text.replace(at, from.size(), to);
+            if (count == 0) ADD_FAILURE() << "not in the catalogue: " << from;
+        }
+        WriteFile(catalogue, text);
+    }
+    const std::string& root() const { return root_.path(); }
+    std::string configDir() const { return root_.file("Config"); }
+
+  private:
+    TempDir root_;
+};
 
 // The manager, its signals recorded, with the shipped catalogues as ./Config.
 class ManagerSession {

@@ -15,6 +15,7 @@
 #include "sdk/csv_table.h"
 #include "sdk/feature_config_parser.h"
 #include "sdk/logger.h"
+#include "sdk/text_fields.h"
 #include "test_support.h"
 
 using testsupport::TempDir;
@@ -322,6 +323,63 @@ TEST(SdkConfigParser, ReportsAndSkipsEachKindOfMalformedRow) {
     EXPECT_NE(warnings[1].message.find("share the var_name \"Name good3\""), std::string::npos);
     EXPECT_EQ(warnings[2].line, 20);
     EXPECT_NE(warnings[2].message.find("cannot be written"), std::string::npos);
+}
+
+// Mistakes that used to pass silently: unusable factors are refused, a readable variable without
+// a length and inverted limits are warned about, an unclosed quote names its line.
+TEST(SdkConfigParser, ReportsFactorsLengthsLimitsAndAnUnclosedQuote) {
+    TempDir dir;
+    LoggerCapture capture;
+    const std::string path = dir.file("Odd.csv");
+    const auto u8 = [](const std::string& id, Fields extra = {}) {
+        return Var("M", "P", id, "uint8", "0x30", "", 0, 0, "1", std::move(extra));
+    };
+    WriteCatalogue(path, {
+                             u8("zero_scale", {{"scale", "0"}}),         // line 2
+                             u8("inf_scale", {{"scale", "inf"}}),        // line 3
+                             u8("nan_range", {{"range_scale", "nan"}}),  // line 4
+                             u8("no_length", {{"offset", ""}}),          // line 5
+                             u8("inverted", {{"min_val", "10"}, {"max_val", "-10"}}),
+                             u8("fine"),  // line 7
+                         });
+    // An open quote on line 9 would otherwise swallow lines 9 to 11 as one field.
+    const std::string header =
+        testsupport::ReadFile(path).substr(0, testsupport::ReadFile(path).find('\n'));
+    const auto row = [&header](const std::string& id, const std::string& name) {
+        Fields fields = Var("M", "P", id, "uint8", "0x30", "", 0, 0, "1");
+        fields["var_name"] = name;
+        std::string line;
+        for (const std::string& column : lidar::text::Split(header, ','))
+            line += (line.empty() ? "" : ",") + fields[column];
+        return line + "\n";
+    };
+    WriteFile(path, testsupport::ReadFile(path) + row("ok", "Name ok") +
+                        row("open", "\"Name open") + row("b", "a") + row("d", "c"));
+    ConfigParser parser(path);
+    ASSERT_TRUE(parser.ExtractConfigInfo());
+
+    const auto errors = capture.Entries(Logger::kConfigError);
+    // The unclosed quote is found while the file is read, before any row is checked.
+    const std::vector<std::pair<int, std::string>> expectedErrors = {
+        {9, "never closed; lines 9 to 11 are skipped"},
+        {2, "\"scale\": \"0\" is zero"},
+        {3, "\"scale\": \"inf\" is not a finite number"},
+        {4, "\"range_scale\": \"nan\" is not a finite number"}};
+    ASSERT_EQ(errors.size(), expectedErrors.size());
+    for (size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_EQ(errors[i].line, expectedErrors[i].first);
+        EXPECT_NE(errors[i].message.find(expectedErrors[i].second), std::string::npos)
+            << errors[i].message;
+    }
+    const auto warnings = capture.Entries(Logger::kWarning);
+    ASSERT_EQ(warnings.size(), 2u);
+    EXPECT_EQ(warnings[0].line, 5);
+    EXPECT_NE(warnings[0].message.find("has no length"), std::string::npos);
+    EXPECT_EQ(warnings[1].line, 6);
+    EXPECT_NE(warnings[1].message.find("min_val 10 above max_val -10"), std::string::npos);
+    EXPECT_NE(parser.GetVarInfoByVarID("fine"), nullptr);
+    EXPECT_NE(parser.GetVarInfoByVarID("ok"), nullptr);
+    EXPECT_EQ(parser.GetVarInfoByVarID("open"), nullptr);
 }
 
 TEST(SdkConfigParser, MissingFileOrRequiredColumnLeavesCatalogueEmpty) {

@@ -347,9 +347,16 @@ int LidarUtilitiesManager::readGroupFromLidar(
             return 0;
         }
     }
+    // Every member is decoded: one that cannot be (no length, a reply cut short) is reported and
+    // the others of its group still get their values.
     for (VarInfo* member : group) {
         std::vector<uint8_t> bytes;
-        updateSingleVarFromOutput(*member, cmd, reply, bytes, update);
+        try {
+            updateSingleVarFromOutput(*member, cmd, reply, bytes, update);
+        } catch (const std::exception& e) {
+            writeLogMessage("Could not decode " + member->var_name + ": " + e.what(), "WARNING");
+            continue;
+        }
         if (replies) (*replies)[member->var_name] = bytes;
     }
     return 0;

@@ -3,6 +3,7 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <cmath>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_set>
@@ -179,6 +180,15 @@ class ConfigParser::RowView {
         return value;
     }
 
+    // A factor values are multiplied or divided by: zero, infinite or NaN would turn every value
+    // into nonsense.
+    float Factor(Column column) const {
+        const float value = Float(column, 1.0f);
+        if (!std::isfinite(value)) Reject(column, Text(column), "is not a finite number");
+        if (value == 0.0f) Reject(column, Text(column), "is zero");
+        return value;
+    }
+
     bool Bool(Column column) const {
         const std::string_view text = Trim(Text(column));
         if (text.empty() || text == "0" || text == "false" || text == "FALSE" || text == "False") {
@@ -299,6 +309,11 @@ bool ConfigParser::ExtractConfigInfo() {
         return true;
     }
 
+    if (const int open = reader->UnclosedQuoteLine()) {
+        RejectRow(open, "a quoted field opens on this line and is never closed; lines " +
+                            std::to_string(open) + " to " +
+                            std::to_string(reader->UnclosedQuoteLastLine()) + " are skipped");
+    }
     std::unordered_map<std::string, size_t> candidateById;
     std::vector<Candidate> candidates = ReadRows(*reader, view, candidateById);
     ResolveSwitchVars(candidates, candidateById);
@@ -357,8 +372,8 @@ ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
     v.get_payload = view.HexBytes(kGetPayload);
     v.get_payload_text = std::string(Trim(view.Text(kGetPayload)));
     v.permission = view.Int(kPermission, 0);
-    v.scale = view.Float(kScale, 1.0f);
-    v.range_scale = view.Float(kRangeScale, 1.0f);
+    v.scale = view.Factor(kScale);
+    v.range_scale = view.Factor(kRangeScale);
     v.default_val = view.Text(kDefaultVal);
     v.options = view.IntList(kOptions);
     v.option_num = static_cast<int32_t>(v.options.size());
@@ -417,6 +432,7 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         if (c.rejected) continue;
         VarInfo* var = c.var.get();
         WarnAboutVarType(*var, c.line);
+        WarnAboutLengthAndLimits(*var, c.line);
 
         const auto [mod, newModule] = moduleIndex.try_emplace(c.module, moduleNames.size());
         if (newModule) {
@@ -469,6 +485,20 @@ void ConfigParser::WarnAboutSetGroup(const std::vector<VarInfo*>& group, const V
                        Quoted(var.var_name));
             break;
         }
+    }
+}
+
+void ConfigParser::WarnAboutLengthAndLimits(const VarInfo& var, int line) {
+    if (!var.get_cmd.empty() && var.offset == 0) {
+        Report(Logger::kWarning, line,
+               "column \"offset\": " + Quoted(var.var_id) + " is read by get_cmd " +
+                   Quoted(var.get_cmd) + " but has no length; it will not be decoded");
+    }
+    if (var.min_val > var.max_val) {
+        Report(Logger::kWarning, line,
+               "columns \"min_val\" and \"max_val\": " + Quoted(var.var_id) + " has min_val " +
+                   std::to_string(var.min_val) + " above max_val " + std::to_string(var.max_val) +
+                   "; every value will be refused");
     }
 }
 

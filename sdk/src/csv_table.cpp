@@ -29,6 +29,14 @@ class ParserHandle {
     csv_parser parser_{};
 };
 
+// libcsv's state "field begun" (FIELD_BEGUN in its source; after a closing quote the state moves
+// on to "field might have ended").
+constexpr int kFieldBegun = 2;
+
+bool InsideQuotedField(const csv_parser& parser) {
+    return parser.quoted != 0 && parser.pstate == kFieldBegun;
+}
+
 bool IsBlank(const std::string& text) {
     return text.find_first_not_of(" \t") == std::string::npos;
 }
@@ -154,7 +162,16 @@ void CSVReader::Parse(const std::string& text) {
         }
         pos = lineEnd;
     }
-    csv_fini(parser.get(), RowCollector::OnField, RowCollector::OnRowEnd, &collector);
+    // A quoted field still open at the end of the text would swallow every line after its
+    // opening quote: that row is dropped and its first line remembered for the report.
+    if (InsideQuotedField(*parser.get())) {
+        unclosedQuoteLine_ =
+            collector.rowStartLine != 0 ? collector.rowStartLine : collector.currentLine;
+        unclosedQuoteLastLine_ = collector.currentLine;
+        csv_fini(parser.get(), nullptr, nullptr, nullptr);
+    } else {
+        csv_fini(parser.get(), RowCollector::OnField, RowCollector::OnRowEnd, &collector);
+    }
 
     header_ = std::move(collector.header);
     auto columns = std::make_shared<std::unordered_map<std::string, size_t>>();

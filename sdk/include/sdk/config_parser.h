@@ -61,6 +61,7 @@ class ConfigParser {
     void ResolveSwitchVars(std::vector<Candidate>& candidates,
                            const std::unordered_map<std::string, size_t>& candidateById);
     void BuildCatalogue(std::vector<Candidate>& candidates);
+    void WarnAboutLengthAndLimits(const VarInfo& var, int line);
     void WarnAboutVarType(const VarInfo& var, int line);
     void WarnAboutSetGroup(const std::vector<VarInfo*>& group, const VarInfo& var,
                            int32_t payloadEnd, int line,

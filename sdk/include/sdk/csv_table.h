@@ -42,6 +42,10 @@ class CSVReader {
     const std::vector<CSVRow>& Rows() const { return rows_; }
     std::vector<CSVRow>::const_iterator begin() const { return rows_.begin(); }
     std::vector<CSVRow>::const_iterator end() const { return rows_.end(); }
+    // The line where a quoted field opens that the text never closes (0 when every quote is
+    // closed), and the last line of the text. The row holding that field is not in Rows().
+    int UnclosedQuoteLine() const { return unclosedQuoteLine_; }
+    int UnclosedQuoteLastLine() const { return unclosedQuoteLastLine_; }
 
   private:
     CSVReader() = default;
@@ -49,6 +53,8 @@ class CSVReader {
 
     std::vector<std::string> header_;
     std::vector<CSVRow> rows_;
+    int unclosedQuoteLine_ = 0;
+    int unclosedQuoteLastLine_ = 0;
 };
 
 // Writes rows, quoting every field that needs it (separator, quote, line break, outer blanks).
