@@ -314,7 +314,7 @@ bool ConfigParser::ExtractConfigInfo() {
                             std::to_string(open) + " to " +
                             std::to_string(reader->UnclosedQuoteLastLine()) + " are skipped");
     }
-    std::unordered_map<std::string, size_t> candidateById;
+    std::unordered_map<std::string_view, size_t> candidateById;
     std::vector<Candidate> candidates = ReadRows(*reader, view, candidateById);
     ResolveSwitchVars(candidates, candidateById);
     BuildCatalogue(candidates);
@@ -323,7 +323,7 @@ bool ConfigParser::ExtractConfigInfo() {
 
 std::vector<ConfigParser::Candidate> ConfigParser::ReadRows(
     const csv::CSVReader& reader, RowView& view,
-    std::unordered_map<std::string, size_t>& candidateById) {
+    std::unordered_map<std::string_view, size_t>& candidateById) {
     std::vector<Candidate> candidates;
     candidates.reserve(reader.Rows().size());
     candidateById.reserve(reader.Rows().size());
@@ -397,8 +397,9 @@ ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
     return c;
 }
 
-void ConfigParser::ResolveSwitchVars(std::vector<Candidate>& candidates,
-                                     const std::unordered_map<std::string, size_t>& candidateById) {
+void ConfigParser::ResolveSwitchVars(
+    std::vector<Candidate>& candidates,
+    const std::unordered_map<std::string_view, size_t>& candidateById) {
     // Rejecting a row can orphan a row that names it, so repeat until nothing changes.
     bool changed = true;
     while (changed) {
@@ -424,6 +425,8 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
     std::vector<int32_t> varsInModule;
     std::unordered_map<std::string, int32_t> setPayloadEnd;
     std::unordered_set<std::string> nonContiguousSetCmds;
+    constexpr size_t kNoPosition = static_cast<size_t>(-1);
+    size_t lastModule = kNoPosition, lastPage = 0;
     vars_.reserve(candidates.size());
     byName_.reserve(candidates.size());
     byId_.reserve(candidates.size());
@@ -434,20 +437,29 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         WarnAboutVarType(*var, c.line);
         WarnAboutLengthAndLimits(*var, c.line);
 
-        const auto [mod, newModule] = moduleIndex.try_emplace(c.module, moduleNames.size());
-        if (newModule) {
-            moduleNames.push_back({c.module});
-            varTree.emplace_back();
-            pageIndex.emplace_back();
-            varsInModule.push_back(0);
+        // Rows of one page usually follow each other: the page of the previous row is tried
+        // before the hash maps.
+        const bool samePage = lastModule != kNoPosition && c.module == moduleNames[lastModule][0] &&
+                              c.page == moduleNames[lastModule][lastPage + 1];
+        if (!samePage) {
+            const auto [mod, newModule] = moduleIndex.try_emplace(c.module, moduleNames.size());
+            if (newModule) {
+                moduleNames.push_back({c.module});
+                varTree.emplace_back();
+                pageIndex.emplace_back();
+                varsInModule.push_back(0);
+            }
+            lastModule = mod->second;
+            const auto [pg, newPage] =
+                pageIndex[lastModule].try_emplace(c.page, varTree[lastModule].size());
+            if (newPage) {
+                moduleNames[lastModule].push_back(c.page);
+                varTree[lastModule].emplace_back();
+            }
+            lastPage = pg->second;
         }
-        const size_t m = mod->second;
-        const auto [pg, newPage] = pageIndex[m].try_emplace(c.page, varTree[m].size());
-        if (newPage) {
-            moduleNames[m].push_back(c.page);
-            varTree[m].emplace_back();
-        }
-        varTree[m][pg->second].push_back(var);
+        const size_t m = lastModule;
+        varTree[m][lastPage].push_back(var);
         if (!c.hasIndex) var->index = varsInModule[m];
         ++varsInModule[m];
 

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -56,10 +57,10 @@ class ConfigParser {
     void Report(int level, int line, const std::string& message);
     void RejectRow(int line, const std::string& reason);
     std::vector<Candidate> ReadRows(const csv::CSVReader& reader, RowView& view,
-                                    std::unordered_map<std::string, size_t>& candidateById);
+                                    std::unordered_map<std::string_view, size_t>& candidateById);
     static Candidate ReadRow(const RowView& view);
     void ResolveSwitchVars(std::vector<Candidate>& candidates,
-                           const std::unordered_map<std::string, size_t>& candidateById);
+                           const std::unordered_map<std::string_view, size_t>& candidateById);
     void BuildCatalogue(std::vector<Candidate>& candidates);
     void WarnAboutLengthAndLimits(const VarInfo& var, int line);
     void WarnAboutVarType(const VarInfo& var, int line);
@@ -69,8 +70,10 @@ class ConfigParser {
 
     std::string configPath_;
     std::vector<std::unique_ptr<VarInfo>> vars_;
-    std::unordered_map<std::string, VarInfo*> byName_;
-    std::unordered_map<std::string, VarInfo*> byId_;
+    // Keyed by views of the variables' own texts, which never change once a catalogue is loaded
+    // (the records live in vars_ and do not move).
+    std::unordered_map<std::string_view, VarInfo*> byName_;
+    std::unordered_map<std::string_view, VarInfo*> byId_;
     std::unordered_map<std::string, std::vector<VarInfo*>> bySetCmd_;
     int rejectedRows_ = 0;
 };

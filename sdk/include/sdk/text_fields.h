@@ -9,8 +9,16 @@
 
 namespace lidar::text {
 
-// The text without leading and trailing white space.
-std::string_view Trim(std::string_view text);
+// The text without leading and trailing white space. Inline: the catalogue parser calls it for
+// every field of every row.
+inline std::string_view Trim(std::string_view text) {
+    const auto isSpace = [](char c) {
+        return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+    };
+    while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
+    return text;
+}
 // The parts between separators, empty parts kept ("a||b" gives "a", "", "b").
 std::vector<std::string> Split(const std::string& text, char separator);
 bool HasHexPrefix(std::string_view text);
