@@ -30,6 +30,7 @@ QString qs(const std::string& text) {
 struct VarView {
     QVariantMap fields;  // one entry of the manager's variable map
     QString unit;
+    QString writtenWith;  // a linked (switch) variable: the set command of the one it writes
 };
 
 struct PageView {
@@ -87,8 +88,16 @@ QVector<ModuleView> catalogueView(LidarUtilitiesManager& manager) {
             PageView page{
                 pageLabels.isEmpty() ? "page " + QString::number(p + 1) : pageLabels[0].toString(),
                 {}};
-            for (const QVariant& fields : pages[p].toList())
-                page.variables.push_back({fields.toMap(), QString()});
+            for (const QVariant& fields : pages[p].toList()) {
+                VarView variable{fields.toMap(), QString(), QString()};
+                const VarInfo* var =
+                    manager.searchVarPtr(field(variable, "var_id").toStdString(), "var_id");
+                if (var != nullptr && var->type == 2 && var->switch_var != nullptr &&
+                    !var->switch_var->set_cmd.empty())
+                    variable.writtenWith = qs(var->switch_var->set_cmd) + " (via " +
+                                           qs(var->switch_var->var_name) + ")";
+                page.variables.push_back(variable);
+            }
             assignUnits(page.variables, pageLabels);
             module.pages.push_back(page);
         }
@@ -185,9 +194,10 @@ QString showPageTable(const PageView& page) {
     if (choices) headers << "CHOICES";
     QVector<QStringList> rows;
     for (const VarView& view : page.variables) {
-        QStringList row{field(view, "var_name"), field(view, "var_type"),
-                        orDash(field(view, "get_cmd")), orDash(field(view, "set_cmd")),
-                        field(view, "default_val")};
+        const QString setCmd = field(view, "set_cmd");
+        QStringList row{
+            field(view, "var_name"), field(view, "var_type"), orDash(field(view, "get_cmd")),
+            setCmd.isEmpty() ? orDash(view.writtenWith) : setCmd, field(view, "default_val")};
         if (units) row << view.unit;
         if (choices) row << choicesText(view);
         rows.push_back(row);
@@ -225,10 +235,9 @@ QString readPageTable(const PageView& page) {
 }
 
 // Values the lidar did not deliver stay empty; the manager only notes that on its debug stream.
-// Serial and part numbers and byte blocks are never decoded by a module read, so they are
-// expected to stay empty.
+// Write-only raw variables have nothing to read.
 void warnAboutUnreadValues(const QVector<ModuleView>& modules) {
-    static const QStringList kNotDecoded = {"SN", "PN", "BYTES", "raw"};
+    static const QStringList kNotDecoded = {"raw"};
     QStringList unread;
     for (const ModuleView& module : modules)
         for (const PageView& page : module.pages)
@@ -239,11 +248,16 @@ void warnAboutUnreadValues(const QVector<ModuleView>& modules) {
     if (!unread.isEmpty()) printDiagnostic("warning: no value read for " + unread.join(", "));
 }
 
-// Connects and reads the given modules; kExitOk or the failure status.
-int connectAndRead(Session& session, const QVector<int>& modules) {
+// Connects and reads the given modules; kExitOk or the failure status. A module of which some
+// request failed still counts as read (its other values are printed), but `complete` is false.
+int connectAndRead(Session& session, const QVector<int>& modules, bool& complete) {
+    complete = true;
     if (int status = session.connect(); status != kExitOk) return status;
-    for (int module : modules)
-        if (!session.readModule(module)) return kExitFailed;
+    for (int module : modules) {
+        const ReadOutcome outcome = session.readModule(module);
+        if (outcome == ReadOutcome::kConnectionLost) return kExitFailed;
+        complete = complete && outcome == ReadOutcome::kComplete;
+    }
     return kExitOk;
 }
 
@@ -256,25 +270,72 @@ QVector<ModuleView> selectModules(const QVector<ModuleView>& all, const QVector<
 
 // ---- fov ----
 
-// No arguments (show), ten bounds in index order, or INDEX=VALUE pairs.
-QString parseFovEdits(const QStringList& arguments, QVector<QPair<int, QString>>& edits) {
+// What the user asked of the field of view: bounds by index, and perhaps the mode.
+struct FovEdits {
+    QVector<QPair<int, QString>> bounds;  // index 0-4 starts, 5-9 ends, in degrees
+    QString mode;                         // empty: the mode stays as the lidar holds it
+    bool empty() const { return bounds.isEmpty() && mode.isEmpty(); }
+};
+
+const char* const kFovChannels =
+    "the channels are regions 1-5: INDEX 0-4 are their starts, 5-9 their ends";
+
+// The lidar keeps tenths of a degree: a bound with more decimals is refused, never rounded.
+QString fovBoundProblem(const QString& argument, const QString& value) {
+    static const QRegularExpression tenths("^\\+?\\d+(\\.\\d?)?$");
+    if (!tenths.match(value).hasMatch())
+        return "fov: '" + argument +
+               "': a bound is degrees from 0 to 360 with at most one decimal (the lidar keeps "
+               "tenths of a degree)";
+    return QString();
+}
+
+// No arguments (show), ten bounds in index order, or INDEX=VALUE and mode=VALUE pairs.
+QString parseFovEdits(const QStringList& arguments, FovEdits& edits) {
     if (arguments.isEmpty()) return QString();
     const int withEquals = static_cast<int>(std::count_if(
         arguments.begin(), arguments.end(), [](const QString& a) { return a.contains('='); }));
     if (withEquals == 0 && arguments.size() == 2 * kFovRegions) {
-        for (int i = 0; i < arguments.size(); ++i) edits.append({i, arguments[i]});
+        for (int i = 0; i < arguments.size(); ++i) {
+            if (QString problem = fovBoundProblem(arguments[i], arguments[i]); !problem.isEmpty())
+                return problem;
+            edits.bounds.append({i, arguments[i]});
+        }
         return QString();
     }
     if (withEquals == 0 || withEquals != arguments.size())
-        return "fov takes no arguments, ten bounds (starts 1-5, then ends 1-5) or INDEX=VALUE";
+        return "fov takes no arguments, ten bounds (starts 1-5, then ends 1-5), INDEX=VALUE or "
+               "mode=VALUE";
     for (const QString& argument : arguments) {
+        const QString key = argument.section('=', 0, 0).trimmed();
+        const QString value = argument.section('=', 1).trimmed();
+        if (key.compare("mode", Qt::CaseInsensitive) == 0) {
+            edits.mode = value;
+            continue;
+        }
         bool ok = false;
-        const int index = argument.section('=', 0, 0).trimmed().toInt(&ok);
+        const int index = key.toInt(&ok);
         if (!ok || index < 0 || index >= 2 * kFovRegions)
-            return "fov: '" + argument + "': INDEX is 0-4 for the starts, 5-9 for the ends";
-        edits.append({index, argument.section('=', 1).trimmed()});
+            return "fov: '" + argument + "': there is no bound '" + key + "'; " + kFovChannels;
+        if (QString problem = fovBoundProblem(argument, value); !problem.isEmpty()) return problem;
+        edits.bounds.append({index, value});
     }
     return QString();
+}
+
+const VarInfo* fovModeVariable(LidarUtilitiesManager& manager) {
+    const auto& group = manager.getCurrentParser()->GetVarInfosBySetCmd(kFovSetCmd);
+    return group.empty() ? nullptr : group.front();
+}
+
+QString fovModeText(LidarUtilitiesManager& manager) {
+    const VarInfo* mode = fovModeVariable(manager);
+    if (mode == nullptr) return QString();
+    const QString value = manager.currentValueOf(mode);
+    bool isNumber = false;
+    const auto text = mode->value_to_option.find(value.toInt(&isNumber));
+    if (!isNumber || text == mode->value_to_option.end()) return value;
+    return value + " (" + qs(text->second) + ")";
 }
 
 void printFovTable(LidarUtilitiesManager& manager, bool json) {
@@ -288,10 +349,40 @@ void printFovTable(LidarUtilitiesManager& manager, bool json) {
         regions.append(
             QJsonObject{{"region", r + 1}, {"start", start.toDouble()}, {"end", end.toDouble()}});
     }
-    if (json)
-        printJson(QJsonDocument(QJsonObject{{"regions", regions}}));
-    else
-        printResult(formatTable({"REGION", "START", "END"}, rows));
+    const QString mode = fovModeText(manager);
+    if (json) {
+        QJsonObject object{{"regions", regions}};
+        if (const VarInfo* variable = fovModeVariable(manager))
+            object["mode"] = manager.currentValueOf(variable).toInt();
+        printJson(QJsonDocument(object));
+        return;
+    }
+    if (!mode.isEmpty()) printResult("mode=" + mode);
+    printResult(formatTable({"REGION", "START", "END"}, rows));
+}
+
+// What the write changed, checked against what the lidar reports after it.
+QString fovWriteReport(LidarUtilitiesManager& manager, const FovEdits& edits, int expectedMode) {
+    const QVariantList bounds = manager.getFovList();
+    QStringList written;
+    QStringList differing;
+    for (const auto& [index, value] : edits.bounds) {
+        const QString bound = QString::number(value.toDouble(), 'f', 1);
+        const QString what = "region " + QString::number(index % kFovRegions + 1) +
+                             (index < kFovRegions ? " start " : " end ") + bound;
+        written << what;
+        if (bounds.value(index).toString() != bound)
+            differing << what + " (the lidar reports " + bounds.value(index).toString() + ")";
+    }
+    if (expectedMode >= 0) {
+        const VarInfo* mode = fovModeVariable(manager);
+        written << "mode " + QString::number(expectedMode);
+        if (mode == nullptr || manager.currentValueOf(mode) != QString::number(expectedMode))
+            differing << "mode (the lidar reports " + fovModeText(manager) + ")";
+    }
+    return "field of view written: " + written.join(", ") +
+           (differing.isEmpty() ? "; the lidar confirms it"
+                                : "; the lidar does not confirm " + differing.join(", "));
 }
 
 // ---- watch ----
@@ -357,7 +448,8 @@ int watchRefreshes(Session& session, const std::vector<const VarPosition*>& vari
         &session.manager(), &LidarUtilitiesManager::myTimerMapChanged, &context,
         [&] {
             const int refresh = refreshes.load() + 1;
-            if (count > 0 && refresh > count) return;
+            // After Ctrl-C nothing more is printed, even a refresh that was already under way.
+            if (interrupted || (count > 0 && refresh > count)) return;
             printRefresh(session, variables, refresh);
             refreshes.store(refresh);
         },
@@ -424,7 +516,8 @@ int commandInfo(Session& session) {
     int module =
         session.moduleWhere([](const VarInfo& v) { return v.get_cmd == kDeviceInfoGetCmd; });
     if (module < 0) module = 0;
-    if (int status = connectAndRead(session, {module}); status != kExitOk) return status;
+    bool complete = true;
+    if (int status = connectAndRead(session, {module}, complete); status != kExitOk) return status;
     const QVector<ModuleView> modules = selectModules(catalogueView(session.manager()), {module});
     QJsonObject json;
     for (const ModuleView& m : modules)
@@ -437,7 +530,7 @@ int commandInfo(Session& session) {
             }
     if (session.options().json) printJson(QJsonDocument(json));
     warnAboutUnreadValues(modules);
-    return kExitOk;
+    return complete ? kExitOk : kExitFailed;
 }
 
 int commandRead(Session& session) {
@@ -454,7 +547,8 @@ int commandRead(Session& session) {
                               "'; the modules are: " + session.moduleNames().join(", "));
         wanted << module;
     }
-    if (int status = connectAndRead(session, wanted); status != kExitOk) return status;
+    bool complete = true;
+    if (int status = connectAndRead(session, wanted, complete); status != kExitOk) return status;
 
     const QVector<ModuleView> modules = selectModules(catalogueView(session.manager()), wanted);
     if (session.options().json) {
@@ -469,7 +563,7 @@ int commandRead(Session& session) {
         }
     }
     warnAboutUnreadValues(modules);
-    return kExitOk;
+    return complete ? kExitOk : kExitFailed;
 }
 
 int commandSet(Session& session) {
@@ -479,31 +573,50 @@ int commandSet(Session& session) {
 
 int commandFov(Session& session) {
     if (int status = session.requireNetworkModel(); status != kExitOk) return status;
-    QVector<QPair<int, QString>> edits;
+    FovEdits edits;
     if (QString problem = parseFovEdits(session.options().arguments, edits); !problem.isEmpty())
         return usageError(problem);
     const int readModule =
         session.moduleWhere([](const VarInfo& v) { return v.get_cmd == kFovGetCmd; });
     const int writeModule =
         session.moduleWhere([](const VarInfo& v) { return v.set_cmd == kFovSetCmd; });
-    if (readModule < 0 || (!edits.isEmpty() && writeModule < 0))
+    if (readModule < 0 || (!edits.empty() && writeModule < 0))
         return usageError(session.options().model + " has no channel field of view");
-
-    if (int status = connectAndRead(session, {readModule}); status != kExitOk) return status;
     LidarUtilitiesManager& manager = session.manager();
-    if (!edits.isEmpty()) {
+    const VarInfo* modeVariable = fovModeVariable(manager);
+    const VarPosition* modeRow = modeVariable ? session.positionOf(modeVariable) : nullptr;
+    int modeIndex = -1;
+    if (!edits.mode.isEmpty()) {
+        QString problem;
+        modeIndex = modeRow ? optionIndex(*modeVariable, edits.mode, &problem) : -1;
+        if (modeIndex < 0)
+            return usageError(modeRow ? "fov: " + problem
+                                      : session.options().model + " has no field-of-view mode");
+    }
+
+    bool complete = true;
+    if (int status = connectAndRead(session, {readModule}, complete); status != kExitOk)
+        return status;
+    if (!complete) return kExitFailed;
+    if (!edits.empty()) {
         const int errorsBefore = session.errorCount();
-        for (const auto& [index, value] : edits) manager.SetMultiFovConfig(index, value);
+        for (const auto& [index, value] : edits.bounds) manager.SetMultiFovConfig(index, value);
         if (session.errorCount() > errorsBefore) {
             manager.ClearSetMap();
             printDiagnostic("lidarutil: bounds are degrees from 0 to 360; nothing was sent");
             return kExitUsage;
         }
+        if (modeIndex >= 0)
+            manager.SetText(3, modeRow->module, modeRow->page, modeRow->row,
+                            QString::number(modeIndex));
         manager.Run(writeModule);
-        if (session.errorCount() > errorsBefore) return kExitFailed;
-        // The manager announces no success for this command; say what happened.
-        printDiagnostic("field of view written");
-        if (!session.readModule(readModule)) return kExitFailed;
+        if (session.errorCount() > errorsBefore) {
+            session.explainRefusal();
+            return kExitFailed;
+        }
+        if (session.readModule(readModule) != ReadOutcome::kComplete) return kExitFailed;
+        printDiagnostic(
+            fovWriteReport(manager, edits, modeIndex >= 0 ? modeVariable->options[modeIndex] : -1));
     }
     printFovTable(manager, session.options().json);
     return kExitOk;

@@ -10,11 +10,9 @@ namespace {
 
 const QStringList kCommands = {"models", "show", "info", "read", "set", "fov", "watch"};
 
-// "-1" is a (bad) field-of-view bound for the command to judge, not an option.
+// "-1" or "-1=5" is a (bad) field-of-view argument for the command to judge, not an option.
 bool isNumber(const QString& text) {
-    bool ok = false;
-    text.toDouble(&ok);
-    return ok;
+    return text.size() >= 2 && text[0] == '-' && (text[1].isDigit() || text[1] == '.');
 }
 
 bool isPortNumber(const QString& text) {
@@ -53,7 +51,13 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     using Setter = std::function<QString(const QString&)>;
     const std::map<QString, Setter> valued = {
         {"--model", [&](const QString& v) { return options.model = v, QString(); }},
-        {"--host", [&](const QString& v) { return options.host = v, QString(); }},
+        {"--host",
+         [&](const QString& v) {
+             options.host = v.trimmed();
+             // An empty host (an unset variable in a script) must not fall back to the embedded
+             // simulator: the user meant a lidar.
+             return options.host.isEmpty() ? "--host needs a host name or address" : QString();
+         }},
         {"--token", [&](const QString& v) { return options.token = v, QString(); }},
         {"--port",
          [&](const QString& v) {

@@ -6,6 +6,9 @@
 #include <cstdlib>
 
 #include "output.h"
+#include "sdk/authorized_vrc_client.h"
+#include "sdk/logger.h"
+#include "sdk/vrc_client.h"
 
 namespace cli {
 namespace {
@@ -14,6 +17,34 @@ namespace {
 // a backstop against a worker that never reports.
 constexpr int kConnectDeadlineMs = 30000;
 constexpr int kConnectPollMs = 20;
+
+QString qs(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+// A read request's result in words: the device's status byte, or the client's own failure.
+QString readFailureText(int code) {
+    static const char* const kStatus[] = {
+        "", "bad payload", "unknown command", "not permitted", "busy", "device failure"};
+    if (code > 0 && code <= 5)
+        return "the lidar answered with status " + QString::number(code) + " (" + kStatus[code] +
+               ")";
+    if (code > 0) return "the lidar answered with status " + QString::number(code);
+    switch (code) {
+        case lidar::kVrcNotConnected:
+            return "not connected (result -1)";
+        case lidar::kVrcClosedByPeer:
+            return "the lidar closed the connection (result -2)";
+        case lidar::kVrcTimeout:
+            return "no answer in time (result -3)";
+        case lidar::kVrcMalformed:
+            return "a malformed reply (result -4)";
+        case lidar::kVrcRefused:
+            return "refused by the access profile (result -5)";
+        default:
+            return "result " + QString::number(code);
+    }
+}
 
 QString connectionKindOf(int connectType) {
     return connectType == 1 ? "reached over serial lines" : "reached as VRC over a serial line";
@@ -53,8 +84,12 @@ void Session::wireMessages() {
     QObject::connect(
         m, &LidarUtilitiesManager::sendLogMessage, r,
         [verbose](const QString& message, const QString& level) {
-            // Warnings and errors explain failures, so they are always shown.
-            if (verbose || level == "WARNING" || level == "ERROR")
+            // Warnings and errors explain failures, and so does a refused authorisation: always
+            // shown.
+            const bool authorisationFailed = message.startsWith("Authorisation refused") ||
+                                             message.startsWith("Authorisation probe failed") ||
+                                             message.contains("requires authorisation but");
+            if (verbose || level == "WARNING" || level == "ERROR" || authorisationFailed)
                 printDiagnostic(level + ": " + message);
         },
         Qt::DirectConnection);
@@ -79,9 +114,31 @@ int Session::loadModel() {
                         "'; the models are: " + names.join(", "));
         return kExitUsage;
     }
+    Logger::GetInstance().ClearEntries();
     manager_->InitConfigFileParser(options_.model);
     variablesBuilt_ = false;
+    // --verbose prints the logger's lines as they come; otherwise a count and the first few.
+    if (!options_.verbose) reportCatalogueProblems();
     return kExitOk;
+}
+
+void Session::reportCatalogueProblems() const {
+    constexpr int kShown = 3;
+    QStringList problems;
+    for (const Logger::Entry& entry : Logger::GetInstance().RecentEntries()) {
+        if (entry.level != Logger::kWarning && entry.level != Logger::kConfigError) continue;
+        if (entry.function != "ConfigParser::ExtractConfigInfo") continue;
+        problems << qs(entry.file) + ":" + QString::number(entry.line) + ": " + qs(entry.message);
+    }
+    if (problems.isEmpty()) return;
+    printDiagnostic("warning: the " + options_.model + " catalogue has " +
+                    QString::number(problems.size()) + " problem" +
+                    (problems.size() == 1 ? "" : "s") +
+                    (problems.size() > kShown
+                         ? " (the first " + QString::number(kShown) + " below; --verbose shows all)"
+                         : QString()) +
+                    ":");
+    for (int i = 0; i < problems.size() && i < kShown; ++i) printDiagnostic("  " + problems[i]);
 }
 
 int Session::requireNetworkModel() const {
@@ -170,14 +227,39 @@ bool Session::connectionAlive() const {
     return manager_->getIsConnected() && client && client->IsOpen();
 }
 
-bool Session::readModule(int module) {
+ReadOutcome Session::readModule(int module) {
     const QStringList names = moduleNames();
     const QString name = module < names.size() ? names[module] : QString::number(module);
     printDiagnostic("reading " + name + " ...");
     manager_->GetLidarModuleInfo(module);
-    if (connectionAlive()) return true;
-    printDiagnostic("error: the connection to the lidar broke while reading " + name);
-    return false;
+    if (!connectionAlive()) {
+        printDiagnostic("error: the connection to the lidar broke while reading " + name);
+        return ReadOutcome::kConnectionLost;
+    }
+    const auto failures = manager_->getLastModuleReadFailures();
+    for (const auto& failure : failures) {
+        QStringList variables;
+        for (const std::string& variable : failure.names) variables << qs(variable);
+        printDiagnostic("error: could not read " + variables.join(", ") + " (request " +
+                        qs(failure.request) + "): " + readFailureText(failure.code));
+    }
+    return failures.empty() ? ReadOutcome::kComplete : ReadOutcome::kIncomplete;
+}
+
+bool Session::explainRefusal() const {
+    const std::shared_ptr<AuthorizedVrcClient> client = manager_->getAuthorizedClient();
+    if (!client || client->GetLastReturnCode() != lidar::vrc::kStatusNotPermitted ||
+        client->GetGate().IsAuthorised())
+        return false;
+    const AuthConfig& config = client->GetConfig();
+    if (config.token.empty())
+        printDiagnostic("not authorised: the lidar requires authorisation and access profile " +
+                        qs(config.profile) + " has no token (./Config/auth_config.csv)");
+    else
+        printDiagnostic("not authorised: the lidar refused the token of access profile " +
+                        qs(config.profile) +
+                        " (./Config/auth_config.csv), so it refuses writes from this connection");
+    return true;
 }
 
 QStringList Session::moduleNames() {

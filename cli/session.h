@@ -18,6 +18,10 @@
 
 namespace cli {
 
+// How reading a module went: every request answered, some refused or unanswered (each one named
+// on standard error), or the connection lost.
+enum class ReadOutcome { kComplete, kIncomplete, kConnectionLost };
+
 // Where a variable sits in the catalogue tree: the indexes SetText and Run take.
 struct VarPosition {
     int module = 0;
@@ -47,7 +51,10 @@ class Session {
     // Connects again to the same lidar (after a network-settings write closed the connection).
     bool reconnect();
     // Reads one module with a progress line; false when the connection broke while reading.
-    bool readModule(int module);
+    ReadOutcome readModule(int module);
+    // After a refused command: when the lidar refused it for want of authorisation, says so in
+    // plain words and returns true.
+    bool explainRefusal() const;
     bool connectionAlive() const;
 
     LidarUtilitiesManager& manager() { return *manager_; }
@@ -70,6 +77,7 @@ class Session {
 
   private:
     void isolateSettings();
+    void reportCatalogueProblems() const;
     void wireMessages();
     bool startSimulator();
     bool attemptConnection();

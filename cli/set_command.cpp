@@ -15,26 +15,21 @@
 namespace cli {
 namespace {
 
-const std::string kNetworkSetCmd = "0x21";
-const std::string kFovSetCmd = "0x22";
-
 QString qs(const std::string& text) {
     return QString::fromStdString(text);
 }
 
-// Empty when the value can be encoded for the variable; the reason otherwise.
-QString encodingProblem(const VarInfo& var, const QString& value) {
-    const QString name = qs(var.var_name);
-    // Write-only raw commands (restart, reset, upgrade) are device operations, not settings.
-    if (var.var_type == "raw") return name + " is a device operation, not a setting";
-    std::unique_ptr<StrParser> parser = parserForVarType(var.var_type);
-    if (!parser) return name + ": values of type " + qs(var.var_type) + " cannot be written";
-    try {
-        parser->parse(value.toStdString(), var.scale);
-    } catch (const std::exception& e) {
-        return name + ": '" + value + "' is not accepted (" + e.what() + ")";
-    }
-    return QString();
+}  // namespace
+
+// "2 (Dual)" for a value that has an option text, as read prints it; other values as they are.
+QString withOptionText(const VarInfo& var, const QString& value) {
+    bool isNumber = false;
+    const int raw = value.toInt(&isNumber);
+    if (!isNumber) return value;
+    const auto text = var.value_to_option.find(raw);
+    if (text == var.value_to_option.end() || text->second.empty() || qs(text->second) == value)
+        return value;
+    return value + " (" + qs(text->second) + ")";
 }
 
 QString varChoices(const VarInfo& var, int count) {
@@ -47,8 +42,9 @@ QString varChoices(const VarInfo& var, int count) {
     return choices.join(", ");
 }
 
-// A selection accepts its option text, its raw value, or an index into its options (written
-// #N, or a bare N that is not itself one of the raw values). The option's index, or -1.
+// A selection accepts its option text (any letter case), its raw value, or an index into its
+// options written #N. A bare number is always a raw value: a number that is not one is refused
+// with the choices, never taken as an index. The option's index, or -1.
 int optionIndex(const VarInfo& var, const QString& requested, QString* problem) {
     const int count = std::min(static_cast<int>(var.options.size()), var.option_num);
     for (int i = 0; i < count; ++i) {
@@ -63,9 +59,29 @@ int optionIndex(const VarInfo& var, const QString& requested, QString* problem) 
         for (int i = 0; i < count; ++i)
             if (var.options[i] == number) return i;
     }
-    if (isNumber && number >= 0 && number < count) return number;
+    if (isNumber && requested.startsWith('#') && number >= 0 && number < count) return number;
     *problem = qs(var.var_name) + ": '" + requested + "' is not one of " + varChoices(var, count);
     return -1;
+}
+
+namespace {
+
+const std::string kNetworkSetCmd = "0x21";
+const std::string kFovSetCmd = "0x22";
+
+// Empty when the value can be encoded for the variable; the reason otherwise.
+QString encodingProblem(const VarInfo& var, const QString& value) {
+    const QString name = qs(var.var_name);
+    // Write-only raw commands (restart, reset, upgrade) are device operations, not settings.
+    if (var.var_type == "raw") return name + " is a device operation, not a setting";
+    std::unique_ptr<StrParser> parser = parserForVarType(var.var_type);
+    if (!parser) return name + ": values of type " + qs(var.var_type) + " cannot be written";
+    try {
+        parser->parse(value.toStdString(), var.scale);
+    } catch (const std::exception& e) {
+        return name + ": '" + value + "' is not accepted (" + e.what() + ")";
+    }
+    return QString();
 }
 
 // One NAME=VALUE of the command line, resolved against the catalogue.
@@ -88,7 +104,7 @@ class SetCommand {
         if (int status = resolveEdits(); status != kExitOk) return status;
         if (int status = session_.connect(); status != kExitOk) return status;
         for (int module : modulesToRead())
-            if (!session_.readModule(module)) return kExitFailed;
+            if (session_.readModule(module) == ReadOutcome::kConnectionLost) return kExitFailed;
         if (!everyCarriedValueRead()) return kExitFailed;
         if (!valuesWithinLimits()) return kExitUsage;
         const bool applied = applyAll();
@@ -241,7 +257,10 @@ class SetCommand {
             anyStaged = true;
             const int errorsBefore = session_.errorCount();
             manager_.Run(module);
-            if (session_.errorCount() > errorsBefore) return false;
+            if (session_.errorCount() > errorsBefore) {
+                session_.explainRefusal();
+                return false;
+            }
             // After the network command the manager has stopped the connection on purpose.
             droppedByNetworkCommand_ = droppedByNetworkCommand_ || !session_.connectionAlive();
         }
@@ -252,7 +271,7 @@ class SetCommand {
     bool reconnectAndReread() {
         if (!session_.reconnect()) return false;
         for (int module : modulesToRead())
-            if (!session_.readModule(module)) return false;
+            if (session_.readModule(module) == ReadOutcome::kConnectionLost) return false;
         return true;
     }
 
@@ -268,7 +287,7 @@ class SetCommand {
         std::set<int> modules = targetModules();
         for (const Edit& edit : edits_) modules.insert(edit.row->module);
         for (int module : modules)
-            if (!session_.readModule(module)) return kExitFailed;
+            if (session_.readModule(module) == ReadOutcome::kConnectionLost) return kExitFailed;
         printValues();
         return kExitOk;
     }
@@ -284,7 +303,7 @@ class SetCommand {
             if (session_.options().json)
                 json[name] = value;
             else
-                printResult(name + "=" + value);
+                printResult(name + "=" + withOptionText(*edit.row->var, value));
         }
         if (session_.options().json) printJson(QJsonDocument(json));
     }

@@ -9,6 +9,8 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
+#include <csignal>
+#include <memory>
 
 #include "test_support.h"
 
@@ -96,8 +98,9 @@ TEST(Lidarutil, SetAppliesEditsOfSeveralCommandsAndReadsThemBack) {
     const Outcome set = lidarutil(
         {"set", "Spin Rate=1200", "Return Mode=Dual", "Data Port=2400", "Gateway=192.168.1.254"});
     ASSERT_EQ(set.exitCode, 0) << set.err.toStdString();
-    EXPECT_EQ(lines(set.out), QStringList({"Spin Rate=1200", "Return Mode=2", "Data Port=2400",
-                                           "Gateway=192.168.1.254"}));
+    // Printed as read prints them: an option's text follows its value.
+    EXPECT_EQ(lines(set.out), QStringList({"Spin Rate=1200 (1200 rpm)", "Return Mode=2 (Dual)",
+                                           "Data Port=2400", "Gateway=192.168.1.254"}));
     EXPECT_TRUE(set.err.contains("VRC command [0x31] to set Spin Rate, Return Mode"));
     EXPECT_TRUE(set.err.contains("connecting again")) << set.err.toStdString();
     EXPECT_FALSE(set.err.contains("warning")) << set.err.toStdString();
@@ -154,4 +157,143 @@ TEST(Lidarutil, WritesTheFieldOfViewAndWatchesTimerValues) {
     EXPECT_TRUE(watch.out.contains(QRegularExpression("\nBoard Temperature=41\\.50\n")))
         << watch.out.toStdString();
     EXPECT_FALSE(watch.out.contains("refresh 2"));
+}
+
+namespace {
+
+// A lidar-sim process with faults, on a free port: lidarutil --host reaches it like a lidar.
+class SimulatorProcess {
+  public:
+    SimulatorProcess(const QString& model, const QStringList& faults) {
+        QStringList arguments{"--model", model, "--port", "0"};
+        for (const QString& fault : faults) arguments << "--fault" << fault;
+        process_.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+        process_.start(LIDAR_BINARY_DIR "/sim/lidar-sim", arguments);
+        process_.waitForReadyRead(10000);
+        const QString banner = QString::fromUtf8(process_.readLine()).trimmed();
+        port_ = banner.section(':', -1);  // "listening on 127.0.0.1:PORT"
+    }
+    ~SimulatorProcess() {
+        process_.kill();
+        process_.waitForFinished();
+    }
+    const QString& port() const { return port_; }
+
+  private:
+    QProcess process_;
+    QString port_;
+};
+
+}  // namespace
+
+TEST(Lidarutil, InfoShowsIdentityAndNamesWhatTheLidarRefused) {
+    const Outcome info = lidarutil({"info"});
+    ASSERT_EQ(info.exitCode, 0) << info.err.toStdString();
+    for (const char* line : {"Serial Number=EG2411050123", "Part Number=EGR-064-0001-02",
+                             "Calibration ID=0x0A1B2C3D4E5F6071"})
+        EXPECT_TRUE(lines(info.out).contains(line)) << line << "\n" << info.out.toStdString();
+    EXPECT_FALSE(info.err.contains("warning")) << info.err.toStdString();
+
+    // A lidar that refuses the device-information command: named, with its status, exit 1.
+    const SimulatorProcess refusing("Egret", {"0x07:status=2"});
+    ASSERT_FALSE(refusing.port().isEmpty());
+    const Outcome refused = lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "info"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(
+        refused.err.contains("(request 0x07): the lidar answered with status 2 "
+                             "(unknown command)"))
+        << refused.err.toStdString();
+    const Outcome read =
+        lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "read", "Device Info"});
+    EXPECT_EQ(read.exitCode, 1);
+
+    // An empty host is a mistake in the script, not a request for the embedded simulator.
+    const Outcome emptyHost = lidarutil({"--host", "", "read"});
+    EXPECT_EQ(emptyHost.exitCode, 2);
+    EXPECT_TRUE(emptyHost.err.contains("--host needs a host name or address"));
+    EXPECT_FALSE(emptyHost.err.contains("connecting"));
+}
+
+TEST(Lidarutil, OptionsAreValuesOrTextsAndRefusalsAreExplained) {
+    // A bare number is an option value; 1 is none of Spin Rate's, so nothing is written.
+    const Outcome index = lidarutil({"set", "Spin Rate=1"});
+    EXPECT_EQ(index.exitCode, 2);
+    EXPECT_TRUE(index.err.contains("Spin Rate: '1' is not one of 300=300 rpm, 600=600 rpm"))
+        << index.err.toStdString();
+    const Outcome text = lidarutil({"set", "Return Mode=dUAL"});
+    EXPECT_EQ(text.exitCode, 0) << text.err.toStdString();
+    EXPECT_EQ(lines(text.out), QStringList({"Return Mode=2 (Dual)"}));
+
+    // The lidar wants another token than the access profile's: said in plain words.
+    const Outcome refused =
+        lidarutil({"--model", "Tern", "--token", "other", "set", "Data Port=2400"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(
+        refused.err.contains("not authorised: the lidar refused the token of access "
+                             "profile Tern"))
+        << refused.err.toStdString();
+    EXPECT_TRUE(refused.err.contains("Authorisation refused by the device"));
+
+    // A linked switch is written through the variable it switches; the monitor variant's pages
+    // carry their own names.
+    const Outcome show = lidarutil({"--model", "Tern", "show"});
+    EXPECT_TRUE(
+        show.out.contains(QRegularExpression("Standby +uint8 +0x32 +0x33 \\(via Work Mode\\)")))
+        << show.out.toStdString();
+    const Outcome egret = lidarutil({"show"});
+    EXPECT_TRUE(egret.out.contains("-- Power --")) << egret.out.toStdString();
+    EXPECT_FALSE(egret.out.contains("-- page")) << egret.out.toStdString();
+}
+
+TEST(Lidarutil, FieldOfViewModeBoundsAndWhatTheLidarConfirmed) {
+    const Outcome write = lidarutil({"fov", "mode=Regions", "0=15", "9=270.5"});
+    ASSERT_EQ(write.exitCode, 0) << write.err.toStdString();
+    EXPECT_TRUE(
+        write.err.contains("field of view written: region 1 start 15.0, region 5 end "
+                           "270.5, mode 1; the lidar confirms it"))
+        << write.err.toStdString();
+    EXPECT_EQ(lines(write.out).value(0), "mode=1 (Regions)");
+
+    for (const QString argument : {"-1=5", "10=5"}) {
+        const Outcome bad = lidarutil({"fov", argument});
+        EXPECT_EQ(bad.exitCode, 2) << argument.toStdString();
+        EXPECT_TRUE(bad.err.contains("the channels are regions 1-5")) << bad.err.toStdString();
+    }
+    const Outcome fine = lidarutil({"fov", "0=15.25"});
+    EXPECT_EQ(fine.exitCode, 2);
+    EXPECT_TRUE(fine.err.contains("at most one decimal")) << fine.err.toStdString();
+}
+
+// watch ends at once on Ctrl-C, printing nothing more, and with status 1 when the lidar is lost.
+TEST(Lidarutil, WatchEndsOnInterruptAndOnALostLidar) {
+    const auto startWatch = [](QProcess& watch, const QStringList& arguments) {
+        watch.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+        watch.start(LIDAR_BINARY_DIR "/cli/lidarutil", arguments);
+        QString out;
+        for (int waited = 0; !out.contains("refresh 1\n") && waited < 100; ++waited) {
+            watch.waitForReadyRead(100);
+            out += QString::fromUtf8(watch.readAllStandardOutput());
+        }
+        return out;
+    };
+
+    QProcess interrupted;
+    QString out = startWatch(interrupted, {"watch", "Status"});
+    ASSERT_TRUE(out.contains("refresh 1\n")) << out.toStdString();
+    ::kill(static_cast<pid_t>(interrupted.processId()), SIGINT);
+    ASSERT_TRUE(interrupted.waitForFinished(2000));
+    EXPECT_EQ(interrupted.exitCode(), 0);
+    EXPECT_EQ(QString::fromUtf8(interrupted.readAllStandardOutput()), "");
+
+    auto lidar = std::make_unique<SimulatorProcess>("Egret", QStringList());
+    QProcess lost;
+    out = startWatch(lost, {"--host", "127.0.0.1", "--port", lidar->port(), "watch", "Status"});
+    ASSERT_TRUE(out.contains("refresh 1\n")) << out.toStdString();
+    lidar.reset();
+    ASSERT_TRUE(lost.waitForFinished(10000));
+    EXPECT_EQ(lost.exitCode(), 1);
+    EXPECT_EQ(QString::fromUtf8(lost.readAllStandardOutput()), "");
+    EXPECT_TRUE(QString::fromUtf8(lost.readAllStandardError())
+                    .contains("connection to the lidar "
+                              "was lost"));
 }

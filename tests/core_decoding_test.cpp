@@ -159,11 +159,29 @@ TEST_F(DecodingTest, SizeMismatchesAreLoggedNotThrown) {
                   "HWVER size is not qual to 16, please check your config file");
     }
 
-    var("blob").current_val = "unchanged";
+    VarInfo odd = var("blob");
+    odd.var_id = "unlisted";
+    odd.var_type = "bogus";
+    odd.current_val = "unchanged";
     testing::internal::CaptureStdout();
-    const std::string text = decode(var("blob"), 0x28, Bytes(31, 0x11));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "var_type not support: BYTES\n");
+    const std::string text = decode(odd, 0x28, Bytes(31, 0x11));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "var_type not support: bogus\n");
     EXPECT_EQ(text, "unchanged");
+}
+
+// Identity fields: serial and part numbers lose their NUL or blank padding, byte blocks show as
+// the hexadecimal pairs a catalogue writes.
+TEST_F(DecodingTest, SerialPartNumbersAndByteBlocks) {
+    VarInfo serial = var("blob");
+    serial.var_id = "unlisted";
+    serial.var_type = "SN";
+    serial.offset = 8;
+    EXPECT_EQ(decode(serial, 0x28, {' ', 'E', 'G', '1', '2', 0, 0, ' '}), "EG12");
+    serial.var_type = "PN";
+    EXPECT_EQ(decode(serial, 0x28, {0, 0, 0, 0, 0, 0, 0, 0}), "");
+    serial.var_type = "BYTES";
+    serial.offset = 3;
+    EXPECT_EQ(decode(serial, 0x28, {0x0A, 0xB0, 0x00}), "0x0AB000");
 }
 
 TEST_F(DecodingTest, BadInputsPositionsAndExtraction) {

@@ -24,10 +24,10 @@ int moduleIndex(LidarUtilitiesManager& m, const QString& name) {
     return m.level1List().indexOf(QVariant(name));
 }
 
-// Types the generic reader leaves alone (read by their own operations) and the device logs,
+// Types the generic reader leaves alone (write-only bytes) and the device logs,
 // whose content the simulator makes up.
 bool decodedFromCatalogueDefault(const VarInfo& var) {
-    static const std::set<std::string> undecoded = {"SN", "PN", "BYTES", "raw"};
+    static const std::set<std::string> undecoded = {"raw"};
     return !var.get_cmd.empty() && !undecoded.count(var.var_type) && var.get_cmd != "0x75";
 }
 

@@ -102,6 +102,15 @@ bool LidarUtilitiesManager::applyMonitorHwVersion(const QString& version, bool w
         if (variant.varTree.empty()) return false;
         if (!varTree || moduleIndex >= static_cast<int>(varTree.load()->size())) return false;
         (*varTree)[moduleIndex] = variant.varTree.front();
+        // The page names go with the pages: the module keeps its own name, the pages are the
+        // variant's.
+        if (moduleNames && moduleIndex < static_cast<int>(moduleNames.load()->size()) &&
+            !variant.moduleNames.empty()) {
+            std::vector<std::string>& names = (*moduleNames)[moduleIndex];
+            const std::string module = names.empty() ? std::string("Monitor") : names.front();
+            names = variant.moduleNames.front();
+            names.front() = module;
+        }
         monitorParser = &variant;
     }
     {

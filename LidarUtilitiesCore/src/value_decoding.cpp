@@ -59,6 +59,25 @@ std::string scaledIntegerText(const char* format, T number, float scale) {
     return QString::number(scaled, 'f', 2).toStdString();
 }
 
+// Serial and part numbers: the text with the NUL or blank padding around it removed.
+std::string paddedText(const std::vector<uint8_t>& value) {
+    std::string text(value.begin(), value.end());
+    const size_t first = text.find_first_not_of(std::string("\0 ", 2));
+    if (first == std::string::npos) return std::string();
+    return text.substr(first, text.find_last_not_of(std::string("\0 ", 2)) - first + 1);
+}
+
+// A block of bytes as the catalogue writes one: "0x" and two upper-case digits per byte.
+std::string hexPairsText(const std::vector<uint8_t>& value) {
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string text = "0x";
+    for (uint8_t byte : value) {
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 0x0F];
+    }
+    return text;
+}
+
 std::string joinedDecimalBytes(const std::vector<uint8_t>& value) {
     std::string text;
     for (size_t i = 0; i < value.size(); ++i) {
@@ -281,6 +300,10 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
             return;
         }
         text = numericText(type, value, var.scale);
+    } else if (type == "SN" || type == "PN") {
+        text = paddedText(value);
+    } else if (type == "BYTES") {
+        text = hexPairsText(value);
     } else {
         std::cout << "var_type not support: " << type << std::endl;
         return;
