@@ -175,6 +175,7 @@ TEST_F(DecodingTest, SerialPartNumbersAndByteBlocks) {
     VarInfo serial = var("blob");
     serial.var_id = "unlisted";
     serial.var_type = "SN";
+    serial.get_start_pos = 0;
     serial.offset = 8;
     EXPECT_EQ(decode(serial, 0x28, {' ', 'E', 'G', '1', '2', 0, 0, ' '}), "EG12");
     serial.var_type = "PN";
