@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
 
     int status = cli::kExitOk;
     if (parsed.helpRequested) {
-        cli::printResult(cli::usageText().trimmed());
+        cli::printResult(parsed.helpText.trimmed());
     } else if (!parsed.ok) {
         cli::printDiagnostic("lidarutil: " + parsed.error + " (lidarutil --help lists the usage)");
         status = cli::kExitUsage;

@@ -1,36 +1,16 @@
 #include "options.h"
 
-#include <functional>
-#include <map>
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
 
 #include "sdk/authorized_vrc_client.h"
 
 namespace cli {
 namespace {
 
-const QStringList kCommands = {"models", "show", "info", "read", "set", "fov", "watch"};
-
-// "-1" or "-1=5" is a (bad) field-of-view argument for the command to judge, not an option.
-bool isNumber(const QString& text) {
-    return text.size() >= 2 && text[0] == '-' && (text[1].isDigit() || text[1] == '.');
-}
-
-bool isPortNumber(const QString& text) {
-    bool ok = false;
-    const int port = text.toInt(&ok, 10);
-    return ok && port >= 1 && port <= 65535;
-}
-
-bool isPositiveCount(const QString& text) {
-    bool ok = false;
-    return text.toInt(&ok, 10) >= 1 && ok;
-}
-
 // Cross-checks that need the whole command line.
 QString combinationError(const Options& options) {
-    if (options.command.isEmpty()) return "no command given";
-    if (!kCommands.contains(options.command)) return "unknown command '" + options.command + "'";
-    if (options.count != 0 && options.command != "watch") return "--count belongs to watch";
     // A real lidar's token is the access configuration's (./Config/auth_config.csv), which the
     // manager reads itself; the option only configures the simulator.
     if (!options.token.isEmpty() && !options.host.isEmpty())
@@ -41,130 +21,150 @@ QString combinationError(const Options& options) {
     return QString();
 }
 
+// An empty host (an unset variable in a script) must not fall back to the embedded simulator:
+// the user meant a lidar.
+const CLI::Validator kHostName(
+    [](std::string& value) {
+        return QString::fromStdString(value).trimmed().isEmpty()
+                   ? std::string("needs a host name or address")
+                   : std::string();
+    },
+    "HOST");
+
+const CLI::Validator kLocalPort(
+    [](std::string& value) {
+        uint16_t port = 0;
+        std::string error;
+        return ParseVrcClientHostPortText(value, &port, &error) ? std::string() : error;
+    },
+    "P|ANY");
+
+// The subcommands, each with its own arguments and help. Options of the whole program may also
+// follow the subcommand (fallthrough).
+struct Subcommands {
+    std::string module;             // read, watch
+    std::vector<std::string> rest;  // set, fov
+    int count = 0;                  // watch
+};
+
+void addSubcommands(CLI::App& app, Subcommands& args) {
+    const auto add = [&app](const char* name, const char* description) {
+        CLI::App* sub = app.add_subcommand(name, description);
+        sub->fallthrough();
+        return sub;
+    };
+    add("models", "list the models and how each is connected");
+    add("show", "the model's modules, pages and variables (no lidar needed)");
+    add("info", "read the device information: name=value lines");
+    add("read", "read one module (or all) and print name, value and unit")
+        ->add_option("MODULE", args.module, "the module to read (default: all)");
+    add("set",
+        "write values, then print them as read back; a selection takes its option text, "
+        "its value or #INDEX")
+        ->add_option("NAME=VALUE", args.rest, "the edits")
+        ->required();
+    add("fov",
+        "show the mode and the channel field of view, or write it: ten bounds in degrees, "
+        "INDEX=VALUE (0-4 starts, 5-9 ends) or mode=VALUE")
+        ->add_option("ARGS", args.rest, "bounds or INDEX=VALUE / mode=VALUE pairs");
+    CLI::App* watch = add("watch",
+                          "print the module's timer-refreshed values at each refresh (about every "
+                          "3 s) until Ctrl-C or N refreshes");
+    watch->add_option("MODULE", args.module,
+                      "the module to watch (default: the first with timer "
+                      "values)");
+    watch->add_option("--count", args.count, "stop after N refreshes")
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                bool ok = false;
+                const int count = QString::fromStdString(value).toInt(&ok, 10);
+                return ok && count >= 1 ? std::string() : "needs a whole number of 1 or more";
+            },
+            "N"));
+}
+
+// The first argument that is neither an option nor an option's value: what the user took for
+// a command when no subcommand matched.
+QString firstPositional(const QStringList& arguments) {
+    static const QStringList kValued = {"--model", "--host", "--port", "--local-port", "--token"};
+    for (int i = 0; i < arguments.size(); ++i) {
+        if (kValued.contains(arguments[i])) {
+            ++i;
+            continue;
+        }
+        if (!arguments[i].startsWith('-')) return arguments[i];
+    }
+    return QString();
+}
+
+// CLI11's one-line message, with the option's name where CLI11 leaves it out.
+QString oneLine(const CLI::ParseError& error) {
+    QString text = QString::fromStdString(error.what()).simplified();
+    if (text.isEmpty()) text = QString::fromStdString(error.get_name());
+    return text;
+}
+
 }  // namespace
 
 ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     ParsedCommandLine result;
     Options& options = result.options;
 
-    // Each option that takes a value stores it after checking it; an empty text means "fine".
-    using Setter = std::function<QString(const QString&)>;
-    const std::map<QString, Setter> valued = {
-        {"--model", [&](const QString& v) { return options.model = v, QString(); }},
-        {"--host",
-         [&](const QString& v) {
-             options.host = v.trimmed();
-             // An empty host (an unset variable in a script) must not fall back to the embedded
-             // simulator: the user meant a lidar.
-             return options.host.isEmpty() ? "--host needs a host name or address" : QString();
-         }},
-        {"--token", [&](const QString& v) { return options.token = v, QString(); }},
-        {"--port",
-         [&](const QString& v) {
-             options.port = v;
-             return isPortNumber(v) ? QString() : "--port needs a number from 1 to 65535";
-         }},
-        {"--local-port",
-         [&](const QString& v) {
-             options.localPort = v;
-             uint16_t port = 0;
-             std::string error;
-             return ParseVrcClientHostPortText(v.toStdString(), &port, &error)
-                        ? QString()
-                        : "--local-port: " + QString::fromStdString(error);
-         }},
-        {"--count",
-         [&](const QString& v) {
-             options.count = v.toInt();
-             return isPositiveCount(v) ? QString() : "--count needs a whole number of 1 or more";
-         }},
-    };
+    CLI::App app(
+        "lidarutil: a command-line front end over the lidar utilities manager.\n"
+        "Without --host an embedded simulator of the model answers on 127.0.0.1; run "
+        "from the repository root (the catalogues are read from ./Config).",
+        "lidarutil");
+    app.require_subcommand(1);
+    std::string model = "Egret", host, port, localPort, token;
+    app.add_option("--model", model, "model catalogue to use (default Egret)");
+    app.add_option("--host", host, "talk to the lidar at HOST instead of the embedded simulator")
+        ->check(kHostName);
+    app.add_option("--port", port, "the lidar's VRC port (with --host; default: the saved port)")
+        ->check(CLI::Range(1, 65535));
+    app.add_option("--local-port", localPort,
+                   "local port of the VRC client, for models that fix it")
+        ->check(kLocalPort);
+    app.add_option("--token", token, "the embedded simulator requires authorisation with it");
+    app.add_flag("--json", options.json, "machine-readable output on standard output");
+    app.add_flag("-v,--verbose", options.verbose,
+                 "the manager's log and developer lines on standard error");
+    app.footer("Exit status: 0 success, 1 an operation failed, 2 a usage error.");
+    Subcommands args;
+    addSubcommands(app, args);
 
-    bool optionsEnded = false;
-    for (int i = 0; i < arguments.size(); ++i) {
-        QString argument = arguments[i];
-        if (optionsEnded || !argument.startsWith("-") || argument == "-" || isNumber(argument)) {
-            if (options.command.isEmpty())
-                options.command = argument;
-            else
-                options.arguments << argument;
-            continue;
-        }
-        if (argument == "--") {
-            optionsEnded = true;
-            continue;
-        }
-        if (argument == "-h" || argument == "--help") {
-            result.helpRequested = true;
-            result.ok = true;
-            return result;
-        }
-        if (argument == "--verbose" || argument == "-v") {
-            options.verbose = true;
-            continue;
-        }
-        if (argument == "--json") {
-            options.json = true;
-            continue;
-        }
-        QString value;
-        bool hasValue = false;
-        const int equals = argument.indexOf('=');
-        if (argument.startsWith("--") && equals > 0) {
-            value = argument.mid(equals + 1);
-            argument = argument.left(equals);
-            hasValue = true;
-        }
-        const auto setter = valued.find(argument);
-        if (setter == valued.end()) {
-            result.error = "unknown option " + argument;
-            return result;
-        }
-        if (!hasValue) {
-            if (i + 1 >= arguments.size()) {
-                result.error = argument + " needs a value";
-                return result;
-            }
-            value = arguments[++i];
-        }
-        result.error = setter->second(value);
-        if (!result.error.isEmpty()) return result;
+    std::vector<std::string> argv{"lidarutil"};
+    for (const QString& argument : arguments) argv.push_back(argument.toStdString());
+    std::vector<const char*> pointers;
+    for (const std::string& argument : argv) pointers.push_back(argument.c_str());
+    try {
+        app.parse(static_cast<int>(pointers.size()), pointers.data());
+    } catch (const CLI::CallForHelp&) {
+        result.helpRequested = true;
+        result.ok = true;
+        const std::vector<CLI::App*> chosen = app.get_subcommands();
+        result.helpText =
+            QString::fromStdString(chosen.empty() ? app.help() : chosen.front()->help());
+        return result;
+    } catch (const CLI::ParseError& error) {
+        const QString unknown = app.get_subcommands().empty() ? firstPositional(arguments) : "";
+        result.error = unknown.isEmpty() ? oneLine(error) : "unknown command '" + unknown + "'";
+        return result;
     }
+
+    options.model = QString::fromStdString(model);
+    options.host = QString::fromStdString(host).trimmed();
+    options.port = QString::fromStdString(port);
+    options.localPort = QString::fromStdString(localPort);
+    options.token = QString::fromStdString(token);
+    options.command = QString::fromStdString(app.get_subcommands().front()->get_name());
+    options.count = args.count;
+    if (!args.module.empty()) options.arguments << QString::fromStdString(args.module);
+    for (const std::string& argument : args.rest)
+        options.arguments << QString::fromStdString(argument);
     result.error = combinationError(options);
     result.ok = result.error.isEmpty();
     return result;
-}
-
-QString usageText() {
-    return QStringLiteral(
-        "usage: lidarutil [OPTIONS] COMMAND [ARGS]\n"
-        "\n"
-        "Without --host an embedded simulator of the model answers on 127.0.0.1; run from the\n"
-        "repository root (the catalogues are read from ./Config).\n"
-        "\n"
-        "Commands:\n"
-        "  models                      list the models and how each is connected\n"
-        "  show                        the model's modules, pages and variables (no lidar)\n"
-        "  info                        read the device information: name=value lines\n"
-        "  read [MODULE]               read one module (or all) and print name, value, unit\n"
-        "  set NAME=VALUE...           write values, then print them as read back; a selection\n"
-        "                              takes its option text, its raw value or #INDEX\n"
-        "  fov [S1..S5 E1..E5 | I=V...] show the channel field of view, or write it: ten bounds\n"
-        "                              in degrees, or INDEX=VALUE (0-4 starts, 5-9 ends)\n"
-        "  watch [MODULE] [--count N]  print the module's timer-refreshed values at each refresh\n"
-        "                              (about every 3 s) until Ctrl-C or N refreshes\n"
-        "\n"
-        "Options:\n"
-        "  --model NAME        model catalogue to use (default Egret)\n"
-        "  --host H            talk to the lidar at H instead of the embedded simulator\n"
-        "  --port N            the lidar's VRC port (with --host; default: the saved port)\n"
-        "  --local-port P|ANY  local port of the VRC client, for models that fix it\n"
-        "  --token T           the embedded simulator requires authorisation with token T\n"
-        "  --json              machine-readable output on standard output\n"
-        "  --verbose           the manager's log and developer lines on standard error\n"
-        "  -h, --help          this text\n"
-        "\n"
-        "Exit status: 0 success, 1 an operation failed, 2 a usage error.\n");
 }
 
 }  // namespace cli

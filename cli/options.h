@@ -28,13 +28,13 @@ struct Options {
 struct ParsedCommandLine {
     bool ok = false;
     bool helpRequested = false;
-    QString error;  // set when !ok
+    QString helpText;  // the help of the program or of the subcommand asked about
+    QString error;     // set when !ok
     Options options;
 };
 
-// Options may stand before or after the subcommand; "--" ends them.
+// One subcommand with its own arguments; the program's options may stand before or after it;
+// "--" ends the options.
 ParsedCommandLine parseCommandLine(const QStringList& arguments);
-
-QString usageText();
 
 }  // namespace cli

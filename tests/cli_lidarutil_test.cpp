@@ -136,6 +136,18 @@ TEST(Lidarutil, RefusesBadRequestsAndReportsDeviceFailures) {
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_TRUE(refused.err.contains("Set Failed: 0x20 SET")) << refused.err.toStdString();
 
+    // Every subcommand has its own help; usage mistakes are one line and status 2.
+    const Outcome help = lidarutil({"set", "--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.out.contains("NAME=VALUE")) << help.out.toStdString();
+    const Outcome unknownCommand = lidarutil({"--model", "Tern", "bogus"});
+    EXPECT_EQ(unknownCommand.exitCode, 2);
+    EXPECT_EQ(lines(unknownCommand.err).size(), 1);
+    EXPECT_TRUE(unknownCommand.err.contains("unknown command 'bogus'"));
+    const Outcome badCount = lidarutil({"watch", "--count", "0"});
+    EXPECT_EQ(badCount.exitCode, 2);
+    EXPECT_TRUE(badCount.err.contains("--count: needs a whole number of 1 or more"));
+
     testsupport::TempDir elsewhere;
     const Outcome noConfig = lidarutil({"show"}, QString::fromStdString(elsewhere.path()));
     EXPECT_EQ(noConfig.exitCode, 2);
@@ -210,7 +222,8 @@ TEST(Lidarutil, InfoShowsIdentityAndNamesWhatTheLidarRefused) {
     // An empty host is a mistake in the script, not a request for the embedded simulator.
     const Outcome emptyHost = lidarutil({"--host", "", "read"});
     EXPECT_EQ(emptyHost.exitCode, 2);
-    EXPECT_TRUE(emptyHost.err.contains("--host needs a host name or address"));
+    EXPECT_TRUE(emptyHost.err.contains("--host: needs a host name or address"))
+        << emptyHost.err.toStdString();
     EXPECT_FALSE(emptyHost.err.contains("connecting"));
 }
 
