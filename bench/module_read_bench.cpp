@@ -41,17 +41,25 @@ std::string writeBenchCatalogue(const std::string& root) {
     return root + "/Config";
 }
 
-void BM_ModuleReadVersusBareQueries(benchmark::State& state) {
+// A temporary folder holding the bench catalogue, made the working directory (the manager reads
+// ./Config); "" after reporting the failure to the benchmark.
+std::string enterBenchFolder(benchmark::State& state) {
     char pattern[] = "/tmp/lidar-bench-XXXXXX";
     const std::string root = mkdtemp(pattern);
-    const std::string configDir = writeBenchCatalogue(root);
+    writeBenchCatalogue(root);
     if (chdir(root.c_str()) != 0) {
         state.SkipWithError("chdir failed");
-        return;
+        return std::string();
     }
+    return root;
+}
+
+void BM_ModuleReadVersusBareQueries(benchmark::State& state) {
+    const std::string root = enterBenchFolder(state);
+    if (root.empty()) return;
     sim::LidarSimulator::Options options;
     options.model = "Bench";
-    options.configDir = configDir;
+    options.configDir = root + "/Config";
     sim::LidarSimulator lidar(options);
     std::string error;
     if (!lidar.Start(&error)) {
@@ -99,13 +107,8 @@ BENCHMARK(BM_ModuleReadVersusBareQueries)->UseManualTime()->Unit(benchmark::kMic
 // What the module read leaves for the UI: the first getMyMap() after the notification rebuilds
 // the map of all 500 variables.
 void BM_VariableMapRebuild(benchmark::State& state) {
-    char pattern[] = "/tmp/lidar-bench-XXXXXX";
-    const std::string root = mkdtemp(pattern);
-    writeBenchCatalogue(root);
-    if (chdir(root.c_str()) != 0) {
-        state.SkipWithError("chdir failed");
-        return;
-    }
+    const std::string root = enterBenchFolder(state);
+    if (root.empty()) return;
     LidarUtilitiesManager manager(0, "");
     manager.InitConfigFileParser("Bench");
     for (auto _ : state) {
@@ -120,13 +123,8 @@ BENCHMARK(BM_VariableMapRebuild)->Unit(benchmark::kMicrosecond);
 // client that waits the same way: "stop_ms" is the latency the UI thread sees (target under
 // 100 ms), "ratio" what Stop adds to waking the wait itself.
 void BM_StopWhileTheLidarIsSilent(benchmark::State& state) {
-    char pattern[] = "/tmp/lidar-bench-XXXXXX";
-    const std::string root = mkdtemp(pattern);
-    writeBenchCatalogue(root);
-    if (chdir(root.c_str()) != 0) {
-        state.SkipWithError("chdir failed");
-        return;
-    }
+    const std::string root = enterBenchFolder(state);
+    if (root.empty()) return;
     sim::LidarSimulator::Options options;
     options.model = "Bench";
     options.configDir = root + "/Config";
