@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t high = static_cast<int8_t>(input.Byte());
     const std::string text = input.Rest();
 
-    checkDecimalWithinLimits(text, scale, low, high);
+    checkDecimalWithinLimits(text, scale, low, high, 2147483647.0);
     if (which == 12) return 0;  // the raw parser only prints
     auto parser = parserForVarType(kTypes[which]);
     try {

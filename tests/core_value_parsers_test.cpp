@@ -184,15 +184,22 @@ TEST(ValueParsers, FloatsRejectWhatTheTypeCannotHold) {
 }
 
 TEST(ValueParsers, LimitsAreCheckedOnTheNumberThatIsWritten) {
-    EXPECT_EQ(checkDecimalWithinLimits("5e3", 1, 1, 4094), LimitCheck::kOutside);
-    EXPECT_EQ(checkDecimalWithinLimits("0.9e1", 1, -5, 5), LimitCheck::kOutside);
-    EXPECT_EQ(checkDecimalWithinLimits("4094.9", 1, 1, 4094), LimitCheck::kWithin);  // written 4094
-    EXPECT_EQ(checkDecimalWithinLimits("-5.9", 1, -5, 5), LimitCheck::kWithin);
-    EXPECT_EQ(checkDecimalWithinLimits("5.09", 10, 5, 50), LimitCheck::kWithin);
-    EXPECT_EQ(checkDecimalWithinLimits("5.1", 10, 5, 50), LimitCheck::kOutside);
-    EXPECT_EQ(checkDecimalWithinLimits("1e400", 1, -5, 5), LimitCheck::kOutside);
-    EXPECT_EQ(checkDecimalWithinLimits("12,5", 1, 0, 100), LimitCheck::kNotANumber);
-    EXPECT_EQ(checkDecimalWithinLimits("0x10", 1, 0, 100), LimitCheck::kNotANumber);
+    EXPECT_EQ(checkDecimalWithinLimits("5e3", 1, 1, 4094, 2147483647.0), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("0.9e1", 1, -5, 5, 2147483647.0), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("4094.9", 1, 1, 4094, 2147483647.0),
+              LimitCheck::kWithin);  // written 4094
+    EXPECT_EQ(checkDecimalWithinLimits("-5.9", 1, -5, 5, 2147483647.0), LimitCheck::kWithin);
+    EXPECT_EQ(checkDecimalWithinLimits("5.09", 10, 5, 50, 2147483647.0), LimitCheck::kWithin);
+    EXPECT_EQ(checkDecimalWithinLimits("5.1", 10, 5, 50, 2147483647.0), LimitCheck::kOutside);
+    // Beyond what the standard conversion takes: reported as that conversion's range failure.
+    EXPECT_EQ(checkDecimalWithinLimits("1e400", 1, -5, 5, 2147483647.0),
+              LimitCheck::kBeyondConversion);
+    EXPECT_EQ(checkDecimalWithinLimits("2147483648", 1, -5, 5, 2147483647.0),
+              LimitCheck::kBeyondConversion);
+    EXPECT_EQ(checkDecimalWithinLimits("2147483647.9", 1, -5, 5, 2147483647.0),
+              LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("12,5", 1, 0, 100, 2147483647.0), LimitCheck::kNotANumber);
+    EXPECT_EQ(checkDecimalWithinLimits("0x10", 1, 0, 100, 2147483647.0), LimitCheck::kNotANumber);
 }
 
 }  // namespace

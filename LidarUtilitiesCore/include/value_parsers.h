@@ -61,13 +61,15 @@ class RawParser : public StrParser {
     std::vector<unsigned char> parse(const std::string& text, float scale = 1.0f) override;
 };
 
-enum class LimitCheck { kWithin, kOutside, kNotANumber };
+// kBeyondConversion: the text's magnitude (truncated) exceeds `conversionLimit`, the largest
+// number the check's standard conversion (stoi, stof) would have taken.
+enum class LimitCheck { kWithin, kOutside, kNotANumber, kBeyondConversion };
 
-// Compares the exact decimal value of `text` (C-locale syntax, exponents allowed) times `factor`
-// with the catalogue limits [minVal, maxVal]. The same reading of the text as the parsers use,
-// so that what is checked is what is written.
+// Compares the exact decimal value of `text` (C-locale syntax, exponents allowed) times `factor`,
+// truncated toward zero, with the catalogue limits [minVal, maxVal]. The same reading of the text
+// as the parsers use, so that what is checked is what is written.
 LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32_t minVal,
-                                    int32_t maxVal);
+                                    int32_t maxVal, double conversionLimit);
 
 // The parser that writes a variable of this var_type ("int8" ... "uint64", "float32", "double",
 // "IP", "MAC", "raw"); null for a type that cannot be written.

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <limits>
 #include <stdexcept>
 
 #include "lidar_utilities_manager.h"
@@ -178,19 +179,25 @@ StagedVerdict checkStagedText(const VarInfo& var, const std::string& staged) {
     }
     if (var.min_val == 0 && var.max_val == 0) return StagedVerdict::kPass;
     if (staged == "0") return StagedVerdict::kPass;
-    // The exact value the writer would encode is what is compared, so that "5e3" counts as 5000
-    // and "5.5" is above a limit of 5.
-    switch (checkDecimalWithinLimits(staged, 1.0f, var.min_val, var.max_val)) {
+    // The exact number the writer encodes is what is compared (truncated, as it is written), so
+    // that "5e3" counts as 5000, not 5.
+    switch (checkDecimalWithinLimits(staged, 1.0f, var.min_val, var.max_val,
+                                     std::numeric_limits<int32_t>::max())) {
         case LimitCheck::kWithin:
             return StagedVerdict::kPass;
         case LimitCheck::kOutside:
             return StagedVerdict::kOutOfRange;
         case LimitCheck::kNotANumber:
+            qDebug().noquote() << "CheckModuleVarsWithinRange"
+                               << " Invalid argument: "
+                               << "stoi";
+            break;
+        case LimitCheck::kBeyondConversion:
+            qDebug().noquote() << "CheckModuleVarsWithinRange"
+                               << " Out of range: "
+                               << "stoi";
             break;
     }
-    qDebug().noquote() << "CheckModuleVarsWithinRange"
-                       << " Invalid argument: "
-                       << "stoi";
     return StagedVerdict::kNotANumber;
 }
 
@@ -331,11 +338,12 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
     }
     // The staged text is read exactly, as the writer reads it, and compared exactly after the
     // range scale: a check and an encoding that disagree would let a value past the limits.
-    const LimitCheck verdict =
-        checkDecimalWithinLimits(staged, var->range_scale, var->min_val, var->max_val);
-    if (verdict == LimitCheck::kNotANumber) {
+    const LimitCheck verdict = checkDecimalWithinLimits(
+        staged, var->range_scale, var->min_val, var->max_val, std::numeric_limits<float>::max());
+    if (verdict == LimitCheck::kNotANumber || verdict == LimitCheck::kBeyondConversion) {
         qDebug().noquote() << "CheckVarIsWithinRange"
-                           << " Invalid argument: "
+                           << (verdict == LimitCheck::kNotANumber ? " Invalid argument: "
+                                                                  : " Out of range: ")
                            << "stof";
         return false;
     }

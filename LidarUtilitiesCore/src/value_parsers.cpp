@@ -285,11 +285,13 @@ std::vector<unsigned char> DoubleParser::parse(const std::string& text, float sc
 }
 
 LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32_t minVal,
-                                    int32_t maxVal) {
+                                    int32_t maxVal, double conversionLimit) {
     mpq_class value;
     const DecimalStatus status = readDecimal(text, value);
     if (status == DecimalStatus::kNotDecimal) return LimitCheck::kNotANumber;
-    if (status == DecimalStatus::kTooLarge) return LimitCheck::kOutside;
+    if (status == DecimalStatus::kTooLarge ||
+        abs(truncatedTowardZero(value)) > mpz_class(mpq_class(conversionLimit)))
+        return LimitCheck::kBeyondConversion;
     mpq_class exactFactor;
     if (!exactScale(factor, exactFactor)) return LimitCheck::kOutside;
     // Truncated toward zero, as the writer truncates the raw value it sends.
