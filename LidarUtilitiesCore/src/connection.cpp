@@ -494,5 +494,10 @@ bool LidarUtilitiesManager::get_config_file() {
 }
 
 void LidarUtilitiesManager::StartGetConfigFile() {
-    startWorker([this] { get_config_file(); });
+    try {
+        startWorker([this] { get_config_file(); });
+    } catch (const std::system_error& e) {
+        // An invokable operation reports, it does not throw into the UI.
+        showErrorMessage(QString("Could not start the configuration-file query: ") + e.what());
+    }
 }
