@@ -387,17 +387,20 @@ QString fovWriteReport(LidarUtilitiesManager& manager, const FovEdits& edits, in
 
 // ---- watch ----
 
-volatile std::sig_atomic_t interrupted = 0;
+// Set by the signal handler, read by the event loop and by the page-refresh thread that prints:
+// a lock-free atomic is safe for both.
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the SIGINT flag must be lock-free");
 
 void onInterrupt(int) {
-    interrupted = 1;
+    interrupted.store(true);
 }
 
 // SIGINT ends the watch through the event loop, so the manager still stops cleanly.
 class InterruptGuard {
   public:
     InterruptGuard() {
-        interrupted = 0;
+        interrupted.store(false);
         struct sigaction action {};
         action.sa_handler = onInterrupt;
         sigemptyset(&action.sa_mask);
