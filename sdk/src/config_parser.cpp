@@ -1,5 +1,6 @@
 #include "sdk/config_parser.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <charconv>
@@ -314,19 +315,22 @@ bool ConfigParser::ExtractConfigInfo() {
                             std::to_string(open) + " to " +
                             std::to_string(reader->UnclosedQuoteLastLine()) + " are skipped");
     }
-    std::unordered_map<std::string_view, size_t> candidateById;
-    std::vector<Candidate> candidates = ReadRows(*reader, view, candidateById);
-    ResolveSwitchVars(candidates, candidateById);
+    // The var_id lookup built while reading is the catalogue's own once the rejected rows are out
+    // of it: one hash map, not two.
+    std::unordered_map<std::string_view, VarInfo*> byId;
+    std::vector<Candidate> candidates = ReadRows(*reader, view, byId);
+    ResolveSwitchVars(candidates, byId);
+    byId_ = std::move(byId);
     BuildCatalogue(candidates);
     return true;
 }
 
 std::vector<ConfigParser::Candidate> ConfigParser::ReadRows(
     const csv::CSVReader& reader, RowView& view,
-    std::unordered_map<std::string_view, size_t>& candidateById) {
+    std::unordered_map<std::string_view, VarInfo*>& byId) {
     std::vector<Candidate> candidates;
     candidates.reserve(reader.Rows().size());
-    candidateById.reserve(reader.Rows().size());
+    byId.reserve(reader.Rows().size());
     for (const csv::CSVRow& row : reader) {
         if (IsAllEmpty(row.Fields())) continue;  // spreadsheet filler such as ",,,,"
         view.Bind(&row.Fields());
@@ -334,10 +338,14 @@ std::vector<ConfigParser::Candidate> ConfigParser::ReadRows(
             Candidate candidate = ReadRow(view);
             candidate.line = row.LineNumber();
             const auto [it, inserted] =
-                candidateById.try_emplace(candidate.var->var_id, candidates.size());
+                byId.try_emplace(candidate.var->var_id, candidate.var.get());
             if (!inserted) {
+                const VarInfo* first = it->second;
+                const auto earlier =
+                    std::find_if(candidates.begin(), candidates.end(),
+                                 [first](const Candidate& c) { return c.var.get() == first; });
                 Reject(kVarId, candidate.var->var_id,
-                       "repeats the var_id of line " + std::to_string(candidates[it->second].line));
+                       "repeats the var_id of line " + std::to_string(earlier->line));
             }
             candidates.push_back(std::move(candidate));
         } catch (const RowError& e) {
@@ -397,21 +405,22 @@ ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {
     return c;
 }
 
-void ConfigParser::ResolveSwitchVars(
-    std::vector<Candidate>& candidates,
-    const std::unordered_map<std::string_view, size_t>& candidateById) {
+void ConfigParser::ResolveSwitchVars(std::vector<Candidate>& candidates,
+                                     std::unordered_map<std::string_view, VarInfo*>& byId) {
     // Rejecting a row can orphan a row that names it, so repeat until nothing changes.
     bool changed = true;
     while (changed) {
         changed = false;
         for (Candidate& c : candidates) {
             if (c.rejected || c.switchVarId.empty()) continue;
-            const auto it = candidateById.find(c.switchVarId);
-            if (it != candidateById.end() && !candidates[it->second].rejected) {
-                c.var->switch_var = candidates[it->second].var.get();
+            const auto it = byId.find(c.switchVarId);
+            if (it != byId.end()) {
+                c.var->switch_var = it->second;
                 continue;
             }
+            // Out of the lookup at once: rows naming it are rejected in the next round.
             c.rejected = true;
+            byId.erase(c.var->var_id);
             changed = true;
             RejectRow(c.line, std::string("column \"switch_var\": ") + Quoted(c.switchVarId) +
                                   " names no variable of this file");
@@ -429,7 +438,6 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
     size_t lastModule = kNoPosition, lastPage = 0;
     vars_.reserve(candidates.size());
     byName_.reserve(candidates.size());
-    byId_.reserve(candidates.size());
 
     for (Candidate& c : candidates) {
         if (c.rejected) continue;
@@ -464,7 +472,6 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         ++varsInModule[m];
 
         byName_.try_emplace(var->var_name, var);
-        byId_.emplace(var->var_id, var);
         if (var->log_list) logVars.push_back(var);
         if (!var->set_cmd.empty()) {
             std::vector<VarInfo*>& group = bySetCmd_[var->set_cmd];

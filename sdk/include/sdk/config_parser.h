@@ -57,10 +57,10 @@ class ConfigParser {
     void Report(int level, int line, const std::string& message);
     void RejectRow(int line, const std::string& reason);
     std::vector<Candidate> ReadRows(const csv::CSVReader& reader, RowView& view,
-                                    std::unordered_map<std::string_view, size_t>& candidateById);
+                                    std::unordered_map<std::string_view, VarInfo*>& byId);
     static Candidate ReadRow(const RowView& view);
     void ResolveSwitchVars(std::vector<Candidate>& candidates,
-                           const std::unordered_map<std::string_view, size_t>& candidateById);
+                           std::unordered_map<std::string_view, VarInfo*>& byId);
     void BuildCatalogue(std::vector<Candidate>& candidates);
     void WarnAboutLengthAndLimits(const VarInfo& var, int line);
     void WarnAboutVarType(const VarInfo& var, int line);
