@@ -468,7 +468,7 @@ TEST(SdkFeatureAndAuthConfig, LoadsPerModelAndPerProfile) {
     WriteFile(auth,
               "profile,commands,token\n"
               "Egret,*,\n"
-              "Plover,0x07|0x08| 0x21 ,secret\n"
+              "Plover,0x07|08| 21 ,secret\n"
               "Tern,0x07|0xZZ|0x100|0x23,\"t,k\"\n");
     const AuthConfig egret = AuthConfigParser::Load(auth, "Egret");
     EXPECT_TRUE(egret.allowAll);
@@ -476,6 +476,7 @@ TEST(SdkFeatureAndAuthConfig, LoadsPerModelAndPerProfile) {
 
     const AuthConfig plover = AuthConfigParser::Load(auth, "Plover");
     EXPECT_FALSE(plover.allowAll);
+    // Codes are hexadecimal with or without "0x", as in the catalogues.
     EXPECT_EQ(plover.commands, (std::set<uint8_t>{0x07, 0x08, 0x21}));
     EXPECT_TRUE(plover.Allows(0x21));
     EXPECT_FALSE(plover.Allows(0x10));

@@ -1,4 +1,3 @@
-#include <charconv>
 #include <exception>
 #include <fstream>
 #include <vector>
@@ -6,6 +5,7 @@
 #include "sdk/auth_config.h"
 #include "sdk/csv_table.h"
 #include "sdk/logger.h"
+#include "sdk/text_fields.h"
 
 namespace {
 
@@ -21,24 +21,6 @@ std::string Trim(const std::string& text) {
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-// "0x07" or "7"; false for anything that is not a byte value.
-bool ParseCommandCode(const std::string& text, uint8_t& code) {
-    std::string digits = text;
-    int base = 10;
-    if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) {
-        digits = digits.substr(2);
-        base = 16;
-    }
-    unsigned value = 0;
-    const char* end = digits.data() + digits.size();
-    const auto result = std::from_chars(digits.data(), end, value, base);
-    if (digits.empty() || result.ec != std::errc() || result.ptr != end || value > 0xFF) {
-        return false;
-    }
-    code = static_cast<uint8_t>(value);
-    return true;
-}
-
 void ReadCommandList(const std::string& path, int line, const std::string& list,
                      AuthConfig& config) {
     config.allowAll = false;
@@ -48,7 +30,8 @@ void ReadCommandList(const std::string& path, int line, const std::string& list,
         if (end == std::string::npos) end = list.size();
         const std::string item = Trim(list.substr(start, end - start));
         uint8_t code = 0;
-        if (ParseCommandCode(item, code)) {
+        // Hexadecimal, "0x" optional, as in the catalogues: "21" is 0x21.
+        if (lidar::text::ParseCommandCode(item, code)) {
             config.commands.insert(code);
         } else {
             ReportProblem(path, line,
