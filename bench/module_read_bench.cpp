@@ -54,18 +54,27 @@ std::string enterBenchFolder(benchmark::State& state) {
     return root;
 }
 
-void BM_ModuleReadVersusBareQueries(benchmark::State& state) {
-    const std::string root = enterBenchFolder(state);
-    if (root.empty()) return;
+// A simulated lidar serving the bench catalogue; null after reporting the failure.
+std::unique_ptr<sim::LidarSimulator> startBenchSimulator(benchmark::State& state,
+                                                         const std::string& root) {
     sim::LidarSimulator::Options options;
     options.model = "Bench";
     options.configDir = root + "/Config";
-    sim::LidarSimulator lidar(options);
+    auto lidar = std::make_unique<sim::LidarSimulator>(options);
     std::string error;
-    if (!lidar.Start(&error)) {
+    if (!lidar->Start(&error)) {
         state.SkipWithError(error.c_str());
-        return;
+        return nullptr;
     }
+    return lidar;
+}
+
+void BM_ModuleReadVersusBareQueries(benchmark::State& state) {
+    const std::string root = enterBenchFolder(state);
+    if (root.empty()) return;
+    const std::unique_ptr<sim::LidarSimulator> simulator = startBenchSimulator(state, root);
+    if (!simulator) return;
+    sim::LidarSimulator& lidar = *simulator;
 
     LidarUtilitiesManager manager(0, "");
     manager.InitConfigFileParser("Bench");
@@ -125,14 +134,9 @@ BENCHMARK(BM_VariableMapRebuild)->Unit(benchmark::kMicrosecond);
 void BM_StopWhileTheLidarIsSilent(benchmark::State& state) {
     const std::string root = enterBenchFolder(state);
     if (root.empty()) return;
-    sim::LidarSimulator::Options options;
-    options.model = "Bench";
-    options.configDir = root + "/Config";
-    sim::LidarSimulator lidar(options);
-    if (!lidar.Start()) {
-        state.SkipWithError("simulator did not start");
-        return;
-    }
+    const std::unique_ptr<sim::LidarSimulator> simulator = startBenchSimulator(state, root);
+    if (!simulator) return;
+    sim::LidarSimulator& lidar = *simulator;
     sim::Fault silent;
     silent.kind = sim::Fault::Kind::kNoReply;
 
