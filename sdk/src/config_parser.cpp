@@ -435,6 +435,9 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
     std::unordered_map<std::string, int32_t> setPayloadEnd;
     std::unordered_set<std::string> nonContiguousSetCmds;
     constexpr size_t kNoPosition = static_cast<size_t>(-1);
+    std::vector<VarInfo*>* lastSetGroup = nullptr;
+    int32_t* lastPayloadEnd = nullptr;
+    const std::string* lastSetCmd = nullptr;
     size_t lastModule = kNoPosition, lastPage = 0;
     vars_.reserve(candidates.size());
     byName_.reserve(candidates.size());
@@ -474,11 +477,16 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         byName_.try_emplace(var->var_name, var);
         if (var->log_list) logVars.push_back(var);
         if (!var->set_cmd.empty()) {
-            std::vector<VarInfo*>& group = bySetCmd_[var->set_cmd];
-            int32_t& payloadEnd = setPayloadEnd[var->set_cmd];
-            WarnAboutSetGroup(group, *var, payloadEnd, c.line, nonContiguousSetCmds);
-            group.push_back(var);
-            payloadEnd += var->offset;
+            // The variables of a set command usually follow each other: the previous command's
+            // entries are reused (references into unordered maps survive rehashing).
+            if (lastSetGroup == nullptr || var->set_cmd != *lastSetCmd) {
+                lastSetGroup = &bySetCmd_[var->set_cmd];
+                lastPayloadEnd = &setPayloadEnd[var->set_cmd];
+                lastSetCmd = &var->set_cmd;
+            }
+            WarnAboutSetGroup(*lastSetGroup, *var, *lastPayloadEnd, c.line, nonContiguousSetCmds);
+            lastSetGroup->push_back(var);
+            *lastPayloadEnd += var->offset;
         }
         vars_.push_back(std::move(c.var));
     }
