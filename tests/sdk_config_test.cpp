@@ -359,12 +359,12 @@ TEST(SdkConfigParser, ReportsFactorsLengthsLimitsAndAnUnclosedQuote) {
     ASSERT_TRUE(parser.ExtractConfigInfo());
 
     const auto errors = capture.Entries(Logger::kConfigError);
-    // The unclosed quote is found while the file is read, before any row is checked.
+    // In line order: the unclosed quote is known once the whole file has been read.
     const std::vector<std::pair<int, std::string>> expectedErrors = {
-        {9, "never closed; lines 9 to 11 are skipped"},
         {2, "\"scale\": \"0\" is zero"},
         {3, "\"scale\": \"inf\" is not a finite number"},
-        {4, "\"range_scale\": \"nan\" is not a finite number"}};
+        {4, "\"range_scale\": \"nan\" is not a finite number"},
+        {9, "never closed; lines 9 to 11 are skipped"}};
     ASSERT_EQ(errors.size(), expectedErrors.size());
     for (size_t i = 0; i < errors.size(); ++i) {
         EXPECT_EQ(errors[i].line, expectedErrors[i].first);

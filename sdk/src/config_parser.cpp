@@ -292,67 +292,68 @@ void ConfigParser::RejectRow(int line, const std::string& reason) {
 
 bool ConfigParser::ExtractConfigInfo() {
     Clear();
-    std::unique_ptr<csv::CSVReader> reader;
+    // Rows are turned into candidates as the CSV reader produces them; the table itself is never
+    // held in memory.
+    std::unique_ptr<RowView> view;
+    const char* missing = nullptr;
+    // The var_id lookup built while reading is the catalogue's own once the rejected rows are out
+    // of it: one hash map, not two.
+    std::unordered_map<std::string_view, VarInfo*> byId;
+    std::vector<Candidate> candidates;
+    const auto onHeader = [&](std::vector<std::string>&& header, size_t lines) {
+        view = std::make_unique<RowView>(header);
+        missing = view->FirstMissingRequired();
+        candidates.reserve(lines);
+        byId.reserve(lines);
+    };
+    const auto onRow = [&](const std::vector<std::string>& fields, int line) {
+        if (IsAllEmpty(fields)) return;  // spreadsheet filler such as ",,,,"
+        if (missing != nullptr) {
+            RejectRow(line, std::string("the header has no required column \"") + missing + "\"");
+            return;
+        }
+        view->Bind(&fields);
+        ReadCandidate(*view, line, candidates, byId);
+    };
+    csv::StreamOutcome outcome;
     try {
-        reader = std::make_unique<csv::CSVReader>(configPath_);
+        outcome = csv::StreamFile(configPath_, onHeader, onRow);
     } catch (const std::exception& e) {
         Report(Logger::kConfigError, 0, std::string("cannot read the catalogue: ") + e.what());
         return false;
     }
-
-    RowView view(reader->GetColNames());
-    if (const char* missing = view.FirstMissingRequired()) {
-        for (const csv::CSVRow& row : *reader) {
-            if (IsAllEmpty(row.Fields())) continue;
-            RejectRow(row.LineNumber(),
-                      std::string("the header has no required column \"") + missing + "\"");
-        }
-        return true;
-    }
-
-    if (const int open = reader->UnclosedQuoteLine()) {
+    if (view == nullptr) missing = kColumnNames[0];  // not even a header
+    if (const int open = outcome.unclosedQuoteLine) {
         RejectRow(open, "a quoted field opens on this line and is never closed; lines " +
-                            std::to_string(open) + " to " +
-                            std::to_string(reader->UnclosedQuoteLastLine()) + " are skipped");
+                            std::to_string(open) + " to " + std::to_string(outcome.lastLine) +
+                            " are skipped");
     }
-    // The var_id lookup built while reading is the catalogue's own once the rejected rows are out
-    // of it: one hash map, not two.
-    std::unordered_map<std::string_view, VarInfo*> byId;
-    std::vector<Candidate> candidates = ReadRows(*reader, view, byId);
+    if (missing != nullptr) return true;
+
     ResolveSwitchVars(candidates, byId);
     byId_ = std::move(byId);
     BuildCatalogue(candidates);
     return true;
 }
 
-std::vector<ConfigParser::Candidate> ConfigParser::ReadRows(
-    const csv::CSVReader& reader, RowView& view,
-    std::unordered_map<std::string_view, VarInfo*>& byId) {
-    std::vector<Candidate> candidates;
-    candidates.reserve(reader.Rows().size());
-    byId.reserve(reader.Rows().size());
-    for (const csv::CSVRow& row : reader) {
-        if (IsAllEmpty(row.Fields())) continue;  // spreadsheet filler such as ",,,,"
-        view.Bind(&row.Fields());
-        try {
-            Candidate candidate = ReadRow(view);
-            candidate.line = row.LineNumber();
-            const auto [it, inserted] =
-                byId.try_emplace(candidate.var->var_id, candidate.var.get());
-            if (!inserted) {
-                const VarInfo* first = it->second;
-                const auto earlier =
-                    std::find_if(candidates.begin(), candidates.end(),
-                                 [first](const Candidate& c) { return c.var.get() == first; });
-                Reject(kVarId, candidate.var->var_id,
-                       "repeats the var_id of line " + std::to_string(earlier->line));
-            }
-            candidates.push_back(std::move(candidate));
-        } catch (const RowError& e) {
-            RejectRow(row.LineNumber(), e.what());
+void ConfigParser::ReadCandidate(const RowView& view, int line, std::vector<Candidate>& candidates,
+                                 std::unordered_map<std::string_view, VarInfo*>& byId) {
+    try {
+        Candidate candidate = ReadRow(view);
+        candidate.line = line;
+        const auto [it, inserted] = byId.try_emplace(candidate.var->var_id, candidate.var.get());
+        if (!inserted) {
+            const VarInfo* first = it->second;
+            const auto earlier =
+                std::find_if(candidates.begin(), candidates.end(),
+                             [first](const Candidate& c) { return c.var.get() == first; });
+            Reject(kVarId, candidate.var->var_id,
+                   "repeats the var_id of line " + std::to_string(earlier->line));
         }
+        candidates.push_back(std::move(candidate));
+    } catch (const RowError& e) {
+        RejectRow(line, e.what());
     }
-    return candidates;
 }
 
 ConfigParser::Candidate ConfigParser::ReadRow(const RowView& view) {

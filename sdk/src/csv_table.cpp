@@ -2,6 +2,7 @@
 
 #include <csv.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -56,6 +57,9 @@ struct RowCollector {
     std::vector<std::pair<std::vector<std::string>, int>> rows;
     int currentLine = 0;
     int rowStartLine = 0;  // 0 while no row is in progress
+    size_t lineCount = 0;
+    const std::function<void(std::vector<std::string>&&, size_t)>* onHeader = nullptr;
+    const std::function<void(const std::vector<std::string>&, int)>* onRow = nullptr;
 
     static void OnField(void* data, size_t size, void* self) {
         auto* c = static_cast<RowCollector*>(self);
@@ -74,11 +78,19 @@ struct RowCollector {
             for (std::string& name : c->fields) name = TrimBlanks(name);
             c->header = std::move(c->fields);
             c->haveHeader = true;
+            if (c->onHeader) (*c->onHeader)(std::move(c->header), c->lineCount);
+        } else if (c->onRow) {
+            (*c->onRow)(c->fields, line);
         } else {
             c->rows.emplace_back(std::move(c->fields), line);
         }
-        c->fields.clear();
-        c->fields.reserve(c->header.size());
+        // A streamed row's vector is reused: its strings keep their storage for the next row.
+        if (!c->onRow) {
+            c->fields.clear();
+            c->fields.reserve(c->header.size());
+        } else {
+            c->fields.clear();
+        }
         c->rowStartLine = 0;
     }
 };
@@ -121,32 +133,24 @@ bool CSVRow::HasColumn(const std::string& column) const {
     return columns_->count(column) > 0;
 }
 
-CSVReader::CSVReader(const std::string& path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in) throw std::runtime_error("Can't open " + path);
-    std::string text(static_cast<size_t>(in.tellg()), '\0');
-    in.seekg(0);
-    if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) {
-        throw std::runtime_error("Can't read " + path);
-    }
-    Parse(text);
-}
-
 CSVReader CSVReader::FromText(const std::string& text) {
     CSVReader reader;
     reader.Parse(text);
     return reader;
 }
 
-void CSVReader::Parse(const std::string& text) {
+namespace {
+
+// Feeds the text to libcsv one line at a time, so that each row can be given the line it starts
+// on. Returns the line of a quoted field that never closes (0 when none).
+int ParseLines(const std::string& text, RowCollector& collector) {
     static const char kBom[] = "\xEF\xBB\xBF";
     const char* pos = text.data();
     const char* const end = text.data() + text.size();
     if (text.compare(0, 3, kBom) == 0) pos += 3;
+    collector.lineCount = static_cast<size_t>(std::count(pos, end, '\n')) + 1;
 
     ParserHandle parser;
-    RowCollector collector;
-    // Feed one line at a time so that each row can be given the line it starts on.
     while (pos < end) {
         const void* newline = std::memchr(pos, '\n', static_cast<size_t>(end - pos));
         const char* lineEnd = newline ? static_cast<const char*>(newline) + 1 : end;
@@ -165,13 +169,47 @@ void CSVReader::Parse(const std::string& text) {
     // A quoted field still open at the end of the text would swallow every line after its
     // opening quote: that row is dropped and its first line remembered for the report.
     if (InsideQuotedField(*parser.get())) {
-        unclosedQuoteLine_ =
-            collector.rowStartLine != 0 ? collector.rowStartLine : collector.currentLine;
-        unclosedQuoteLastLine_ = collector.currentLine;
         csv_fini(parser.get(), nullptr, nullptr, nullptr);
-    } else {
-        csv_fini(parser.get(), RowCollector::OnField, RowCollector::OnRowEnd, &collector);
+        return collector.rowStartLine != 0 ? collector.rowStartLine : collector.currentLine;
     }
+    csv_fini(parser.get(), RowCollector::OnField, RowCollector::OnRowEnd, &collector);
+    return 0;
+}
+
+std::string ReadWholeFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in) throw std::runtime_error("Can't open " + path);
+    std::string text(static_cast<size_t>(in.tellg()), '\0');
+    in.seekg(0);
+    if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) {
+        throw std::runtime_error("Can't read " + path);
+    }
+    return text;
+}
+
+}  // namespace
+
+StreamOutcome StreamFile(const std::string& path,
+                         const std::function<void(std::vector<std::string>&&, size_t)>& onHeader,
+                         const std::function<void(const std::vector<std::string>&, int)>& onRow) {
+    const std::string text = ReadWholeFile(path);
+    RowCollector collector;
+    collector.onHeader = &onHeader;
+    collector.onRow = &onRow;
+    StreamOutcome outcome;
+    outcome.unclosedQuoteLine = ParseLines(text, collector);
+    outcome.lastLine = collector.currentLine;
+    return outcome;
+}
+
+CSVReader::CSVReader(const std::string& path) {
+    Parse(ReadWholeFile(path));
+}
+
+void CSVReader::Parse(const std::string& text) {
+    RowCollector collector;
+    unclosedQuoteLine_ = ParseLines(text, collector);
+    if (unclosedQuoteLine_ != 0) unclosedQuoteLastLine_ = collector.currentLine;
 
     header_ = std::move(collector.header);
     auto columns = std::make_shared<std::unordered_map<std::string, size_t>>();

@@ -56,8 +56,8 @@ class ConfigParser {
     void Clear();
     void Report(int level, int line, const std::string& message);
     void RejectRow(int line, const std::string& reason);
-    std::vector<Candidate> ReadRows(const csv::CSVReader& reader, RowView& view,
-                                    std::unordered_map<std::string_view, VarInfo*>& byId);
+    void ReadCandidate(const RowView& view, int line, std::vector<Candidate>& candidates,
+                       std::unordered_map<std::string_view, VarInfo*>& byId);
     static Candidate ReadRow(const RowView& view);
     void ResolveSwitchVars(std::vector<Candidate>& candidates,
                            std::unordered_map<std::string_view, VarInfo*>& byId);

@@ -4,6 +4,7 @@
 // Nothing else in the project parses or writes CSV by hand.
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -31,6 +32,17 @@ class CSVRow {
     std::vector<std::string> fields_;
     int line_ = 0;
 };
+
+// Reads a file row by row without keeping the rows: for large files whose rows are turned into
+// something else at once. `onHeader` receives the trimmed header and the file's line count (a
+// size hint); `onRow` each row's fields (valid during the call) and the line the row starts on.
+struct StreamOutcome {
+    int unclosedQuoteLine = 0;  // as CSVReader::UnclosedQuoteLine
+    int lastLine = 0;
+};
+StreamOutcome StreamFile(const std::string& path,
+                         const std::function<void(std::vector<std::string>&&, size_t)>& onHeader,
+                         const std::function<void(const std::vector<std::string>&, int)>& onRow);
 
 class CSVReader {
   public:
