@@ -19,15 +19,17 @@ constexpr int kUsageError = 2;
 
 const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
-    "                 [--fault CMD:MODE]... [--restart-downtime MS]\n"
+    "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
     "  --port N               TCP port, 0 picks a free one (default 0)\n"
     "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
     "  --token T              require authorisation (0xA1) with this token for writes\n"
     "  --fault CMD:MODE       CMD in hex (0x07); MODE one of no-reply, delay=MS,\n"
-    "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N\n"
-    "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n";
+    "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N;\n"
+    "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, crc-mismatch\n"
+    "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
+    "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n";
 
 struct UsageError {
     std::string message;
@@ -101,6 +103,12 @@ Arguments ParseArguments(int argc, char** argv) {
                 throw UsageError{"bad --restart-downtime " + text};
             }
             args.options.restartDowntimeMs = static_cast<int>(number);
+        } else if (name == "--log-size") {
+            const std::string text = next();
+            if (!ParseNumber(text, 64L * 1024 * 1024, 10, number)) {
+                throw UsageError{"bad --log-size " + text};
+            }
+            args.options.logBytes = static_cast<size_t>(number);
         } else if (name == "--fault") {
             args.faults.push_back(ParseFaultArgument(next()));
         } else {

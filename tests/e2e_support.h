@@ -9,6 +9,7 @@
 #include <QStandardPaths>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -70,6 +71,42 @@ class CraftedConfig {
     TempDir root_;
 };
 
+// A working directory whose ./Config shows the shipped catalogues and access files (linked) but
+// keeps to itself what the manager writes there, such as the command history.
+class PrivateConfigRoot {
+  public:
+    PrivateConfigRoot() {
+        const std::string config = root_.file("Config");
+        const std::string link = "mkdir -p '" + config + "' && for f in varID auth_config.csv "
+                                 "feature_config.csv; do ln -s '" + SourceDir() +
+                                 "/Config/'$f '" + config + "/'$f; done";
+        if (std::system(link.c_str()) != 0) ADD_FAILURE() << "could not link Config/";
+    }
+    const std::string& root() const { return root_.path(); }
+    std::string file(const std::string& name) const { return root_.file(name); }
+
+  private:
+    TempDir root_;
+};
+
+// Where the catalogue variable `name` sits: the indexes UpgradeLidar and SetText take.
+inline bool FindVarPosition(LidarUtilitiesManager& manager, const std::string& name, int& module,
+                            int& page, int& row) {
+    const ConfigParser* parser = manager.getCurrentParser();
+    if (!parser) return false;
+    const auto& tree = parser->varTree;
+    for (size_t m = 0; m < tree.size(); ++m)
+        for (size_t p = 0; p < tree[m].size(); ++p)
+            for (size_t r = 0; r < tree[m][p].size(); ++r)
+                if (tree[m][p][r]->var_name == name) {
+                    module = static_cast<int>(m);
+                    page = static_cast<int>(p);
+                    row = static_cast<int>(r);
+                    return true;
+                }
+    return false;
+}
+
 // The manager, its signals recorded, with the shipped catalogues as ./Config.
 class ManagerSession {
   public:
@@ -80,14 +117,35 @@ class ManagerSession {
           manager_(std::make_unique<LidarUtilitiesManager>(0, "")),
           log_(manager_.get(), &LidarUtilitiesManager::sendLogMessage),
           errors_(manager_.get(), &LidarUtilitiesManager::errorMessageChanged),
+          successes_(manager_.get(), &LidarUtilitiesManager::successMessageChanged),
           connected_(manager_.get(), &LidarUtilitiesManager::isConnectedChanged) {
         manager_->InitConfigFileParser(QString::fromStdString(model));
         manager_->setIpAddress("127.0.0.1");
+        // Workers show messages from their own threads: record each text as it is shown.
+        QObject::connect(
+            manager_.get(), &LidarUtilitiesManager::errorMessageChanged, &receiver_,
+            [this] { Record("error: ", manager_->getErrorMessage()); }, Qt::DirectConnection);
+        QObject::connect(
+            manager_.get(), &LidarUtilitiesManager::successMessageChanged, &receiver_,
+            [this] { Record("success: ", manager_->getSuccessMessage()); },
+            Qt::DirectConnection);
+    }
+
+    // Every error and success message shown so far, in order: "error: TEXT", "success: TEXT".
+    std::vector<std::string> Messages() const {
+        std::lock_guard<std::mutex> lock(messagesMutex_);
+        return messages_;
+    }
+    bool Shown(const std::string& message) const {
+        for (const std::string& text : Messages())
+            if (text == message) return true;
+        return false;
     }
 
     LidarUtilitiesManager& m() { return *manager_; }
     QSignalSpy& log() { return log_; }
     QSignalSpy& errors() { return errors_; }
+    QSignalSpy& successes() { return successes_; }
     QSignalSpy& connectedSignals() { return connected_; }
 
     // Starts a connect and waits for the worker to end; true when the lidar is connected.
@@ -108,6 +166,7 @@ class ManagerSession {
     void ClearSpies() {
         log_.clear();
         errors_.clear();
+        successes_.clear();
         connected_.clear();
     }
 
@@ -115,11 +174,20 @@ class ManagerSession {
     // Each session starts from the defaults: an earlier one may have saved a local port.
     static bool RemoveSettingsFile() { return QFile::remove(SettingsFilePath()); }
 
+    void Record(const char* kind, const QString& text) {
+        std::lock_guard<std::mutex> lock(messagesMutex_);
+        messages_.push_back(kind + text.toStdString());
+    }
+
     ScopedCwd cwd_;
     bool settingsRemoved_;
+    QObject receiver_;  // destroyed after the manager: its connections end with it
+    mutable std::mutex messagesMutex_;
+    std::vector<std::string> messages_;
     std::unique_ptr<LidarUtilitiesManager> manager_;
     QSignalSpy log_;
     QSignalSpy errors_;
+    QSignalSpy successes_;
     QSignalSpy connected_;
 };
 

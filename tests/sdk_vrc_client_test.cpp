@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include <zlib.h>
+
 #include "sdk/authorized_vrc_client.h"
 #include "sdk/vrc_client.h"
 #include "sdk/vrc_frame.h"
@@ -384,11 +386,72 @@ TEST_F(VrcClientDevice, ProfileRefusalSendsNothing) {
     float read[10] = {};
     EXPECT_EQ(authorised.GetAllChannelFov(read, count, mode), lidar::kVrcRefused);
     EXPECT_EQ(authorised.WrenSetBaudRate(460800), lidar::kVrcRefused);
+    lidar::ProgressCounter progress{7};
+    EXPECT_EQ(authorised.UpgradeLidar(u8vec(3000, 1), "0x83", progress), lidar::kVrcRefused);
+    EXPECT_EQ(authorised.WrenUpgradeLidar(u8vec(3000, 1), 1, progress), lidar::kVrcRefused);
+    // A refused log request is "no reply" to the manager; the last code says why.
+    EXPECT_EQ(authorised.DownloadLog({0}, reply, 0x75), -1);
+    EXPECT_EQ(authorised.GetLastReturnCode(), lidar::kVrcRefused);
+    EXPECT_EQ(authorised.QuerySerialCommand({}, reply, 0x04), lidar::kVrcRefused);
     EXPECT_EQ(sim_->RequestCounts(), before);
     EXPECT_TRUE(authorised.IsOpen());
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_EQ(lines.size(), 8u);
     EXPECT_EQ(lines[0], "Command 0x25 refused by access profile Tern");
     EXPECT_EQ(lines[3], "Command 0xB1 refused by access profile Tern");
+    EXPECT_EQ(lines[4], "Command 0x83 refused by access profile Tern");
+    EXPECT_EQ(lines[6], "Command 0x75 refused by access profile Tern");
+}
+
+TEST_F(VrcClientDevice, TransferSendsEveryByteAndCountsAcknowledgedKibibytes) {
+    u8vec package(3 * 65536 + 1500);
+    for (size_t i = 0; i < package.size(); ++i) package[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    lidar::ProgressCounter progress{99};
+
+    // A refused chunk stops the transfer with the device's status; the connection stays.
+    auto failing = Connect();
+    sim_->SetFault(0x83, sim::Fault{sim::Fault::Kind::kFailChunk, 0, 4, 2});
+    EXPECT_EQ(failing->UpgradeLidar(package, 0x83, progress), 4);
+    EXPECT_EQ(progress.load(), 64);
+    EXPECT_TRUE(failing->IsOpen());
+    sim_->SetFault(0x83, sim::Fault{sim::Fault::Kind::kCrcMismatch, 0, 0, 0});
+    EXPECT_EQ(failing->UpgradeLidar(package, 0x83, progress), 1);
+    sim_->SetFault(0x83, sim::Fault{sim::Fault::Kind::kDropAfterChunks, 0, 0, 1});
+    EXPECT_EQ(failing->UpgradeLidar(package, 0x83, progress), lidar::kVrcClosedByPeer);
+    EXPECT_FALSE(failing->IsOpen());
+    sim_->ClearFaults();
+
+    auto client = Connect();
+    std::vector<std::string> lines;
+    std::mutex linesMutex;
+    client->SetLogCallback([&](const std::string& line) {
+        std::lock_guard<std::mutex> lock(linesMutex);
+        lines.push_back(line);
+    });
+    ASSERT_EQ(client->UpgradeLidar(package, 0x83, progress), 0) << client->LastError();
+    EXPECT_EQ(progress.load(), static_cast<int>(package.size() >> 10));
+    const std::vector<sim::Transfer> transfers = sim_->Transfers();
+    ASSERT_EQ(transfers.size(), 4u);
+    EXPECT_TRUE(transfers[3].completed);
+    EXPECT_EQ(transfers[3].chunks, 4);
+    EXPECT_EQ(transfers[3].receivedSize, package.size());
+    EXPECT_EQ(transfers[3].receivedCrc, crc32(0, package.data(), static_cast<uInt>(package.size())));
+    EXPECT_EQ(transfers[3].beginByte, -1);
+    // Begin, four chunks and end, each a frame of its own; a chunk's line shows its first bytes.
+    std::lock_guard<std::mutex> lock(linesMutex);
+    ASSERT_EQ(lines.size(), 12u);
+    EXPECT_EQ(lines[0], "SEND 0x83 [13] 56 52 83 00 00 00 00 05 00 00 03 05 DC");
+    EXPECT_EQ(lines[2].substr(0, 53), "SEND 0x83 [65549] 56 52 83 00 00 01 00 05 01 00 00 00");
+}
+
+TEST_F(VrcClientDevice, LogDownloadGivesMinusOneOnlyWithoutAReply) {
+    auto client = Connect(500);
+    u8vec reply;
+    EXPECT_EQ(client->DownloadLog({0}, reply, 0x75), 0);
+    EXPECT_EQ(reply, sim_->LogContent({0}));
+    EXPECT_EQ(client->DownloadLog({0}, reply, 0x5E), 2);  // unknown to the device: its status
+    sim_->SetFault(0x75, sim::Fault{sim::Fault::Kind::kNoReply, 0, 0, 0});
+    EXPECT_EQ(client->DownloadLog({0}, reply, 0x75), -1);
+    EXPECT_EQ(client->GetLastReturnCode(), lidar::kVrcTimeout);
 }
 
 TEST_F(VrcClientDevice, AuthorisationWithRightWrongAndMissingToken) {

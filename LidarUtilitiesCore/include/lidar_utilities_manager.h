@@ -9,8 +9,10 @@
 // read and written under fieldsMutex_; the catalogue's current_val texts and the UI caches under
 // catalogueMutex_; the SDK clients are shared pointers swapped under clientMutex_.
 
+#include <QList>
 #include <QObject>
 #include <QString>
+#include <QUrl>
 #include <QVariant>
 #include <QVariantList>
 #include <array>
@@ -21,6 +23,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -38,6 +41,9 @@ namespace lidar {
 class SerialSource;
 class SerialClient;
 }  // namespace lidar
+
+struct ConsoleTexts;
+class QFile;
 
 class LidarUtilitiesManager : public QObject {
     Q_OBJECT
@@ -241,6 +247,27 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList getFovList() const;
     Q_INVOKABLE void SetMultiFovConfig(int index, QString value);
 
+    // ---- Command console (console.cpp) ----
+    Q_INVOKABLE void SendCommand(QString header, QString payload);
+    Q_INVOKABLE void SendSerialCommand(QString header, QString payload);
+    Q_INVOKABLE void SendVrcSerialCommand(QString header, QString payload);
+    Q_INVOKABLE void WriteCommandLogToLocalCommandFile();
+    Q_INVOKABLE void GetLocalCommandFileLog();
+    Q_INVOKABLE QVariantList getSendCommandHistory() const;
+    Q_INVOKABLE int getCommandLogCnt() const;
+
+    // ---- Firmware upgrade (upgrade.cpp) ----
+    Q_INVOKABLE int UpgradeLidar(QUrl file, int i, int j, int k);
+    Q_INVOKABLE int WrenUpgradeLidar(QUrl file);
+    Q_INVOKABLE void WrenSetUpgradeMode(int mode) { upgradeMode.store(mode); }
+    void GetLidarUpgradeInfo(u8Array_t& package, std::string command);
+
+    // ---- Log download (log_download.cpp) ----
+    Q_INVOKABLE int DownloadLog(QUrl folder, QString name);
+    Q_INVOKABLE int DownloadOperationLog(QUrl archive);
+    void DownloadLogThread(QUrl folder, QString name);
+    void DownloadOperationLogThread(QUrl archive);
+
     // The SDK client of kinds 0 and 2, or null.
     std::shared_ptr<AuthorizedVrcClient> getAuthorizedClient() const;
 
@@ -325,6 +352,19 @@ class LidarUtilitiesManager : public QObject {
                            bool update);
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
+    using ConsoleExchange = std::function<int(uint8_t, const u8Array_t&, u8Array_t&)>;
+    std::optional<uint8_t> exchangeConsoleCommand(const QString& header, const QString& payload,
+                                                  const ConsoleTexts& texts,
+                                                  const ConsoleExchange& exchange);
+    void setConsoleReply(const std::string& header, const std::string& payload);
+    // Upgrade and log workers: started after the checks, joined by the destructor.
+    bool startPackageTransfer(QFile& file, std::string command);
+    // Sleeps ms unless the manager is being destroyed; false when it is.
+    bool sleepUnlessClosing(long ms);
+    void deviceLogOutcome(const QString& name, int result, int lastCode, const QString& path,
+                          const u8Array_t& reply);
+    static bool runTar(const QString& workFolder, const QString& archivePath,
+                       const QStringList& names);
 
   public:
     // ---- Fields shared by several subsystems, in declaration order ----
@@ -421,6 +461,13 @@ class LidarUtilitiesManager : public QObject {
     std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
 
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
+
+    // Command history, newest first, at most ten (UI thread only).
+    QList<SendCmdRecord> sendCmdHistory;
+    // Set by the destructor: wakes the workers' waits so that they end at once.
+    std::atomic<bool> closing_{false};
+    std::mutex closingMutex_;
+    std::condition_variable closingWake_;
 
     // Monitor.
     QList<MonitorHwVersionInfo> monitorHwVersions;  // guarded by fieldsMutex_

@@ -3,11 +3,12 @@
 #include <QString>
 #include <cstdint>
 
-// One entry of the raw-command history.
+// One entry of the raw-command history: when it was sent, the command code and the payload as
+// the user gave them (after cleaning).
 struct SendCmdRecord {
+    QString time;
     QString cmd;
     QString payload;
-    QString time;
 };
 
 // One monitor variant of a model: Monitor_<version>_<number>.csv in the model's folder.

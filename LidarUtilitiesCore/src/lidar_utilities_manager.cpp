@@ -59,8 +59,16 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
 }
 
 LidarUtilitiesManager::~LidarUtilitiesManager() {
-    // A connect worker still running is cancelled, then waited for, so that it cannot start a
-    // page thread after Stop.
+    // Workers end at once: their waits are woken, a transfer or log request in progress fails
+    // when the client closes, and a connect worker still running is cancelled. Then they are
+    // waited for, so that none starts a page thread after Stop or touches a destroyed manager.
+    {
+        std::lock_guard<std::mutex> lock(closingMutex_);
+        closing_.store(true);
+    }
+    closingWake_.notify_all();
+    if (std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient())
+        client->GetClient().Close();
     cancelConnectAttempt();
     waitForWorkers();
     Stop();

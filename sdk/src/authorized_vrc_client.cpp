@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstdio>
 
+#include "sdk/text_fields.h"
+
 namespace {
 
 constexpr uint8_t kAuthProbe = 0xA0;
@@ -10,6 +12,8 @@ constexpr uint8_t kAuthorise = 0xA1;
 constexpr uint8_t kGetFov = 0x23;
 constexpr uint8_t kSetFov = 0x22;
 constexpr uint8_t kSetSerialBaudRate = 0xB1;
+constexpr uint8_t kSerialFirmwareUpgrade = 0xB7;
+constexpr uint8_t kSerialPassThrough = 0xB8;
 
 std::string CommandText(uint8_t command) {
     char text[8];
@@ -96,6 +100,39 @@ int AuthorizedVrcClient::SetAllChannelFov(const float* values, int count, uint8_
 int AuthorizedVrcClient::WrenSetBaudRate(uint32_t rate) {
     if (!Permit(kSetSerialBaudRate)) return lidar::kVrcRefused;
     return client_->WrenSetBaudRate(rate);
+}
+
+int AuthorizedVrcClient::UpgradeLidar(const u8Array_t& package, const std::string& command,
+                                      lidar::ProgressCounter& progress) {
+    uint8_t code = 0;
+    if (!lidar::text::ParseCommandCode(command, code)) {
+        progress.store(0);
+        client_->RecordReturnCode(lidar::kVrcNotConnected);
+        Log("Upgrade command \"" + command + "\" is not a command code; nothing was sent");
+        return lidar::kVrcNotConnected;
+    }
+    if (!Permit(code)) return lidar::kVrcRefused;
+    return client_->UpgradeLidar(package, code, progress);
+}
+
+int AuthorizedVrcClient::WrenUpgradeLidar(const u8Array_t& package, int mode,
+                                          lidar::ProgressCounter& progress) {
+    if (!Permit(kSerialFirmwareUpgrade)) return lidar::kVrcRefused;
+    return client_->WrenUpgradeLidar(package, mode, progress);
+}
+
+int AuthorizedVrcClient::DownloadLog(const u8Array_t& payload, u8Array_t& reply,
+                                     unsigned char command) {
+    reply.clear();
+    if (!Permit(command)) return lidar::kVrcNotConnected;
+    return client_->DownloadLog(payload, reply, command);
+}
+
+int AuthorizedVrcClient::QuerySerialCommand(const u8Array_t& payload, u8Array_t& reply,
+                                            uint8_t code) {
+    reply.clear();
+    if (!Permit(kSerialPassThrough)) return lidar::kVrcRefused;
+    return client_->QuerySerialCommand(payload, reply, code);
 }
 
 // ---- AuthGate ----------------------------------------------------------------------------------

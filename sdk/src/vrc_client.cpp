@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include <zlib.h>
+
 #include "sdk/socket_source.h"
 
 namespace lidar {
@@ -16,6 +18,16 @@ constexpr size_t kLoggedBytes = 64;
 constexpr uint8_t kGetFov = 0x23;
 constexpr uint8_t kSetFov = 0x22;
 constexpr uint8_t kSetSerialBaudRate = 0xB1;
+constexpr uint8_t kSerialFirmwareUpgrade = 0xB7;
+constexpr uint8_t kSerialPassThrough = 0xB8;
+// Transfers: the protocol's largest data chunk. One chunk is on the wire at a time (one request
+// outstanding per connection); see docs/protocol.md for the figures behind the choice.
+constexpr size_t kTransferChunk = 64 * 1024;
+constexpr uint8_t kPhaseBegin = 0;
+constexpr uint8_t kPhaseData = 1;
+constexpr uint8_t kPhaseEnd = 2;
+// A body at most this long is copied into the frame and sent with the header in one write.
+constexpr size_t kCopiedBody = 4096;
 
 uint32_t OrDefault(uint32_t timeoutMs) {
     return timeoutMs == 0 ? kDefaultTimeoutMs : timeoutMs;
@@ -27,22 +39,34 @@ std::string CommandText(uint8_t command) {
     return text;
 }
 
-// "SEND 0x07 [8] 56 52 07 00 00 00 00 00", at most kLoggedBytes bytes shown.
+// "SEND 0x07 [8] 56 52 07 00 00 00 00 00", at most kLoggedBytes bytes shown. The frame is the
+// header, then head, then body.
 std::string FrameLine(const char* direction, uint8_t command, const std::vector<uint8_t>& header,
-                      const std::vector<uint8_t>& payload) {
-    const size_t total = header.size() + payload.size();
+                      const uint8_t* head, size_t headSize, const uint8_t* body, size_t bodySize) {
+    const size_t total = header.size() + headSize + bodySize;
     std::string line =
         std::string(direction) + " " + CommandText(command) + " [" + std::to_string(total) + "]";
     const size_t shown = std::min(total, kLoggedBytes);
     line.reserve(line.size() + shown * 3 + 24);
     char hex[4];
     for (size_t i = 0; i < shown; ++i) {
-        const uint8_t byte = i < header.size() ? header[i] : payload[i - header.size()];
+        uint8_t byte = 0;
+        if (i < header.size()) {
+            byte = header[i];
+        } else if (i < header.size() + headSize) {
+            byte = head[i - header.size()];
+        } else {
+            byte = body[i - header.size() - headSize];
+        }
         std::snprintf(hex, sizeof hex, " %02X", byte);
         line += hex;
     }
     if (shown < total) line += " ... (" + std::to_string(total) + " bytes)";
     return line;
+}
+
+void AppendUint32(u8vec& out, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
 }
 
 void AppendUint16(u8vec& out, uint16_t value) {
@@ -130,8 +154,10 @@ void VrcClient::Log(const std::string& line) {
 }
 
 void VrcClient::LogFrame(const char* direction, uint8_t command, const std::vector<uint8_t>& header,
-                         const std::vector<uint8_t>& payload) {
-    if (HasLogCallback()) Log(FrameLine(direction, command, header, payload));
+                         const uint8_t* head, size_t headSize, const uint8_t* body,
+                         size_t bodySize) {
+    if (HasLogCallback())
+        Log(FrameLine(direction, command, header, head, headSize, body, bodySize));
 }
 
 void VrcClient::CloseSocket() {
@@ -170,32 +196,46 @@ int VrcClient::QueryCommand(const u8vec& payload, u8vec& reply, uint8_t command,
 }
 
 int VrcClient::QueryLocked(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader) {
+    Request request;
+    request.command = command;
+    request.body = payload.data();
+    request.bodySize = payload.size();
+    return QueryLocked(request, reply, withHeader);
+}
+
+int VrcClient::QueryLocked(const Request& request, u8vec& reply, bool withHeader) {
     reply.clear();
+    const uint8_t command = request.command;
     const std::string name = CommandText(command);
     if (!socket_->IsOpen()) {
         const std::string why = LastError();
         return Refuse(kVrcNotConnected, why.empty() ? "not connected" : why);
     }
-    if (payload.size() > vrc::kMaxPayload) {
+    if (request.Size() > vrc::kMaxPayload) {
         return Refuse(kVrcNotConnected, "request " + name + " of " +
-                                            std::to_string(payload.size()) +
+                                            std::to_string(request.Size()) +
                                             " bytes exceeds the 64 MiB limit");
     }
     const std::vector<uint8_t> header =
-        vrc::EncodeHeader(command, vrc::kStatusOk, static_cast<uint32_t>(payload.size()));
-    LogFrame("SEND", command, header, payload);
+        vrc::EncodeHeader(command, vrc::kStatusOk, static_cast<uint32_t>(request.Size()));
+    LogFrame("SEND", command, header, request.head, request.headSize, request.body,
+             request.bodySize);
     std::vector<uint8_t> frame = header;
-    frame.insert(frame.end(), payload.begin(), payload.end());
-    if (!socket_->Send(frame.data(), frame.size(), receiveTimeoutMs_)) {
-        return Fail(kVrcNotConnected, "cannot send " + name + ": " + socket_->LastError());
-    }
+    frame.insert(frame.end(), request.head, request.head + request.headSize);
+    const bool bodyApart = request.bodySize > kCopiedBody;
+    if (!bodyApart) frame.insert(frame.end(), request.body, request.body + request.bodySize);
+    const bool sent =
+        socket_->Send(frame.data(), frame.size(), receiveTimeoutMs_) &&
+        (!bodyApart || socket_->Send(request.body, request.bodySize, receiveTimeoutMs_));
+    if (!sent) return Fail(kVrcNotConnected, "cannot send " + name + ": " + socket_->LastError());
     vrc::Frame answer;
     const int received = AwaitReply(command, answer);
     if (received != kVrcOk) return received;
 
     const std::vector<uint8_t> replyHeader = vrc::EncodeHeader(
         answer.command, answer.status, static_cast<uint32_t>(answer.payload.size()));
-    LogFrame("RECV", answer.command, replyHeader, answer.payload);
+    LogFrame("RECV", answer.command, replyHeader, nullptr, 0, answer.payload.data(),
+             answer.payload.size());
     if (answer.command != command) {
         return Fail(kVrcMalformed,
                     "malformed reply to " + name + ": it carries " + CommandText(answer.command));
@@ -306,6 +346,83 @@ int VrcClient::WrenSetBaudRate(uint32_t rate) {
     const int result = QueryCommand(payload, reply, kSetSerialBaudRate, false);
     if (result == kVrcOk) serialBaudRate_.store(rate);
     return result;
+}
+
+int VrcClient::UpgradeLidar(const u8Array_t& package, uint8_t command, ProgressCounter& progress) {
+    return Transfer(command, std::nullopt, package, progress);
+}
+
+int VrcClient::WrenUpgradeLidar(const u8Array_t& package, int mode, ProgressCounter& progress) {
+    if (mode < 0 || mode > 255) {
+        progress.store(0);
+        std::lock_guard<std::mutex> query(queryMutex_);
+        return Remember(Refuse(kVrcNotConnected, "WrenUpgradeLidar: upgrade mode " +
+                                                     std::to_string(mode) +
+                                                     " does not fit its byte (0 to 255)"));
+    }
+    return Transfer(kSerialFirmwareUpgrade, static_cast<uint8_t>(mode), package, progress);
+}
+
+// Each phase is one request; other threads' requests may come between chunks. The CRC is
+// computed chunk by chunk as the chunks go out, so the package is read once.
+int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
+                        const u8Array_t& package, ProgressCounter& progress) {
+    progress.store(0);
+    if (package.size() > UINT32_MAX) {
+        std::lock_guard<std::mutex> query(queryMutex_);
+        return Remember(Refuse(kVrcNotConnected, "firmware package of " +
+                                                     std::to_string(package.size()) +
+                                                     " bytes does not fit the 4-byte size"));
+    }
+    u8vec head{kPhaseBegin};
+    if (beginExtra) head.push_back(*beginExtra);
+    AppendUint32(head, static_cast<uint32_t>(package.size()));
+    u8vec reply;
+    Request request;
+    request.command = command;
+    request.head = head.data();
+    request.headSize = head.size();
+    int result = QueryOne(request, reply);
+    if (result != kVrcOk) return result;
+
+    uLong crc = crc32(0L, Z_NULL, 0);
+    for (size_t offset = 0; offset < package.size(); offset += kTransferChunk) {
+        const size_t size = std::min(kTransferChunk, package.size() - offset);
+        head = {kPhaseData};
+        AppendUint32(head, static_cast<uint32_t>(offset));
+        request.head = head.data();
+        request.headSize = head.size();
+        request.body = package.data() + offset;
+        request.bodySize = size;
+        result = QueryOne(request, reply);
+        if (result != kVrcOk) return result;
+        crc = crc32(crc, package.data() + offset, static_cast<uInt>(size));
+        progress.store(static_cast<int>((offset + size) >> 10));
+    }
+
+    head = {kPhaseEnd};
+    AppendUint32(head, static_cast<uint32_t>(crc));
+    request.head = head.data();
+    request.headSize = head.size();
+    request.body = nullptr;
+    request.bodySize = 0;
+    return QueryOne(request, reply);
+}
+
+int VrcClient::QueryOne(const Request& request, u8vec& reply) {
+    std::lock_guard<std::mutex> query(queryMutex_);
+    return Remember(QueryLocked(request, reply, false));
+}
+
+int VrcClient::DownloadLog(const u8Array_t& payload, u8Array_t& reply, unsigned char command) {
+    const int result = QueryCommand(payload, reply, command, false);
+    return result < 0 ? kVrcNotConnected : result;
+}
+
+int VrcClient::QuerySerialCommand(const u8Array_t& payload, u8Array_t& reply, uint8_t code) {
+    u8vec request{code};
+    request.insert(request.end(), payload.begin(), payload.end());
+    return QueryCommand(request, reply, kSerialPassThrough, false);
 }
 
 }  // namespace lidar

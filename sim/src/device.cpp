@@ -27,6 +27,8 @@ constexpr uint8_t kFirmwareUpgrade = 0x83;
 constexpr uint8_t kGetBaudRate = 0xB0;
 constexpr uint8_t kSetBaudRate = 0xB1;
 constexpr uint8_t kSerialFirmwareUpgrade = 0xB7;
+constexpr uint8_t kSerialPassThrough = 0xB8;
+constexpr uint8_t kSerialFaultState = 0x04;
 constexpr uint8_t kComponentUpgrade = 0xC3;
 
 constexpr uint32_t kDefaultBaudRate = 3000000;
@@ -216,11 +218,14 @@ Reply Device::Handle(const vrc::Frame& request, Session& session) {
             return ReachedOverSerialLine() ? SetBaudRate(payload)
                                            : Status(vrc::kStatusUnknownCommand);
         case kFirmwareUpgrade:
-            return Upgrade(payload, 0, session);
+            return Upgrade(command, payload, 0, session);
         case kSerialFirmwareUpgrade:
         case kComponentUpgrade:
             // The begin phase carries the upgrade mode or the component type after the phase.
-            return ReachedOverSerialLine() ? Upgrade(payload, 1, session)
+            return ReachedOverSerialLine() ? Upgrade(command, payload, 1, session)
+                                           : Status(vrc::kStatusUnknownCommand);
+        case kSerialPassThrough:
+            return ReachedOverSerialLine() ? SerialPassThrough(payload)
                                            : Status(vrc::kStatusUnknownCommand);
         default:
             return CatalogueCommand(command, payload);
@@ -239,6 +244,10 @@ Reply Device::ServeFixedBlock(uint8_t command, const Bytes& payload) {
 
 Reply Device::Reboot(bool restoreDefaults) {
     if (restoreDefaults) blocks_.RestoreDefaults();
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        rebootPending_ = false;
+    }
     Reply reply;
     reply.after = Reply::After::kReboot;
     return reply;
@@ -281,26 +290,45 @@ Reply Device::ConfigurationFile() const {
     return TextReply(text.str());
 }
 
-// A log the catalogue describes (0x75 with its payload) is served from its block; any other
-// request gets a generated text that differs per log number and selected part.
+// Every log is logBytes_ long (at least its catalogue block): the catalogue's block for the
+// request when there is one (so a page that shows the log's first bytes reads them unchanged),
+// then generated lines that name the log and its part, so every log and part differs.
 Reply Device::ReadLog(const Bytes& payload) {
-    Reply reply;
-    if (blocks_.Serve(kReadLog, payload, reply.payload)) return reply;
-    const int number = payload.empty() ? 0 : payload[0];
-    const Bytes selector = payload.size() > 1 ? Bytes(payload.begin() + 1, payload.end()) : Bytes{};
-    std::ostringstream text;
-    if (number == 0) {
-        text << model_ << " device log\n"
-             << "[0.000] boot: firmware started\n"
-             << "[0.120] net: link up\n"
-             << "[0.300] scan: motor at speed\n";
-    } else {
-        text << model_ << " log " << number << "\n"
-             << "[0.050] op: settings loaded\n"
-             << "[1.000] op: idle\n";
+    return Payload(LogContent(payload));
+}
+
+Bytes Device::LogContent(const Bytes& request) const {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        auto cached = logCache_.find(request);
+        if (cached != logCache_.end()) return cached->second;
     }
-    if (!selector.empty()) text << "part " << HexText(selector) << "\n";
-    return TextReply(text.str());
+    Bytes content = GenerateLog(request);
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return logCache_.emplace(request, std::move(content)).first->second;
+}
+
+Bytes Device::GenerateLog(const Bytes& request) const {
+    static const char* const kEvents[] = {
+        "scan: motor at speed",     "net: link up",          "temp: board 41.5 C",
+        "op: settings loaded",      "ptp: offset 120 ns",    "scan: frame rate 10 Hz",
+        "power: supply 24.1 V",     "op: idle",              "warn: window contamination low",
+    };
+    Bytes log = blocks_.Peek(kReadLog, request);
+    const std::string heading = model_ + " log " + HexText(request) + "\n";
+    log.insert(log.end(), heading.begin(), heading.end());
+    // The part selects where the cycle starts and the time step, so parts differ line by line.
+    unsigned seed = 0;
+    for (uint8_t b : request) seed = seed * 31 + b;
+    char line[96];
+    for (unsigned n = 0; log.size() < logBytes_; ++n) {
+        const double seconds = n * (0.125 + 0.001 * (seed % 7));
+        const int length = std::snprintf(line, sizeof line, "[%010.3f] %s #%u\n", seconds,
+                                         kEvents[(n + seed) % 9], n);
+        log.insert(log.end(), line, line + length);
+    }
+    if (log.size() > logBytes_ && logBytes_ >= heading.size()) log.resize(logBytes_);
+    return log;
 }
 
 Reply Device::ProbeAuthorisation(const Session& session) const {
@@ -333,8 +361,63 @@ Reply Device::SetBaudRate(const Bytes& payload) {
     return Reply{};
 }
 
-Reply Device::Upgrade(const Bytes& payload, size_t beginExtraBytes, Session& session) {
-    return Status(session.upgrade.Handle(payload, beginExtraBytes));
+// A device that completed a transfer waits for its restart and takes no other transfer. The
+// serial-line models' transfer (0xB7) ends with the device rebooting by itself.
+Reply Device::Upgrade(uint8_t command, const Bytes& payload, size_t beginExtraBytes,
+                      Session& session) {
+    if (RebootPending()) return Status(vrc::kStatusBusy);
+    const uint8_t status = session.upgrade.Handle(payload, beginExtraBytes);
+    const UpgradeReceiver::Phase phase = UpgradeReceiver::PhaseOf(payload);
+    RecordTransfer(command, phase == UpgradeReceiver::Phase::kBegin && status == 0, session);
+    Reply reply = Status(status);
+    const bool ended = phase == UpgradeReceiver::Phase::kEnd && status == 0;
+    if (ended && command == kSerialFirmwareUpgrade) reply.after = Reply::After::kReboot;
+    return reply;
+}
+
+void Device::RecordTransfer(uint8_t command, bool begun, Session& session) {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    if (begun) {
+        session.transferIndex = transfers_.size();
+        transfers_.push_back(session.upgrade.Current());
+        transfers_.back().command = command;
+        return;
+    }
+    if (session.transferIndex >= transfers_.size()) return;
+    Transfer& record = transfers_[session.transferIndex];
+    record = session.upgrade.Current();
+    record.command = command;
+    if (record.completed && command != kSerialFirmwareUpgrade) rebootPending_ = true;
+}
+
+std::vector<Transfer> Device::Transfers() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return transfers_;
+}
+
+bool Device::RebootPending() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return rebootPending_;
+}
+
+// 0xB8 carries a serial command: its code, then its payload. The answer is the serial reply's
+// 8-byte header (start marker, code, status, length) and payload. Only the fault state is
+// served here; other codes are unknown to the serial handler (status 2 in the serial header).
+Reply Device::SerialPassThrough(const Bytes& payload) {
+    if (payload.empty()) return Status(vrc::kStatusBadPayload);
+    const uint8_t code = payload[0];
+    Bytes serialPayload;
+    uint8_t serialStatus = vrc::kStatusOk;
+    if (code == kSerialFaultState) {
+        serialPayload = {0};  // state 0: no fault, no codes
+    } else {
+        serialStatus = vrc::kStatusUnknownCommand;
+    }
+    Bytes reply{0xA5, 0x5A, code, serialStatus};
+    const Bytes length = BigEndian32(static_cast<uint32_t>(serialPayload.size()));
+    reply.insert(reply.end(), length.begin(), length.end());
+    reply.insert(reply.end(), serialPayload.begin(), serialPayload.end());
+    return Payload(std::move(reply));
 }
 
 Reply Device::CatalogueCommand(uint8_t command, const Bytes& payload) {

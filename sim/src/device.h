@@ -4,7 +4,11 @@
 // commands, the catalogue's get and set commands, and the authorisation rule.
 
 #include <cstdint>
+#include <limits>
+#include <map>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "block_store.h"
 #include "sdk/vrc_frame.h"
@@ -16,6 +20,7 @@ namespace sim::detail {
 struct Session {
     bool authorised = false;
     UpgradeReceiver upgrade;
+    size_t transferIndex = std::numeric_limits<size_t>::max();  // its entry in the device's list
 };
 
 struct Reply {
@@ -35,12 +40,16 @@ class Device {
     // Finds and parses the model's catalogue under configDir/varID; false with a reason.
     bool Load(const std::string& model, const std::string& configDir, std::string* error);
     void SetRequiredToken(std::string token) { requiredToken_ = std::move(token); }
+    void SetLogBytes(size_t bytes) { logBytes_ = bytes; }
 
     Reply Handle(const lidar::vrc::Frame& request, Session& session);
 
     BlockStore& Blocks() { return blocks_; }
     const BlockStore& Blocks() const { return blocks_; }
     const std::string& CataloguePath() const { return cataloguePath_; }
+    std::vector<Transfer> Transfers() const;
+    bool RebootPending() const;
+    Bytes LogContent(const Bytes& request) const;
 
   private:
     bool IsRead(uint8_t command, const Bytes& payload) const;
@@ -57,13 +66,23 @@ class Device {
     Reply Authorise(const Bytes& payload, Session& session) const;
     Reply GetBaudRate();
     Reply SetBaudRate(const Bytes& payload);
-    Reply Upgrade(const Bytes& payload, size_t beginExtraBytes, Session& session);
+    Reply Upgrade(uint8_t command, const Bytes& payload, size_t beginExtraBytes, Session& session);
+    void RecordTransfer(uint8_t command, bool begun, Session& session);
+    Reply SerialPassThrough(const Bytes& payload);
+    Bytes GenerateLog(const Bytes& request) const;
     Reply CatalogueCommand(uint8_t command, const Bytes& payload);
 
     std::string model_;
     std::string cataloguePath_;
     std::string requiredToken_;
     BlockStore blocks_;
+    size_t logBytes_ = 4096;
+
+    // Shared by the connections' threads.
+    mutable std::mutex stateMutex_;
+    std::vector<Transfer> transfers_;
+    bool rebootPending_ = false;
+    mutable std::map<Bytes, Bytes> logCache_;
 };
 
 }  // namespace sim::detail

@@ -30,7 +30,8 @@ bool Fault::Parse(const std::string& text, Fault& out) {
                   {"close-mid-reply", Kind::kCloseMidReply},
                   {"bad-magic", Kind::kBadMagic},
                   {"oversized-length", Kind::kOversizedLength},
-                  {"wrong-echo", Kind::kWrongEcho}};
+                  {"wrong-echo", Kind::kWrongEcho},
+                  {"crc-mismatch", Kind::kCrcMismatch}};
     for (const auto& plain : kPlain) {
         if (text == plain.name) {
             out = Fault{};
@@ -51,6 +52,26 @@ bool Fault::Parse(const std::string& text, Fault& out) {
         out.kind = Kind::kStatus;
         out.status = static_cast<uint8_t>(number);
         return true;
+    }
+    if (StartsWith(text, "drop-after-chunks=") &&
+        ParseCount(text.substr(18), 1L << 30, number)) {
+        out = Fault{};
+        out.kind = Kind::kDropAfterChunks;
+        out.count = static_cast<int>(number);
+        return true;
+    }
+    if (StartsWith(text, "fail-chunk=")) {
+        const std::string spec = text.substr(11);
+        const size_t colon = spec.find(':');
+        long status = 0;
+        if (colon != std::string::npos && ParseCount(spec.substr(0, colon), 1L << 30, number) &&
+            number >= 1 && ParseCount(spec.substr(colon + 1), 255, status)) {
+            out = Fault{};
+            out.kind = Kind::kFailChunk;
+            out.count = static_cast<int>(number);
+            out.status = static_cast<uint8_t>(status);
+            return true;
+        }
     }
     return false;
 }

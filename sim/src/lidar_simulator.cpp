@@ -16,6 +16,7 @@
 #include <cstring>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "device.h"
@@ -93,6 +94,8 @@ class LidarSimulator::Impl {
     bool HandleRequest(Connection& conn, const vrc::Frame& request);
     bool SendReply(int fd, uint8_t command, const detail::Reply& reply, const Fault& fault);
     Fault FaultFor(uint8_t command) const;
+    std::optional<bool> ApplyTransferFault(Connection& conn, const vrc::Frame& request,
+                                           const Fault& fault);
     bool SleepUnlessStopped(int ms);
     void BeginDowntime();
     bool InDowntime() const;
@@ -118,6 +121,7 @@ bool LidarSimulator::Impl::Start(std::string* error) {
     }
     if (!device.Load(options.model, options.configDir, error)) return false;
     device.SetRequiredToken(options.requiredToken);
+    device.SetLogBytes(options.logBytes);
     if (::pipe2(wakeFds_, O_CLOEXEC | O_NONBLOCK) != 0) {
         if (error) *error = SystemError("pipe");
         return false;
@@ -334,6 +338,7 @@ bool LidarSimulator::Impl::HandleRequest(Connection& conn, const vrc::Frame& req
         return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
     }
     if (fault.kind == Fault::Kind::kDelay && !SleepUnlessStopped(fault.delayMs)) return false;
+    if (const std::optional<bool> faulted = ApplyTransferFault(conn, request, fault)) return *faulted;
     const detail::Reply reply = device.Handle(request, conn.session);
     const bool open = !reply.send || SendReply(conn.fd, request.command, reply, fault);
     switch (reply.after) {
@@ -370,6 +375,32 @@ bool LidarSimulator::Impl::SendReply(int fd, uint8_t command, const detail::Repl
         default:
             return SendAll(fd, frame);
     }
+}
+
+// The transfer faults act on one phase of a transfer; nullopt lets the device answer.
+std::optional<bool> LidarSimulator::Impl::ApplyTransferFault(Connection& conn,
+                                                             const vrc::Frame& request,
+                                                             const Fault& fault) {
+    using Phase = detail::UpgradeReceiver::Phase;
+    const Phase phase = detail::UpgradeReceiver::PhaseOf(request.payload);
+    const int chunk = conn.session.upgrade.Current().chunks + 1;
+    switch (fault.kind) {
+        case Fault::Kind::kDropAfterChunks:
+            if (phase == Phase::kData && chunk > fault.count) return false;
+            break;
+        case Fault::Kind::kFailChunk:
+            if (phase == Phase::kData && chunk == fault.count)
+                return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
+            break;
+        case Fault::Kind::kCrcMismatch:
+            if (phase == Phase::kEnd)
+                return SendAll(conn.fd,
+                               vrc::EncodeFrame(request.command, vrc::kStatusBadPayload, {}));
+            break;
+        default:
+            break;
+    }
+    return std::nullopt;
 }
 
 Fault LidarSimulator::Impl::FaultFor(uint8_t command) const {
@@ -447,6 +478,18 @@ std::vector<uint8_t> LidarSimulator::Block(uint8_t command,
 void LidarSimulator::WriteBlock(uint8_t command, const std::vector<uint8_t>& payload, size_t offset,
                                 const std::vector<uint8_t>& bytes) {
     impl_->device.Blocks().Write(command, payload, offset, bytes);
+}
+
+std::vector<Transfer> LidarSimulator::Transfers() const {
+    return impl_->device.Transfers();
+}
+
+bool LidarSimulator::RebootPending() const {
+    return impl_->device.RebootPending();
+}
+
+std::vector<uint8_t> LidarSimulator::LogContent(const std::vector<uint8_t>& request) const {
+    return impl_->device.LogContent(request);
 }
 
 uint16_t LidarSimulator::LastClientPort() const {

@@ -1,6 +1,6 @@
 #include "upgrade_receiver.h"
 
-#include <array>
+#include <zlib.h>
 
 #include "sdk/vrc_frame.h"
 
@@ -17,45 +17,43 @@ uint32_t ReadU32(const std::vector<uint8_t>& bytes, size_t at) {
            (uint32_t(bytes[at + 2]) << 8) | uint32_t(bytes[at + 3]);
 }
 
-std::array<uint32_t, 256> MakeCrcTable() {
-    std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < 256; ++i) {
-        uint32_t c = i;
-        for (int bit = 0; bit < 8; ++bit) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-        table[i] = c;
-    }
-    return table;
-}
-
 }  // namespace
 
-uint32_t Crc32(uint32_t crc, const uint8_t* data, size_t size) {
-    static const std::array<uint32_t, 256> kTable = MakeCrcTable();
-    crc = ~crc;
-    for (size_t i = 0; i < size; ++i) crc = kTable[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
-    return ~crc;
+UpgradeReceiver::Phase UpgradeReceiver::PhaseOf(const std::vector<uint8_t>& payload) {
+    if (payload.empty()) return Phase::kUnknown;
+    switch (payload[0]) {
+        case kPhaseBegin:
+            return Phase::kBegin;
+        case kPhaseData:
+            return Phase::kData;
+        case kPhaseEnd:
+            return Phase::kEnd;
+        default:
+            return Phase::kUnknown;
+    }
 }
 
 uint8_t UpgradeReceiver::Handle(const std::vector<uint8_t>& payload, size_t beginExtraBytes) {
-    if (payload.empty()) return lidar::vrc::kStatusBadPayload;
-    switch (payload[0]) {
-        case kPhaseBegin:
+    switch (PhaseOf(payload)) {
+        case Phase::kBegin:
             return Begin(payload, beginExtraBytes);
-        case kPhaseData:
+        case Phase::kData:
             return Data(payload);
-        case kPhaseEnd:
+        case Phase::kEnd:
             return End(payload);
-        default:
-            return lidar::vrc::kStatusBadPayload;
+        case Phase::kUnknown:
+            break;
     }
+    return lidar::vrc::kStatusBadPayload;
 }
 
 uint8_t UpgradeReceiver::Begin(const std::vector<uint8_t>& payload, size_t extra) {
     if (payload.size() < 1 + extra + 4) return lidar::vrc::kStatusBadPayload;
     active_ = true;
-    total_ = ReadU32(payload, 1 + extra);
-    received_ = 0;
-    crc_ = 0;
+    current_ = Transfer{};
+    if (extra > 0) current_.beginByte = payload[1];
+    current_.announcedSize = ReadU32(payload, 1 + extra);
+    current_.receivedCrc = static_cast<uint32_t>(crc32(0L, Z_NULL, 0));
     return lidar::vrc::kStatusOk;
 }
 
@@ -64,19 +62,24 @@ uint8_t UpgradeReceiver::Data(const std::vector<uint8_t>& payload) {
     if (!active_ || payload.size() < 5) return lidar::vrc::kStatusBadPayload;
     const uint32_t offset = ReadU32(payload, 1);
     const size_t length = payload.size() - 5;
-    if (offset != received_ || length > kMaxChunk || length > total_ - received_) {
+    const uint64_t received = current_.receivedSize;
+    if (offset != received || length > kMaxChunk ||
+        length > current_.announcedSize - received) {
         return lidar::vrc::kStatusBadPayload;
     }
-    crc_ = Crc32(crc_, payload.data() + 5, length);
-    received_ += static_cast<uint32_t>(length);
+    current_.receivedCrc = static_cast<uint32_t>(
+        crc32(current_.receivedCrc, payload.data() + 5, static_cast<uInt>(length)));
+    current_.receivedSize += length;
+    ++current_.chunks;
     return lidar::vrc::kStatusOk;
 }
 
 uint8_t UpgradeReceiver::End(const std::vector<uint8_t>& payload) {
     if (!active_ || payload.size() < 5) return lidar::vrc::kStatusBadPayload;
     active_ = false;
-    const bool complete = received_ == total_ && ReadU32(payload, 1) == crc_;
-    return complete ? lidar::vrc::kStatusOk : lidar::vrc::kStatusBadPayload;
+    current_.completed = current_.receivedSize == current_.announcedSize &&
+                         ReadU32(payload, 1) == current_.receivedCrc;
+    return current_.completed ? lidar::vrc::kStatusOk : lidar::vrc::kStatusBadPayload;
 }
 
 }  // namespace sim::detail

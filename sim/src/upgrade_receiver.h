@@ -2,19 +2,27 @@
 
 // The receiving end of a firmware transfer (0x83, and 0xB7 / 0xC3 of the serial-line models):
 // begin with the total size, data chunks at increasing offsets, end with the CRC-32 of it all.
-// The simulated device checks the transfer but keeps none of the bytes.
+// The simulated device keeps the size and CRC-32 of what it received, not the bytes.
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "sim/lidar_simulator.h"
+
 namespace sim::detail {
 
 class UpgradeReceiver {
   public:
+    enum class Phase { kBegin, kData, kEnd, kUnknown };
+    static Phase PhaseOf(const std::vector<uint8_t>& payload);
+
     // beginExtraBytes: bytes between the phase and the size in the begin phase (upgrade mode or
     // component type). Returns the device status for the request.
     uint8_t Handle(const std::vector<uint8_t>& payload, size_t beginExtraBytes);
+    // The transfer begun last on this connection (command is left to the caller).
+    const Transfer& Current() const { return current_; }
+    bool Active() const { return active_; }
 
   private:
     uint8_t Begin(const std::vector<uint8_t>& payload, size_t extra);
@@ -22,12 +30,7 @@ class UpgradeReceiver {
     uint8_t End(const std::vector<uint8_t>& payload);
 
     bool active_ = false;
-    uint32_t total_ = 0;
-    uint32_t received_ = 0;
-    uint32_t crc_ = 0;
+    Transfer current_;
 };
-
-// CRC-32 (IEEE 802.3, reflected, as zlib computes it), continued from `crc` (0 to start).
-uint32_t Crc32(uint32_t crc, const uint8_t* data, size_t size);
 
 }  // namespace sim::detail

@@ -34,6 +34,14 @@ class AuthorizedVrcClient {
     int GetAllChannelFov(float* values, int& count, int& mode);
     int SetAllChannelFov(const float* values, int count, uint8_t mode);
     int WrenSetBaudRate(uint32_t rate);
+    // Firmware transfer with the command a catalogue names ("0x83"); a text that is not a
+    // command code is refused with -1 and nothing is sent.
+    int UpgradeLidar(const u8Array_t& package, const std::string& command,
+                     lidar::ProgressCounter& progress);
+    int WrenUpgradeLidar(const u8Array_t& package, int mode, lidar::ProgressCounter& progress);
+    // -1 also when the profile refuses the command (the last return code is then -5).
+    int DownloadLog(const u8Array_t& payload, u8Array_t& reply, unsigned char command);
+    int QuerySerialCommand(const u8Array_t& payload, u8Array_t& reply, uint8_t code);
 
     lidar::VrcClient& GetClient() { return *client_; }
     std::shared_ptr<lidar::VrcClient> GetClientPtr() const { return client_; }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,10 @@ enum VrcResult : int {
 };
 
 using LogCallback = std::function<void(const std::string&)>;
+
+// A transfer's progress in units of 1024 acknowledged bytes. Written by the transferring thread
+// while another (a UI) reads it, hence atomic.
+using ProgressCounter = std::atomic<int>;
 
 // The VRC command client over TCP. One request is on the wire at a time; QueryCommand may be
 // called from several threads at once.
@@ -76,14 +81,42 @@ class VrcClient {
     uint32_t GetSerialBaudRate() const { return serialBaudRate_.load(); }
     int WrenSetBaudRate(uint32_t rate);  // 0xB1
 
+    // Firmware transfer with `command` (0x83 on every model): begin with the size, data chunks,
+    // end with the CRC-32 of the whole package (docs/protocol.md). progress is set to 0, then
+    // to the acknowledged bytes shifted right by 10 after every chunk. 0 when the device
+    // accepted the end phase; otherwise the failing result (a refused chunk stops the transfer
+    // with the device's status).
+    int UpgradeLidar(const u8Array_t& package, uint8_t command, ProgressCounter& progress);
+    // The serial-line models' transfer (0xB7): as UpgradeLidar, with the upgrade mode (0..255)
+    // after the phase byte of the begin phase.
+    int WrenUpgradeLidar(const u8Array_t& package, int mode, ProgressCounter& progress);
+    // One log request: -1 whenever no complete reply arrived (the cause is the last return
+    // code), the device's status otherwise; reply holds the reply's payload.
+    int DownloadLog(const u8Array_t& payload, u8Array_t& reply, unsigned char command);
+    // Serial pass-through (0xB8): the serial command code and its payload; reply holds the
+    // serial reply's header and payload as the device returns them.
+    int QuerySerialCommand(const u8Array_t& payload, u8Array_t& reply, uint8_t code);
+
     // One line per frame sent and received, with the bytes in hex ("bytes flow").
     void SetLogCallback(LogCallback callback);
 
   private:
+    // A request whose payload is `head` followed by `body`; the body is sent from where it lies
+    // (a firmware chunk is not copied into a frame).
+    struct Request {
+        uint8_t command = 0;
+        const uint8_t* head = nullptr;
+        size_t headSize = 0;
+        const uint8_t* body = nullptr;
+        size_t bodySize = 0;
+        size_t Size() const { return headSize + bodySize; }
+    };
+    int Transfer(uint8_t command, std::optional<uint8_t> beginExtra, const u8Array_t& package,
+                 ProgressCounter& progress);
     void Log(const std::string& line);
     bool HasLogCallback() const;
     void LogFrame(const char* direction, uint8_t command, const std::vector<uint8_t>& header,
-                  const std::vector<uint8_t>& payload);
+                  const uint8_t* head, size_t headSize, const uint8_t* body, size_t bodySize);
     // Records why, closes the connection, returns code.
     int Fail(int code, const std::string& why);
     // Records why without touching the connection, returns code.
@@ -91,6 +124,9 @@ class VrcClient {
     void CloseSocket();
     // The body of QueryCommand; the caller holds queryMutex_.
     int QueryLocked(const u8vec& payload, u8vec& reply, uint8_t command, bool withHeader);
+    int QueryLocked(const Request& request, u8vec& reply, bool withHeader);
+    // One request under the query lock; its result becomes the last return code.
+    int QueryOne(const Request& request, u8vec& reply);
     int AwaitReply(uint8_t command, vrc::Frame& frame);
     int Remember(int code);
 

@@ -22,14 +22,31 @@ struct Fault {
         kOversizedLength,  // reply header announcing more than the protocol's limit
         kWrongEcho,        // reply carrying another command code
         kStatus,           // reply with status `status` and no payload
+        // Transfers (0x83, 0xB7, 0xC3):
+        kDropAfterChunks,  // close the connection, unanswered, on the data chunk after `count`
+        kFailChunk,        // answer data chunk number `count` (from 1) with `status`
+        kCrcMismatch,      // answer the end phase with status 1 (bad payload) whatever came
     };
     Kind kind = Kind::kNone;
     int delayMs = 0;
     uint8_t status = 0;
+    int count = 0;
 
     // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
-    // "wrong-echo", "status=N"; false for anything else.
+    // "wrong-echo", "status=N", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch";
+    // false for anything else.
     static bool Parse(const std::string& text, Fault& out);
+};
+
+// One firmware transfer as the device saw it: what it was told to expect and what it received.
+struct Transfer {
+    uint8_t command = 0;
+    int beginByte = -1;  // upgrade mode (0xB7) or component type (0xC3); -1 for 0x83
+    uint32_t announcedSize = 0;
+    uint64_t receivedSize = 0;
+    uint32_t receivedCrc = 0;  // CRC-32 of the received bytes, in order
+    int chunks = 0;
+    bool completed = false;  // the end phase matched size and CRC
 };
 
 class LidarSimulator {
@@ -41,6 +58,7 @@ class LidarSimulator {
         uint16_t port = 0;             // 0 picks a free port
         std::string requiredToken;     // non-empty: writes need 0xA1 with this token
         int restartDowntimeMs = 1500;  // unreachable time after 0x10 / 0x25
+        size_t logBytes = 4096;        // size of every log that 0x75 serves
     };
 
     explicit LidarSimulator(Options options);
@@ -67,6 +85,13 @@ class LidarSimulator {
     // Overwrites bytes of a get block, for tests that need particular device values.
     void WriteBlock(uint8_t command, const std::vector<uint8_t>& payload, size_t offset,
                     const std::vector<uint8_t>& bytes);
+
+    // Transfers begun since start, oldest first (every connection's).
+    std::vector<Transfer> Transfers() const;
+    // A transfer was completed and no restart (0x10) has come since.
+    bool RebootPending() const;
+    // What 0x75 answers for this request payload (log number, then the part's bytes).
+    std::vector<uint8_t> LogContent(const std::vector<uint8_t>& request) const;
 
     // Local port of the most recent client connection (to check local-port binding).
     uint16_t LastClientPort() const;

@@ -1,0 +1,182 @@
+// The command console against the simulator: raw commands, their formatted replies, the history
+// and its file.
+
+#include <QRegularExpression>
+
+#include "e2e_support.h"
+#include "sdk/vrc_frame.h"
+
+using namespace testsupport;
+
+namespace {
+
+std::string Hex(const std::vector<uint8_t>& bytes, size_t first, size_t count) {
+    std::string text;
+    char pair[4];
+    for (size_t i = first; i < first + count; ++i) {
+        std::snprintf(pair, sizeof pair, i == first ? "%02X" : " %02X", bytes[i]);
+        text += pair;
+    }
+    return text;
+}
+
+std::unique_ptr<sim::LidarSimulator> StartWithLogSize(size_t bytes) {
+    sim::LidarSimulator::Options options;
+    options.model = "Egret";
+    options.configDir = SourceDir() + "/Config";
+    options.logBytes = bytes;
+    auto simulator = std::make_unique<sim::LidarSimulator>(options);
+    EXPECT_TRUE(simulator->Start());
+    return simulator;
+}
+
+class ConsoleTest : public ::testing::Test {
+  protected:
+    PrivateConfigRoot root_;
+};
+
+TEST_F(ConsoleTest, RawCommandShowsTheFormattedReplyAndIsRecorded) {
+    auto simulator = StartWithLogSize(1500);
+    ManagerSession session("Egret", root_.root());
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    LidarUtilitiesManager& m = session.m();
+    QSignalSpy history(&m, &LidarUtilitiesManager::sendCommandHistoryChanged);
+
+    m.SendCommand("0x07", "");
+    const std::vector<uint8_t> info = simulator->Block(0x07);
+    const std::vector<uint8_t> header =
+        lidar::vrc::EncodeHeader(0x07, 0, static_cast<uint32_t>(info.size()));
+    EXPECT_EQ(m.getSendVrcCommandReturnHeader().toStdString(), Hex(header, 0, 8));
+    EXPECT_EQ(m.getSendVrcCommandReturnPayload().toStdString(), Hex(info, 0, info.size()));
+    ASSERT_EQ(m.getCommandLogCnt(), 1);
+    const QVariantMap first = m.getSendCommandHistory().front().toMap();
+    EXPECT_EQ(first["send_cmd_history"].toString(), "07");
+    EXPECT_EQ(first["send_payload_history"].toString(), "");
+    EXPECT_TRUE(QRegularExpression("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d$")
+                    .match(first["record_time"].toString())
+                    .hasMatch())
+        << first["record_time"].toString().toStdString();
+    EXPECT_EQ(history.count(), 1);
+
+    // Prefixes in any case and runs of blanks: the bytes 01 02 03 go out, the record keeps the
+    // parts without prefixes. The 1500-byte log comes back cut at 1024 bytes, with the warning.
+    m.SetLogBytesFlowStatus(true);
+    session.log().clear();
+    m.SendCommand("75", "0x01   02  0X3");
+    EXPECT_FALSE(SpyTexts(session.log()).empty());
+    bool sentBytes = false;
+    for (const std::string& line : SpyTexts(session.log()))
+        sentBytes = sentBytes || line.find("SEND 0x75 [11] 56 52 75 00 00 00 00 03 01 02 03") == 0;
+    EXPECT_TRUE(sentBytes);
+    const std::vector<uint8_t> log = simulator->LogContent({1, 2, 3});
+    ASSERT_EQ(log.size(), 1500u);
+    EXPECT_EQ(m.getSendVrcCommandReturnPayload().toStdString(), Hex(log, 0, 1024));
+    EXPECT_TRUE(session.Shown(
+        "error: WARNING: This return payload is too long, only the first 1024 bytes are "
+        "displayed. For a complete payload please use the log bytes flow function."));
+    EXPECT_EQ(m.getSendCommandHistory().front().toMap()["send_payload_history"].toString(),
+              "01 02 3");
+    EXPECT_EQ(m.getCommandLogCnt(), 2);
+}
+
+TEST_F(ConsoleTest, BadTextAndRefusedCommandsAddNoRecordAndSendNothing) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret", root_.root());
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    LidarUtilitiesManager& m = session.m();
+    m.SendCommand("0x07", "");
+    ASSERT_FALSE(m.getSendVrcCommandReturnHeader().isEmpty());
+    QSignalSpy history(&m, &LidarUtilitiesManager::sendCommandHistoryChanged);
+    simulator->ResetCounters();
+
+    m.SendCommand("zz", "");
+    EXPECT_TRUE(session.Shown("error: Incorrect VRC header was entered. Parsing failed."));
+    EXPECT_EQ(m.getSendVrcCommandReturnHeader(), "");
+    EXPECT_EQ(m.getSendVrcCommandReturnPayload(), "");
+    // A number followed by a stray letter is not taken as the number.
+    m.SendCommand("0x1g", "");
+    m.SendCommand("FFFFFFFFFF", "");
+    m.SendCommand("0x07", "01 0xzz");
+    EXPECT_TRUE(session.Shown("error: Incorrect VRC payload was entered. Parsing failed."));
+    EXPECT_TRUE(simulator->RequestCounts().empty());
+    EXPECT_EQ(history.count(), 4);
+
+    simulator->SetFault(0x07, sim::Fault{sim::Fault::Kind::kStatus, 0, 5});
+    m.SendCommand("07", "");
+    EXPECT_TRUE(session.Shown(
+        "error: Query vrc command fail. Please input right vrc command header and payload."));
+    EXPECT_EQ(m.getCommandLogCnt(), 1);
+    EXPECT_EQ(history.count(), 5);
+}
+
+TEST_F(ConsoleTest, RestartCommandStopsTheConnection) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret", root_.root());
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    session.m().SendCommand("0x10", "");
+    EXPECT_FALSE(session.m().getIsConnected());
+    EXPECT_TRUE(session.Shown("success: Lidar restart."));
+    EXPECT_EQ(simulator->RequestCount(0x10), 1u);
+    // Not connected any more: the console says nothing and sends nothing.
+    const size_t shown = session.Messages().size();
+    session.m().SendCommand("0x07", "");
+    EXPECT_EQ(session.Messages().size(), shown);
+}
+
+TEST_F(ConsoleTest, HistoryKeepsTenAndSurvivesItsFile) {
+    auto simulator = StartSimulator("Egret");
+    {
+        ManagerSession session("Egret", root_.root());
+        ASSERT_TRUE(session.Connect(simulator->Port()));
+        for (int n = 0; n < 11; ++n)
+            session.m().SendCommand("0x75", QString("00 %1").arg(n, 2, 16, QChar('0')));
+        const QVariantList history = session.m().getSendCommandHistory();
+        ASSERT_EQ(history.size(), 10);
+        EXPECT_EQ(history.front().toMap()["send_payload_history"].toString(), "00 0a");
+        EXPECT_EQ(history.back().toMap()["send_payload_history"].toString(), "00 01");
+        session.m().WriteCommandLogToLocalCommandFile();
+    }
+    const std::string file = root_.file("Config/command_log_file.csv");
+    EXPECT_EQ(ReadFile(file).substr(0, 26), "Time,Command Code,Payload\n");
+
+    ManagerSession later("Egret", root_.root());
+    later.m().GetLocalCommandFileLog();
+    const QVariantList loaded = later.m().getSendCommandHistory();
+    ASSERT_EQ(loaded.size(), 10);
+    EXPECT_EQ(loaded.front().toMap()["send_payload_history"].toString(), "00 0a");
+    EXPECT_EQ(loaded.back().toMap()["send_payload_history"].toString(), "00 01");
+    EXPECT_EQ(loaded.front().toMap()["send_cmd_history"].toString(), "75");
+}
+
+TEST_F(ConsoleTest, HistoryFileQuotingLimitAndMissingColumn) {
+    const std::string file = root_.file("Config/command_log_file.csv");
+    std::string text = "Time,Command Code,Payload\n\"2026-01-02 03:04:05, local\",07,\"01 \"\"02\"\"\"\n";
+    for (int n = 0; n < 13; ++n) text += "2026-01-02 03:04:05,0" + std::to_string(n % 10) + ",\n";
+    WriteFile(file, text);
+    ManagerSession session("Egret", root_.root());
+    LidarUtilitiesManager& m = session.m();
+    m.GetLocalCommandFileLog();
+    ASSERT_EQ(m.getCommandLogCnt(), 10);  // fourteen rows, the ten from the top
+    QVariantMap first = m.getSendCommandHistory().front().toMap();
+    EXPECT_EQ(first["record_time"].toString(), "2026-01-02 03:04:05, local");
+    EXPECT_EQ(first["send_payload_history"].toString(), "01 \"02\"");
+    m.WriteCommandLogToLocalCommandFile();
+    m.GetLocalCommandFileLog();
+    ASSERT_EQ(m.getCommandLogCnt(), 10);
+    first = m.getSendCommandHistory().front().toMap();
+    EXPECT_EQ(first["record_time"].toString(), "2026-01-02 03:04:05, local");
+    EXPECT_EQ(first["send_payload_history"].toString(), "01 \"02\"");
+
+    WriteFile(file, "Time,Command Code\n2026-01-02 03:04:05,07\n");
+    m.GetLocalCommandFileLog();
+    EXPECT_EQ(m.getCommandLogCnt(), 0);
+    EXPECT_TRUE(session.LogHas("Command history not loaded: Can't find a column named Payload|ERROR"));
+
+    // A missing file is created empty and adds nothing.
+    QFile::remove(QString::fromStdString(file));
+    m.GetLocalCommandFileLog();
+    EXPECT_EQ(m.getCommandLogCnt(), 0);
+    EXPECT_TRUE(FileExists(file));
+}
+
+}  // namespace
