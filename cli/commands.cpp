@@ -660,6 +660,11 @@ int runCommand(const Options& options) {
     if (options.command == "set") return commandSet(session);
     if (options.command == "fov") return commandFov(session);
     if (options.command == "watch") return commandWatch(session);
+    if (options.command == "send") return commandSend(session);
+    if (options.command == "history") return commandHistory(session);
+    if (options.command == "upgrade") return commandUpgrade(session);
+    if (options.command == "log") return commandLog(session);
+    if (options.command == "oplog") return commandOperationLog(session);
     return usageError("unknown command '" + options.command + "'");
 }
 

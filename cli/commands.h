@@ -18,5 +18,12 @@ int commandRead(Session& session);
 int commandSet(Session& session);
 int commandFov(Session& session);
 int commandWatch(Session& session);
+// console_commands.cpp
+int commandSend(Session& session);
+int commandHistory(Session& session);
+// transfer_commands.cpp
+int commandUpgrade(Session& session);
+int commandLog(Session& session);
+int commandOperationLog(Session& session);
 
 }  // namespace cli

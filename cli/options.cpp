@@ -43,8 +43,10 @@ const CLI::Validator kLocalPort(
 // follow the subcommand (fallthrough).
 struct Subcommands {
     std::string module;             // read, watch
-    std::vector<std::string> rest;  // set, fov
+    std::vector<std::string> rest;  // set, fov, send, upgrade, log, oplog
     int count = 0;                  // watch
+    std::string variable;           // upgrade
+    std::string dir;                // log
 };
 
 void addSubcommands(CLI::App& app, Subcommands& args) {
@@ -73,6 +75,25 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
     watch->add_option("MODULE", args.module,
                       "the module to watch (default: the first with timer "
                       "values)");
+    add("send", "send a raw command: HEADER and PAYLOAD bytes in hex; prints the reply's header "
+                "and payload (the payload cut at 1024 bytes) and records the command")
+        ->add_option("HEADER PAYLOAD", args.rest, "the command code, then the payload bytes")
+        ->required();
+    add("history", "the last ten raw commands sent, newest first (./Config/command_log_file.csv)");
+    CLI::App* upgrade =
+        add("upgrade",
+            "push a firmware package to the lidar with a progress bar (the serial-line models "
+            "take their own transfer)");
+    upgrade->add_option("FILE", args.rest, "the firmware package")->required();
+    upgrade->add_option("--variable", args.variable,
+                        "the catalogue variable whose set command starts the upgrade (default: "
+                        "the one whose set command is 0x83)");
+    CLI::App* log = add("log", "download a device log (a log variable of the catalogue)");
+    log->add_option("NAME", args.rest, "the log's name, e.g. \"Device Log\"")->required();
+    log->add_option("--dir", args.dir, "the folder to save it in (default: the current one)");
+    add("oplog", "download the operation log: four logs packed into one tar archive")
+        ->add_option("ARCHIVE", args.rest, "the archive's path (.tar is added when missing)")
+        ->required();
     watch->add_option("--count", args.count, "stop after N refreshes")
         ->check(CLI::Validator(
             [](std::string& value) {
@@ -159,6 +180,8 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     options.token = QString::fromStdString(token);
     options.command = QString::fromStdString(app.get_subcommands().front()->get_name());
     options.count = args.count;
+    options.variable = QString::fromStdString(args.variable);
+    options.dir = QString::fromStdString(args.dir);
     if (!args.module.empty()) options.arguments << QString::fromStdString(args.module);
     for (const std::string& argument : args.rest)
         options.arguments << QString::fromStdString(argument);

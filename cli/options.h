@@ -21,6 +21,8 @@ struct Options {
     bool verbose = false;
     bool json = false;
     int count = 0;  // watch: stop after this many refreshes (0: until SIGINT)
+    QString variable;  // upgrade: the catalogue variable that names the upgrade command
+    QString dir;       // log: the folder the log is saved in
     QString command;
     QStringList arguments;  // what follows the subcommand, options removed
 };

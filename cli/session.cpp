@@ -169,8 +169,14 @@ bool Session::startSimulator() {
     return true;
 }
 
-int Session::connect() {
-    if (int status = requireNetworkModel(); status != kExitOk) return status;
+int Session::connect(bool needsPages) {
+    if (needsPages) {
+        if (int status = requireNetworkModel(); status != kExitOk) return status;
+    } else if (manager_->getConnectType() == 1) {
+        printDiagnostic("lidarutil: " + options_.model +
+                        " is connected over its serial lines, which lidarutil cannot open yet");
+        return kExitUsage;
+    }
     if (options_.host.isEmpty()) {
         if (!startSimulator()) return kExitFailed;
         manager_->setIpAddress("127.0.0.1");

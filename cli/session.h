@@ -47,7 +47,9 @@ class Session {
     int requireNetworkModel() const;
 
     // Starts the simulator when needed and connects; kExitOk or kExitFailed (messages printed).
-    int connect();
+    // Commands that do not read pages (the console, transfers) also work on the VRC-over-serial
+    // models: needsPages false.
+    int connect(bool needsPages = true);
     // Connects again to the same lidar (after a network-settings write closed the connection).
     bool reconnect();
     // Reads one module with a progress line; false when the connection broke while reading.

@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <csignal>
+#include <cstdlib>
 #include <memory>
 
 #include "test_support.h"
@@ -311,4 +312,79 @@ TEST(Lidarutil, WatchEndsOnInterruptAndOnALostLidar) {
     EXPECT_TRUE(QString::fromUtf8(lost.readAllStandardError())
                     .contains("connection to the lidar "
                               "was lost"));
+}
+
+namespace {
+
+// A folder to run lidarutil in whose ./Config shows the shipped catalogues but keeps the command
+// history to itself.
+class ConsoleFolder {
+  public:
+    ConsoleFolder() {
+        const std::string link = "mkdir -p '" + dir_.file("Config") + "' && ln -s '" +
+                                 testsupport::SourceDir() + "/Config/varID' '" +
+                                 dir_.file("Config/varID") + "'";
+        EXPECT_EQ(std::system(link.c_str()), 0);
+    }
+    QString path() const { return QString::fromStdString(dir_.path()); }
+    std::string file(const std::string& name) const { return dir_.file(name); }
+
+  private:
+    testsupport::TempDir dir_;
+};
+
+}  // namespace
+
+TEST(Lidarutil, SendPrintsTheReplyAndHistoryKeepsTheCommands) {
+    const ConsoleFolder folder;
+    const Outcome sent = lidarutil({"send", "0x75", "0x01", "02", "0X3"}, folder.path());
+    ASSERT_EQ(sent.exitCode, 0) << sent.err.toStdString();
+    // The embedded lidar's logs are 4096 bytes: the payload shown is cut at 1024.
+    EXPECT_TRUE(lines(sent.out).contains("header:  56 52 75 00 00 00 10 00")) << sent.out.toStdString();
+    EXPECT_EQ(lines(sent.out).filter("payload: ").front().size(), 9 + 1024 * 3 - 1);
+    EXPECT_TRUE(sent.err.contains("only the first 1024 bytes are displayed"));
+
+    const Outcome bad = lidarutil({"send", "zz"}, folder.path());
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_TRUE(bad.err.contains("Incorrect VRC header was entered. Parsing failed."));
+
+    const Outcome history = lidarutil({"--json", "history"}, folder.path());
+    ASSERT_EQ(history.exitCode, 0) << history.err.toStdString();
+    const QJsonArray rows = QJsonDocument::fromJson(history.out.toUtf8()).array();
+    ASSERT_EQ(rows.size(), 1);
+    EXPECT_EQ(rows[0].toObject()["command"].toString(), "75");
+    EXPECT_EQ(rows[0].toObject()["payload"].toString(), "01 02 3");
+    EXPECT_TRUE(testsupport::FileExists(folder.file("Config/command_log_file.csv")));
+}
+
+TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
+    testsupport::TempDir dir;
+    testsupport::WriteFile(dir.file("fw.bin"), std::string(150 * 1024 + 7, '\x5A'));
+    const Outcome upgrade = lidarutil({"upgrade", QString::fromStdString(dir.file("fw.bin"))});
+    EXPECT_EQ(upgrade.exitCode, 0) << upgrade.err.toStdString();
+    EXPECT_TRUE(upgrade.err.contains("upgrade: 100% (150/150 KiB)")) << upgrade.err.toStdString();
+    EXPECT_TRUE(upgrade.err.contains("Upgrade package transmitted successfully. The lidar will "
+                                     "automatically reboot within 10 seconds."));
+
+    const SimulatorProcess failing("Egret", {"0x83:fail-chunk=2:4"});
+    const Outcome failed = lidarutil({"--host", "127.0.0.1", "--port", failing.port(), "upgrade",
+                                      QString::fromStdString(dir.file("fw.bin"))});
+    EXPECT_EQ(failed.exitCode, 1);
+    EXPECT_TRUE(failed.err.contains("error: Upgrade package transfer failed or is terminated."))
+        << failed.err.toStdString();
+    const Outcome missing = lidarutil({"upgrade", QString::fromStdString(dir.file("none.bin"))});
+    EXPECT_EQ(missing.exitCode, 2);
+
+    const Outcome log = lidarutil({"log", "Device Log", "--dir", QString::fromStdString(dir.path())});
+    ASSERT_EQ(log.exitCode, 0) << log.err.toStdString();
+    EXPECT_TRUE(log.out.contains(QRegularExpression("/Device Log_\\d{8}-\\d{6}\\.bin \\(4096 bytes\\)")))
+        << log.out.toStdString();
+    const Outcome unknown = lidarutil({"log", "Crash Log"});
+    EXPECT_EQ(unknown.exitCode, 2);
+    EXPECT_TRUE(unknown.err.contains("its logs are: Device Log, Operation Log")) << unknown.err.toStdString();
+
+    const Outcome oplog = lidarutil({"oplog", QString::fromStdString(dir.file("ops"))});
+    ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
+    EXPECT_TRUE(oplog.out.contains("/ops.tar (")) << oplog.out.toStdString();
+    EXPECT_TRUE(testsupport::FileExists(dir.file("ops.tar")));
 }

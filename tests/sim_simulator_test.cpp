@@ -312,7 +312,10 @@ TEST_F(FocusCatalogue, EncodesDisplayDefaultsSoThatTheManagerShowsThemBack) {
     EXPECT_EQ(simulator->Block(0x42), Bytes{9});  // from the monitor variant
 
     RawClient client(simulator->Port());
-    EXPECT_EQ(client.Query(0x75, {0}).payload, Text("booted", 8));
+    // A log starts with its catalogue block, then runs on to the configured size.
+    const Bytes log = client.Query(0x75, {0}).payload;
+    EXPECT_EQ(log.size(), 4096u);
+    EXPECT_EQ(Bytes(log.begin(), log.begin() + 8), Text("booted", 8));
     const vrc::Frame otherLog = client.Query(0x75, {1});
     EXPECT_EQ(otherLog.status, 0);
     EXPECT_FALSE(otherLog.payload.empty());
@@ -486,15 +489,27 @@ TEST(SimulatorTest, SerialModelsKeepABaudRateAndAcceptUpgrades) {
     EXPECT_EQ(client.Query(0xB0).payload, Hex("002DC6C0"));
     EXPECT_EQ(client.Query(0xB1, Hex("00")).status, vrc::kStatusBadPayload);
 
+    EXPECT_EQ(client.Query(0xB7, Hex("000100000001")).status, 0);  // mode byte, then the size
+    EXPECT_EQ(client.Query(0xB7, Hex("010000000041")).status, 0);
+    EXPECT_EQ(client.Query(0xB7, Hex("0200000000")).status, vrc::kStatusBadPayload);
     // "123456789" has the well-known CRC-32 CBF43926.
     EXPECT_EQ(client.Query(0x83, Hex("0000000009")).status, 0);
     EXPECT_EQ(client.Query(0x83, Hex("0100000000313233")).status, 0);
     EXPECT_EQ(client.Query(0x83, Hex("0100000000313233")).status, vrc::kStatusBadPayload);
     EXPECT_EQ(client.Query(0x83, Hex("0100000003343536373839")).status, 0);
     EXPECT_EQ(client.Query(0x83, Hex("02CBF43926")).status, 0);
-    EXPECT_EQ(client.Query(0xB7, Hex("000100000001")).status, 0);  // mode byte, then the size
-    EXPECT_EQ(client.Query(0xB7, Hex("010000000041")).status, 0);
-    EXPECT_EQ(client.Query(0xB7, Hex("0200000000")).status, vrc::kStatusBadPayload);
+
+    const std::vector<sim::Transfer> transfers = simulator->Transfers();
+    ASSERT_EQ(transfers.size(), 2u);
+    EXPECT_EQ(transfers[0].command, 0xB7);
+    EXPECT_EQ(transfers[0].beginByte, 1);
+    EXPECT_EQ(transfers[0].receivedSize, 1u);
+    EXPECT_FALSE(transfers[0].completed);
+    EXPECT_EQ(transfers[1].receivedCrc, 0xCBF43926u);
+    EXPECT_TRUE(transfers[1].completed);
+    // Completed: the device waits for its restart and takes no other transfer until then.
+    EXPECT_TRUE(simulator->RebootPending());
+    EXPECT_EQ(client.Query(0xB7, Hex("000100000001")).status, vrc::kStatusBusy);
 }
 
 TEST(SimulatorTest, EachFaultModeShowsOnTheWire) {

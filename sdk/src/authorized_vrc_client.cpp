@@ -12,6 +12,7 @@ constexpr uint8_t kAuthorise = 0xA1;
 constexpr uint8_t kGetFov = 0x23;
 constexpr uint8_t kSetFov = 0x22;
 constexpr uint8_t kSetSerialBaudRate = 0xB1;
+constexpr uint8_t kFirmwareUpgrade = 0x83;
 constexpr uint8_t kSerialFirmwareUpgrade = 0xB7;
 constexpr uint8_t kSerialPassThrough = 0xB8;
 
@@ -104,8 +105,10 @@ int AuthorizedVrcClient::WrenSetBaudRate(uint32_t rate) {
 
 int AuthorizedVrcClient::UpgradeLidar(const u8Array_t& package, const std::string& command,
                                       lidar::ProgressCounter& progress) {
-    uint8_t code = 0;
-    if (!lidar::text::ParseCommandCode(command, code)) {
+    // No command text (the serial models' path on a network connection): the protocol's own
+    // firmware upgrade command.
+    uint8_t code = kFirmwareUpgrade;
+    if (!command.empty() && !lidar::text::ParseCommandCode(command, code)) {
         progress.store(0);
         client_->RecordReturnCode(lidar::kVrcNotConnected);
         Log("Upgrade command \"" + command + "\" is not a command code; nothing was sent");

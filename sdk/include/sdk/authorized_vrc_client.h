@@ -34,8 +34,8 @@ class AuthorizedVrcClient {
     int GetAllChannelFov(float* values, int& count, int& mode);
     int SetAllChannelFov(const float* values, int count, uint8_t mode);
     int WrenSetBaudRate(uint32_t rate);
-    // Firmware transfer with the command a catalogue names ("0x83"); a text that is not a
-    // command code is refused with -1 and nothing is sent.
+    // Firmware transfer with the command a catalogue names ("0x83"; an empty text is 0x83); a
+    // text that is not a command code is refused with -1 and nothing is sent.
     int UpgradeLidar(const u8Array_t& package, const std::string& command,
                      lidar::ProgressCounter& progress);
     int WrenUpgradeLidar(const u8Array_t& package, int mode, lidar::ProgressCounter& progress);

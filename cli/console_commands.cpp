@@ -1,0 +1,78 @@
+// send and history: the manager's command console from the command line. The history file is
+// loaded before a send and written after it, as the console of a graphical front end does.
+
+#include <QJsonArray>
+#include <QJsonObject>
+
+#include "commands.h"
+#include "output.h"
+#include "session.h"
+
+namespace cli {
+namespace {
+
+QJsonArray historyJson(const QVariantList& history) {
+    QJsonArray rows;
+    for (const QVariant& entry : history) {
+        const QVariantMap record = entry.toMap();
+        rows.append(QJsonObject{{"time", record["record_time"].toString()},
+                                {"command", record["send_cmd_history"].toString()},
+                                {"payload", record["send_payload_history"].toString()}});
+    }
+    return rows;
+}
+
+}  // namespace
+
+int commandSend(Session& session) {
+    const QStringList& arguments = session.options().arguments;
+    if (arguments.isEmpty()) return usageError("send needs a command code (HEADER)");
+    if (int status = session.connect(false); status != kExitOk) return status;
+    LidarUtilitiesManager& manager = session.manager();
+    manager.GetLocalCommandFileLog();
+    const int errorsBefore = session.errorCount();
+    manager.SendCommand(arguments.front(), arguments.mid(1).join(' '));
+    manager.WriteCommandLogToLocalCommandFile();
+
+    const QString header = manager.getSendVrcCommandReturnHeader();
+    if (header.isEmpty()) {
+        // The manager has said why; a text it could not parse is the user's mistake.
+        const bool parsing = manager.getErrorMessage().endsWith("Parsing failed.");
+        if (session.errorCount() == errorsBefore)
+            printDiagnostic("error: the command was not sent (the lidar is busy)");
+        return parsing ? kExitUsage : kExitFailed;
+    }
+    const QString payload = manager.getSendVrcCommandReturnPayload();
+    if (session.options().json) {
+        printJson(QJsonDocument(QJsonObject{{"header", header}, {"payload", payload}}));
+    } else {
+        printResult("header:  " + header);
+        printResult("payload: " + payload);
+    }
+    return kExitOk;
+}
+
+int commandHistory(Session& session) {
+    if (!session.options().arguments.isEmpty()) return usageError("history takes no arguments");
+    LidarUtilitiesManager& manager = session.manager();
+    manager.GetLocalCommandFileLog();
+    const QVariantList history = manager.getSendCommandHistory();
+    if (session.options().json) {
+        printJson(QJsonDocument(historyJson(history)));
+        return kExitOk;
+    }
+    if (history.isEmpty()) {
+        printDiagnostic("no commands sent yet");
+        return kExitOk;
+    }
+    QVector<QStringList> rows;
+    for (const QVariant& entry : history) {
+        const QVariantMap record = entry.toMap();
+        rows.append({record["record_time"].toString(), record["send_cmd_history"].toString(),
+                     record["send_payload_history"].toString()});
+    }
+    printResult(formatTable({"TIME", "CODE", "PAYLOAD"}, rows));
+    return kExitOk;
+}
+
+}  // namespace cli
