@@ -95,8 +95,7 @@ VrcClient::VrcClient(std::string host, uint16_t port, bool /*autoReconnect*/, Vr
     : host_(std::move(host)),
       port_(port),
       receiveTimeoutMs_(OrDefault(receiveTimeoutMs)),
-      socket_(std::make_unique<SocketSource>()),
-      receiveBuffer_(kReceiveChunk) {
+      socket_(std::make_unique<SocketSource>()) {
     if (!socket_->Connect(host_, port_, OrDefault(connectTimeoutMs), localPort, cancelled)) {
         std::lock_guard<std::mutex> lock(stateMutex_);
         lastError_ = socket_->LastError();
@@ -228,6 +227,7 @@ int VrcClient::QueryLocked(const Request& request, u8vec& reply, bool withHeader
         socket_->Send(frame.data(), frame.size(), receiveTimeoutMs_) &&
         (!bodyApart || socket_->Send(request.body, request.bodySize, receiveTimeoutMs_));
     if (!sent) return Fail(kVrcNotConnected, "cannot send " + name + ": " + socket_->LastError());
+    if (request.whileWaiting) request.whileWaiting();
     vrc::Frame answer;
     const int received = AwaitReply(command, answer);
     if (received != kVrcOk) return received;
@@ -256,7 +256,8 @@ int VrcClient::AwaitReply(uint8_t command, vrc::Frame& frame) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(receiveTimeoutMs_);
     const std::string timedOut =
         "no complete reply to " + name + " within " + std::to_string(receiveTimeoutMs_) + " ms";
-    vrc::FrameDecoder decoder;
+    vrc::FrameDecoder& decoder = decoder_;
+    decoder.Reset();
     for (;;) {
         const vrc::FrameDecoder::Result decoded = decoder.Next(frame);
         if (decoded == vrc::FrameDecoder::Result::kFrame) return kVrcOk;
@@ -267,10 +268,13 @@ int VrcClient::AwaitReply(uint8_t command, vrc::Frame& frame) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) return Fail(kVrcTimeout, timedOut);
         size_t got = 0;
-        switch (socket_->Receive(receiveBuffer_.data(), receiveBuffer_.size(), got,
-                                 static_cast<uint32_t>(left.count()))) {
+        // Straight into the decoder's buffer: a large reply (a log) is not copied on its way in.
+        const SocketSource::ReceiveStatus status =
+            socket_->Receive(decoder.Space(kReceiveChunk), kReceiveChunk, got,
+                             static_cast<uint32_t>(left.count()));
+        decoder.Commit(status == SocketSource::ReceiveStatus::kData ? got : 0);
+        switch (status) {
             case SocketSource::ReceiveStatus::kData:
-                decoder.Feed(receiveBuffer_.data(), got);
                 break;
             case SocketSource::ReceiveStatus::kClosed:
                 if (closedLocally_.load()) {
@@ -364,7 +368,8 @@ int VrcClient::WrenUpgradeLidar(const u8Array_t& package, int mode, ProgressCoun
 }
 
 // Each phase is one request; other threads' requests may come between chunks. The CRC is
-// computed chunk by chunk as the chunks go out, so the package is read once.
+// computed chunk by chunk while the device handles the chunk, so it costs no time of its own
+// and the package is read once.
 int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
                         const u8Array_t& package, ProgressCounter& progress) {
     progress.store(0);
@@ -394,9 +399,11 @@ int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
         request.headSize = head.size();
         request.body = package.data() + offset;
         request.bodySize = size;
+        request.whileWaiting = [&crc, &request] {
+            crc = crc32(crc, request.body, static_cast<uInt>(request.bodySize));
+        };
         result = QueryOne(request, reply);
         if (result != kVrcOk) return result;
-        crc = crc32(crc, package.data() + offset, static_cast<uInt>(size));
         progress.store(static_cast<int>((offset + size) >> 10));
     }
 
@@ -406,6 +413,7 @@ int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
     request.headSize = head.size();
     request.body = nullptr;
     request.bodySize = 0;
+    request.whileWaiting = nullptr;
     return QueryOne(request, reply);
 }
 

@@ -1,5 +1,7 @@
 #include "sdk/vrc_frame.h"
 
+#include <algorithm>
+
 namespace lidar::vrc {
 
 std::vector<uint8_t> EncodeHeader(uint8_t command, uint8_t status, uint32_t payloadLength) {
@@ -21,9 +23,9 @@ std::vector<uint8_t> EncodeFrame(uint8_t command, uint8_t status,
     return frame;
 }
 
-void FrameDecoder::Feed(const uint8_t* data, size_t size) {
-    if (malformed_ || size == 0) return;
-    // Drop consumed bytes before growing, so a long-lived connection does not accumulate them.
+// Drops consumed bytes before the buffer grows, so a long-lived connection does not accumulate
+// them.
+void FrameDecoder::DropConsumed() {
     if (readPos_ > 0 && readPos_ == buffer_.size()) {
         buffer_.clear();
         readPos_ = 0;
@@ -31,7 +33,25 @@ void FrameDecoder::Feed(const uint8_t* data, size_t size) {
         buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(readPos_));
         readPos_ = 0;
     }
+}
+
+void FrameDecoder::Feed(const uint8_t* data, size_t size) {
+    if (malformed_ || size == 0) return;
+    DropConsumed();
     buffer_.insert(buffer_.end(), data, data + size);
+}
+
+uint8_t* FrameDecoder::Space(size_t n) {
+    DropConsumed();
+    spaceStart_ = buffer_.size();
+    buffer_.resize(spaceStart_ + n);
+    return buffer_.data() + spaceStart_;
+}
+
+void FrameDecoder::Commit(size_t received) {
+    const size_t end = spaceStart_ + std::min(received, buffer_.size() - spaceStart_);
+    // A decoder that found a malformed frame keeps no more bytes, as Feed does.
+    buffer_.resize(malformed_ ? spaceStart_ : end);
 }
 
 FrameDecoder::Result FrameDecoder::Next(Frame& out) {
@@ -58,7 +78,13 @@ FrameDecoder::Result FrameDecoder::Next(Frame& out) {
 }
 
 void FrameDecoder::Reset() {
-    buffer_.clear();
+    // A buffer that held a large frame (a log) is released rather than kept for small ones.
+    constexpr size_t kKeptCapacity = 1024 * 1024;
+    if (buffer_.capacity() > kKeptCapacity) {
+        std::vector<uint8_t>().swap(buffer_);
+    } else {
+        buffer_.clear();
+    }
     readPos_ = 0;
     malformed_ = false;
 }

@@ -390,6 +390,14 @@ void Device::RecordTransfer(uint8_t command, bool begun, Session& session) {
     if (record.completed && command != kSerialFirmwareUpgrade) rebootPending_ = true;
 }
 
+void Device::AfterReply(Session& session) {
+    if (session.transferIndex == std::numeric_limits<size_t>::max()) return;
+    session.upgrade.SettleChunk();
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    if (session.transferIndex < transfers_.size())
+        transfers_[session.transferIndex].receivedCrc = session.upgrade.Current().receivedCrc;
+}
+
 std::vector<Transfer> Device::Transfers() const {
     std::lock_guard<std::mutex> lock(stateMutex_);
     return transfers_;

@@ -43,6 +43,8 @@ class Device {
     void SetLogBytes(size_t bytes) { logBytes_ = bytes; }
 
     Reply Handle(const lidar::vrc::Frame& request, Session& session);
+    // Work that follows a reply, while the request's bytes still exist.
+    void AfterReply(Session& session);
 
     BlockStore& Blocks() { return blocks_; }
     const BlockStore& Blocks() const { return blocks_; }

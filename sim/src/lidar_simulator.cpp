@@ -312,13 +312,14 @@ bool LidarSimulator::Impl::InDowntime() const {
 
 void LidarSimulator::Impl::Serve(Connection& conn) {
     vrc::FrameDecoder decoder;
-    std::vector<uint8_t> buffer(64 * 1024);
+    constexpr size_t kReceiveRoom = 64 * 1024 + 64;  // a whole firmware chunk with its header
     bool open = true;
     while (open && !stopping_.load()) {
-        const ssize_t received = ::recv(conn.fd, buffer.data(), buffer.size(), 0);
+        // Straight into the decoder's buffer: a 64 KiB chunk is not copied on its way in.
+        const ssize_t received = ::recv(conn.fd, decoder.Space(kReceiveRoom), kReceiveRoom, 0);
+        decoder.Commit(received > 0 ? static_cast<size_t>(received) : 0);
         if (received < 0 && errno == EINTR) continue;
         if (received <= 0) break;
-        decoder.Feed(buffer.data(), static_cast<size_t>(received));
         vrc::Frame request;
         while (open) {
             const vrc::FrameDecoder::Result result = decoder.Next(request);
@@ -341,6 +342,7 @@ bool LidarSimulator::Impl::HandleRequest(Connection& conn, const vrc::Frame& req
     if (const std::optional<bool> faulted = ApplyTransferFault(conn, request, fault)) return *faulted;
     const detail::Reply reply = device.Handle(request, conn.session);
     const bool open = !reply.send || SendReply(conn.fd, request.command, reply, fault);
+    device.AfterReply(conn.session);
     switch (reply.after) {
         case detail::Reply::After::kNothing:
             return open;

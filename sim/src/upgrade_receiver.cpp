@@ -67,11 +67,19 @@ uint8_t UpgradeReceiver::Data(const std::vector<uint8_t>& payload) {
         length > current_.announcedSize - received) {
         return lidar::vrc::kStatusBadPayload;
     }
-    current_.receivedCrc = static_cast<uint32_t>(
-        crc32(current_.receivedCrc, payload.data() + 5, static_cast<uInt>(length)));
+    pending_ = payload.data() + 5;
+    pendingSize_ = length;
     current_.receivedSize += length;
     ++current_.chunks;
     return lidar::vrc::kStatusOk;
+}
+
+void UpgradeReceiver::SettleChunk() {
+    if (pending_ == nullptr) return;
+    current_.receivedCrc =
+        static_cast<uint32_t>(crc32(current_.receivedCrc, pending_, static_cast<uInt>(pendingSize_)));
+    pending_ = nullptr;
+    pendingSize_ = 0;
 }
 
 uint8_t UpgradeReceiver::End(const std::vector<uint8_t>& payload) {

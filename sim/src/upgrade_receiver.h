@@ -20,6 +20,10 @@ class UpgradeReceiver {
     // beginExtraBytes: bytes between the phase and the size in the begin phase (upgrade mode or
     // component type). Returns the device status for the request.
     uint8_t Handle(const std::vector<uint8_t>& payload, size_t beginExtraBytes);
+    // Folds the last accepted chunk into the CRC. Called after the chunk's reply is on its way
+    // (the bytes are still those of the request), so the device checks a chunk while the next
+    // one travels, as a device that acknowledges on receipt does.
+    void SettleChunk();
     // The transfer begun last on this connection (command is left to the caller).
     const Transfer& Current() const { return current_; }
     bool Active() const { return active_; }
@@ -31,6 +35,8 @@ class UpgradeReceiver {
 
     bool active_ = false;
     Transfer current_;
+    const uint8_t* pending_ = nullptr;  // the accepted chunk not yet in the CRC
+    size_t pendingSize_ = 0;
 };
 
 }  // namespace sim::detail

@@ -109,6 +109,8 @@ class VrcClient {
         size_t headSize = 0;
         const uint8_t* body = nullptr;
         size_t bodySize = 0;
+        // Work done once the request is on the wire, while the device handles it.
+        std::function<void()> whileWaiting;
         size_t Size() const { return headSize + bodySize; }
     };
     int Transfer(uint8_t command, std::optional<uint8_t> beginExtra, const u8Array_t& package,
@@ -140,7 +142,7 @@ class VrcClient {
     LogCallback logCallback_;
     std::atomic<int> lastReturnCode_{0};
     std::atomic<bool> closedLocally_{false};
-    std::vector<uint8_t> receiveBuffer_;  // used under queryMutex_
+    vrc::FrameDecoder decoder_;  // used under queryMutex_; keeps its buffer from reply to reply
     std::atomic<uint32_t> serialBaudRate_{0};
 };
 

@@ -42,6 +42,10 @@ class FrameDecoder {
 
     // Appends bytes to the decoder's buffer.
     void Feed(const uint8_t* data, size_t size);
+    // Receiving without a copy: Space(n) makes room for n more bytes at the end of the buffer and
+    // returns where they go; Commit(received) keeps the first `received` of them (at most n).
+    uint8_t* Space(size_t n);
+    void Commit(size_t received);
     // Takes the next complete frame out of the buffer. kMalformed is final until Reset().
     Result Next(Frame& out);
     // Bytes held that do not yet form a frame.
@@ -49,8 +53,11 @@ class FrameDecoder {
     void Reset();
 
   private:
+    void DropConsumed();
+
     std::vector<uint8_t> buffer_;
     size_t readPos_ = 0;
+    size_t spaceStart_ = 0;  // where the room of the last Space() begins
     bool malformed_ = false;
 };
 
