@@ -195,8 +195,8 @@ void BM_LogDownloadVersusBareTcp(benchmark::State& state) {
     double seconds = 0;
     for (auto _ : state) {
         const auto start = Clock::now();
-        if (m.DownloadLog(QUrl::fromLocalFile(QString::fromStdString(folder.path)),
-                          "Device Log") != 0)
+        if (m.DownloadLog(QUrl::fromLocalFile(QString::fromStdString(folder.path)), "Device Log") !=
+            0)
             return state.SkipWithError("the download did not start");
         m.waitForWorkers();
         seconds = Seconds(start);
@@ -206,6 +206,9 @@ void BM_LogDownloadVersusBareTcp(benchmark::State& state) {
     state.counters["bare_MiB_s"] = 16 / bareSeconds;
     state.counters["ratio"] = bareSeconds / seconds;
 }
-BENCHMARK(BM_LogDownloadVersusBareTcp)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LogDownloadVersusBareTcp)
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -283,7 +283,7 @@ const char* const kFovChannels =
 // The lidar keeps tenths of a degree: a bound with more decimals is refused, never rounded.
 QString fovBoundProblem(const QString& argument, const QString& value) {
     static const QRegularExpression tenths("^\\+?\\d+(\\.\\d?)?$");
-    if (!tenths.match(value).hasMatch())
+    if (!tenths.match(value).hasMatch() || value.toDouble() > 360.0)
         return "fov: '" + argument +
                "': a bound is degrees from 0 to 360 with at most one decimal (the lidar keeps "
                "tenths of a degree)";
@@ -310,6 +310,7 @@ QString parseFovEdits(const QStringList& arguments, FovEdits& edits) {
         const QString key = argument.section('=', 0, 0).trimmed();
         const QString value = argument.section('=', 1).trimmed();
         if (key.compare("mode", Qt::CaseInsensitive) == 0) {
+            if (value.isEmpty()) return "fov: '" + argument + "': mode needs a value";
             edits.mode = value;
             continue;
         }
@@ -464,6 +465,13 @@ int watchRefreshes(Session& session, const std::vector<const VarPosition*>& vari
             loop.exit(kExitOk);
         } else if (!session.connectionAlive()) {
             printDiagnostic("error: the connection to the lidar was lost");
+            loop.exit(kExitFailed);
+        } else if (const auto refresh = session.manager().getLastTimerRefresh();
+                   refresh.allFailed) {
+            // No value came back: say which requests failed instead of waiting for ever.
+            for (const auto& failure : refresh.failures)
+                printDiagnostic("error: could not refresh (request " + qs(failure.request) +
+                                "): " + readFailureText(failure.code));
             loop.exit(kExitFailed);
         }
     });

@@ -75,8 +75,9 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
     watch->add_option("MODULE", args.module,
                       "the module to watch (default: the first with timer "
                       "values)");
-    add("send", "send a raw command: HEADER and PAYLOAD bytes in hex; prints the reply's header "
-                "and payload (the payload cut at 1024 bytes) and records the command")
+    add("send",
+        "send a raw command: HEADER and PAYLOAD bytes in hex; prints the reply's header "
+        "and payload (the payload cut at 1024 bytes) and records the command")
         ->add_option("HEADER PAYLOAD", args.rest, "the command code, then the payload bytes")
         ->required();
     add("history", "the last ten raw commands sent, newest first (./Config/command_log_file.csv)");
@@ -107,7 +108,8 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
 // The first argument that is neither an option nor an option's value: what the user took for
 // a command when no subcommand matched.
 QString firstPositional(const QStringList& arguments) {
-    static const QStringList kValued = {"--model", "--host", "--port", "--local-port", "--token"};
+    static const QStringList kValued = {"--model", "--host",     "--port", "--local-port",
+                                        "--token", "--variable", "--dir"};
     for (int i = 0; i < arguments.size(); ++i) {
         if (kValued.contains(arguments[i])) {
             ++i;
@@ -146,7 +148,14 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     app.add_option("--local-port", localPort,
                    "local port of the VRC client, for models that fix it")
         ->check(kLocalPort);
-    app.add_option("--token", token, "the embedded simulator requires authorisation with it");
+    // An empty token would silently mean "no authorisation": refused like an empty host.
+    app.add_option("--token", token, "the embedded simulator requires authorisation with it")
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                return value.empty() ? std::string("needs a token (an empty one means none)")
+                                     : std::string();
+            },
+            "TOKEN"));
     app.add_flag("--json", options.json, "machine-readable output on standard output");
     app.add_flag("-v,--verbose", options.verbose,
                  "the manager's log and developer lines on standard error");

@@ -20,7 +20,7 @@ struct Options {
     QString token;      // the embedded simulator requires this token for writes
     bool verbose = false;
     bool json = false;
-    int count = 0;  // watch: stop after this many refreshes (0: until SIGINT)
+    int count = 0;     // watch: stop after this many refreshes (0: until SIGINT)
     QString variable;  // upgrade: the catalogue variable that names the upgrade command
     QString dir;       // log: the folder the log is saved in
     QString command;

@@ -57,7 +57,12 @@ void ProgressRenderer::update(qint64 done, qint64 total) {
     const int tenth = static_cast<int>(std::clamp(done * 10 / total, qint64{0}, qint64{10}));
     if (tenth == lastTenth_) return;
     lastTenth_ = tenth;
-    writeError(QString("%1: %2% (%3/%4 %5)\n").arg(label_).arg(tenth * 10).arg(done).arg(total).arg(unit_));
+    writeError(QString("%1: %2% (%3/%4 %5)\n")
+                   .arg(label_)
+                   .arg(tenth * 10)
+                   .arg(done)
+                   .arg(total)
+                   .arg(unit_));
 }
 
 void ProgressRenderer::finish(qint64 done, qint64 total) {

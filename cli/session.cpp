@@ -3,7 +3,9 @@
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QTimer>
+#include <algorithm>
 #include <cstdlib>
+#include <tuple>
 
 #include "output.h"
 #include "sdk/authorized_vrc_client.h"
@@ -21,6 +23,12 @@ constexpr int kConnectPollMs = 20;
 QString qs(const std::string& text) {
     return QString::fromStdString(text);
 }
+
+QString connectionKindOf(int connectType) {
+    return connectType == 1 ? "reached over serial lines" : "reached as VRC over a serial line";
+}
+
+}  // namespace
 
 // A read request's result in words: the device's status byte, or the client's own failure.
 QString readFailureText(int code) {
@@ -45,12 +53,6 @@ QString readFailureText(int code) {
             return "result " + QString::number(code);
     }
 }
-
-QString connectionKindOf(int connectType) {
-    return connectType == 1 ? "reached over serial lines" : "reached as VRC over a serial line";
-}
-
-}  // namespace
 
 Session::Session(const Options& options) : options_(options) {
     if (options_.host.isEmpty()) isolateSettings();
@@ -124,12 +126,20 @@ int Session::loadModel() {
 
 void Session::reportCatalogueProblems() const {
     constexpr int kShown = 3;
-    QStringList problems;
+    std::vector<Logger::Entry> entries;
     for (const Logger::Entry& entry : Logger::GetInstance().RecentEntries()) {
         if (entry.level != Logger::kWarning && entry.level != Logger::kConfigError) continue;
         if (entry.function != "ConfigParser::ExtractConfigInfo") continue;
-        problems << qs(entry.file) + ":" + QString::number(entry.line) + ": " + qs(entry.message);
+        entries.push_back(entry);
     }
+    // In file order: the parser reports some problems only after the last row.
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const Logger::Entry& a, const Logger::Entry& b) {
+                         return std::tie(a.file, a.line) < std::tie(b.file, b.line);
+                     });
+    QStringList problems;
+    for (const Logger::Entry& entry : entries)
+        problems << qs(entry.file) + ":" + QString::number(entry.line) + ": " + qs(entry.message);
     if (problems.isEmpty()) return;
     printDiagnostic("warning: the " + options_.model + " catalogue has " +
                     QString::number(problems.size()) + " problem" +
@@ -238,14 +248,27 @@ ReadOutcome Session::readModule(int module) {
     const QString name = module < names.size() ? names[module] : QString::number(module);
     printDiagnostic("reading " + name + " ...");
     manager_->GetLidarModuleInfo(module);
+    const auto failures = manager_->getLastModuleReadFailures();
     if (!connectionAlive()) {
+        // The request that ended the connection (a time-out or a broken reply closes it) is
+        // named with its cause; the requests after it were not sent.
+        const auto ended = std::find_if(failures.begin(), failures.end(), [](const auto& failure) {
+            return failure.code <= -2 && failure.code >= -4;
+        });
+        if (ended != failures.end())
+            printDiagnostic("error: request " + qs(ended->request) + " while reading " + name +
+                            ": " + readFailureText(ended->code));
         printDiagnostic("error: the connection to the lidar broke while reading " + name);
         return ReadOutcome::kConnectionLost;
     }
-    const auto failures = manager_->getLastModuleReadFailures();
     for (const auto& failure : failures) {
+        // Hidden variables are not the user's to see, here either.
         QStringList variables;
-        for (const std::string& variable : failure.names) variables << qs(variable);
+        for (const std::string& variable : failure.names) {
+            const VarInfo* var = manager_->searchVarPtr(variable, "var_name");
+            if (var == nullptr || !var->hidden) variables << qs(variable);
+        }
+        if (variables.isEmpty()) variables << "values the catalogue keeps hidden";
         printDiagnostic("error: could not read " + variables.join(", ") + " (request " +
                         qs(failure.request) + "): " + readFailureText(failure.code));
     }

@@ -22,6 +22,9 @@ namespace cli {
 // on standard error), or the connection lost.
 enum class ReadOutcome { kComplete, kIncomplete, kConnectionLost };
 
+// A read request's result in words: the device's status byte, or the client's own failure.
+QString readFailureText(int code);
+
 // Where a variable sits in the catalogue tree: the indexes SetText and Run take.
 struct VarPosition {
     int module = 0;

@@ -26,7 +26,8 @@ const VarPosition* upgradeVariable(Session& session, QString& problem) {
     const QString& name = session.options().variable;
     if (!name.isEmpty()) {
         const VarPosition* named = session.findVariable(name);
-        if (named == nullptr) problem = session.options().model + " has no variable '" + name + "'";
+        if (named == nullptr)
+            problem = session.options().model + " has no variable '" + name + "'";
         else if (named->var->set_cmd.empty())
             problem = name + " has no set command, so it cannot start an upgrade";
         return problem.isEmpty() ? named : nullptr;
@@ -78,8 +79,8 @@ int commandUpgrade(Session& session) {
         return usageError("cannot read the package " + arguments.front());
     const bool serialModel = session.manager().getConnectType() != 0;
     if (serialModel && !session.options().variable.isEmpty())
-        return usageError("--variable applies to the network models; " +
-                          session.options().model + " takes its own transfer");
+        return usageError("--variable applies to the network models; " + session.options().model +
+                          " takes its own transfer");
     QString problem;
     const VarPosition* variable = serialModel ? nullptr : upgradeVariable(session, problem);
     if (!serialModel && variable == nullptr) return usageError(problem);
@@ -88,9 +89,9 @@ int commandUpgrade(Session& session) {
     LidarUtilitiesManager& manager = session.manager();
     SuccessWatch transferred(manager, "Upgrade package transmitted successfully.");
     const QUrl url = QUrl::fromLocalFile(package.absoluteFilePath());
-    const int started = serialModel ? manager.WrenUpgradeLidar(url)
-                                    : manager.UpgradeLidar(url, variable->module, variable->page,
-                                                           variable->row);
+    const int started =
+        serialModel ? manager.WrenUpgradeLidar(url)
+                    : manager.UpgradeLidar(url, variable->module, variable->page, variable->row);
     if (started != 0 || !manager.getIsUpgrading()) {
         if (session.errorCount() == 0)
             printDiagnostic("error: the lidar is busy (an upgrade or a log download runs)");
@@ -155,7 +156,8 @@ int commandLog(Session& session) {
         return kExitFailed;
     const QFileInfo file(folder.absoluteFilePath(written.front()));
     reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
-    if (!session.options().json) printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
+    if (!session.options().json)
+        printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
     return kExitOk;
 }
 
@@ -188,7 +190,8 @@ int commandOperationLog(Session& session) {
     if (outcome.load() != 1) return kExitFailed;
     const QFileInfo file(archive);
     reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
-    if (!session.options().json) printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
+    if (!session.options().json)
+        printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
     return kExitOk;
 }
 

@@ -19,3 +19,8 @@ step --model Egret read Operation
 # Two values of one set command (0x31) and a network value (0x21, applied last; the lidar then
 # drops the connection and lidarutil connects again to read back).
 step --model Egret set "Spin Rate=1200" "Return Mode=Dual" "Gateway=192.168.1.254"
+# A raw command (device information) and a device log saved in a temporary folder.
+step --model Egret send 0x07
+logs=$(mktemp -d)
+step --model Egret log "Device Log" --dir "$logs"
+rm -rf "$logs"

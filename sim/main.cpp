@@ -27,7 +27,8 @@ const char* const kUsage =
     "  --token T              require authorisation (0xA1) with this token for writes\n"
     "  --fault CMD:MODE       CMD in hex (0x07); MODE one of no-reply, delay=MS,\n"
     "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N;\n"
-    "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, crc-mismatch\n"
+    "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, "
+    "crc-mismatch\n"
     "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
     "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n";
 

@@ -340,7 +340,8 @@ TEST(Lidarutil, SendPrintsTheReplyAndHistoryKeepsTheCommands) {
     const Outcome sent = lidarutil({"send", "0x75", "0x01", "02", "0X3"}, folder.path());
     ASSERT_EQ(sent.exitCode, 0) << sent.err.toStdString();
     // The embedded lidar's logs are 4096 bytes: the payload shown is cut at 1024.
-    EXPECT_TRUE(lines(sent.out).contains("header:  56 52 75 00 00 00 10 00")) << sent.out.toStdString();
+    EXPECT_TRUE(lines(sent.out).contains("header:  56 52 75 00 00 00 10 00"))
+        << sent.out.toStdString();
     EXPECT_EQ(lines(sent.out).filter("payload: ").front().size(), 9 + 1024 * 3 - 1);
     EXPECT_TRUE(sent.err.contains("only the first 1024 bytes are displayed"));
 
@@ -363,8 +364,9 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     const Outcome upgrade = lidarutil({"upgrade", QString::fromStdString(dir.file("fw.bin"))});
     EXPECT_EQ(upgrade.exitCode, 0) << upgrade.err.toStdString();
     EXPECT_TRUE(upgrade.err.contains("upgrade: 100% (150/150 KiB)")) << upgrade.err.toStdString();
-    EXPECT_TRUE(upgrade.err.contains("Upgrade package transmitted successfully. The lidar will "
-                                     "automatically reboot within 10 seconds."));
+    EXPECT_TRUE(
+        upgrade.err.contains("Upgrade package transmitted successfully. The lidar will "
+                             "automatically reboot within 10 seconds."));
 
     const SimulatorProcess failing("Egret", {"0x83:fail-chunk=2:4"});
     const Outcome failed = lidarutil({"--host", "127.0.0.1", "--port", failing.port(), "upgrade",
@@ -375,16 +377,39 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     const Outcome missing = lidarutil({"upgrade", QString::fromStdString(dir.file("none.bin"))});
     EXPECT_EQ(missing.exitCode, 2);
 
-    const Outcome log = lidarutil({"log", "Device Log", "--dir", QString::fromStdString(dir.path())});
+    const Outcome log =
+        lidarutil({"log", "Device Log", "--dir", QString::fromStdString(dir.path())});
     ASSERT_EQ(log.exitCode, 0) << log.err.toStdString();
-    EXPECT_TRUE(log.out.contains(QRegularExpression("/Device Log_\\d{8}-\\d{6}\\.bin \\(4096 bytes\\)")))
+    EXPECT_TRUE(
+        log.out.contains(QRegularExpression("/Device Log_\\d{8}-\\d{6}\\.bin \\(4096 bytes\\)")))
         << log.out.toStdString();
     const Outcome unknown = lidarutil({"log", "Crash Log"});
     EXPECT_EQ(unknown.exitCode, 2);
-    EXPECT_TRUE(unknown.err.contains("its logs are: Device Log, Operation Log")) << unknown.err.toStdString();
+    EXPECT_TRUE(unknown.err.contains("its logs are: Device Log, Operation Log"))
+        << unknown.err.toStdString();
 
     const Outcome oplog = lidarutil({"oplog", QString::fromStdString(dir.file("ops"))});
     ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
     EXPECT_TRUE(oplog.out.contains("/ops.tar (")) << oplog.out.toStdString();
     EXPECT_TRUE(testsupport::FileExists(dir.file("ops.tar")));
+}
+
+TEST(Lidarutil, RefusesBadArgumentsBeforeConnectingAndEndsAWatchThatGetsNoValue) {
+    for (const QStringList& arguments : {QStringList{"fov", "0=361"}, QStringList{"fov", "mode="},
+                                         QStringList{"--token", "", "info"}}) {
+        const Outcome refused = lidarutil(arguments);
+        EXPECT_EQ(refused.exitCode, 2) << arguments.join(' ').toStdString();
+        EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
+    }
+    // A float is written with its fraction: 10.99 is beyond a limit of 10.
+    const Outcome beyond = lidarutil({"--model", "Plover", "set", "Pitch Correction=10.99"});
+    EXPECT_EQ(beyond.exitCode, 2) << beyond.err.toStdString();
+
+    const SimulatorProcess failing("Egret", {"0x40:status=5"});
+    const Outcome watch = lidarutil({"--host", "127.0.0.1", "--port", failing.port(), "watch"});
+    EXPECT_EQ(watch.exitCode, 1);
+    EXPECT_TRUE(
+        watch.err.contains("could not refresh (request 0x40): the lidar answered with "
+                           "status 5 (device failure)"))
+        << watch.err.toStdString();
 }

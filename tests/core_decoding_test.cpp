@@ -246,8 +246,9 @@ TEST_F(DecodingTest, SingleVariableRangeCheck) {
     var("open").current_val = "500";  // a bound of 0 switches the check off
     EXPECT_TRUE(manager.CheckVarIsWithinRange("Unbounded", "var_name"));
 
-    // Gain: range_scale 10, limits 5..50, truncated toward zero after scaling.
-    const std::pair<const char*, bool> cases[] = {{"0.5", true},  {"5.09", true},  {"5", true},
+    // Gain: float32, range_scale 10, limits 5..50. A float is written with its fraction, so the
+    // fraction counts: 5.09 is 50.9 after scaling, beyond 50.
+    const std::pair<const char*, bool> cases[] = {{"0.5", true},  {"5.09", false}, {"5", true},
                                                   {"5.1", false}, {"0.49", false}, {"abc", false},
                                                   {"1e39", false}};
     for (const auto& [text, expected] : cases) {

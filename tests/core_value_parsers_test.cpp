@@ -191,6 +191,12 @@ TEST(ValueParsers, LimitsAreCheckedOnTheNumberThatIsWritten) {
     EXPECT_EQ(checkDecimalWithinLimits("-5.9", 1, -5, 5, 2147483647.0), LimitCheck::kWithin);
     EXPECT_EQ(checkDecimalWithinLimits("5.09", 10, 5, 50, 2147483647.0), LimitCheck::kWithin);
     EXPECT_EQ(checkDecimalWithinLimits("5.1", 10, 5, 50, 2147483647.0), LimitCheck::kOutside);
+    // A floating type is written with its fraction, so the fraction counts.
+    EXPECT_EQ(checkDecimalWithinLimits("10.99", 1, -10, 10, 3.4e38, false), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("-10.01", 1, -10, 10, 3.4e38, false), LimitCheck::kOutside);
+    EXPECT_EQ(checkDecimalWithinLimits("9.99", 1, -10, 10, 3.4e38, false), LimitCheck::kWithin);
+    EXPECT_FALSE(encodesInteger("float32"));
+    EXPECT_TRUE(encodesInteger("uint16"));
     // Beyond what the standard conversion takes: reported as that conversion's range failure.
     EXPECT_EQ(checkDecimalWithinLimits("1e400", 1, -5, 5, 2147483647.0),
               LimitCheck::kBeyondConversion);

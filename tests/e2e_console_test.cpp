@@ -150,7 +150,8 @@ TEST_F(ConsoleTest, HistoryKeepsTenAndSurvivesItsFile) {
 
 TEST_F(ConsoleTest, HistoryFileQuotingLimitAndMissingColumn) {
     const std::string file = root_.file("Config/command_log_file.csv");
-    std::string text = "Time,Command Code,Payload\n\"2026-01-02 03:04:05, local\",07,\"01 \"\"02\"\"\"\n";
+    std::string text =
+        "Time,Command Code,Payload\n\"2026-01-02 03:04:05, local\",07,\"01 \"\"02\"\"\"\n";
     for (int n = 0; n < 13; ++n) text += "2026-01-02 03:04:05,0" + std::to_string(n % 10) + ",\n";
     WriteFile(file, text);
     ManagerSession session("Egret", root_.root());
@@ -170,7 +171,8 @@ TEST_F(ConsoleTest, HistoryFileQuotingLimitAndMissingColumn) {
     WriteFile(file, "Time,Command Code\n2026-01-02 03:04:05,07\n");
     m.GetLocalCommandFileLog();
     EXPECT_EQ(m.getCommandLogCnt(), 0);
-    EXPECT_TRUE(session.LogHas("Command history not loaded: Can't find a column named Payload|ERROR"));
+    EXPECT_TRUE(
+        session.LogHas("Command history not loaded: Can't find a column named Payload|ERROR"));
 
     // A missing file is created empty and adds nothing.
     QFile::remove(QString::fromStdString(file));

@@ -77,9 +77,10 @@ class PrivateConfigRoot {
   public:
     PrivateConfigRoot() {
         const std::string config = root_.file("Config");
-        const std::string link = "mkdir -p '" + config + "' && for f in varID auth_config.csv "
-                                 "feature_config.csv; do ln -s '" + SourceDir() +
-                                 "/Config/'$f '" + config + "/'$f; done";
+        const std::string link = "mkdir -p '" + config +
+                                 "' && for f in varID auth_config.csv "
+                                 "feature_config.csv; do ln -s '" +
+                                 SourceDir() + "/Config/'$f '" + config + "/'$f; done";
         if (std::system(link.c_str()) != 0) ADD_FAILURE() << "could not link Config/";
     }
     const std::string& root() const { return root_.path(); }
@@ -127,8 +128,7 @@ class ManagerSession {
             [this] { Record("error: ", manager_->getErrorMessage()); }, Qt::DirectConnection);
         QObject::connect(
             manager_.get(), &LidarUtilitiesManager::successMessageChanged, &receiver_,
-            [this] { Record("success: ", manager_->getSuccessMessage()); },
-            Qt::DirectConnection);
+            [this] { Record("success: ", manager_->getSuccessMessage()); }, Qt::DirectConnection);
     }
 
     // Every error and success message shown so far, in order: "error: TEXT", "success: TEXT".

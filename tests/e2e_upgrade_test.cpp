@@ -95,7 +95,8 @@ TEST_F(UpgradeTest, TransferFailuresLeaveTheManagerReadyToRetry) {
         session_->ClearSpies();
         ASSERT_EQ(Upgrade(path), 0);
         ASSERT_TRUE(WaitUntilIdle());
-        EXPECT_TRUE(WaitFor([this] { return session_->Shown(std::string("error: ") + kTransferFailed); }, 2000))
+        EXPECT_TRUE(WaitFor(
+            [this] { return session_->Shown(std::string("error: ") + kTransferFailed); }, 2000))
             << static_cast<int>(fault.kind);
         EXPECT_TRUE(session_->LogHas(std::string(kTransferFailed) + "|INFO"));
         EXPECT_FALSE(m().getIsUpgrading());
@@ -154,9 +155,8 @@ TEST_F(UpgradeTest, StartChecksAndTotals) {
 
     // Refused without a word while a log download runs.
     simulator_->SetFault(0x75, sim::Fault{sim::Fault::Kind::kDelay, 1500, 0, 0});
-    ASSERT_EQ(m().DownloadLog(QUrl::fromLocalFile(QString::fromStdString(dir_.path())),
-                              "Device Log"),
-              0);
+    ASSERT_EQ(
+        m().DownloadLog(QUrl::fromLocalFile(QString::fromStdString(dir_.path())), "Device Log"), 0);
     ASSERT_TRUE(WaitFor([this] { return m().getIsDownloadLog(); }, 2000));
     EXPECT_EQ(Upgrade(one), -1);
     EXPECT_TRUE(session_->Messages().empty());
@@ -178,7 +178,9 @@ TEST(WrenUpgrade, VrcOverSerialSendsTheModeAndStopsAfterSuccess) {
     TempDir dir;
     const std::vector<uint8_t> package = WritePackage(dir.file("wren.bin"), 70000);
     session.m().WrenSetUpgradeMode(1);
-    ASSERT_EQ(session.m().WrenUpgradeLidar(QUrl::fromLocalFile(QString::fromStdString(dir.file("wren.bin")))), 0);
+    ASSERT_EQ(session.m().WrenUpgradeLidar(
+                  QUrl::fromLocalFile(QString::fromStdString(dir.file("wren.bin")))),
+              0);
     ASSERT_TRUE(WaitFor([&] { return !session.m().getIsConnected(); }, 20000));
     EXPECT_TRUE(session.Shown(
         "success: Upgrade package transmitted successfully. The lidar will automatically reboot."));

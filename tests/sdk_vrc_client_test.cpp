@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <climits>
 #include <memory>
@@ -14,8 +15,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <zlib.h>
 
 #include "sdk/authorized_vrc_client.h"
 #include "sdk/vrc_client.h"
@@ -434,7 +433,8 @@ TEST_F(VrcClientDevice, TransferSendsEveryByteAndCountsAcknowledgedKibibytes) {
     EXPECT_TRUE(transfers[3].completed);
     EXPECT_EQ(transfers[3].chunks, 4);
     EXPECT_EQ(transfers[3].receivedSize, package.size());
-    EXPECT_EQ(transfers[3].receivedCrc, crc32(0, package.data(), static_cast<uInt>(package.size())));
+    EXPECT_EQ(transfers[3].receivedCrc,
+              crc32(0, package.data(), static_cast<uInt>(package.size())));
     EXPECT_EQ(transfers[3].beginByte, -1);
     // Begin, four chunks and end, each a frame of its own; a chunk's line shows its first bytes.
     std::lock_guard<std::mutex> lock(linesMutex);

@@ -212,6 +212,14 @@ class LidarUtilitiesManager : public QObject {
         int code = 0;
     };
     std::vector<ReadFailure> getLastModuleReadFailures() const;
+    // The page timer's latest refresh of the timer variables: its number (from 1), whether every
+    // request failed (then no myTimerMapChanged follows), and the requests that failed.
+    struct TimerRefresh {
+        uint64_t number = 0;
+        bool allFailed = false;
+        std::vector<ReadFailure> failures;
+    };
+    TimerRefresh getLastTimerRefresh() const;
 
     // ---- UI caches (catalogue_reading.cpp) ----
     Q_INVOKABLE QVariantList getMyMap();
@@ -461,6 +469,8 @@ class LidarUtilitiesManager : public QObject {
     std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
 
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
+    TimerRefresh lastTimerRefresh;                    // guarded by fieldsMutex_
+    uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
 
     // Command history, newest first, at most ten (UI thread only).
     QList<SendCmdRecord> sendCmdHistory;

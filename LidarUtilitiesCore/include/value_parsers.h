@@ -65,11 +65,16 @@ class RawParser : public StrParser {
 // number the check's standard conversion (stoi, stof) would have taken.
 enum class LimitCheck { kWithin, kOutside, kNotANumber, kBeyondConversion };
 
-// Compares the exact decimal value of `text` (C-locale syntax, exponents allowed) times `factor`,
-// truncated toward zero, with the catalogue limits [minVal, maxVal]. The same reading of the text
-// as the parsers use, so that what is checked is what is written.
+// Compares the exact decimal value of `text` (C-locale syntax, exponents allowed) times `factor`
+// with the catalogue limits [minVal, maxVal]: truncated toward zero first for the integer types
+// (whose writer truncates), untruncated for the floating types (whose writer keeps the fraction,
+// so 10.99 is beyond a limit of 10). The same reading of the text as the parsers use, so that
+// what is checked is what is written.
 LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32_t minVal,
-                                    int32_t maxVal, double conversionLimit);
+                                    int32_t maxVal, double conversionLimit,
+                                    bool integerEncoding = true);
+// Whether the writer of this var_type encodes an integer (every type but float32 and double).
+bool encodesInteger(const std::string& varType);
 
 // The parser that writes a variable of this var_type ("int8" ... "uint64", "float32", "double",
 // "IP", "MAC", "raw"); null for a type that cannot be written.

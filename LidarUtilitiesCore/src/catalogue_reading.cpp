@@ -423,9 +423,19 @@ void LidarUtilitiesManager::refreshTimerVariables() {
     }
     const std::vector<ReadFailure> failures =
         readGroups(groups, "updatePagesTimer", &pagesTimerRunning);
-    // Fresh values only: nothing is announced after a stop or when every read failed.
-    if (!pagesTimerRunning.load() || groups.empty() || failures.size() == groups.size()) return;
-    emit myTimerMapChanged();
+    if (!pagesTimerRunning.load() || groups.empty()) return;
+    const bool allFailed = failures.size() == groups.size();
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        lastTimerRefresh = {++timerRefreshCount, allFailed, failures};
+    }
+    // Fresh values only: nothing is announced when every read failed.
+    if (!allFailed) emit myTimerMapChanged();
+}
+
+LidarUtilitiesManager::TimerRefresh LidarUtilitiesManager::getLastTimerRefresh() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return lastTimerRefresh;
 }
 
 void LidarUtilitiesManager::updatePagesTimer() {

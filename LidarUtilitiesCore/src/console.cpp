@@ -71,8 +71,7 @@ int hexNumber(const std::string& text) {
                               ? c - '0'
                               : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
         value = value * 16 + digit;
-        if (value > std::numeric_limits<int>::max())
-            throw std::out_of_range("larger than an int");
+        if (value > std::numeric_limits<int>::max()) throw std::out_of_range("larger than an int");
     }
     return static_cast<int>(value);
 }
@@ -121,7 +120,8 @@ void LidarUtilitiesManager::SendCommand(QString header, QString payload) {
         isDownloadLog.load())
         return;
     const std::optional<uint8_t> code = exchangeConsoleCommand(
-        header, payload, kVrcTexts, [&client](uint8_t command, const u8Array_t& bytes, u8Array_t& reply) {
+        header, payload, kVrcTexts,
+        [&client](uint8_t command, const u8Array_t& bytes, u8Array_t& reply) {
             return client->QueryCommand(bytes, reply, command, true);
         });
     if (code == kRestartCommand || code == kResetCommand) {
@@ -231,8 +231,8 @@ void LidarUtilitiesManager::WriteCommandLogToLocalCommandFile() {
     writer.WriteRow({kTimeColumn, kCodeColumn, kPayloadColumn});
     file.flush();
     for (const SendCmdRecord& record : sendCmdHistory) {
-        writer.WriteRow({record.time.toStdString(), record.cmd.toStdString(),
-                         record.payload.toStdString()});
+        writer.WriteRow(
+            {record.time.toStdString(), record.cmd.toStdString(), record.payload.toStdString()});
         file.flush();
     }
 }

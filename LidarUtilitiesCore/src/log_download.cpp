@@ -23,10 +23,8 @@ struct OperationLogPart {
     uint8_t part;
     const char* prefix;
 };
-constexpr OperationLogPart kOperationLogParts[] = {{0, 0, "bsw_warning_"},
-                                                   {0, 1, "asw_warning_"},
-                                                   {1, 0, "bsw_error_"},
-                                                   {1, 1, "asw_error_"}};
+constexpr OperationLogPart kOperationLogParts[] = {
+    {0, 0, "bsw_warning_"}, {0, 1, "asw_warning_"}, {1, 0, "bsw_error_"}, {1, 1, "asw_error_"}};
 
 // The request of a log variable: its get command (else its set command) as a command byte and
 // payload, then the variable's own payload bytes. Throws with `missing` when it has neither.
@@ -102,7 +100,8 @@ void LidarUtilitiesManager::deviceLogOutcome(const QString& name, int result, in
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         showErrorMessage(name + ": Failed to open file.");
     } else {
-        if (!writeFile(file, reply)) showErrorMessage(name + ": Failed to write binary data to file.");
+        if (!writeFile(file, reply))
+            showErrorMessage(name + ": Failed to write binary data to file.");
         file.close();
     }
     setIsDownloadLog(false);

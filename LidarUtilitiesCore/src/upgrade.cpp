@@ -35,7 +35,8 @@ int LidarUtilitiesManager::UpgradeLidar(QUrl file, int i, int j, int k) {
     if (!package.open(QIODevice::ReadOnly)) return 0;
     // An index outside the table names no variable, as a variable without a set command does.
     const bool inTable = i >= 0 && size_t(i) < tree->size() && j >= 0 &&
-                         size_t(j) < (*tree)[i].size() && k >= 0 && size_t(k) < (*tree)[i][j].size();
+                         size_t(j) < (*tree)[i].size() && k >= 0 &&
+                         size_t(k) < (*tree)[i][j].size();
     if (!inTable) {
         std::cout << "UpgradeLidar(): no variable at [" << i << "][" << j << "][" << k << "]\n";
         return 0;

@@ -182,7 +182,8 @@ StagedVerdict checkStagedText(const VarInfo& var, const std::string& staged) {
     // The exact number the writer encodes is what is compared (truncated, as it is written), so
     // that "5e3" counts as 5000, not 5.
     switch (checkDecimalWithinLimits(staged, 1.0f, var.min_val, var.max_val,
-                                     std::numeric_limits<int32_t>::max())) {
+                                     std::numeric_limits<int32_t>::max(),
+                                     encodesInteger(var.var_type))) {
         case LimitCheck::kWithin:
             return StagedVerdict::kPass;
         case LimitCheck::kOutside:
@@ -338,8 +339,9 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
     }
     // The staged text is read exactly, as the writer reads it, and compared exactly after the
     // range scale: a check and an encoding that disagree would let a value past the limits.
-    const LimitCheck verdict = checkDecimalWithinLimits(
-        staged, var->range_scale, var->min_val, var->max_val, std::numeric_limits<float>::max());
+    const LimitCheck verdict =
+        checkDecimalWithinLimits(staged, var->range_scale, var->min_val, var->max_val,
+                                 std::numeric_limits<float>::max(), encodesInteger(var->var_type));
     if (verdict == LimitCheck::kNotANumber || verdict == LimitCheck::kBeyondConversion) {
         qDebug().noquote() << "CheckVarIsWithinRange"
                            << (verdict == LimitCheck::kNotANumber ? " Invalid argument: "

@@ -284,8 +284,12 @@ std::vector<unsigned char> DoubleParser::parse(const std::string& text, float sc
     return bigEndianBytes(bits, sizeof(bits));
 }
 
+bool encodesInteger(const std::string& varType) {
+    return varType != "float32" && varType != "double";
+}
+
 LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32_t minVal,
-                                    int32_t maxVal, double conversionLimit) {
+                                    int32_t maxVal, double conversionLimit, bool integerEncoding) {
     mpq_class value;
     const DecimalStatus status = readDecimal(text, value);
     if (status == DecimalStatus::kNotDecimal) return LimitCheck::kNotANumber;
@@ -294,9 +298,10 @@ LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32
         return LimitCheck::kBeyondConversion;
     mpq_class exactFactor;
     if (!exactScale(factor, exactFactor)) return LimitCheck::kOutside;
-    // Truncated toward zero, as the writer truncates the raw value it sends.
-    const mpz_class scaled =
-        status == DecimalStatus::kOk ? truncatedTowardZero(value * exactFactor) : mpz_class(0);
+    // Truncated toward zero where the writer truncates the raw value it sends.
+    const mpq_class raw =
+        status == DecimalStatus::kOk ? mpq_class(value * exactFactor) : mpq_class(0);
+    const mpq_class scaled = integerEncoding ? mpq_class(truncatedTowardZero(raw)) : raw;
     return scaled < minVal || scaled > maxVal ? LimitCheck::kOutside : LimitCheck::kWithin;
 }
 

@@ -324,9 +324,11 @@ bool ConfigParser::ExtractConfigInfo() {
     }
     if (view == nullptr) missing = kColumnNames[0];  // not even a header
     if (const int open = outcome.unclosedQuoteLine) {
-        RejectRow(open, "a quoted field opens on this line and is never closed; lines " +
-                            std::to_string(open) + " to " + std::to_string(outcome.lastLine) +
-                            " are skipped");
+        ++rejectedRows_;
+        Report(Logger::kConfigError, open,
+               "a quoted field opens on this line and is never closed; lines " +
+                   std::to_string(open) + " to " + std::to_string(outcome.lastLine) +
+                   " are skipped");
     }
     if (missing != nullptr) return true;
 
@@ -522,7 +524,8 @@ void ConfigParser::WarnAboutLengthAndLimits(const VarInfo& var, int line) {
                "column \"offset\": " + Quoted(var.var_id) + " is read by get_cmd " +
                    Quoted(var.get_cmd) + " but has no length; it will not be decoded");
     }
-    if (var.min_val > var.max_val) {
+    // A bound of 0 switches the check off, so only two non-zero bounds can refuse everything.
+    if (var.min_val > var.max_val && var.min_val != 0 && var.max_val != 0) {
         Report(Logger::kWarning, line,
                "columns \"min_val\" and \"max_val\": " + Quoted(var.var_id) + " has min_val " +
                    std::to_string(var.min_val) + " above max_val " + std::to_string(var.max_val) +

@@ -1,11 +1,11 @@
 #include "sdk/vrc_client.h"
 
+#include <zlib.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-
-#include <zlib.h>
 
 #include "sdk/socket_source.h"
 
@@ -66,7 +66,8 @@ std::string FrameLine(const char* direction, uint8_t command, const std::vector<
 }
 
 void AppendUint32(u8vec& out, uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(static_cast<uint8_t>(value >> shift));
 }
 
 void AppendUint16(u8vec& out, uint16_t value) {
@@ -269,9 +270,8 @@ int VrcClient::AwaitReply(uint8_t command, vrc::Frame& frame) {
         if (left.count() <= 0) return Fail(kVrcTimeout, timedOut);
         size_t got = 0;
         // Straight into the decoder's buffer: a large reply (a log) is not copied on its way in.
-        const SocketSource::ReceiveStatus status =
-            socket_->Receive(decoder.Space(kReceiveChunk), kReceiveChunk, got,
-                             static_cast<uint32_t>(left.count()));
+        const SocketSource::ReceiveStatus status = socket_->Receive(
+            decoder.Space(kReceiveChunk), kReceiveChunk, got, static_cast<uint32_t>(left.count()));
         decoder.Commit(status == SocketSource::ReceiveStatus::kData ? got : 0);
         switch (status) {
             case SocketSource::ReceiveStatus::kData:

@@ -310,9 +310,9 @@ Bytes Device::LogContent(const Bytes& request) const {
 
 Bytes Device::GenerateLog(const Bytes& request) const {
     static const char* const kEvents[] = {
-        "scan: motor at speed",     "net: link up",          "temp: board 41.5 C",
-        "op: settings loaded",      "ptp: offset 120 ns",    "scan: frame rate 10 Hz",
-        "power: supply 24.1 V",     "op: idle",              "warn: window contamination low",
+        "scan: motor at speed", "net: link up",       "temp: board 41.5 C",
+        "op: settings loaded",  "ptp: offset 120 ns", "scan: frame rate 10 Hz",
+        "power: supply 24.1 V", "op: idle",           "warn: window contamination low",
     };
     Bytes log = blocks_.Peek(kReadLog, request);
     const std::string heading = model_ + " log " + HexText(request) + "\n";

@@ -26,12 +26,9 @@ bool Fault::Parse(const std::string& text, Fault& out) {
     static const struct {
         const char* name;
         Kind kind;
-    } kPlain[] = {{"no-reply", Kind::kNoReply},
-                  {"close-mid-reply", Kind::kCloseMidReply},
-                  {"bad-magic", Kind::kBadMagic},
-                  {"oversized-length", Kind::kOversizedLength},
-                  {"wrong-echo", Kind::kWrongEcho},
-                  {"crc-mismatch", Kind::kCrcMismatch}};
+    } kPlain[] = {{"no-reply", Kind::kNoReply},     {"close-mid-reply", Kind::kCloseMidReply},
+                  {"bad-magic", Kind::kBadMagic},   {"oversized-length", Kind::kOversizedLength},
+                  {"wrong-echo", Kind::kWrongEcho}, {"crc-mismatch", Kind::kCrcMismatch}};
     for (const auto& plain : kPlain) {
         if (text == plain.name) {
             out = Fault{};
@@ -53,8 +50,7 @@ bool Fault::Parse(const std::string& text, Fault& out) {
         out.status = static_cast<uint8_t>(number);
         return true;
     }
-    if (StartsWith(text, "drop-after-chunks=") &&
-        ParseCount(text.substr(18), 1L << 30, number)) {
+    if (StartsWith(text, "drop-after-chunks=") && ParseCount(text.substr(18), 1L << 30, number)) {
         out = Fault{};
         out.kind = Kind::kDropAfterChunks;
         out.count = static_cast<int>(number);

@@ -339,7 +339,8 @@ bool LidarSimulator::Impl::HandleRequest(Connection& conn, const vrc::Frame& req
         return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
     }
     if (fault.kind == Fault::Kind::kDelay && !SleepUnlessStopped(fault.delayMs)) return false;
-    if (const std::optional<bool> faulted = ApplyTransferFault(conn, request, fault)) return *faulted;
+    if (const std::optional<bool> faulted = ApplyTransferFault(conn, request, fault))
+        return *faulted;
     const detail::Reply reply = device.Handle(request, conn.session);
     const bool open = !reply.send || SendReply(conn.fd, request.command, reply, fault);
     device.AfterReply(conn.session);

@@ -63,8 +63,7 @@ uint8_t UpgradeReceiver::Data(const std::vector<uint8_t>& payload) {
     const uint32_t offset = ReadU32(payload, 1);
     const size_t length = payload.size() - 5;
     const uint64_t received = current_.receivedSize;
-    if (offset != received || length > kMaxChunk ||
-        length > current_.announcedSize - received) {
+    if (offset != received || length > kMaxChunk || length > current_.announcedSize - received) {
         return lidar::vrc::kStatusBadPayload;
     }
     pending_ = payload.data() + 5;
@@ -76,8 +75,8 @@ uint8_t UpgradeReceiver::Data(const std::vector<uint8_t>& payload) {
 
 void UpgradeReceiver::SettleChunk() {
     if (pending_ == nullptr) return;
-    current_.receivedCrc =
-        static_cast<uint32_t>(crc32(current_.receivedCrc, pending_, static_cast<uInt>(pendingSize_)));
+    current_.receivedCrc = static_cast<uint32_t>(
+        crc32(current_.receivedCrc, pending_, static_cast<uInt>(pendingSize_)));
     pending_ = nullptr;
     pendingSize_ = 0;
 }

@@ -317,31 +317,45 @@ bool EncodeByType(const VarInfo& var, const std::string& text, std::vector<uint8
 
 }  // namespace
 
+namespace {
+
+// -1 for a character that is not a hexadecimal digit.
+int HexDigitValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    const char lower = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (lower >= 'a' && lower <= 'f') return lower - 'a' + 10;
+    return -1;
+}
+
+}  // namespace
+
+// Command texts are read here on their own, so that the simulator never inherits a fault of the
+// manager's conversion: hexadecimal with or without "0x"; a longer text is a sub-command, walked
+// in pairs like the manager does ("0x" pairs skipped, a lone trailing digit not sent).
 bool ParseCommandText(const std::string& text, WireCommand& out) {
     const std::string t = Trimmed(text);
     if (t.empty()) return false;
     if (t.size() > 4) {
-        // Like the manager, which walks the text in pairs: a lone trailing digit is not sent.
         std::vector<uint8_t> prefix;
-        const std::string pairs = t.size() % 2 ? t.substr(0, t.size() - 1) : t;
-        if (!ParseHexPairs(pairs, prefix) || prefix.empty()) return false;
+        for (size_t i = 0; i + 1 < t.size(); i += 2) {
+            if (t[i] == '0' && (t[i + 1] == 'x' || t[i + 1] == 'X')) continue;
+            const int high = HexDigitValue(t[i]);
+            const int low = HexDigitValue(t[i + 1]);
+            if (high < 0 || low < 0) return false;
+            prefix.push_back(static_cast<uint8_t>(high * 16 + low));
+        }
+        if (prefix.empty()) return false;
         out.command = 0xFF;
         out.prefix = std::move(prefix);
         return true;
     }
-    // Command codes are hexadecimal with or without "0x"; read here on their own so that the
-    // simulator never inherits a fault of the manager's conversion.
     const size_t digitsAt = (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X')) ? 2 : 0;
     if (t.size() - digitsAt > 2) return false;
     unsigned value = 0;
     for (size_t i = digitsAt; i < t.size(); ++i) {
-        const char c = static_cast<char>(std::tolower(static_cast<unsigned char>(t[i])));
-        if (c >= '0' && c <= '9')
-            value = value * 16 + static_cast<unsigned>(c - '0');
-        else if (c >= 'a' && c <= 'f')
-            value = value * 16 + static_cast<unsigned>(c - 'a' + 10);
-        else
-            return false;
+        const int digit = HexDigitValue(t[i]);
+        if (digit < 0) return false;
+        value = value * 16 + static_cast<unsigned>(digit);
     }
     out.command = static_cast<uint8_t>(value);
     out.prefix.clear();
