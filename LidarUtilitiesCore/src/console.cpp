@@ -76,6 +76,19 @@ int hexNumber(const std::string& text) {
     return static_cast<int>(value);
 }
 
+// hexNumber, with the conversion's failure written to standard output as the console reports it
+// ("Invalid_argument", "Out_of_range"); nullopt then.
+std::optional<int> reportedHexNumber(const std::string& text) {
+    try {
+        return hexNumber(text);
+    } catch (const std::invalid_argument&) {
+        std::cout << "Invalid_argument" << std::endl;
+    } catch (const std::out_of_range&) {
+        std::cout << "Out_of_range" << std::endl;
+    }
+    return std::nullopt;
+}
+
 // "%F %X" in the classic locale: "2026-11-25 14:03:05" whatever the user's locale makes of %X.
 std::string localTimeText() {
     const std::time_t now = std::time(nullptr);
@@ -163,30 +176,16 @@ std::optional<uint8_t> LidarUtilitiesManager::exchangeConsoleCommand(
         return std::nullopt;
     };
     const std::string headerText = withoutHexPrefix(header.trimmed().toStdString());
-    int command = 0;
-    try {
-        command = hexNumber(headerText);
-    } catch (const std::invalid_argument&) {
-        std::cout << "Invalid_argument" << std::endl;
-        return fail(texts.headerError);
-    } catch (const std::out_of_range&) {
-        std::cout << "Out_of_range" << std::endl;
-        return fail(texts.headerError);
-    }
+    const std::optional<int> command = reportedHexNumber(headerText);
+    if (!command) return fail(texts.headerError);
 
     std::vector<std::string> parts;
     u8Array_t bytes;
     for (const QString& part : payload.split(' ', Qt::SkipEmptyParts)) {
         parts.push_back(withoutHexPrefix(part.toStdString()));
-        try {
-            bytes.push_back(static_cast<uint8_t>(hexNumber(parts.back()) & 0xFF));
-        } catch (const std::invalid_argument&) {
-            std::cout << "Invalid_argument" << std::endl;
-            return fail(texts.payloadError);
-        } catch (const std::out_of_range&) {
-            std::cout << "Out_of_range" << std::endl;
-            return fail(texts.payloadError);
-        }
+        const std::optional<int> byte = reportedHexNumber(parts.back());
+        if (!byte) return fail(texts.payloadError);
+        bytes.push_back(static_cast<uint8_t>(*byte & 0xFF));
     }
     std::string cleanPayload;
     for (const std::string& part : parts) cleanPayload += (cleanPayload.empty() ? "" : " ") + part;
@@ -195,7 +194,7 @@ std::optional<uint8_t> LidarUtilitiesManager::exchangeConsoleCommand(
     record.time = QString::fromStdString(localTimeText());
     record.cmd = QString::fromStdString(headerText);
     record.payload = QString::fromStdString(cleanPayload);
-    const uint8_t code = static_cast<uint8_t>(command & 0xFF);
+    const uint8_t code = static_cast<uint8_t>(*command & 0xFF);
 
     u8Array_t reply;
     if (exchange(code, bytes, reply) != 0) {
