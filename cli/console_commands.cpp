@@ -49,6 +49,13 @@ int commandSend(Session& session) {
         printResult("header:  " + header);
         printResult("payload: " + payload);
     }
+    // A serial reply carried through VRC has its own status byte (the fourth of its header).
+    bool ok = false;
+    const int status = header.split(' ').value(3).toInt(&ok, 16);
+    if (ok && status != 0) {
+        printDiagnostic("error: " + readFailureText(status));
+        return kExitFailed;
+    }
     return kExitOk;
 }
 

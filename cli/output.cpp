@@ -18,10 +18,16 @@ namespace {
 FILE* resultStream = stdout;
 bool verboseDiagnostics = false;
 std::mutex streamMutex;  // Qt's message handler may run on the manager's worker threads
+bool progressLineOpen = false;  // under streamMutex: a progress line waits on standard error
 
 void writeLine(FILE* stream, const QString& line) {
     const QByteArray bytes = line.toUtf8();
     std::lock_guard<std::mutex> lock(streamMutex);
+    if (stream == stderr && progressLineOpen) {
+        // The message takes the progress line's place; the next update draws it again below.
+        std::fputs("\r\x1b[K", stderr);
+        progressLineOpen = false;
+    }
     std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
     std::fputc('\n', stream);
     std::fflush(stream);
@@ -39,6 +45,14 @@ void qtMessage(QtMsgType type, const QMessageLogContext&, const QString& message
 }
 
 }  // namespace
+
+void writeProgress(const QString& text, bool lineOpen) {
+    const QByteArray bytes = text.toUtf8();
+    std::lock_guard<std::mutex> lock(streamMutex);
+    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stderr);
+    std::fflush(stderr);
+    progressLineOpen = lineOpen;
+}
 
 void routeOutput(bool verbose) {
     verboseDiagnostics = verbose;

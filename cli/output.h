@@ -22,8 +22,11 @@ void routeOutput(bool verbose);
 void printResult(const QString& line);
 // A JSON document, indented, on the results stream.
 void printJson(const QJsonDocument& document);
-// One line on standard error.
+// One line on standard error. A progress line left open on a terminal is cleared first.
 void printDiagnostic(const QString& line);
+// Progress text on standard error as it is (no line end added); lineOpen: the text leaves a line
+// that the next progress update redraws in place.
+void writeProgress(const QString& text, bool lineOpen);
 // "lidarutil: message" on standard error; returns the exit status of a usage error.
 int usageError(const QString& message);
 // Flushes both streams and whatever the manager left in std::cout.

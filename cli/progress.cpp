@@ -1,5 +1,7 @@
 #include "progress.h"
 
+#include "output.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,12 +14,6 @@ constexpr int kBarWidth = 24;
 
 QString duration(qint64 seconds) {
     return QString("%1:%2").arg(seconds / 60).arg(seconds % 60, 2, 10, QChar('0'));
-}
-
-void writeError(const QString& text) {
-    const QByteArray bytes = text.toUtf8();
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stderr);
-    std::fflush(stderr);
 }
 
 }  // namespace
@@ -49,7 +45,7 @@ QString ProgressRenderer::terminalLine(qint64 done, qint64 total) const {
 void ProgressRenderer::update(qint64 done, qint64 total) {
     if (terminal_) {
         // \r and an erase to the end of the line: the new line may be shorter than the last.
-        writeError("\r" + terminalLine(done, total) + "\x1b[K");
+        writeProgress("\r" + terminalLine(done, total) + "\x1b[K", true);
         drawn_ = true;
         return;
     }
@@ -57,17 +53,17 @@ void ProgressRenderer::update(qint64 done, qint64 total) {
     const int tenth = static_cast<int>(std::clamp(done * 10 / total, qint64{0}, qint64{10}));
     if (tenth == lastTenth_) return;
     lastTenth_ = tenth;
-    writeError(QString("%1: %2% (%3/%4 %5)\n")
+    writeProgress(QString("%1: %2% (%3/%4 %5)\n")
                    .arg(label_)
                    .arg(tenth * 10)
                    .arg(done)
                    .arg(total)
-                   .arg(unit_));
+                   .arg(unit_), false);
 }
 
 void ProgressRenderer::finish(qint64 done, qint64 total) {
     update(done, total);
-    if (terminal_ && drawn_) writeError("\n");
+    if (terminal_ && drawn_) writeProgress("\n", false);
     drawn_ = false;
 }
 

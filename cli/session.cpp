@@ -98,8 +98,14 @@ void Session::wireMessages() {
     QObject::connect(
         m, &LidarUtilitiesManager::errorMessageChanged, r,
         [this] {
+            // The console's long-reply notice comes through the error channel but is a warning.
+            const QString text = manager_->getErrorMessage();
+            if (text.startsWith("WARNING: ")) {
+                printDiagnostic(text);
+                return;
+            }
             ++errors_;
-            printDiagnostic("error: " + manager_->getErrorMessage());
+            printDiagnostic("error: " + text);
         },
         Qt::DirectConnection);
     QObject::connect(

@@ -1,6 +1,7 @@
 // upgrade, log and oplog: the manager's transfers from the command line. Each polls the
 // manager's counters and flags while its worker runs and draws them with the progress line.
 
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
@@ -26,10 +27,16 @@ const VarPosition* upgradeVariable(Session& session, QString& problem) {
     const QString& name = session.options().variable;
     if (!name.isEmpty()) {
         const VarPosition* named = session.findVariable(name);
+        uint8_t code = 0;
         if (named == nullptr)
             problem = session.options().model + " has no variable '" + name + "'";
-        else if (named->var->set_cmd.empty())
-            problem = name + " has no set command, so it cannot start an upgrade";
+        else if (!lidar::text::ParseCommandCode(named->var->set_cmd, code) ||
+                 code != kFirmwareUpgradeCommand)
+            // Any other command would reach the lidar with the transfer's begin phase as its
+            // payload: a reset or a restart, or a setting written with the package's size.
+            problem = name + " is not a firmware upgrade variable (its set command is '" +
+                      QString::fromStdString(named->var->set_cmd) +
+                      "'; an upgrade variable's is 0x83)";
         return problem.isEmpty() ? named : nullptr;
     }
     for (const VarPosition& position : session.variables()) {
@@ -65,6 +72,16 @@ class SuccessWatch {
     std::atomic<bool> seen_{false};
 };
 
+// The transfer's own failure in words: the client's last result and its reason.
+void explainTransferFailure(LidarUtilitiesManager& manager) {
+    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
+    if (!client) return;
+    const int code = client->GetLastReturnCode();
+    const std::string why = client->GetClient().LastError();
+    printDiagnostic("error: the transfer ended with " + readFailureText(code) +
+                    (why.empty() || code > 0 ? QString() : ": " + QString::fromStdString(why)));
+}
+
 void reportJson(Session& session, const QJsonObject& object) {
     if (session.options().json) printJson(QJsonDocument(object));
 }
@@ -87,26 +104,37 @@ int commandUpgrade(Session& session) {
     if (int status = session.connect(false); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
+    // Connected before the worker starts: no connection changes while it emits. The upgrade
+    // started when isUpgrading went true and is over when it went false again.
     SuccessWatch transferred(manager, "Upgrade package transmitted successfully.");
+    std::atomic<int> upgradingChanges{0};
+    QObject context;
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::isUpgradingChanged, &context,
+        [&upgradingChanges] { ++upgradingChanges; }, Qt::DirectConnection);
     const QUrl url = QUrl::fromLocalFile(package.absoluteFilePath());
     const int started =
         serialModel ? manager.WrenUpgradeLidar(url)
                     : manager.UpgradeLidar(url, variable->module, variable->page, variable->row);
-    if (started != 0 || !manager.getIsUpgrading()) {
+    if (started != 0 || upgradingChanges.load() == 0) {
         if (session.errorCount() == 0)
-            printDiagnostic("error: the lidar is busy (an upgrade or a log download runs)");
+            printDiagnostic(started != 0
+                                ? "error: the upgrade did not start (the lidar is busy with an "
+                                  "upgrade or a log download, or the package is too large)"
+                                : "error: nothing was sent: the package could not be read");
         return kExitFailed;
     }
     printDiagnostic("upgrading with " + package.fileName() + " (" + sizeText(package.size()) +
                     ") ...");
     ProgressRenderer progress("upgrade", "KiB");
-    while (manager.getIsUpgrading()) {
+    while (upgradingChanges.load() < 2) {
         progress.update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
         QThread::msleep(kPollMs);
     }
     progress.finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
     // The worker ends after its outcome: on the network models the restart 10 s later.
     manager.waitForWorkers();
+    if (!transferred.seen()) explainTransferFailure(manager);
     reportJson(session, {{"package", package.absoluteFilePath()},
                          {"bytes", package.size()},
                          {"transferred", transferred.seen()}});
@@ -131,18 +159,21 @@ int commandLog(Session& session) {
 
     LidarUtilitiesManager& manager = session.manager();
     SuccessWatch saved(manager, name + " download successful.");
-    const QStringList before = folder.entryList({name + "_*.bin"}, QDir::Files);
+    // The file's name has a resolution of one second: a download in the same second as an
+    // earlier one writes the same file again, so the file is found by its time, not its name.
+    const QDateTime started = QDateTime::currentDateTime().addSecs(-1);
     const int errorsBefore = session.errorCount();
-    if (manager.DownloadLog(QUrl::fromLocalFile(folder.absolutePath()), name) != 0) {
-        printDiagnostic("error: the lidar is busy (an upgrade or a log download runs)");
-        return kExitFailed;
-    }
-    ProgressRenderer progress("log " + name, "");
+    // Connected before the worker starts: no connection changes while it emits.
     std::atomic<bool> finished{false};
     QObject context;
     QObject::connect(
         &manager, &LidarUtilitiesManager::downloadFinished, &context,
         [&finished] { finished.store(true); }, Qt::DirectConnection);
+    if (manager.DownloadLog(QUrl::fromLocalFile(folder.absolutePath()), name) != 0) {
+        printDiagnostic("error: the lidar is busy (an upgrade or a log download runs)");
+        return kExitFailed;
+    }
+    ProgressRenderer progress("log " + name, "");
     while (!finished.load()) {
         progress.update(0, 0);
         QThread::msleep(kPollMs);
@@ -150,11 +181,19 @@ int commandLog(Session& session) {
     progress.finish(0, 0);
     manager.waitForWorkers();
 
-    QStringList written = folder.entryList({name + "_*.bin"}, QDir::Files, QDir::Time);
-    for (const QString& old : before) written.removeAll(old);
-    if (!saved.seen() || session.errorCount() != errorsBefore || written.isEmpty())
+    const QFileInfoList written =
+        folder.entryInfoList({name + "_*.bin"}, QDir::Files, QDir::Time);
+    if (!saved.seen() || session.errorCount() != errorsBefore || written.isEmpty() ||
+        written.front().lastModified() < started)
         return kExitFailed;
-    const QFileInfo file(folder.absoluteFilePath(written.front()));
+    const QFileInfo& file = written.front();
+    // Any answer but "no reply" is saved; a refusal is an empty or partial file, not a log.
+    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
+    if (client && client->GetLastReturnCode() > 0) {
+        printDiagnostic("error: " + readFailureText(client->GetLastReturnCode()) +
+                        "; the file holds the reply as it came: " + file.absoluteFilePath());
+        return kExitFailed;
+    }
     reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
     if (!session.options().json)
         printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
@@ -189,6 +228,11 @@ int commandOperationLog(Session& session) {
     manager.waitForWorkers();
     if (outcome.load() != 1) return kExitFailed;
     const QFileInfo file(archive);
+    // tar's exit code is not what the manager judges; an archive that is not there is a failure.
+    if (!file.isFile() || file.size() == 0) {
+        printDiagnostic("error: no archive was written at " + archive);
+        return kExitFailed;
+    }
     reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
     if (!session.options().json)
         printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");

@@ -376,10 +376,21 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
         << failed.err.toStdString();
     const Outcome missing = lidarutil({"upgrade", QString::fromStdString(dir.file("none.bin"))});
     EXPECT_EQ(missing.exitCode, 2);
+    // Only a firmware upgrade variable starts a transfer: Reset's command would reset the lidar.
+    const Outcome reset =
+        lidarutil({"upgrade", QString::fromStdString(dir.file("fw.bin")), "--variable", "Reset"});
+    EXPECT_EQ(reset.exitCode, 2);
+    EXPECT_TRUE(reset.err.contains("Reset is not a firmware upgrade variable"))
+        << reset.err.toStdString();
+    EXPECT_FALSE(reset.err.contains("connecting"));
 
     const Outcome log =
         lidarutil({"log", "Device Log", "--dir", QString::fromStdString(dir.path())});
     ASSERT_EQ(log.exitCode, 0) << log.err.toStdString();
+    // Again at once: the same second's file is written again, and that is still a success.
+    const Outcome again =
+        lidarutil({"log", "Device Log", "--dir", QString::fromStdString(dir.path())});
+    EXPECT_EQ(again.exitCode, 0) << again.err.toStdString();
     EXPECT_TRUE(
         log.out.contains(QRegularExpression("/Device Log_\\d{8}-\\d{6}\\.bin \\(4096 bytes\\)")))
         << log.out.toStdString();
@@ -392,6 +403,11 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
     EXPECT_TRUE(oplog.out.contains("/ops.tar (")) << oplog.out.toStdString();
     EXPECT_TRUE(testsupport::FileExists(dir.file("ops.tar")));
+    // tar cannot write there: no archive, whatever the manager concluded.
+    const Outcome nowhere = lidarutil({"oplog", "/proc/no-archive"});
+    EXPECT_EQ(nowhere.exitCode, 1);
+    EXPECT_TRUE(nowhere.err.contains("no archive was written at /proc/no-archive.tar"))
+        << nowhere.err.toStdString();
 }
 
 TEST(Lidarutil, RefusesBadArgumentsBeforeConnectingAndEndsAWatchThatGetsNoValue) {

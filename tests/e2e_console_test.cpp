@@ -61,11 +61,9 @@ TEST_F(ConsoleTest, RawCommandShowsTheFormattedReplyAndIsRecorded) {
     // Prefixes in any case and runs of blanks: the bytes 01 02 03 go out, the record keeps the
     // parts without prefixes. The 1500-byte log comes back cut at 1024 bytes, with the warning.
     m.SetLogBytesFlowStatus(true);
-    session.log().clear();
     m.SendCommand("75", "0x01   02  0X3");
-    EXPECT_FALSE(SpyTexts(session.log()).empty());
     bool sentBytes = false;
-    for (const std::string& line : SpyTexts(session.log()))
+    for (const std::string& line : session.LogLines())
         sentBytes = sentBytes || line.find("SEND 0x75 [11] 56 52 75 00 00 00 00 03 01 02 03") == 0;
     EXPECT_TRUE(sentBytes);
     const std::vector<uint8_t> log = simulator->LogContent({1, 2, 3});
@@ -96,17 +94,20 @@ TEST_F(ConsoleTest, BadTextAndRefusedCommandsAddNoRecordAndSendNothing) {
     // A number followed by a stray letter is not taken as the number.
     m.SendCommand("0x1g", "");
     m.SendCommand("FFFFFFFFFF", "");
+    // Above a byte: refused rather than cut to its low 8 bits (125 would be 0x25, a reset).
+    m.SendCommand("125", "");
     m.SendCommand("0x07", "01 0xzz");
     EXPECT_TRUE(session.Shown("error: Incorrect VRC payload was entered. Parsing failed."));
+    m.SendCommand("0x31", "0x1234");
     EXPECT_TRUE(simulator->RequestCounts().empty());
-    EXPECT_EQ(history.count(), 4);
+    EXPECT_EQ(history.count(), 6);
 
     simulator->SetFault(0x07, sim::Fault{sim::Fault::Kind::kStatus, 0, 5});
     m.SendCommand("07", "");
     EXPECT_TRUE(session.Shown(
         "error: Query vrc command fail. Please input right vrc command header and payload."));
     EXPECT_EQ(m.getCommandLogCnt(), 1);
-    EXPECT_EQ(history.count(), 5);
+    EXPECT_EQ(history.count(), 7);
 }
 
 TEST_F(ConsoleTest, RestartCommandStopsTheConnection) {

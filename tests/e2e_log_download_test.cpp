@@ -40,14 +40,13 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
     ManagerSession session("Egret");
     ASSERT_TRUE(session.Connect(simulator->Port()));
     LidarUtilitiesManager& m = session.m();
-    QSignalSpy finished(&m, &LidarUtilitiesManager::downloadFinished);
-    QSignalSpy busy(&m, &LidarUtilitiesManager::isDownloadLogChanged);
+    const std::atomic<int>& finished = session.downloadsFinished;
     TempDir folder;
 
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
-    ASSERT_TRUE(WaitFor([&] { return finished.count() == 1; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 1; }, 10000));
     EXPECT_FALSE(m.getIsDownloadLog());
-    EXPECT_EQ(busy.count(), 2);
+    EXPECT_EQ(session.downloadLogChanges.load(), 2);
     const QStringList files = QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
     ASSERT_EQ(files.size(), 1);
     EXPECT_TRUE(QRegularExpression("^Device Log_\\d{8}-\\d{6}\\.bin$").match(files[0]).hasMatch())
@@ -57,14 +56,14 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
 
     // A name the catalogue does not have: the exception path, still one finished signal.
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Crash Log"), 0);
-    ASSERT_TRUE(WaitFor([&] { return finished.count() == 2; }, 5000));
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 2; }, 5000));
     EXPECT_TRUE(session.Shown("error: Crash Log download error: Can not find Crash Log name"));
     EXPECT_FALSE(m.getIsDownloadLog());
 
     // No complete reply: the failure names the client's code.
     simulator->SetFault(0x75, sim::Fault{sim::Fault::Kind::kCloseMidReply, 0, 0, 0});
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
-    ASSERT_TRUE(WaitFor([&] { return finished.count() == 3; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 3; }, 10000));
     EXPECT_TRUE(session.Shown("error: Device Log download failed. return code: -2"));
     EXPECT_FALSE(m.getIsDownloadLog());
     // The connection is gone with the broken reply: refused, without a word or a signal.
@@ -72,7 +71,7 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
     EXPECT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), -1);
     EXPECT_EQ(m.DownloadOperationLog(Url(folder.file("ops"))), -1);
     EXPECT_EQ(session.Messages().size(), shown);
-    EXPECT_EQ(finished.count(), 3);
+    EXPECT_EQ(finished.load(), 3);
 }
 
 TEST(DeviceLog, CommandFromSetCommandAndLowerCaseOperationLog) {
@@ -83,15 +82,15 @@ TEST(DeviceLog, CommandFromSetCommandAndLowerCaseOperationLog) {
     auto simulator = StartWithLogs(config.configDir(), 3000);
     ManagerSession session("Egret", config.root());
     ASSERT_TRUE(session.Connect(simulator->Port()));
-    QSignalSpy finished(&session.m(), &LidarUtilitiesManager::downloadFinished);
-    QSignalSpy archived(&session.m(), &LidarUtilitiesManager::downloadOperationLogFinished);
+    const std::atomic<int>& finished = session.downloadsFinished;
+    const std::atomic<int>& archived = session.operationLogsFinished;
     TempDir folder;
     ASSERT_EQ(session.m().DownloadLog(Url(folder.path()), "Device Log"), 0);
-    ASSERT_TRUE(WaitFor([&] { return finished.count() == 1; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 1; }, 10000));
     EXPECT_TRUE(session.Shown("success: Device Log download successful."));
     ASSERT_EQ(session.m().DownloadOperationLog(Url(folder.file("ops.tar"))), 0);
-    ASSERT_TRUE(WaitFor([&] { return archived.count() == 1; }, 20000));
-    EXPECT_TRUE(archived.front().front().toBool());
+    ASSERT_TRUE(WaitFor([&] { return archived.load() == 1; }, 20000));
+    EXPECT_TRUE(session.lastOperationLogOk.load());
     EXPECT_TRUE(FileExists(folder.file("ops.tar")));
 }
 
@@ -99,13 +98,13 @@ TEST(OperationLog, ArchiveHoldsTheFourPartsInOrder) {
     auto simulator = StartWithLogs(SourceDir() + "/Config", 5000);
     ManagerSession session("Egret");
     ASSERT_TRUE(session.Connect(simulator->Port()));
-    QSignalSpy archived(&session.m(), &LidarUtilitiesManager::downloadOperationLogFinished);
+    const std::atomic<int>& archived = session.operationLogsFinished;
     TempDir folder;
 
     // The extension test is case-sensitive: "ops.TAR" becomes "ops.TAR.tar".
     ASSERT_EQ(session.m().DownloadOperationLog(Url(folder.file("ops.TAR"))), 0);
-    ASSERT_TRUE(WaitFor([&] { return archived.count() == 1; }, 20000));
-    ASSERT_TRUE(archived.front().front().toBool());
+    ASSERT_TRUE(WaitFor([&] { return archived.load() == 1; }, 20000));
+    ASSERT_TRUE(session.lastOperationLogOk.load());
     EXPECT_TRUE(session.Shown("success: Operation log download successful."));
     EXPECT_FALSE(session.m().getIsDownloadLog());
     EXPECT_FALSE(QDir(WorkFolder()).exists());
@@ -140,7 +139,7 @@ TEST(OperationLog, AFailingPartOrAMissingTarLeavesTheWorkFolder) {
     auto simulator = StartWithLogs(SourceDir() + "/Config", 5000);
     ManagerSession session("Egret");
     ASSERT_TRUE(session.Connect(simulator->Port()));
-    QSignalSpy archived(&session.m(), &LidarUtilitiesManager::downloadOperationLogFinished);
+    const std::atomic<int>& archived = session.operationLogsFinished;
     TempDir folder;
 
     // tar cannot be found: the parts are fetched, the archive is not built.
@@ -148,10 +147,10 @@ TEST(OperationLog, AFailingPartOrAMissingTarLeavesTheWorkFolder) {
     TempDir emptyBin;
     qputenv("PATH", QByteArray::fromStdString(emptyBin.path()));
     ASSERT_EQ(session.m().DownloadOperationLog(Url(folder.file("ops"))), 0);
-    const bool ended = WaitFor([&] { return archived.count() == 1; }, 20000);
+    const bool ended = WaitFor([&] { return archived.load() == 1; }, 20000);
     qputenv("PATH", path);
     ASSERT_TRUE(ended);
-    EXPECT_FALSE(archived.front().front().toBool());
+    EXPECT_FALSE(session.lastOperationLogOk.load());
     EXPECT_TRUE(session.Shown("error: Operation log download failed."));
     EXPECT_FALSE(FileExists(folder.file("ops.tar")));
     EXPECT_EQ(QDir(WorkFolder()).entryList(QDir::Files).size(), 4);
@@ -160,8 +159,8 @@ TEST(OperationLog, AFailingPartOrAMissingTarLeavesTheWorkFolder) {
     // A request without a complete reply fails the whole operation after the archive is built.
     simulator->SetFault(0x75, sim::Fault{sim::Fault::Kind::kCloseMidReply, 0, 0, 0});
     ASSERT_EQ(session.m().DownloadOperationLog(Url(folder.file("ops"))), 0);
-    ASSERT_TRUE(WaitFor([&] { return archived.count() == 2; }, 20000));
-    EXPECT_FALSE(archived.back().front().toBool());
+    ASSERT_TRUE(WaitFor([&] { return archived.load() == 2; }, 20000));
+    EXPECT_FALSE(session.lastOperationLogOk.load());
     EXPECT_TRUE(FileExists(folder.file("ops.tar")));
     EXPECT_EQ(QDir(WorkFolder()).entryList(QDir::Files).size(), 4);
     EXPECT_FALSE(session.m().getIsDownloadLog());

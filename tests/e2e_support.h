@@ -8,6 +8,7 @@
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <cstdlib>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -120,8 +121,6 @@ class ManagerSession {
           errors_(manager_.get(), &LidarUtilitiesManager::errorMessageChanged),
           successes_(manager_.get(), &LidarUtilitiesManager::successMessageChanged),
           connected_(manager_.get(), &LidarUtilitiesManager::isConnectedChanged) {
-        manager_->InitConfigFileParser(QString::fromStdString(model));
-        manager_->setIpAddress("127.0.0.1");
         // Workers show messages from their own threads: record each text as it is shown.
         QObject::connect(
             manager_.get(), &LidarUtilitiesManager::errorMessageChanged, &receiver_,
@@ -129,7 +128,45 @@ class ManagerSession {
         QObject::connect(
             manager_.get(), &LidarUtilitiesManager::successMessageChanged, &receiver_,
             [this] { Record("success: ", manager_->getSuccessMessage()); }, Qt::DirectConnection);
+        QObject::connect(
+            manager_.get(), &LidarUtilitiesManager::sendLogMessage, &receiver_,
+            [this](const QString& text, const QString& level) {
+                std::lock_guard<std::mutex> lock(messagesMutex_);
+                logLines_.push_back(text.toStdString() + "|" + level.toStdString());
+            },
+            Qt::DirectConnection);
+        // The workers' signals, counted as they are emitted (a QSignalSpy is not safe to read
+        // while another thread appends to it).
+        const auto count = [this](auto signal, std::atomic<int>& counter) {
+            QObject::connect(
+                manager_.get(), signal, &receiver_, [&counter] { ++counter; },
+                Qt::DirectConnection);
+        };
+        count(&LidarUtilitiesManager::downloadFinished, downloadsFinished);
+        count(&LidarUtilitiesManager::isDownloadLogChanged, downloadLogChanges);
+        count(&LidarUtilitiesManager::isUpgradingChanged, upgradingChanges);
+        QObject::connect(
+            manager_.get(), &LidarUtilitiesManager::downloadOperationLogFinished, &receiver_,
+            [this](bool ok) {
+                lastOperationLogOk = ok;
+                ++operationLogsFinished;
+            },
+            Qt::DirectConnection);
+        manager_->InitConfigFileParser(QString::fromStdString(model));
+        manager_->setIpAddress("127.0.0.1");
     }
+
+    std::atomic<int> downloadsFinished{0};
+    std::atomic<int> downloadLogChanges{0};
+    std::atomic<int> upgradingChanges{0};
+    std::atomic<int> operationLogsFinished{0};
+    std::atomic<bool> lastOperationLogOk{false};
+
+    // The manager goes first: its destructor joins the workers, so nothing appends to the
+    // spies while they are destroyed.
+    ~ManagerSession() { manager_.reset(); }
+    ManagerSession(const ManagerSession&) = delete;
+    ManagerSession& operator=(const ManagerSession&) = delete;
 
     // Every error and success message shown so far, in order: "error: TEXT", "success: TEXT".
     std::vector<std::string> Messages() const {
@@ -157,13 +194,25 @@ class ManagerSession {
         return manager_->getIsConnected();
     }
 
+    // What the manager logged so far, "TEXT|LEVEL", from any thread.
+    std::vector<std::string> LogLines() const {
+        std::lock_guard<std::mutex> lock(messagesMutex_);
+        return logLines_;
+    }
+    // Whether the manager logged `line` ("TEXT|LEVEL"), from any thread.
     bool LogHas(const std::string& line) const {
-        for (const std::string& text : SpyTexts(log_))
+        std::lock_guard<std::mutex> lock(messagesMutex_);
+        for (const std::string& text : logLines_)
             if (text == line) return true;
         return false;
     }
 
     void ClearSpies() {
+        {
+            std::lock_guard<std::mutex> lock(messagesMutex_);
+            logLines_.clear();
+            messages_.clear();
+        }
         log_.clear();
         errors_.clear();
         successes_.clear();
@@ -184,6 +233,7 @@ class ManagerSession {
     QObject receiver_;  // destroyed after the manager: its connections end with it
     mutable std::mutex messagesMutex_;
     std::vector<std::string> messages_;
+    std::vector<std::string> logLines_;
     std::unique_ptr<LidarUtilitiesManager> manager_;
     QSignalSpy log_;
     QSignalSpy errors_;

@@ -365,6 +365,7 @@ class LidarUtilitiesManager : public QObject {
                                                   const ConsoleTexts& texts,
                                                   const ConsoleExchange& exchange);
     void setConsoleReply(const std::string& header, const std::string& payload);
+    void clearStagingOnOwnerThread();
     // Upgrade and log workers: started after the checks, joined by the destructor.
     bool startPackageTransfer(QFile& file, std::string command);
     // Sleeps ms unless the manager is being destroyed; false when it is.

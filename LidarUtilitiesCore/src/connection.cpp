@@ -11,6 +11,8 @@
 
 #include "command_text.h"
 #include "lidar_utilities_manager.h"
+
+#include <QThread>
 #include "sdk/auth_config.h"
 #include "sdk/vrc_client.h"
 
@@ -363,6 +365,16 @@ void LidarUtilitiesManager::resetSerialNumberTexts() {
         if (var->var_type == "SN") var->current_val = "xxxxxxxx";
 }
 
+// The staged edits belong to the UI thread (unlocked). A worker that stops the connection (the
+// upgrade's outcome, its restart request) leaves the clearing to that thread's event loop.
+void LidarUtilitiesManager::clearStagingOnOwnerThread() {
+    if (QThread::currentThread() == thread()) {
+        ClearSetMap();
+        return;
+    }
+    QMetaObject::invokeMethod(this, [this] { ClearSetMap(); }, Qt::QueuedConnection);
+}
+
 void LidarUtilitiesManager::Stop() {
     try {
         // An attempt in flight leaves nothing connected behind, and a query waiting for a lidar
@@ -381,7 +393,7 @@ void LidarUtilitiesManager::Stop() {
                 joinThread(pagesTimerThread);
                 resetSerialNumberTexts();
                 setAuthorizedClient(nullptr);
-                ClearSetMap();
+                clearStagingOnOwnerThread();
                 emit isConnectedChanged();
                 notifyMyMapChanged();
                 resetFovTable();

@@ -2,12 +2,12 @@
 // history of the last ten commands kept in ./Config/command_log_file.csv.
 
 #include <QVariantMap>
+#include <algorithm>
 #include <cctype>
 #include <ctime>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
-#include <limits>
 #include <locale>
 #include <sstream>
 #include <stdexcept>
@@ -58,10 +58,11 @@ std::string withoutHexPrefix(const std::string& text) {
     return text;
 }
 
-// The whole text as a base-16 number of type int. Only hexadecimal digits are taken: a sign, a
-// blank or a trailing letter ("1g") is an invalid argument rather than a partial number, so a
-// typing error never sends a code the user did not write.
-int hexNumber(const std::string& text) {
+// The whole text as one byte in base 16. Only hexadecimal digits are taken: a sign, a blank or a
+// trailing letter ("1g") is an invalid argument rather than a partial number, and a value above
+// 0xFF is out of range rather than cut to its low 8 bits ("125" would send 0x25, a factory
+// reset), so a typing error never sends a code the user did not write.
+int hexByte(const std::string& text) {
     if (text.empty()) throw std::invalid_argument("no hexadecimal digits");
     long long value = 0;
     for (char c : text) {
@@ -70,17 +71,17 @@ int hexNumber(const std::string& text) {
         const int digit = std::isdigit(static_cast<unsigned char>(c))
                               ? c - '0'
                               : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
-        value = value * 16 + digit;
-        if (value > std::numeric_limits<int>::max()) throw std::out_of_range("larger than an int");
+        value = std::min<long long>(value * 16 + digit, 0x100);
     }
+    if (value > 0xFF) throw std::out_of_range("larger than a byte");
     return static_cast<int>(value);
 }
 
-// hexNumber, with the conversion's failure written to standard output as the console reports it
+// hexByte, with the conversion's failure written to standard output as the console reports it
 // ("Invalid_argument", "Out_of_range"); nullopt then.
 std::optional<int> reportedHexNumber(const std::string& text) {
     try {
-        return hexNumber(text);
+        return hexByte(text);
     } catch (const std::invalid_argument&) {
         std::cout << "Invalid_argument" << std::endl;
     } catch (const std::out_of_range&) {
@@ -185,7 +186,7 @@ std::optional<uint8_t> LidarUtilitiesManager::exchangeConsoleCommand(
         parts.push_back(withoutHexPrefix(part.toStdString()));
         const std::optional<int> byte = reportedHexNumber(parts.back());
         if (!byte) return fail(texts.payloadError);
-        bytes.push_back(static_cast<uint8_t>(*byte & 0xFF));
+        bytes.push_back(static_cast<uint8_t>(*byte));
     }
     std::string cleanPayload;
     for (const std::string& part : parts) cleanPayload += (cleanPayload.empty() ? "" : " ") + part;
@@ -194,7 +195,7 @@ std::optional<uint8_t> LidarUtilitiesManager::exchangeConsoleCommand(
     record.time = QString::fromStdString(localTimeText());
     record.cmd = QString::fromStdString(headerText);
     record.payload = QString::fromStdString(cleanPayload);
-    const uint8_t code = static_cast<uint8_t>(*command & 0xFF);
+    const uint8_t code = static_cast<uint8_t>(*command);
 
     u8Array_t reply;
     if (exchange(code, bytes, reply) != 0) {

@@ -142,12 +142,14 @@ void LidarUtilitiesManager::DownloadOperationLogThread(QUrl archive) {
             if (file.open(QIODevice::ReadWrite | QIODevice::Truncate)) writeFile(file, reply);
         }
         const bool packed = runTar(workFolder, archivePath, names);
-        setIsDownloadLog(false);
         if (packed && everyPartAnswered) {
+            // The folder goes before the flag: a download started next must not lose its files.
             QDir(workFolder).removeRecursively();
+            setIsDownloadLog(false);
             showSuccessMessage("Operation log download successful.");
             emit downloadOperationLogFinished(true);
         } else {
+            setIsDownloadLog(false);
             showErrorMessage("Operation log download failed.");
             emit downloadOperationLogFinished(false);
         }
