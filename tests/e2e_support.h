@@ -122,12 +122,17 @@ class ManagerSession {
           successes_(manager_.get(), &LidarUtilitiesManager::successMessageChanged),
           connected_(manager_.get(), &LidarUtilitiesManager::isConnectedChanged) {
         // Workers show messages from their own threads: record each text as it is shown.
+        // The raw pointer, not manager_: the destructor resets manager_ while a worker may still
+        // be showing a message.
+        LidarUtilitiesManager* const manager = manager_.get();
         QObject::connect(
-            manager_.get(), &LidarUtilitiesManager::errorMessageChanged, &receiver_,
-            [this] { Record("error: ", manager_->getErrorMessage()); }, Qt::DirectConnection);
+            manager, &LidarUtilitiesManager::errorMessageChanged, &receiver_,
+            [this, manager] { Record("error: ", manager->getErrorMessage()); },
+            Qt::DirectConnection);
         QObject::connect(
-            manager_.get(), &LidarUtilitiesManager::successMessageChanged, &receiver_,
-            [this] { Record("success: ", manager_->getSuccessMessage()); }, Qt::DirectConnection);
+            manager, &LidarUtilitiesManager::successMessageChanged, &receiver_,
+            [this, manager] { Record("success: ", manager->getSuccessMessage()); },
+            Qt::DirectConnection);
         QObject::connect(
             manager_.get(), &LidarUtilitiesManager::sendLogMessage, &receiver_,
             [this](const QString& text, const QString& level) {
