@@ -411,7 +411,8 @@ TEST(SimulatorTest, NetworkCommandsApplyAndSetNetworkDropsTheConnection) {
 
 TEST(SimulatorTest, RestartAndResetMakeTheDeviceUnreachableForAWhile) {
     sim::LidarSimulator::Options options = Shipped("Egret");
-    options.restartDowntimeMs = 1000;
+    // Long enough that a loaded machine still sees the device down right after the reply.
+    options.restartDowntimeMs = 3000;
     auto simulator = Start(options);
     const uint16_t port = simulator->Port();
     RawClient bystander(port);
