@@ -17,7 +17,7 @@ namespace {
 
 FILE* resultStream = stdout;
 bool verboseDiagnostics = false;
-std::mutex streamMutex;  // Qt's message handler may run on the manager's worker threads
+std::mutex streamMutex;         // Qt's message handler may run on the manager's worker threads
 bool progressLineOpen = false;  // under streamMutex: a progress line waits on standard error
 
 void writeLine(FILE* stream, const QString& line) {

@@ -1,11 +1,11 @@
 #include "progress.h"
 
-#include "output.h"
-
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+
+#include "output.h"
 
 namespace cli {
 namespace {
@@ -53,12 +53,9 @@ void ProgressRenderer::update(qint64 done, qint64 total) {
     const int tenth = static_cast<int>(std::clamp(done * 10 / total, qint64{0}, qint64{10}));
     if (tenth == lastTenth_) return;
     lastTenth_ = tenth;
-    writeProgress(QString("%1: %2% (%3/%4 %5)\n")
-                   .arg(label_)
-                   .arg(tenth * 10)
-                   .arg(done)
-                   .arg(total)
-                   .arg(unit_), false);
+    writeProgress(
+        QString("%1: %2% (%3/%4 %5)\n").arg(label_).arg(tenth * 10).arg(done).arg(total).arg(unit_),
+        false);
 }
 
 void ProgressRenderer::finish(qint64 done, qint64 total) {

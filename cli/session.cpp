@@ -208,6 +208,9 @@ int Session::connect(bool needsPages) {
         manager_->setVrcClientHostPort(options_.localPort);
     }
     manager_->SetLogBytesFlowStatus(options_.verbose);
+    // One-shot commands read what they need themselves; a monitor read once a second in the
+    // background would only compete with them (and its failures are not theirs).
+    manager_->setMonitorAutoRefresh(false);
 
     const QString what = simulator_ ? " (simulated " + options_.model + ")" : QString();
     printDiagnostic("connecting to " + endpoint() + what + " ...");

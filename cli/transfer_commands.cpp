@@ -181,8 +181,7 @@ int commandLog(Session& session) {
     progress.finish(0, 0);
     manager.waitForWorkers();
 
-    const QFileInfoList written =
-        folder.entryInfoList({name + "_*.bin"}, QDir::Files, QDir::Time);
+    const QFileInfoList written = folder.entryInfoList({name + "_*.bin"}, QDir::Files, QDir::Time);
     if (!saved.seen() || session.errorCount() != errorsBefore || written.isEmpty() ||
         written.front().lastModified() < started)
         return kExitFailed;

@@ -4,8 +4,8 @@
 #include <zlib.h>
 
 #include <QElapsedTimer>
-#include <algorithm>
 #include <QUrl>
+#include <algorithm>
 
 #include "e2e_support.h"
 

@@ -17,6 +17,7 @@
 #include <QVariantList>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -44,6 +45,7 @@ class SerialClient;
 
 struct ConsoleTexts;
 class QFile;
+class QTextStream;
 
 class LidarUtilitiesManager : public QObject {
     Q_OBJECT
@@ -240,6 +242,22 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE int getMonitorModuleIndex() const { return monitorModuleIndex.load(); }
     Q_INVOKABLE int getMonitorContentRevision() const { return monitorContentRevision.load(); }
     Q_INVOKABLE void setModuleIndexUse(int module) { moduleIndexUse.store(module); }
+
+    // ---- Monitor refresh and recording (monitor_record.cpp) ----
+    Q_INVOKABLE void refreshMonitor();
+    Q_INVOKABLE void setMonitorAutoRefresh(bool on);
+    Q_INVOKABLE bool getMonitorAutoRefresh() const;
+    Q_INVOKABLE void setMonitorRecordDurationSec(int seconds);
+    Q_INVOKABLE void setMonitorRecordIntervalSec(int seconds);
+    Q_INVOKABLE int getMonitorRecordDurationSec() const { return monitorRecordDurationSec.load(); }
+    Q_INVOKABLE int getMonitorRecordIntervalSec() const { return monitorRecordIntervalSec.load(); }
+    Q_INVOKABLE bool getIsMonitorRecording() const;
+    Q_INVOKABLE void startMonitorRecord(QUrl folder);
+    Q_INVOKABLE void stopMonitorRecord();
+    void writeMonitorRecordHeader(QTextStream& stream);
+    void writeMonitorRecordRow(QTextStream& stream);
+    void monitorAutoRefreshLoop();
+    void monitorRecordLoop(QString path, int interval, int duration);
     Q_INVOKABLE int getModuleIndexUse() const { return moduleIndexUse.load(); }
 
     // ---- Edit staging and applying (write_back.cpp) ----
@@ -366,6 +384,11 @@ class LidarUtilitiesManager : public QObject {
                                                   const ConsoleExchange& exchange);
     void setConsoleReply(const std::string& header, const std::string& payload);
     void clearStagingOnOwnerThread();
+    void startMonitorRefreshLoop();
+    void clearMonitorFlags();
+    void stopMonitorRefreshLoop();
+    bool monitorWaitUntil(std::chrono::steady_clock::time_point until,
+                          const std::atomic<bool>& running);
     // Upgrade and log workers: started after the checks, joined by the destructor.
     bool startPackageTransfer(QFile& file, std::string command);
     // Sleeps ms unless the manager is being destroyed; false when it is.
@@ -479,6 +502,9 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> closing_{false};
     std::mutex closingMutex_;
     std::condition_variable closingWake_;
+    // Wakes the monitor threads' waits when their flag is cleared.
+    std::mutex monitorWakeMutex_;
+    std::condition_variable monitorWake_;
 
     // Monitor.
     QList<MonitorHwVersionInfo> monitorHwVersions;  // guarded by fieldsMutex_

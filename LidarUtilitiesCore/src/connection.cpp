@@ -2,6 +2,7 @@
 // device commands that end a connection (Restart, Reset), plus the configuration-file query.
 
 #include <QString>
+#include <QThread>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
@@ -11,8 +12,6 @@
 
 #include "command_text.h"
 #include "lidar_utilities_manager.h"
-
-#include <QThread>
 #include "sdk/auth_config.h"
 #include "sdk/vrc_client.h"
 
@@ -244,7 +243,11 @@ bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
     joinThread(pagesTimerThread);
     ifAttemptCurrent(attempt, [&] {
         try {
-            if (pageThreadFirst) startPagesThread(loop);
+            if (pageThreadFirst) {
+                startPagesThread(loop);
+                // The network connection also starts the monitor's auto-refresh when it is on.
+                if (monitorAutoRefresh.load()) startMonitorRefreshLoop();
+            }
             isConnected.store(true);
             writeLogMessage("Lidar connected", "INFO");
             if (!pageThreadFirst) startPagesThread(loop);
@@ -372,7 +375,18 @@ void LidarUtilitiesManager::clearStagingOnOwnerThread() {
         ClearSetMap();
         return;
     }
-    QMetaObject::invokeMethod(this, [this] { ClearSetMap(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { ClearSetMap(); }, Qt::QueuedConnection);
+}
+
+// Clears both monitor flags and wakes the threads' waits, so that they end within moments.
+void LidarUtilitiesManager::clearMonitorFlags() {
+    {
+        std::lock_guard<std::mutex> lock(monitorWakeMutex_);
+        monitorRefreshRunning.store(false);
+        monitorRecording.store(false);
+    }
+    monitorWake_.notify_all();
 }
 
 void LidarUtilitiesManager::Stop() {
@@ -386,8 +400,7 @@ void LidarUtilitiesManager::Stop() {
             case 0:
                 isConnected.store(false);
                 stopPagesLoop();
-                monitorRefreshRunning.store(false);
-                monitorRecording.store(false);
+                clearMonitorFlags();
                 joinThread(monitorRefreshThread);
                 joinThread(monitorRecordThread);
                 joinThread(pagesTimerThread);

@@ -72,6 +72,10 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     cancelConnectAttempt();
     waitForWorkers();
     Stop();
+    // Stop joins the monitor threads on a network connection only; none may outlive the manager.
+    clearMonitorFlags();
+    joinThread(monitorRefreshThread);
+    joinThread(monitorRecordThread);
 }
 
 // ---- Settings file ----

@@ -1,0 +1,217 @@
+// The monitor module read again and again: once a second by the auto-refresh thread while the
+// user watches the page, and at the user's interval by the recording thread, which appends each
+// reading as a row of a CSV file for the chosen duration.
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QTextStream>
+#include <chrono>
+
+#include "lidar_utilities_manager.h"
+
+namespace {
+
+constexpr long kRefreshPeriodMs = 1000;
+
+// The variables a record holds: every shown variable of the monitor module, page by page.
+std::vector<const VarInfo*> recordedVariables(
+    const std::vector<std::vector<std::vector<VarInfo*>>>& tree, int module) {
+    std::vector<const VarInfo*> vars;
+    if (module < 0 || module >= static_cast<int>(tree.size())) return vars;
+    for (const std::vector<VarInfo*>& page : tree[module])
+        for (const VarInfo* var : page)
+            if (var != nullptr && !var->hidden) vars.push_back(var);
+    return vars;
+}
+
+}  // namespace
+
+// ---- Settings ----
+
+void LidarUtilitiesManager::refreshMonitor() {
+    const int module = monitorModuleIndex.load();
+    if (module >= 0) GetLidarModuleInfo(module);
+}
+
+bool LidarUtilitiesManager::getMonitorAutoRefresh() const {
+    return monitorAutoRefresh.load();
+}
+
+void LidarUtilitiesManager::setMonitorAutoRefresh(bool on) {
+    if (monitorAutoRefresh.exchange(on) == on) return;
+    emit monitorAutoRefreshChanged();
+    if (!on) {
+        stopMonitorRefreshLoop();
+        return;
+    }
+    if (isConnected.load()) startMonitorRefreshLoop();
+}
+
+void LidarUtilitiesManager::setMonitorRecordDurationSec(int seconds) {
+    if (monitorRecordDurationSec.exchange(std::max(seconds, 1)) != std::max(seconds, 1))
+        emit monitorRecordParamsChanged();
+}
+
+void LidarUtilitiesManager::setMonitorRecordIntervalSec(int seconds) {
+    if (monitorRecordIntervalSec.exchange(std::max(seconds, 1)) != std::max(seconds, 1))
+        emit monitorRecordParamsChanged();
+}
+
+// ---- Auto-refresh ----
+
+// Starts the loop when the monitor module exists and no loop runs.
+void LidarUtilitiesManager::startMonitorRefreshLoop() {
+    if (monitorModuleIndex.load() < 0) return;
+    std::lock_guard<std::mutex> lock(threadsMutex_);
+    if (monitorRefreshThread) return;
+    monitorRefreshRunning.store(true);
+    try {
+        monitorRefreshThread =
+            std::make_unique<std::thread>(&LidarUtilitiesManager::monitorAutoRefreshLoop, this);
+    } catch (const std::system_error& e) {
+        monitorRefreshRunning.store(false);
+        writeLogMessage(std::string("Monitor auto-refresh could not start: ") + e.what(), "ERROR");
+    }
+}
+
+void LidarUtilitiesManager::stopMonitorRefreshLoop() {
+    {
+        std::lock_guard<std::mutex> lock(monitorWakeMutex_);
+        monitorRefreshRunning.store(false);
+    }
+    monitorWake_.notify_all();
+    joinThread(monitorRefreshThread);
+}
+
+void LidarUtilitiesManager::monitorAutoRefreshLoop() {
+    using Clock = std::chrono::steady_clock;
+    auto next = Clock::now();
+    while (monitorRefreshRunning.load()) {
+        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load() &&
+            !monitorRecording.load() && monitorModuleIndex.load() >= 0)
+            refreshMonitor();
+        // Once a second from the first reading, whatever a reading costs.
+        next += std::chrono::milliseconds(kRefreshPeriodMs);
+        if (!monitorWaitUntil(next, monitorRefreshRunning)) return;
+    }
+}
+
+// Waits until the time point; false (at once) when the flag is cleared meanwhile.
+bool LidarUtilitiesManager::monitorWaitUntil(std::chrono::steady_clock::time_point until,
+                                             const std::atomic<bool>& running) {
+    std::unique_lock<std::mutex> lock(monitorWakeMutex_);
+    monitorWake_.wait_until(lock, until, [&running] { return !running.load(); });
+    return running.load();
+}
+
+// ---- Recording ----
+
+bool LidarUtilitiesManager::getIsMonitorRecording() const {
+    return monitorRecording.load();
+}
+
+void LidarUtilitiesManager::startMonitorRecord(QUrl folderUrl) {
+    if (monitorRecording.load()) return;
+    if (monitorModuleIndex.load() < 0) {
+        showErrorMessage("No Monitor module for current model");
+        return;
+    }
+    if (!isConnected.load()) {
+        showErrorMessage("Please connect to lidar first");
+        return;
+    }
+    QString folder = folderUrl.toLocalFile();
+    if (folder.isEmpty()) folder = folderUrl.toString();
+    if (folder.startsWith("file://")) folder = QUrl(folder).toLocalFile();
+    if (folder.isEmpty() || !QDir(folder).exists()) {
+        showErrorMessage("Invalid record folder");
+        return;
+    }
+    const QString version = getCurrentMonitorHwVersion();
+    const QString path =
+        QDir(folder).filePath(QString("Monitor_%1_%2.csv")
+                                  .arg(version.isEmpty() ? "NA" : version)
+                                  .arg(QDateTime::currentDateTime().toString("yyyyMMdd_HHmmss")));
+    {
+        std::lock_guard<std::mutex> lock(monitorWakeMutex_);
+        monitorRecording.store(true);
+    }
+    emit isMonitorRecordingChanged();
+    joinThread(monitorRecordThread);
+    const int interval = monitorRecordIntervalSec.load();
+    const int duration = monitorRecordDurationSec.load();
+    std::lock_guard<std::mutex> lock(threadsMutex_);
+    try {
+        monitorRecordThread = std::make_unique<std::thread>(
+            &LidarUtilitiesManager::monitorRecordLoop, this, path, interval, duration);
+    } catch (const std::system_error& e) {
+        monitorRecording.store(false);
+        emit isMonitorRecordingChanged();
+        showErrorMessage("Failed to create monitor record file");
+        writeLogMessage(std::string("Monitor recording could not start: ") + e.what(), "ERROR");
+    }
+}
+
+void LidarUtilitiesManager::stopMonitorRecord() {
+    if (!monitorRecording.load()) return;
+    {
+        std::lock_guard<std::mutex> lock(monitorWakeMutex_);
+        monitorRecording.store(false);
+    }
+    monitorWake_.notify_all();
+    joinThread(monitorRecordThread);
+    emit isMonitorRecordingChanged();
+}
+
+// Rows fall on start + n × interval (not "interval after the last row"), so the time a reading
+// takes does not accumulate; while the lidar is busy a row is skipped, the clock runs on.
+void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int duration) {
+    using Clock = std::chrono::steady_clock;
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
+        monitorRecording.store(false);
+        emit isMonitorRecordingChanged();
+        showErrorMessage("Failed to create monitor record file");
+        return;
+    }
+    QTextStream stream(&file);
+    stream.setCodec("UTF-8");
+    writeMonitorRecordHeader(stream);
+    const auto start = Clock::now();
+    for (long row = 0; monitorRecording.load(); ++row) {
+        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
+        if (elapsed.count() >= duration) break;
+        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load()) {
+            refreshMonitor();
+            writeMonitorRecordRow(stream);
+            stream.flush();
+        }
+        if (!monitorWaitUntil(start + std::chrono::seconds(interval) * (row + 1), monitorRecording))
+            break;
+    }
+    file.close();
+    monitorRecording.store(false);
+    emit isMonitorRecordingChanged();
+    showSuccessMessage("Monitor record saved:\n" + path);
+}
+
+void LidarUtilitiesManager::writeMonitorRecordHeader(QTextStream& stream) {
+    const auto* tree = varTree.load();
+    const int module = monitorModuleIndex.load();
+    if (!currentParser || !tree || module < 0) return;
+    stream << "timestamp";
+    for (const VarInfo* var : recordedVariables(*tree, module))
+        stream << "," << QString::fromStdString(var->var_name + var->name_suffix);
+    stream << "\n";
+}
+
+void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream) {
+    const auto* tree = varTree.load();
+    const int module = monitorModuleIndex.load();
+    if (!currentParser || !tree || module < 0) return;
+    stream << QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss.zzz");
+    for (const VarInfo* var : recordedVariables(*tree, module))
+        stream << "," << currentValueOf(var);
+    stream << "\n";
+}

@@ -1,0 +1,165 @@
+// The monitor's auto-refresh and recording against the simulator: the record file's name,
+// header and rows, the parameters, the refusals, stopping early, and the refresh switch.
+
+#include <QDir>
+#include <QRegularExpression>
+#include <QThread>
+#include <QUrl>
+
+#include "e2e_support.h"
+
+using namespace testsupport;
+
+namespace {
+
+constexpr uint8_t kMonitorRead = 0x41;  // the shipped Egret monitor variants read 0x41
+
+QUrl Url(const std::string& path) {
+    return QUrl::fromLocalFile(QString::fromStdString(path));
+}
+
+QStringList Lines(const std::string& path) {
+    return QString::fromStdString(ReadFile(path)).split('\n', Qt::SkipEmptyParts);
+}
+
+// "timestamp", then name and suffix of every shown variable of the monitor module.
+QString ExpectedHeader(LidarUtilitiesManager& m) {
+    QString header = "timestamp";
+    for (const auto& page : m.getCurrentParser()->varTree[m.getMonitorModuleIndex()])
+        for (const VarInfo* var : page)
+            if (!var->hidden)
+                header += "," + QString::fromStdString(var->var_name + var->name_suffix);
+    return header;
+}
+
+TEST(MonitorRecord, WritesTheHeaderAndARowPerIntervalThenSaysWhereTheFileIs) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret");
+    LidarUtilitiesManager& m = session.m();
+    ASSERT_GE(m.getMonitorModuleIndex(), 0);
+    QSignalSpy params(&m, &LidarUtilitiesManager::monitorRecordParamsChanged);
+    m.setMonitorRecordDurationSec(0);
+    m.setMonitorRecordIntervalSec(-3);
+    EXPECT_EQ(m.getMonitorRecordDurationSec(), 1);
+    EXPECT_EQ(m.getMonitorRecordIntervalSec(), 1);
+    EXPECT_EQ(params.count(), 1);  // the interval was 1 already
+    m.setMonitorRecordDurationSec(2);
+    m.setMonitorRecordDurationSec(2);
+    EXPECT_EQ(params.count(), 2);
+
+    TempDir folder;
+    m.startMonitorRecord(Url(folder.path()));
+    EXPECT_TRUE(session.Shown("error: Please connect to lidar first"));
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    m.startMonitorRecord(Url(folder.path() + "/missing"));
+    EXPECT_TRUE(session.Shown("error: Invalid record folder"));
+    m.startMonitorRecord(Url("/proc"));
+    ASSERT_TRUE(WaitFor(
+        [&] { return session.Shown("error: Failed to create monitor record file"); }, 5000));
+    m.waitForWorkers();
+
+    m.startMonitorRecord(Url(folder.path()));
+    EXPECT_TRUE(m.getIsMonitorRecording());
+    ASSERT_TRUE(WaitFor([&] { return !m.getIsMonitorRecording(); }, 10000));
+    const QStringList files = QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
+    ASSERT_EQ(files.size(), 1);
+    EXPECT_TRUE(
+        QRegularExpression("^Monitor_" + m.getCurrentMonitorHwVersion() + "_\\d{8}_\\d{6}\\.csv$")
+            .match(files[0])
+            .hasMatch())
+        << files[0].toStdString();
+    const std::string path = folder.file(files[0].toStdString());
+    const QStringList lines = Lines(path);
+    ASSERT_EQ(lines.size(), 3) << ReadFile(path);  // header, then a row at 0 s and at 1 s
+    EXPECT_EQ(lines[0], ExpectedHeader(m));
+    for (int row = 1; row < 3; ++row) {
+        EXPECT_TRUE(QRegularExpression("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3},")
+                        .match(lines[row])
+                        .hasMatch())
+            << lines[row].toStdString();
+        EXPECT_EQ(lines[row].count(','), lines[0].count(','));
+    }
+    EXPECT_TRUE(
+        WaitFor([&] { return session.Shown("success: Monitor record saved:\n" + path); }, 2000));
+}
+
+TEST(MonitorRecord, HiddenVariablesStayOutAndStoppingEarlyKeepsTheFile) {
+    // The variant applied at load (the highest number) with its receiver temperature hidden.
+    CraftedConfig config("Egret", {{"Egret", "Egret"}});
+    const std::string variant = config.configDir() + "/varID/Egret/Monitor_HW2.0_2.csv";
+    const std::string shown =
+        "m2_rx_temp,Receiver Temperature, (°C),int16,0x41,,,4,0,2,0,0.01,1,"
+        "44.75,,,1,0,0,";
+    std::string text = ReadFile(variant);
+    const size_t at = text.find(shown);
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at + shown.size() - 2, 1, "1");  // the hidden column
+    WriteFile(variant, text);
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret", config.root());
+    LidarUtilitiesManager& m = session.m();
+    ASSERT_EQ(m.getCurrentMonitorHwVersion(), "HW2.0");
+    bool hiddenInModule = false;
+    for (const auto& page : m.getCurrentParser()->varTree[m.getMonitorModuleIndex()])
+        for (const VarInfo* var : page)
+            hiddenInModule = hiddenInModule || (var->var_id == "m2_rx_temp" && var->hidden);
+    ASSERT_TRUE(hiddenInModule);
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    m.setMonitorRecordDurationSec(60);
+    TempDir folder;
+    m.startMonitorRecord(Url(folder.path()));
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            const QStringList files =
+                QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
+            return !files.isEmpty() && Lines(folder.file(files[0].toStdString())).size() >= 2;
+        },
+        5000));
+    m.stopMonitorRecord();
+    EXPECT_FALSE(m.getIsMonitorRecording());
+    const QStringList files = QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
+    const std::string path = folder.file(files[0].toStdString());
+    const std::string written = ReadFile(path);
+    EXPECT_EQ(Lines(path)[0], ExpectedHeader(m));
+    EXPECT_FALSE(Lines(path)[0].contains("Receiver Temperature"));
+    EXPECT_TRUE(session.Shown("success: Monitor record saved:\n" + path));
+    // Nothing is written after stopMonitorRecord returns.
+    QThread::msleep(1500);
+    EXPECT_EQ(ReadFile(path), written);
+}
+
+TEST(MonitorAutoRefresh, ReadsEverySecondWhileOnAndConnected) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret");
+    LidarUtilitiesManager& m = session.m();
+    EXPECT_TRUE(LidarUtilitiesManager(0, "").getMonitorAutoRefresh());  // on by default
+    m.setMonitorAutoRefresh(true);  // not connected: nothing starts yet
+    EXPECT_EQ(simulator->RequestCount(kMonitorRead), 0u);
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    ASSERT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) >= 2; }, 5000));
+
+    QSignalSpy switched(&m, &LidarUtilitiesManager::monitorAutoRefreshChanged);
+    m.setMonitorAutoRefresh(false);
+    m.setMonitorAutoRefresh(false);
+    EXPECT_EQ(switched.count(), 1);
+    const uint64_t reads = simulator->RequestCount(kMonitorRead);
+    QThread::msleep(2500);
+    EXPECT_EQ(simulator->RequestCount(kMonitorRead), reads);
+
+    m.setMonitorAutoRefresh(true);
+    EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > reads; }, 3000));
+    m.Stop();
+    const uint64_t afterStop = simulator->RequestCount(kMonitorRead);
+    QThread::msleep(1500);
+    EXPECT_EQ(simulator->RequestCount(kMonitorRead), afterStop);
+}
+
+TEST(MonitorRecord, AModelWithoutMonitorModuleRefuses) {
+    ManagerSession session("Heron-VRC");
+    ASSERT_LT(session.m().getMonitorModuleIndex(), 0);
+    session.m().startMonitorRecord(QUrl::fromLocalFile("/tmp"));
+    EXPECT_TRUE(session.Shown("error: No Monitor module for current model"));
+    EXPECT_TRUE(session.m().getMonitorHwVersionList().isEmpty());
+}
+
+}  // namespace
