@@ -163,3 +163,44 @@ TEST(MonitorRecord, AModelWithoutMonitorModuleRefuses) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(MonitorVariants, OrderSkipsAndSelection) {
+    // Variant files beside a copy of the Egret catalogue: labels from the names, highest
+    // number first, malformed names skipped.
+    CraftedConfig config("Egret", {{"Egret", "Egret"}});
+    const std::string folder = config.configDir() + "/varID/Egret/";
+    const std::string variant = ReadFile(folder + "Monitor_HW1.0_1.csv");
+    std::system(("rm -f '" + folder + "'Monitor_*.csv").c_str());
+    for (const char* name :
+         {"Monitor_A_2.csv", "Monitor_B_10.csv", "Monitor_A_1.csv", "Monitor__3.csv",
+          "Monitor_A_.csv", "Monitor_A_x.csv", "Monitor_A_B_4.csv"})
+        WriteFile(folder + name, variant);
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret", config.root());
+    LidarUtilitiesManager& m = session.m();
+    EXPECT_EQ(m.getMonitorHwVersionList(), (QStringList{"B", "A_B", "A", "A"}));
+    EXPECT_EQ(m.getCurrentMonitorHwVersion(), "B");
+
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    const int revision = m.getMonitorContentRevision();
+    const uint64_t reads = simulator->RequestCount(kMonitorRead);
+    m.selectMonitorHwVersion("A");
+    EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+    EXPECT_EQ(m.getMonitorContentRevision(), revision + 1);
+    EXPECT_GT(simulator->RequestCount(kMonitorRead), reads);  // read once at once
+    m.selectMonitorHwVersion("C");
+    EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version C"));
+    EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+
+    TempDir records;
+    m.setMonitorRecordDurationSec(30);
+    m.startMonitorRecord(Url(records.path()));
+    m.selectMonitorHwVersion("B");
+    EXPECT_TRUE(session.Shown("error: Stop recording before switching hardware version"));
+    EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+    m.stopMonitorRecord();
+}
+
+}  // namespace

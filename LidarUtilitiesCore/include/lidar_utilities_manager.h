@@ -237,6 +237,7 @@ class LidarUtilitiesManager : public QObject {
     int findMonitorModuleIndex() const;
     void scanMonitorHwVersions();
     bool applyMonitorHwVersion(const QString& version, bool withSignals);
+    Q_INVOKABLE void selectMonitorHwVersion(QString version);
     Q_INVOKABLE QStringList getMonitorHwVersionList() const;
     Q_INVOKABLE QString getCurrentMonitorHwVersion() const;
     Q_INVOKABLE int getMonitorModuleIndex() const { return monitorModuleIndex.load(); }
@@ -386,6 +387,8 @@ class LidarUtilitiesManager : public QObject {
     void clearStagingOnOwnerThread();
     void startMonitorRefreshLoop();
     void clearMonitorFlags();
+    // The monitor module's shown variables, page by page, as a record holds them.
+    std::vector<const VarInfo*> monitorRecordVariables() const;
     void stopMonitorRefreshLoop();
     bool monitorWaitUntil(std::chrono::steady_clock::time_point until,
                           const std::atomic<bool>& running);

@@ -127,6 +127,19 @@ bool LidarUtilitiesManager::applyMonitorHwVersion(const QString& version, bool w
     return true;
 }
 
+void LidarUtilitiesManager::selectMonitorHwVersion(QString version) {
+    // The recording's header names the variables of the variant it started with.
+    if (monitorRecording.load()) {
+        showErrorMessage("Stop recording before switching hardware version");
+        return;
+    }
+    if (!applyMonitorHwVersion(version, true)) {
+        showErrorMessage("Failed to load monitor config for version " + version);
+        return;
+    }
+    if (isConnected.load()) refreshMonitor();
+}
+
 QStringList LidarUtilitiesManager::getMonitorHwVersionList() const {
     std::lock_guard<std::mutex> lock(fieldsMutex_);
     QStringList labels;

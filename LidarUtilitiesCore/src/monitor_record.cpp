@@ -196,22 +196,25 @@ void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int du
     showSuccessMessage("Monitor record saved:\n" + path);
 }
 
-void LidarUtilitiesManager::writeMonitorRecordHeader(QTextStream& stream) {
+std::vector<const VarInfo*> LidarUtilitiesManager::monitorRecordVariables() const {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     const auto* tree = varTree.load();
     const int module = monitorModuleIndex.load();
-    if (!currentParser || !tree || module < 0) return;
+    if (!currentParser || !tree || module < 0) return {};
+    return recordedVariables(*tree, module);
+}
+
+void LidarUtilitiesManager::writeMonitorRecordHeader(QTextStream& stream) {
+    if (!currentParser || monitorModuleIndex.load() < 0) return;
     stream << "timestamp";
-    for (const VarInfo* var : recordedVariables(*tree, module))
+    for (const VarInfo* var : monitorRecordVariables())
         stream << "," << QString::fromStdString(var->var_name + var->name_suffix);
     stream << "\n";
 }
 
 void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream) {
-    const auto* tree = varTree.load();
-    const int module = monitorModuleIndex.load();
-    if (!currentParser || !tree || module < 0) return;
+    if (!currentParser || monitorModuleIndex.load() < 0) return;
     stream << QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss.zzz");
-    for (const VarInfo* var : recordedVariables(*tree, module))
-        stream << "," << currentValueOf(var);
+    for (const VarInfo* var : monitorRecordVariables()) stream << "," << currentValueOf(var);
     stream << "\n";
 }
