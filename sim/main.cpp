@@ -20,6 +20,7 @@ constexpr int kUsageError = 2;
 const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
     "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
+    "                 [--seed N]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
     "  --port N               TCP port, 0 picks a free one (default 0)\n"
@@ -30,7 +31,8 @@ const char* const kUsage =
     "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, "
     "crc-mismatch\n"
     "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
-    "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n";
+    "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n"
+    "  --seed N               the curves the monitor readings follow (default 1)\n";
 
 struct UsageError {
     std::string message;
@@ -110,6 +112,11 @@ Arguments ParseArguments(int argc, char** argv) {
                 throw UsageError{"bad --log-size " + text};
             }
             args.options.logBytes = static_cast<size_t>(number);
+        } else if (name == "--seed") {
+            const std::string text = next();
+            if (!ParseNumber(text, 0xFFFFFFFFul, 10, number))
+                throw UsageError{"bad --seed " + text};
+            args.options.monitorSeed = static_cast<uint32_t>(number);
         } else if (name == "--fault") {
             args.faults.push_back(ParseFaultArgument(next()));
         } else {

@@ -599,3 +599,52 @@ TEST(SimulatorTest, BadInputClosesOnlyThatClientAndTwoClientsAreServedAtOnce) {
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<Bytes> Readings(uint32_t seed, uint8_t command, int count) {
+    sim::LidarSimulator::Options options = Shipped("Egret");
+    options.monitorSeed = seed;
+    auto simulator = Start(options);
+    RawClient client(simulator->Port());
+    std::vector<Bytes> readings;
+    for (int i = 0; i < count; ++i) readings.push_back(client.Query(command).payload);
+    return readings;
+}
+
+int16_t Signed16(const Bytes& block, int start) {
+    return static_cast<int16_t>(BigEndianValue(block, start, 2));
+}
+
+TEST(SimulatorTest, MonitorReadingsMoveSmoothlyAndRepeatablyWhileOtherValuesStay) {
+    constexpr uint8_t kMonitorBlock = 0x41, kStatusBlock = 0x40;
+    const std::vector<Bytes> readings = Readings(1, kMonitorBlock, 40);
+    // The first reading is the catalogue's; after that every reading differs from the last.
+    EXPECT_EQ(Signed16(readings[0], 2), 4810);  // Laser Temperature 48.10
+    EXPECT_EQ(BigEndianValue(readings[0], 20, 4), 3u);  // Frame Drops
+    int largestStep = 0;
+    for (size_t i = 1; i < readings.size(); ++i) {
+        EXPECT_NE(readings[i], readings[i - 1]) << "reading " << i;
+        // Temperatures wander by a few hundredths a reading, within a few degrees.
+        const int temperature = Signed16(readings[i], 2);
+        EXPECT_NEAR(temperature, 4810, 350) << "reading " << i;
+        largestStep = std::max(largestStep, std::abs(temperature - Signed16(readings[i - 1], 2)));
+        // Counters never go back.
+        EXPECT_GE(BigEndianValue(readings[i], 20, 4), BigEndianValue(readings[i - 1], 20, 4));
+    }
+    EXPECT_LE(largestStep, 60);
+    EXPECT_GT(BigEndianValue(readings.back(), 20, 4), 3u);
+
+    EXPECT_EQ(Readings(1, kMonitorBlock, 40), readings);  // the same seed, the same curves
+    EXPECT_NE(Readings(2, kMonitorBlock, 40), readings);
+
+    // A monitor variant reads the status block's board temperature and motor speed: the status
+    // page's values stay as they are (only its uptime counts).
+    const std::vector<Bytes> status = Readings(1, kStatusBlock, 5);
+    for (const Bytes& block : status) {
+        EXPECT_EQ(Signed16(block, 0), 4150);
+        EXPECT_EQ(BigEndianValue(block, 8, 2), 600u);
+    }
+}
+
+}  // namespace

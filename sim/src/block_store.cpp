@@ -49,12 +49,14 @@ Bytes DefaultFovBlock() {
 }
 
 void BlockStore::Build(const std::vector<const VarInfo*>& vars,
-                       const std::vector<const VarInfo*>& readOnlyExtras,
-                       const std::string& model) {
+                       const std::vector<const VarInfo*>& readOnlyExtras, const std::string& model,
+                       const std::vector<const VarInfo*>& liveVars, uint32_t seed) {
     std::map<BlockKey, Bytes> blocks;
     std::lock_guard<std::mutex> lock(mutex_);
     setCommands_.clear();
     timerFields_.clear();
+    readings_.clear();
+    AddLiveVariables(liveVars, vars, seed);
     for (const VarInfo* var : vars) {
         if (!var->get_cmd.empty()) AddGetVariable(*var, blocks);
         if (!var->set_cmd.empty()) AddSetVariable(*var);
@@ -67,6 +69,28 @@ void BlockStore::Build(const std::vector<const VarInfo*>& vars,
     FinishFixedBlocks(blocks, model);
     defaults_ = blocks;
     blocks_ = std::move(blocks);
+}
+
+void BlockStore::AddLiveVariables(const std::vector<const VarInfo*>& vars,
+                                  const std::vector<const VarInfo*>& catalogue, uint32_t seed) {
+    live_.Clear();
+    const auto isLive = [&vars](const VarInfo* var) {
+        return std::find(vars.begin(), vars.end(), var) != vars.end();
+    };
+    for (const VarInfo* var : vars) {
+        BlockKey key;
+        if (!GetKeyOf(*var, key) || !PositionUsable(var->get_start_pos, var->offset)) continue;
+        // A monitor variant may read a field that another page of the catalogue shows (a
+        // status temperature): that field belongs to the catalogue and stays as it is.
+        const bool shownElsewhere =
+            std::any_of(catalogue.begin(), catalogue.end(), [&](const VarInfo* other) {
+                BlockKey otherKey;
+                return !isLive(other) && GetKeyOf(*other, otherKey) && otherKey == key &&
+                       other->get_start_pos < var->get_start_pos + var->offset &&
+                       var->get_start_pos < other->get_start_pos + other->offset;
+            });
+        if (!shownElsewhere) live_.Add(key, *var, seed);
+    }
 }
 
 void BlockStore::EnsureBlock(uint8_t command, const Bytes& payload, const Bytes& block) {
@@ -134,6 +158,7 @@ void BlockStore::FinishFixedBlocks(std::map<BlockKey, Bytes>& blocks,
 void BlockStore::RestoreDefaults() {
     std::lock_guard<std::mutex> lock(mutex_);
     blocks_ = defaults_;
+    readings_.clear();
 }
 
 bool BlockStore::HasBlock(uint8_t command, const Bytes& payload) const {
@@ -146,6 +171,7 @@ bool BlockStore::Serve(uint8_t command, const Bytes& payload, Bytes& out) {
     const BlockKey key{command, payload};
     auto it = blocks_.find(key);
     if (it == blocks_.end()) return false;
+    if (live_.Drives(key)) live_.Apply(key, readings_[key]++, it->second);
     out = it->second;
     AdvanceTimers(key, it->second);
     return true;

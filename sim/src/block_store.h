@@ -12,12 +12,11 @@
 #include <utility>
 #include <vector>
 
+#include "block_key.h"
+#include "monitor_signals.h"
 #include "sdk/var_info.h"
 
 namespace sim::detail {
-
-using Bytes = std::vector<uint8_t>;
-using BlockKey = std::pair<uint8_t, Bytes>;  // command byte, full request payload
 
 constexpr uint8_t kDeviceInfoCommand = 0x07;
 constexpr uint8_t kNetworkCommand = 0x08;
@@ -35,16 +34,20 @@ class BlockStore {
     // Builds the blocks and set commands from the catalogue's variables; the model name becomes
     // the 0x07 model text when the catalogue leaves bytes 72-87 empty. `readOnlyExtras` (the
     // monitor variants) add blocks only for requests the catalogue itself does not answer.
+    // `liveVars` (the monitor readings) change from read to read, as `seed` decides; a field
+    // that the catalogue shows outside them keeps its value.
     // Never fails: variables whose command texts or positions are unusable are left out.
     void Build(const std::vector<const VarInfo*>& vars,
-               const std::vector<const VarInfo*>& readOnlyExtras, const std::string& model);
+               const std::vector<const VarInfo*>& readOnlyExtras, const std::string& model,
+               const std::vector<const VarInfo*>& liveVars = {}, uint32_t seed = 1);
     // Adds a block (also to the defaults) unless the catalogue already defines it.
     void EnsureBlock(uint8_t command, const Bytes& payload, const Bytes& block);
     void RestoreDefaults();
 
     // True when (command, payload) names a catalogue block.
     bool HasBlock(uint8_t command, const Bytes& payload) const;
-    // Serves a block: copies it into `out` and then advances its timer fields; false when unknown.
+    // Serves a block: brings its live monitor fields to this reading, copies it into `out` and
+    // then advances its timer fields; false when unknown.
     bool Serve(uint8_t command, const Bytes& payload, Bytes& out);
     // The block as it stands (empty when unknown); nothing advances.
     Bytes Peek(uint8_t command, const Bytes& payload) const;
@@ -79,6 +82,8 @@ class BlockStore {
     void AddSetVariable(const VarInfo& var);
     void FinishFixedBlocks(std::map<BlockKey, Bytes>& blocks, const std::string& model) const;
     void AdvanceTimers(const BlockKey& key, Bytes& block) const;
+    void AddLiveVariables(const std::vector<const VarInfo*>& vars,
+                          const std::vector<const VarInfo*>& catalogue, uint32_t seed);
     const SetCommand* FindSetCommand(uint8_t command, const Bytes& payload) const;
 
     mutable std::mutex mutex_;
@@ -86,6 +91,8 @@ class BlockStore {
     std::map<BlockKey, Bytes> defaults_;
     std::vector<SetCommand> setCommands_;
     std::vector<TimerField> timerFields_;
+    MonitorSignals live_;
+    std::map<BlockKey, uint64_t> readings_;  // reads served per live block
 };
 
 // The field of view a device reports before anyone set it: mode 0, five full-circle regions.

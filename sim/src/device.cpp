@@ -56,6 +56,25 @@ std::vector<std::string> MonitorVariantPaths(const std::string& folder) {
     return paths;
 }
 
+const char* const kMonitor = "Monitor";
+
+// The index of the first module with this name, or -1.
+int ModuleNamed(const ConfigParser& parser, const std::string& name) {
+    for (size_t i = 0; i < parser.moduleNames.size(); ++i)
+        if (!parser.moduleNames[i].empty() && parser.moduleNames[i].front() == name)
+            return static_cast<int>(i);
+    return -1;
+}
+
+std::vector<const VarInfo*> ModuleVariables(const ConfigParser& parser, int module) {
+    std::vector<const VarInfo*> vars;
+    if (module < 0 || module >= static_cast<int>(parser.varTree.size())) return vars;
+    for (const auto& page : parser.varTree[module])
+        for (const VarInfo* var : page)
+            if (var) vars.push_back(var);
+    return vars;
+}
+
 std::vector<const VarInfo*> VariablesOf(const ConfigParser& parser) {
     std::vector<const VarInfo*> vars;
     for (const auto& var : parser.AllVars()) {
@@ -149,15 +168,20 @@ bool Device::Load(const std::string& model, const std::string& configDir, std::s
     // Monitor variants may read blocks the catalogue does not mention; they are served too.
     std::vector<ConfigParser> variants;
     std::vector<const VarInfo*> variantVars;
+    std::vector<const VarInfo*> monitorVars =
+        ModuleVariables(parser, ModuleNamed(parser, kMonitor));
     if (path == inFolder) {
         for (const std::string& variantPath : MonitorVariantPaths(configDir + "/varID/" + model)) {
             variants.emplace_back(variantPath);
             if (!variants.back().ExtractConfigInfo()) continue;
             const std::vector<const VarInfo*> vars = VariablesOf(variants.back());
             variantVars.insert(variantVars.end(), vars.begin(), vars.end());
+            // A variant's first module is what the manager shows as the monitor module.
+            const std::vector<const VarInfo*> shown = ModuleVariables(variants.back(), 0);
+            monitorVars.insert(monitorVars.end(), shown.begin(), shown.end());
         }
     }
-    blocks_.Build(VariablesOf(parser), variantVars, model);
+    blocks_.Build(VariablesOf(parser), variantVars, model, monitorVars, monitorSeed_);
     if (ReachedOverSerialLine()) {
         blocks_.EnsureBlock(kGetBaudRate, {}, BigEndian32(kDefaultBaudRate));
     }

@@ -41,6 +41,8 @@ class Device {
     bool Load(const std::string& model, const std::string& configDir, std::string* error);
     void SetRequiredToken(std::string token) { requiredToken_ = std::move(token); }
     void SetLogBytes(size_t bytes) { logBytes_ = bytes; }
+    // Chooses the curves of the live monitor readings; set before Load.
+    void SetMonitorSeed(uint32_t seed) { monitorSeed_ = seed; }
 
     Reply Handle(const lidar::vrc::Frame& request, Session& session);
     // Work that follows a reply, while the request's bytes still exist.
@@ -79,6 +81,7 @@ class Device {
     std::string requiredToken_;
     BlockStore blocks_;
     size_t logBytes_ = 4096;
+    uint32_t monitorSeed_ = 1;
 
     // Shared by the connections' threads.
     mutable std::mutex stateMutex_;

@@ -119,6 +119,7 @@ bool LidarSimulator::Impl::Start(std::string* error) {
         if (error) *error = "simulator already running";
         return false;
     }
+    device.SetMonitorSeed(options.monitorSeed);
     if (!device.Load(options.model, options.configDir, error)) return false;
     device.SetRequiredToken(options.requiredToken);
     device.SetLogBytes(options.logBytes);

@@ -372,4 +372,10 @@ std::vector<uint8_t> EncodeDefaultValue(const VarInfo& var, bool* parsed) {
     return bytes;
 }
 
+bool EncodeDisplayValue(const VarInfo& var, const std::string& text, std::vector<uint8_t>& out) {
+    if (!EncodeByType(var, text, out)) return false;
+    out.resize(var.offset > 0 ? static_cast<size_t>(var.offset) : 0, 0);
+    return true;
+}
+
 }  // namespace sim::detail

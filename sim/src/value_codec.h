@@ -26,4 +26,8 @@ bool ParseCommandText(const std::string& text, WireCommand& out);
 // unparsable default gives zeros; `parsed` (when given) tells which of the two happened.
 std::vector<uint8_t> EncodeDefaultValue(const VarInfo& var, bool* parsed = nullptr);
 
+// A value in display form ("48.37") encoded by the variable's var_type into exactly `offset`
+// bytes; false when the text does not fit the type.
+bool EncodeDisplayValue(const VarInfo& var, const std::string& text, std::vector<uint8_t>& out);
+
 }  // namespace sim::detail

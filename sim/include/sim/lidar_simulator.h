@@ -59,6 +59,7 @@ class LidarSimulator {
         std::string requiredToken;     // non-empty: writes need 0xA1 with this token
         int restartDowntimeMs = 1500;  // unreachable time after 0x10 / 0x25
         size_t logBytes = 4096;        // size of every log that 0x75 serves
+        uint32_t monitorSeed = 1;      // the curves the monitor readings follow
     };
 
     explicit LidarSimulator(Options options);
