@@ -9,6 +9,7 @@
 #include <atomic>
 #include <csignal>
 
+#include "interrupt.h"
 #include "output.h"
 #include "session.h"
 #include "set_command.h"
@@ -388,33 +389,6 @@ QString fovWriteReport(LidarUtilitiesManager& manager, const FovEdits& edits, in
 
 // ---- watch ----
 
-// Set by the signal handler, read by the event loop and by the page-refresh thread that prints:
-// a lock-free atomic is safe for both.
-std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "the SIGINT flag must be lock-free");
-
-void onInterrupt(int) {
-    interrupted.store(true);
-}
-
-// SIGINT ends the watch through the event loop, so the manager still stops cleanly.
-class InterruptGuard {
-  public:
-    InterruptGuard() {
-        interrupted.store(false);
-        struct sigaction action {};
-        action.sa_handler = onInterrupt;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGINT, &action, &previous_);
-    }
-    ~InterruptGuard() { sigaction(SIGINT, &previous_, nullptr); }
-    InterruptGuard(const InterruptGuard&) = delete;
-    InterruptGuard& operator=(const InterruptGuard&) = delete;
-
-  private:
-    struct sigaction previous_ {};
-};
-
 std::vector<const VarPosition*> timerVariables(Session& session, int module) {
     std::vector<const VarPosition*> variables;
     for (const VarPosition& position : session.variables())
@@ -673,6 +647,7 @@ int runCommand(const Options& options) {
     if (options.command == "upgrade") return commandUpgrade(session);
     if (options.command == "log") return commandLog(session);
     if (options.command == "oplog") return commandOperationLog(session);
+    if (options.command == "monitor") return commandMonitor(session);
     return usageError("unknown command '" + options.command + "'");
 }
 

@@ -25,5 +25,7 @@ int commandHistory(Session& session);
 int commandUpgrade(Session& session);
 int commandLog(Session& session);
 int commandOperationLog(Session& session);
+// monitor_commands.cpp
+int commandMonitor(Session& session);
 
 }  // namespace cli

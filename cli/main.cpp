@@ -1,17 +1,37 @@
 // lidarutil: a command-line front end over the lidar utilities manager, for people and scripts.
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QStringList>
+#include <memory>
 
 #include "commands.h"
 #include "options.h"
 #include "output.h"
 #include "session.h"
 
+namespace {
+
+QStringList commandLineArguments(int argc, char** argv) {
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i) arguments << QString::fromLocal8Bit(argv[i]);
+    return arguments;
+}
+
+// Charts are drawn by Qt's widget module, which needs a QApplication; lidarutil never opens a
+// window, so it draws on the offscreen platform and works without a display.
+std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv, bool drawsCharts) {
+    if (!drawsCharts) return std::make_unique<QCoreApplication>(argc, argv);
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    return std::make_unique<QApplication>(argc, argv);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    const cli::ParsedCommandLine parsed = cli::parseCommandLine(app.arguments().mid(1));
+    const cli::ParsedCommandLine parsed = cli::parseCommandLine(commandLineArguments(argc, argv));
     cli::routeOutput(parsed.options.verbose);
+    const auto app = makeApplication(argc, argv, parsed.ok && parsed.options.plot);
 
     int status = cli::kExitOk;
     if (parsed.helpRequested) {

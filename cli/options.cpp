@@ -47,7 +47,43 @@ struct Subcommands {
     int count = 0;                  // watch
     std::string variable;           // upgrade
     std::string dir;                // log
+    std::string variant;            // monitor
+    std::string recordDir;          // monitor
+    int duration = 60;              // monitor
+    int interval = 1;               // monitor
+    bool plot = false;              // monitor
 };
+
+// A whole number of 1 or more (counts, seconds).
+const CLI::Validator kPositiveWhole(
+    [](std::string& value) {
+        bool ok = false;
+        const int number = QString::fromStdString(value).toInt(&ok, 10);
+        return ok && number >= 1 ? std::string() : "needs a whole number of 1 or more";
+    },
+    "N");
+
+void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
+    CLI::App* monitor = app.add_subcommand(
+        "monitor",
+        "the monitor values: the model's hardware variants, then a table refreshed every second "
+        "until Ctrl-C or N refreshes; or, with --record, a recording to a CSV file");
+    monitor->fallthrough();
+    monitor->add_option("--variant", args.variant, "apply this hardware variant first");
+    CLI::Option* count =
+        monitor->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
+    CLI::Option* record = monitor->add_option(
+        "--record", args.recordDir, "record to Monitor_<variant>_<time>.csv in this folder");
+    record->excludes(count);
+    monitor->add_option("--duration", args.duration, "length of the recording (default 60)")
+        ->check(kPositiveWhole)
+        ->needs(record);
+    monitor->add_option("--interval", args.interval, "seconds between two rows (default 1)")
+        ->check(kPositiveWhole)
+        ->needs(record);
+    monitor->add_flag("--plot", args.plot, "after recording, write a PNG chart beside the file")
+        ->needs(record);
+}
 
 void addSubcommands(CLI::App& app, Subcommands& args) {
     const auto add = [&app](const char* name, const char* description) {
@@ -95,21 +131,16 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
     add("oplog", "download the operation log: four logs packed into one tar archive")
         ->add_option("ARCHIVE", args.rest, "the archive's path (.tar is added when missing)")
         ->required();
-    watch->add_option("--count", args.count, "stop after N refreshes")
-        ->check(CLI::Validator(
-            [](std::string& value) {
-                bool ok = false;
-                const int count = QString::fromStdString(value).toInt(&ok, 10);
-                return ok && count >= 1 ? std::string() : "needs a whole number of 1 or more";
-            },
-            "N"));
+    watch->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
+    addMonitorSubcommand(app, args);
 }
 
 // The first argument that is neither an option nor an option's value: what the user took for
 // a command when no subcommand matched.
 QString firstPositional(const QStringList& arguments) {
-    static const QStringList kValued = {"--model", "--host",     "--port", "--local-port",
-                                        "--token", "--variable", "--dir"};
+    static const QStringList kValued = {"--model",  "--host",     "--port",    "--local-port",
+                                        "--token",  "--variable", "--dir",     "--variant",
+                                        "--record", "--duration", "--interval"};
     for (int i = 0; i < arguments.size(); ++i) {
         if (kValued.contains(arguments[i])) {
             ++i;
@@ -191,6 +222,11 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     options.count = args.count;
     options.variable = QString::fromStdString(args.variable);
     options.dir = QString::fromStdString(args.dir);
+    options.variant = QString::fromStdString(args.variant);
+    options.recordDir = QString::fromStdString(args.recordDir);
+    options.duration = args.duration;
+    options.interval = args.interval;
+    options.plot = args.plot;
     if (!args.module.empty()) options.arguments << QString::fromStdString(args.module);
     for (const std::string& argument : args.rest)
         options.arguments << QString::fromStdString(argument);

@@ -23,6 +23,13 @@ struct Options {
     int count = 0;     // watch: stop after this many refreshes (0: until SIGINT)
     QString variable;  // upgrade: the catalogue variable that names the upgrade command
     QString dir;       // log: the folder the log is saved in
+    // monitor: the hardware variant to apply, and a recording's folder, length, interval and
+    // chart
+    QString variant;
+    QString recordDir;
+    int duration = 60;
+    int interval = 1;
+    bool plot = false;
     QString command;
     QStringList arguments;  // what follows the subcommand, options removed
 };

@@ -76,6 +76,10 @@ void routeOutput(bool verbose) {
     Logger::GetInstance().SetOutputFile(verbose ? "" : "-");
 }
 
+bool resultsAreTerminal() {
+    return ::isatty(::fileno(resultStream)) == 1;
+}
+
 void printResult(const QString& line) {
     writeLine(resultStream, line);
 }

@@ -20,6 +20,8 @@ void routeOutput(bool verbose);
 
 // One line of results (a newline is added).
 void printResult(const QString& line);
+// True when the results go to a terminal (a table may then be redrawn in place).
+bool resultsAreTerminal();
 // A JSON document, indented, on the results stream.
 void printJson(const QJsonDocument& document);
 // One line on standard error. A progress line left open on a terminal is cleared first.

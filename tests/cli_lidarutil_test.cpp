@@ -13,42 +13,14 @@
 #include <cstdlib>
 #include <memory>
 
+#include "cli_support.h"
 #include "test_support.h"
 
+using testsupport::lidarutil;
+using testsupport::lines;
+using testsupport::Outcome;
+
 namespace {
-
-struct Outcome {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-Outcome lidarutil(
-    const QStringList& arguments,
-    const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir())) {
-    const QString program = LIDAR_BINARY_DIR "/cli/lidarutil";
-    Outcome run;
-    if (!QFileInfo(program).isExecutable()) {
-        ADD_FAILURE() << "build the lidarutil target first: " << program.toStdString();
-        return run;
-    }
-    QProcess process;
-    process.setWorkingDirectory(workingDirectory);
-    process.start(program, arguments);
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        ADD_FAILURE() << "lidarutil " << arguments.join(' ').toStdString() << " did not finish";
-    }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
-}
-
-QStringList lines(const QString& text) {
-    return text.split('\n', Qt::SkipEmptyParts);
-}
 
 // The value of the variable `name` in the document printed by read --json.
 QString jsonValue(const QJsonDocument& document, const QString& name) {

@@ -2,6 +2,7 @@
 // header and rows, the parameters, the refusals, stopping early, and the refresh switch.
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QThread>
 #include <QUrl>
@@ -79,6 +80,8 @@ TEST(MonitorRecord, WritesTheHeaderAndARowPerIntervalThenSaysWhereTheFileIs) {
             << lines[row].toStdString();
         EXPECT_EQ(lines[row].count(','), lines[0].count(','));
     }
+    // The simulated lidar's readings move, and each row is a fresh reading.
+    EXPECT_NE(lines[1].section(',', 1), lines[2].section(',', 1));
     EXPECT_TRUE(
         WaitFor([&] { return session.Shown("success: Monitor record saved:\n" + path); }, 2000));
 }
@@ -128,24 +131,45 @@ TEST(MonitorRecord, HiddenVariablesStayOutAndStoppingEarlyKeepsTheFile) {
     EXPECT_EQ(ReadFile(path), written);
 }
 
-TEST(MonitorAutoRefresh, ReadsEverySecondWhileOnAndConnected) {
+TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
     auto simulator = StartSimulator("Egret");
     ManagerSession session("Egret");
     LidarUtilitiesManager& m = session.m();
     EXPECT_TRUE(LidarUtilitiesManager(0, "").getMonitorAutoRefresh());  // on by default
     m.setMonitorAutoRefresh(true);  // not connected: nothing starts yet
+    QThread::msleep(1200);
     EXPECT_EQ(simulator->RequestCount(kMonitorRead), 0u);
     ASSERT_TRUE(session.Connect(simulator->Port()));
-    ASSERT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) >= 2; }, 5000));
+    // The first reading at once, then one a second.
+    ASSERT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) >= 1; }, 2000));
+    const uint64_t first = simulator->RequestCount(kMonitorRead);
+    QThread::msleep(3300);
+    const uint64_t inThreeSeconds = simulator->RequestCount(kMonitorRead) - first;
+    EXPECT_GE(inThreeSeconds, 2u);
+    EXPECT_LE(inThreeSeconds, 4u);
 
+    // Not while a log download (or an upgrade) owns the connection.
+    m.setIsDownloadLog(true);
+    QThread::msleep(300);  // a reading under way ends
+    const uint64_t busy = simulator->RequestCount(kMonitorRead);
+    QThread::msleep(2200);
+    EXPECT_EQ(simulator->RequestCount(kMonitorRead), busy);
+    m.setIsDownloadLog(false);
+    EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > busy; }, 2000));
+
+    // Switching off wakes the thread from its wait instead of letting it finish its second.
     QSignalSpy switched(&m, &LidarUtilitiesManager::monitorAutoRefreshChanged);
+    QElapsedTimer clock;
+    clock.start();
     m.setMonitorAutoRefresh(false);
+    EXPECT_LT(clock.elapsed(), 500);
     m.setMonitorAutoRefresh(false);
     EXPECT_EQ(switched.count(), 1);
     const uint64_t reads = simulator->RequestCount(kMonitorRead);
     QThread::msleep(2500);
     EXPECT_EQ(simulator->RequestCount(kMonitorRead), reads);
 
+    // On again while connected starts it at once; Stop ends it.
     m.setMonitorAutoRefresh(true);
     EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > reads; }, 3000));
     m.Stop();
@@ -160,6 +184,40 @@ TEST(MonitorRecord, AModelWithoutMonitorModuleRefuses) {
     session.m().startMonitorRecord(QUrl::fromLocalFile("/tmp"));
     EXPECT_TRUE(session.Shown("error: No Monitor module for current model"));
     EXPECT_TRUE(session.m().getMonitorHwVersionList().isEmpty());
+    EXPECT_FALSE(session.m().applyMonitorHwVersion("HW2.0", true));
+    session.m().selectMonitorHwVersion("HW2.0");
+    EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version HW2.0"));
+}
+
+TEST(MonitorRecord, WritesNoRowsWhileTheLidarIsBusyButKeepsTime) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret");
+    LidarUtilitiesManager& m = session.m();
+    m.setMonitorAutoRefresh(false);
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    m.setMonitorRecordDurationSec(2);
+    for (const char* busy : {"log download", "upgrade"}) {
+        SCOPED_TRACE(busy);
+        // What an upgrade or a log download sets while it owns the connection.
+        if (std::string(busy) == "upgrade")
+            m.isUpgrading.store(true);
+        else
+            m.setIsDownloadLog(true);
+        TempDir folder;
+        const uint64_t reads = simulator->RequestCount(kMonitorRead);
+        QElapsedTimer clock;
+        clock.start();
+        m.startMonitorRecord(Url(folder.path()));
+        ASSERT_TRUE(WaitFor([&] { return !m.getIsMonitorRecording(); }, 6000));
+        EXPECT_GE(clock.elapsed(), 1900);  // the duration ran its course
+        const QStringList files = QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
+        ASSERT_EQ(files.size(), 1);
+        EXPECT_EQ(Lines(folder.file(files[0].toStdString())).size(), 1);  // the header alone
+        EXPECT_EQ(simulator->RequestCount(kMonitorRead), reads);
+        EXPECT_EQ(m.getMonitorRecordRowCount(), 0);
+        m.isUpgrading.store(false);
+        m.setIsDownloadLog(false);
+    }
 }
 
 }  // namespace

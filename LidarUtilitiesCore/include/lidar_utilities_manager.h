@@ -259,6 +259,10 @@ class LidarUtilitiesManager : public QObject {
     void writeMonitorRecordRow(QTextStream& stream);
     void monitorAutoRefreshLoop();
     void monitorRecordLoop(QString path, int interval, int duration);
+    // The file of the running (or the last) recording, and the rows written to it so far: what
+    // a front end shows while it records.
+    Q_INVOKABLE QString getMonitorRecordFilePath() const;
+    Q_INVOKABLE int getMonitorRecordRowCount() const { return monitorRecordRows.load(); }
     Q_INVOKABLE int getModuleIndexUse() const { return moduleIndexUse.load(); }
 
     // ---- Edit staging and applying (write_back.cpp) ----
@@ -518,6 +522,8 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> monitorAutoRefresh{true};
     std::atomic<int32_t> monitorRecordDurationSec{60};
     std::atomic<int32_t> monitorRecordIntervalSec{1};
+    QString monitorRecordPath;  // guarded by fieldsMutex_
+    std::atomic<int32_t> monitorRecordRows{0};
 
   public:
     std::atomic<bool> monitorRefreshRunning{false};

@@ -134,6 +134,11 @@ void LidarUtilitiesManager::startMonitorRecord(QUrl folderUrl) {
                                   .arg(version.isEmpty() ? "NA" : version)
                                   .arg(QDateTime::currentDateTime().toString("yyyyMMdd_HHmmss")));
     {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        monitorRecordPath = path;
+    }
+    monitorRecordRows.store(0);
+    {
         std::lock_guard<std::mutex> lock(monitorWakeMutex_);
         monitorRecording.store(true);
     }
@@ -186,6 +191,7 @@ void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int du
             refreshMonitor();
             writeMonitorRecordRow(stream);
             stream.flush();
+            monitorRecordRows.fetch_add(1);
         }
         if (!monitorWaitUntil(start + std::chrono::seconds(interval) * (row + 1), monitorRecording))
             break;
@@ -194,6 +200,11 @@ void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int du
     monitorRecording.store(false);
     emit isMonitorRecordingChanged();
     showSuccessMessage("Monitor record saved:\n" + path);
+}
+
+QString LidarUtilitiesManager::getMonitorRecordFilePath() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return monitorRecordPath;
 }
 
 std::vector<const VarInfo*> LidarUtilitiesManager::monitorRecordVariables() const {

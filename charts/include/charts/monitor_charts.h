@@ -1,0 +1,87 @@
+#pragma once
+
+// The monitor readings as charts: one small line chart per numeric value over time, with the
+// value's name as title and its unit on the vertical axis. A graphical front end shows these
+// charts live and appends a row at every monitor refresh; lidarutil loads a recording into the
+// same charts and renders them to a PNG file.
+//
+// Needs a QApplication (Qt Charts draws with the widget module); without a display, run it on
+// the "offscreen" platform.
+
+#include <QDateTime>
+#include <QImage>
+#include <QSize>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+#include <memory>
+
+namespace QtCharts {
+class QChart;
+class QLineSeries;
+class QDateTimeAxis;
+class QValueAxis;
+}  // namespace QtCharts
+
+namespace monitorcharts {
+
+// A column label as a monitor record header writes it: the variable's name followed by its
+// suffix, "Laser Temperature (°C)". The unit is the bracketed end, when there is one.
+struct ColumnLabel {
+    QString name;
+    QString unit;
+};
+ColumnLabel splitColumnLabel(const QString& label);
+
+// Reads numbers as a recording writes them: C-locale decimals, nothing else around them.
+bool parseReading(const QString& text, double& value);
+
+class MonitorChartSet {
+  public:
+    // One chart per label, in order.
+    explicit MonitorChartSet(const QStringList& labels);
+    ~MonitorChartSet();
+    MonitorChartSet(const MonitorChartSet&) = delete;
+    MonitorChartSet& operator=(const MonitorChartSet&) = delete;
+
+    // Loads a monitor record file: its header gives the columns, every row a point of each.
+    // Columns that hold a value that is not a number (a text, a duration) are left out.
+    // Null with a reason when the file cannot be read or is not a monitor recording.
+    static std::unique_ptr<MonitorChartSet> fromRecordFile(const QString& path, QString* error);
+
+    // Adds one reading; values[i] belongs to the i-th label. A value that is not a number leaves
+    // a gap in that chart.
+    void appendRow(const QDateTime& time, const QStringList& values);
+
+    int chartCount() const { return charts_.size(); }
+    int rowCount() const { return rows_; }
+    // The chart of column i, owned by this set; a front end shows it in a QChartView.
+    QtCharts::QChart* chart(int i) const;
+    // Every chart in a grid of `perRow` columns, each `cell` large.
+    QImage render(QSize cell = defaultCell(), int perRow = kDefaultPerRow) const;
+    bool savePng(const QString& path, QString* error) const;
+
+    static constexpr int kDefaultPerRow = 2;
+    static QSize defaultCell() { return QSize(480, 300); }
+    // The size render() gives for `charts` charts.
+    static QSize gridSize(int charts, QSize cell = defaultCell(), int perRow = kDefaultPerRow);
+
+  private:
+    struct Column {
+        ColumnLabel label;
+        QtCharts::QChart* chart = nullptr;
+        QtCharts::QLineSeries* series = nullptr;
+        QtCharts::QDateTimeAxis* timeAxis = nullptr;
+        QtCharts::QValueAxis* valueAxis = nullptr;
+        double low = 0;
+        double high = 0;
+        bool hasValue = false;
+    };
+    void fitAxes(Column& column, const QDateTime& time, double value);
+
+    QVector<Column> charts_;
+    QDateTime first_;
+    int rows_ = 0;
+};
+
+}  // namespace monitorcharts

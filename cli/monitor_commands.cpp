@@ -1,0 +1,284 @@
+// lidarutil monitor: the monitor module's hardware variants, its values refreshed once a second
+// by the manager's auto-refresh, and recordings to CSV with an optional chart.
+
+#include <unistd.h>
+
+#include <QDateTime>
+#include <QDir>
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimer>
+#include <QUrl>
+#include <atomic>
+#include <set>
+
+#include "charts/monitor_charts.h"
+#include "commands.h"
+#include "interrupt.h"
+#include "output.h"
+#include "session.h"
+
+namespace cli {
+namespace {
+
+constexpr int kPollMs = 100;
+
+QString qs(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+// The monitor module's shown variables, in page order: the columns of the table and of a record.
+std::vector<const VarPosition*> monitorVariables(Session& session, int module) {
+    std::vector<const VarPosition*> variables;
+    for (const VarPosition& position : session.variables())
+        if (position.module == module && !position.var->hidden) variables.push_back(&position);
+    return variables;
+}
+
+// How many requests one reading of the module makes (variables sharing a request count once).
+size_t requestCount(const std::vector<const VarPosition*>& variables) {
+    std::set<std::string> requests;
+    for (const VarPosition* position : variables)
+        if (!position->var->get_cmd.empty())
+            requests.insert(position->var->get_cmd + " " + position->var->get_payload_text);
+    return requests.size();
+}
+
+void printVariants(LidarUtilitiesManager& manager, const QString& model, bool asDiagnostic) {
+    const QStringList variants = manager.getMonitorHwVersionList();
+    const QString applied = manager.getCurrentMonitorHwVersion();
+    auto print = asDiagnostic ? printDiagnostic : printResult;
+    if (variants.isEmpty()) {
+        print(model + " has no monitor variants: the catalogue's own monitor page is used");
+        return;
+    }
+    print("monitor variants of " + model + " (* applied):");
+    for (const QString& variant : variants)
+        print(QString(variant == applied ? "  * " : "    ") + variant);
+}
+
+// ---- the live table ----
+
+QString tableText(Session& session, const std::vector<const VarPosition*>& variables, int refresh) {
+    QVector<QStringList> rows;
+    for (const VarPosition* position : variables) {
+        const VarInfo& var = *position->var;
+        const monitorcharts::ColumnLabel label =
+            monitorcharts::splitColumnLabel(qs(var.var_name + var.name_suffix));
+        rows.push_back({qs(var.var_name), session.manager().currentValueOf(&var), label.unit});
+    }
+    const QString heading = "Monitor (" + session.manager().getCurrentMonitorHwVersion() + ") at " +
+                            QDateTime::currentDateTime().toString("HH:mm:ss") + ", refresh " +
+                            QString::number(refresh);
+    return heading + "\n" + formatTable({"NAME", "VALUE", "UNIT"}, rows, 2);
+}
+
+QString refreshJson(Session& session, const std::vector<const VarPosition*>& variables,
+                    int refresh) {
+    QJsonObject values;
+    for (const VarPosition* position : variables)
+        values[qs(position->var->var_name)] = session.manager().currentValueOf(position->var);
+    const QJsonObject line{{"refresh", refresh},
+                           {"time", QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
+                           {"variant", session.manager().getCurrentMonitorHwVersion()},
+                           {"values", values}};
+    return QString::fromUtf8(QJsonDocument(line).toJson(QJsonDocument::Compact));
+}
+
+// Prints one refresh: on a terminal the table replaces the previous one in place; otherwise
+// (a file, a pipe) every refresh is a new block of plain lines, or one JSON line with --json.
+class RefreshPrinter {
+  public:
+    RefreshPrinter(Session& session, std::vector<const VarPosition*> variables)
+        : session_(session),
+          variables_(std::move(variables)),
+          inPlace_(resultsAreTerminal() && !session.options().json) {}
+
+    void print(int refresh) {
+        if (session_.options().json) {
+            printResult(refreshJson(session_, variables_, refresh));
+            return;
+        }
+        const QString table = tableText(session_, variables_, refresh);
+        // Cursor up over the previous table, then clear to the end of the screen.
+        const QString redraw =
+            inPlace_ && linesShown_ > 0 ? "\x1b[" + QString::number(linesShown_) + "F\x1b[J" : "";
+        printResult(redraw + table);
+        linesShown_ = table.count('\n') + 1;
+    }
+
+  private:
+    Session& session_;
+    std::vector<const VarPosition*> variables_;
+    bool inPlace_;
+    int linesShown_ = 0;
+};
+
+// Until Ctrl-C, `count` refreshes, a lost lidar or a reading that brought no value.
+int watchMonitor(Session& session, const std::vector<const VarPosition*>& variables, int count) {
+    LidarUtilitiesManager& manager = session.manager();
+    InterruptGuard guard;
+    RefreshPrinter printer(session, variables);
+    const size_t requests = requestCount(variables);
+    std::atomic<int> refreshes{0};
+    std::atomic<bool> nothingRead{false};
+    QObject context;
+    // Direct: the auto-refresh thread prints each reading as it ends; the loop below decides
+    // when to stop.
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::myMapChanged, &context,
+        [&] {
+            const int refresh = refreshes.load() + 1;
+            if (interrupted || (count > 0 && refresh > count) || nothingRead) return;
+            if (requests > 0 && manager.getLastModuleReadFailures().size() >= requests) {
+                nothingRead = true;
+                return;
+            }
+            printer.print(refresh);
+            refreshes.store(refresh);
+        },
+        Qt::DirectConnection);
+    manager.setMonitorAutoRefresh(true);
+
+    QEventLoop loop;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
+        if (interrupted || (count > 0 && refreshes.load() >= count)) {
+            loop.exit(kExitOk);
+        } else if (!session.connectionAlive()) {
+            printDiagnostic("error: the connection to the lidar was lost");
+            loop.exit(kExitFailed);
+        } else if (nothingRead) {
+            for (const auto& failure : manager.getLastModuleReadFailures())
+                printDiagnostic("error: could not read the monitor values (request " +
+                                qs(failure.request) + "): " + readFailureText(failure.code));
+            loop.exit(kExitFailed);
+        }
+    });
+    poll.start(kPollMs);
+    const int status = loop.exec();
+    // Joins the auto-refresh thread, so no reading is inside the slot when its captures go.
+    manager.Stop();
+    return status;
+}
+
+// ---- recording ----
+
+QString recordProgress(int rows, qint64 secondsLeft) {
+    return "recording: " + QString::number(rows) + (rows == 1 ? " row" : " rows") + " written, " +
+           QString::number(std::max<qint64>(secondsLeft, 0)) + " s left";
+}
+
+// Shows rows written and time left until the recording ends, the user stops it or the lidar is
+// lost (then the recording is stopped; its file keeps what it has).
+int followRecording(Session& session) {
+    LidarUtilitiesManager& manager = session.manager();
+    const int duration = manager.getMonitorRecordDurationSec();
+    const bool terminal = ::isatty(STDERR_FILENO) == 1;
+    const QDateTime started = QDateTime::currentDateTime();
+    int printedRows = -1;
+    int status = kExitOk;
+    QEventLoop loop;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
+        if (interrupted) {
+            manager.stopMonitorRecord();
+            loop.quit();
+            return;
+        }
+        if (!manager.getIsMonitorRecording()) {
+            loop.quit();
+            return;
+        }
+        if (!session.connectionAlive()) {
+            printDiagnostic("error: the connection to the lidar was lost; the recording stops");
+            manager.stopMonitorRecord();
+            status = kExitFailed;
+            loop.quit();
+            return;
+        }
+        const int rows = manager.getMonitorRecordRowCount();
+        const qint64 left = duration - started.secsTo(QDateTime::currentDateTime());
+        if (terminal) {
+            writeProgress("\r" + recordProgress(rows, left) + "\x1b[K", true);
+        } else if (rows != printedRows && rows % 10 == 0) {
+            printDiagnostic(recordProgress(rows, left));
+        }
+        printedRows = rows;
+    });
+    poll.start(kPollMs);
+    loop.exec();
+    if (terminal) writeProgress("\r\x1b[K", false);
+    return status;
+}
+
+int plotRecording(const QString& csvPath) {
+    QString error;
+    const auto charts = monitorcharts::MonitorChartSet::fromRecordFile(csvPath, &error);
+    const QString pngPath =
+        QFileInfo(csvPath).path() + "/" + QFileInfo(csvPath).completeBaseName() + ".png";
+    if (!charts || !charts->savePng(pngPath, &error)) {
+        printDiagnostic("error: no chart: " + error);
+        return kExitFailed;
+    }
+    printResult(pngPath);
+    return kExitOk;
+}
+
+int record(Session& session) {
+    const Options& options = session.options();
+    LidarUtilitiesManager& manager = session.manager();
+    manager.setMonitorRecordDurationSec(options.duration);
+    manager.setMonitorRecordIntervalSec(options.interval);
+    InterruptGuard guard;
+    const int errorsBefore = session.errorCount();
+    manager.startMonitorRecord(
+        QUrl::fromLocalFile(QFileInfo(options.recordDir).absoluteFilePath()));
+    if (session.errorCount() > errorsBefore) return kExitFailed;
+    printDiagnostic("recording " + QString::number(options.duration) + " s, a row every " +
+                    QString::number(options.interval) + " s (Ctrl-C stops early) ...");
+    int status = followRecording(session);
+    const QString path = manager.getMonitorRecordFilePath();
+    // The file could not be created: the manager said so and wrote nothing.
+    if (session.errorCount() > errorsBefore && !QFileInfo::exists(path)) status = kExitFailed;
+    manager.Stop();
+    if (!QFileInfo::exists(path)) return kExitFailed;
+    printResult(path);
+    if (options.plot && plotRecording(path) != kExitOk) status = kExitFailed;
+    return status;
+}
+
+}  // namespace
+
+int commandMonitor(Session& session) {
+    const Options& options = session.options();
+    if (!options.arguments.isEmpty()) return usageError("monitor takes no positional arguments");
+    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    LidarUtilitiesManager& manager = session.manager();
+    const int module = manager.getMonitorModuleIndex();
+    if (module < 0) return usageError(options.model + " has no Monitor module");
+    const bool recording = !options.recordDir.isEmpty();
+    if (recording && !QFileInfo(options.recordDir).isDir())
+        return usageError(options.recordDir + " is not a folder");
+    if (!options.variant.isEmpty()) {
+        const QStringList variants = manager.getMonitorHwVersionList();
+        if (!variants.contains(options.variant))
+            return usageError("unknown monitor variant '" + options.variant + "'" +
+                              (variants.isEmpty() ? "; " + options.model + " has none"
+                                                  : "; the variants are: " + variants.join(", ")));
+        manager.selectMonitorHwVersion(options.variant);
+    }
+    printVariants(manager, options.model, recording);
+    const std::vector<const VarPosition*> variables = monitorVariables(session, module);
+    if (variables.empty()) return usageError("the monitor page of " + options.model + " is empty");
+
+    if (int status = session.connect(); status != kExitOk) return status;
+    manager.setModuleIndexUse(module);
+    if (recording) return record(session);
+    printDiagnostic("monitoring, refreshed every second (Ctrl-C stops) ...");
+    return watchMonitor(session, variables, options.count);
+}
+
+}  // namespace cli

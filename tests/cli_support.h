@@ -1,0 +1,49 @@
+#pragma once
+
+// Runs the built lidarutil as a person or a script does, from the repository root.
+
+#include <gtest/gtest.h>
+
+#include <QFileInfo>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+#include "test_support.h"
+
+namespace testsupport {
+
+struct Outcome {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+inline Outcome lidarutil(
+    const QStringList& arguments,
+    const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir())) {
+    const QString program = LIDAR_BINARY_DIR "/cli/lidarutil";
+    Outcome run;
+    if (!QFileInfo(program).isExecutable()) {
+        ADD_FAILURE() << "build the lidarutil target first: " << program.toStdString();
+        return run;
+    }
+    QProcess process;
+    process.setWorkingDirectory(workingDirectory);
+    process.start(program, arguments);
+    if (!process.waitForFinished(60000)) {
+        process.kill();
+        process.waitForFinished();
+        ADD_FAILURE() << "lidarutil " << arguments.join(' ').toStdString() << " did not finish";
+    }
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
+inline QStringList lines(const QString& text) {
+    return text.split('\n', Qt::SkipEmptyParts);
+}
+
+}  // namespace testsupport
