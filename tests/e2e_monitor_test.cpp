@@ -157,6 +157,23 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
     m.setIsDownloadLog(false);
     EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > busy; }, 2000));
 
+    // A recording reads by itself: the auto-refresh skips its readings meanwhile, while the page
+    // thread and the UI thread read the same client too.
+    {
+        TempDir folder;
+        m.setMonitorRecordDurationSec(3);
+        const uint64_t before = simulator->RequestCount(kMonitorRead);
+        m.startMonitorRecord(Url(folder.path()));
+        for (int read = 0; read < 5; ++read) {
+            m.GetLidarModuleInfo(m.getMonitorModuleIndex());
+            QThread::msleep(200);
+        }
+        ASSERT_TRUE(WaitFor([&] { return !m.getIsMonitorRecording(); }, 5000));
+        const uint64_t reads = simulator->RequestCount(kMonitorRead) - before;
+        EXPECT_GE(reads, 3u + 5u);
+        EXPECT_LE(reads, 3u + 5u + 1u);  // an automatic reading may just precede the start
+    }
+
     // Switching off wakes the thread from its wait instead of letting it finish its second.
     QSignalSpy switched(&m, &LidarUtilitiesManager::monitorAutoRefreshChanged);
     QElapsedTimer clock;
