@@ -5,6 +5,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -177,7 +178,8 @@ int followRecording(Session& session) {
     LidarUtilitiesManager& manager = session.manager();
     const int duration = manager.getMonitorRecordDurationSec();
     const bool terminal = ::isatty(STDERR_FILENO) == 1;
-    const QDateTime started = QDateTime::currentDateTime();
+    QElapsedTimer clock;
+    clock.start();
     int printedRows = -1;
     int status = kExitOk;
     QEventLoop loop;
@@ -200,7 +202,7 @@ int followRecording(Session& session) {
             return;
         }
         const int rows = manager.getMonitorRecordRowCount();
-        const qint64 left = duration - started.secsTo(QDateTime::currentDateTime());
+        const qint64 left = duration - clock.elapsed() / 1000;
         if (terminal) {
             writeProgress("\r" + recordProgress(rows, left) + "\x1b[K", true);
         } else if (rows != printedRows && rows % 10 == 0) {

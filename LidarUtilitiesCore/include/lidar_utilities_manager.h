@@ -522,7 +522,9 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> monitorAutoRefresh{true};
     std::atomic<int32_t> monitorRecordDurationSec{60};
     std::atomic<int32_t> monitorRecordIntervalSec{1};
-    QString monitorRecordPath;  // guarded by fieldsMutex_
+    // Guarded by fieldsMutex_; a std::string, so that no text data is shared with the recording
+    // thread's copy of the path (Qt's shared texts are freed inside the uninstrumented library).
+    std::string monitorRecordPath;
     std::atomic<int32_t> monitorRecordRows{0};
 
   public:

@@ -135,7 +135,7 @@ void LidarUtilitiesManager::startMonitorRecord(QUrl folderUrl) {
                                   .arg(QDateTime::currentDateTime().toString("yyyyMMdd_HHmmss")));
     {
         std::lock_guard<std::mutex> lock(fieldsMutex_);
-        monitorRecordPath = path;
+        monitorRecordPath = path.toStdString();
     }
     monitorRecordRows.store(0);
     {
@@ -204,7 +204,7 @@ void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int du
 
 QString LidarUtilitiesManager::getMonitorRecordFilePath() const {
     std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return monitorRecordPath;
+    return QString::fromStdString(monitorRecordPath);
 }
 
 std::vector<const VarInfo*> LidarUtilitiesManager::monitorRecordVariables() const {
