@@ -126,8 +126,9 @@ TEST_F(UpgradeTest, TransferFailuresLeaveTheManagerReadyToRetry) {
 
 TEST_F(UpgradeTest, StartChecksAndTotals) {
     // Whole units of 1024 bytes: 1023 bytes make a total of 0, 1024 one. The transfers fail at
-    // their end, so that no restart follows them.
-    simulator_->SetFault(0x83, sim::Fault{sim::Fault::Kind::kCrcMismatch, 0, 0, 0});
+    // their end, so that no restart follows them, and slowly, so that the first one still runs
+    // when the second start comes.
+    simulator_->SetFault(0x83, sim::Fault{sim::Fault::Kind::kCrcMismatch, 400, 0, 0});
     const std::string small = dir_.file("small.bin");
     WritePackage(small, 1023);
     ASSERT_EQ(Upgrade(small), 0);

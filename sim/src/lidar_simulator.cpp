@@ -339,7 +339,8 @@ bool LidarSimulator::Impl::HandleRequest(Connection& conn, const vrc::Frame& req
     if (fault.kind == Fault::Kind::kStatus) {
         return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
     }
-    if (fault.kind == Fault::Kind::kDelay && !SleepUnlessStopped(fault.delayMs)) return false;
+    // Any fault may also be slow: its reply waits delayMs first.
+    if (fault.delayMs > 0 && !SleepUnlessStopped(fault.delayMs)) return false;
     if (const std::optional<bool> faulted = ApplyTransferFault(conn, request, fault))
         return *faulted;
     const detail::Reply reply = device.Handle(request, conn.session);

@@ -28,7 +28,7 @@ struct Fault {
         kCrcMismatch,      // answer the end phase with status 1 (bad payload) whatever came
     };
     Kind kind = Kind::kNone;
-    int delayMs = 0;
+    int delayMs = 0;  // kDelay's wait; with any other kind, a wait before that fault acts
     uint8_t status = 0;
     int count = 0;
 
