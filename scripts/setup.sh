@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(cmake g++ make pkg-config qtbase5-dev libqt5serialport5-dev libcsv-dev googletest
           libgtest-dev libbenchmark-dev tar libcli11-dev zlib1g-dev clang locales
-          libgmp-dev libclang-rt-14-dev libqt5charts5-dev)
+          libgmp-dev libclang-rt-14-dev libqt5charts5-dev libboost-dev)
 
 missing=()
 for p in "${packages[@]}"; do
