@@ -149,7 +149,7 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
     if (whileWaiting) whileWaiting();
 
     serial::Frame answer;
-    const int received = AwaitReply(*line, request.code, timeoutMs + onTheWire, answer);
+    const int received = AwaitReply(*line, request.code, timeoutMs, onTheWire, answer);
     if (received != kVrcOk) return received;
     std::vector<uint8_t> header = serial::EncodeHeader(
         answer.code, answer.status, static_cast<uint32_t>(answer.payload.size()));
@@ -174,9 +174,9 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
 // Reads until one whole valid frame is decoded or the deadline passes. Noise is skipped and a
 // frame with a bad CRC dropped by the decoder; neither ends the wait.
 int SerialClient::AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs,
-                             serial::Frame& frame) {
+                             uint32_t onTheWireMs, serial::Frame& frame) {
     const std::string name = CommandText(code);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs + onTheWireMs);
     uint8_t buffer[kReceiveRoom];
     for (;;) {
         if (decoder_.Next(frame)) return kVrcOk;

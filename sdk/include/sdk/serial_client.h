@@ -73,7 +73,9 @@ class SerialClient {
     // The body of a query; the caller holds queryMutex_.
     int QueryLocked(const Request& request, u8Array_t& reply, uint32_t timeoutMs,
                     const std::function<void()>& whileWaiting);
-    int AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs, serial::Frame& frame);
+    // Waits timeoutMs plus the time the request needs on the wire.
+    int AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs, uint32_t onTheWireMs,
+                   serial::Frame& frame);
     void SettleLine(SerialSource& line);
     int Setting(uint8_t code, uint8_t value);
     int Refuse(int code, const std::string& why);
