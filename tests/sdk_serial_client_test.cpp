@@ -124,7 +124,8 @@ TEST_F(SerialClientDevice, UpgradeIsReceivedExactly) {
     EXPECT_EQ(transfers[0].announcedSize, package.size());
     EXPECT_EQ(transfers[0].receivedSize, package.size());
     EXPECT_EQ(transfers[0].chunks, 6);
-    EXPECT_EQ(transfers[0].receivedCrc, crc32(0, package.data(), static_cast<uInt>(package.size())));
+    EXPECT_EQ(transfers[0].receivedCrc,
+              crc32(0, package.data(), static_cast<uInt>(package.size())));
     EXPECT_TRUE(transfers[0].completed);
     {
         // Begin, six chunks, end: a line out and back each; progress climbs chunk by chunk.

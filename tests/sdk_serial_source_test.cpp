@@ -44,7 +44,8 @@ TEST(SerialSource, RefusesWhatIsNotAFreeSerialPortWithAClearReason) {
     SerialSource missing("/dev/no-such-serial-port", 9600, 3125000);
     EXPECT_FALSE(missing.Open());
     EXPECT_FALSE(missing.IsOpen());
-    EXPECT_EQ(missing.LastError(), "cannot open serial port /dev/no-such-serial-port: no such device");
+    EXPECT_EQ(missing.LastError(),
+              "cannot open serial port /dev/no-such-serial-port: no such device");
 
     testsupport::TempDir dir;
     testsupport::WriteFile(dir.file("port"), "not a port");

@@ -29,8 +29,8 @@ class WrenVrc : public ::testing::Test {
 
     std::unique_ptr<AuthorizedVrcClient> Connect(AuthConfig config = {}) {
         auto client = std::make_shared<lidar::VrcClient>("127.0.0.1", sim_->Port(), false,
-                                                         lidar::VrcMode::kTcp, 1, "", "", "",
-                                                         2000, 2000, 0.0f, 0);
+                                                         lidar::VrcMode::kTcp, 1, "", "", "", 2000,
+                                                         2000, 0.0f, 0);
         auto authorised = std::make_unique<AuthorizedVrcClient>(client, config);
         authorised->SetLogCallback([this](const std::string& line) { lines_.push_back(line); });
         return authorised;
@@ -95,7 +95,8 @@ TEST_F(WrenVrc, DestinationAndNetworkAreWrittenAndBadAddressesRefusedUnsent) {
         EXPECT_EQ(sim_->RequestCounts(), before);
         EXPECT_TRUE(client->IsOpen());
     }
-    EXPECT_EQ(lines_.back(), "Netmask \"1.2.3.4.5\" is not a dotted IPv4 address; nothing was sent");
+    EXPECT_EQ(lines_.back(),
+              "Netmask \"1.2.3.4.5\" is not a dotted IPv4 address; nothing was sent");
 
     // The device applies the network and drops the connection: false, with -2 kept.
     EXPECT_FALSE(client->SetNet(" 10.0.0.2 ", "255.255.0.0", "10.0.0.1", 1, 300));

@@ -51,8 +51,7 @@ int AuthorizedVrcClient::WrenGetLidarFaultState(u8Array_t& reply) {
 
 // Dotted decimal only ("192.168.1.20", blanks around ignored): inet_pton refuses host names,
 // short forms such as "10.1" and parts over 255, which inet_aton would take.
-bool AuthorizedVrcClient::AppendAddress(const char* what, const std::string& text,
-                                        u8vec& payload) {
+bool AuthorizedVrcClient::AppendAddress(const char* what, const std::string& text, u8vec& payload) {
     const std::string trimmed(lidar::text::Trim(text));
     uint8_t bytes[4];
     if (::inet_pton(AF_INET, trimmed.c_str(), bytes) == 1) {

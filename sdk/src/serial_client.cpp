@@ -131,8 +131,7 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
     line->DiscardInput();
     decoder_.Reset();
 
-    std::vector<uint8_t> frame =
-        serial::EncodeHeader(request.code, 0, static_cast<uint32_t>(size));
+    std::vector<uint8_t> frame = serial::EncodeHeader(request.code, 0, static_cast<uint32_t>(size));
     frame.reserve(serial::kHeaderSize + size + serial::kCrcSize);
     frame.insert(frame.end(), request.head, request.head + request.headSize);
     frame.insert(frame.end(), request.body, request.body + request.bodySize);
@@ -183,9 +182,9 @@ int SerialClient::AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutM
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         size_t got = 0;
         const SerialSource::ReceiveStatus status =
-            left.count() <= 0 ? SerialSource::ReceiveStatus::kTimeout
-                              : line.Receive(buffer, sizeof buffer, got,
-                                             static_cast<uint32_t>(left.count()));
+            left.count() <= 0
+                ? SerialSource::ReceiveStatus::kTimeout
+                : line.Receive(buffer, sizeof buffer, got, static_cast<uint32_t>(left.count()));
         switch (status) {
             case SerialSource::ReceiveStatus::kData:
                 decoder_.Feed(buffer, got);
@@ -193,7 +192,7 @@ int SerialClient::AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutM
             case SerialSource::ReceiveStatus::kTimeout: {
                 unsettled_ = true;
                 std::string why = "no complete valid reply to " + name + " within " +
-                                   std::to_string(timeoutMs) + " ms";
+                                  std::to_string(timeoutMs) + " ms";
                 if (decoder_.DroppedFrames() > 0) {
                     why += " (" + std::to_string(decoder_.DroppedFrames()) +
                            " damaged frame(s) dropped)";
@@ -255,8 +254,8 @@ int SerialClient::GetLidarFaultState(u8Array_t& reply) {
     reply.clear();
     if (result != kVrcOk) return Remember(result);
     if (whole.size() <= serial::kHeaderSize) {
-        return Remember(Refuse(kVrcMalformed, "malformed reply to " + CommandText(kFaultState) +
-                                                  ": no state byte"));
+        return Remember(Refuse(
+            kVrcMalformed, "malformed reply to " + CommandText(kFaultState) + ": no state byte"));
     }
     reply.assign(whole.begin() + serial::kHeaderSize, whole.end());
     return Remember(kVrcOk);

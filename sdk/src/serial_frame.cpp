@@ -1,15 +1,14 @@
 #include "sdk/serial_frame.h"
 
-#include <boost/crc.hpp>
-
 #include <algorithm>
+#include <boost/crc.hpp>
 
 namespace lidar::serial {
 namespace {
 
 uint32_t ReadLength(const uint8_t* header) {
-    return (uint32_t(header[4]) << 24) | (uint32_t(header[5]) << 16) |
-           (uint32_t(header[6]) << 8) | uint32_t(header[7]);
+    return (uint32_t(header[4]) << 24) | (uint32_t(header[5]) << 16) | (uint32_t(header[6]) << 8) |
+           uint32_t(header[7]);
 }
 
 }  // namespace

@@ -26,30 +26,20 @@ constexpr size_t kDrainChunk = 4096;
 
 // The rates termios names; any other goes through termios2.
 speed_t StandardSpeed(int rate) {
-    switch (rate) {
-        case 1200: return B1200;
-        case 2400: return B2400;
-        case 4800: return B4800;
-        case 9600: return B9600;
-        case 19200: return B19200;
-        case 38400: return B38400;
-        case 57600: return B57600;
-        case 115200: return B115200;
-        case 230400: return B230400;
-        case 460800: return B460800;
-        case 500000: return B500000;
-        case 576000: return B576000;
-        case 921600: return B921600;
-        case 1000000: return B1000000;
-        case 1152000: return B1152000;
-        case 1500000: return B1500000;
-        case 2000000: return B2000000;
-        case 2500000: return B2500000;
-        case 3000000: return B3000000;
-        case 3500000: return B3500000;
-        case 4000000: return B4000000;
-        default: return B0;
+    static const struct {
+        int rate;
+        speed_t speed;
+    } kSpeeds[] = {{1200, B1200},       {2400, B2400},       {4800, B4800},
+                   {9600, B9600},       {19200, B19200},     {38400, B38400},
+                   {57600, B57600},     {115200, B115200},   {230400, B230400},
+                   {460800, B460800},   {500000, B500000},   {576000, B576000},
+                   {921600, B921600},   {1000000, B1000000}, {1152000, B1152000},
+                   {1500000, B1500000}, {2000000, B2000000}, {2500000, B2500000},
+                   {3000000, B3000000}, {3500000, B3500000}, {4000000, B4000000}};
+    for (const auto& entry : kSpeeds) {
+        if (entry.rate == rate) return entry.speed;
     }
+    return B0;
 }
 
 std::string OpenErrorText(const std::string& device, int error) {
@@ -147,8 +137,7 @@ int SerialSource::OpenDevice() {
     struct stat info {};
     if (::fstat(fd, &info) == 0 && !S_ISCHR(info.st_mode)) {
         SetError(device_ + " is not a serial port (" +
-                 (S_ISREG(info.st_mode) ? "it is a regular file" : "not a character device") +
-                 ")");
+                 (S_ISREG(info.st_mode) ? "it is a regular file" : "not a character device") + ")");
         ::close(fd);
         return -1;
     }

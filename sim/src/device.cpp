@@ -441,7 +441,8 @@ Reply Device::SerialPassThrough(const Bytes& payload) {
 
 // 0xB2-0xB4 are the serial settings 0x01-0x03, 0xB5 the serial fault state 0x04.
 Reply Device::SerialCommand(uint8_t command, const Bytes& payload) {
-    const uint8_t code = static_cast<uint8_t>(command - kSerialSetStandby + SerialDevice::kSetStandby);
+    const uint8_t code =
+        static_cast<uint8_t>(command - kSerialSetStandby + SerialDevice::kSetStandby);
     SerialReply answer = serial_.Handle(code, payload);
     Reply reply = Status(answer.status);
     reply.payload = std::move(answer.payload);

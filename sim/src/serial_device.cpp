@@ -35,7 +35,8 @@ SerialReply SerialDevice::Handle(uint8_t code, const Bytes& payload) {
         case kFirmwareUpgrade:
             return Upgrade(payload);
         default:
-            return serialCatalogue_.load() ? Catalogue(code, payload) : Status(kStatusUnknownCommand);
+            return serialCatalogue_.load() ? Catalogue(code, payload)
+                                           : Status(kStatusUnknownCommand);
     }
 }
 
@@ -133,7 +134,7 @@ bool ParseUnsigned(const std::string& text, int base, unsigned long max, unsigne
     if (text.empty() || text.size() > 8) return false;
     for (char c : text) {
         const bool digit = base == 16 ? std::isxdigit(static_cast<unsigned char>(c)) != 0
-                                       : std::isdigit(static_cast<unsigned char>(c)) != 0;
+                                      : std::isdigit(static_cast<unsigned char>(c)) != 0;
         if (!digit) return false;
     }
     out = std::stoul(text, nullptr, base);

@@ -130,9 +130,8 @@ void SerialLidarSimulator::Impl::Serve() {
         }
         if (decoder_.Buffered() > 0 && now - lastByte_ > kInterByteTimeout) decoder_.Reset();
         const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextTrickle - now);
-        pollfd fds[3] = {{uart_.Master(), POLLIN, 0},
-                         {rs485_.Master(), POLLIN, 0},
-                         {wakeFds_[0], POLLIN, 0}};
+        pollfd fds[3] = {
+            {uart_.Master(), POLLIN, 0}, {rs485_.Master(), POLLIN, 0}, {wakeFds_[0], POLLIN, 0}};
         if (::poll(fds, 3, static_cast<int>(std::max<int64_t>(wait.count(), 0))) <= 0) continue;
         if (fds[2].revents != 0) break;
         if (fds[1].revents & POLLIN) DiscardRs485Input();
@@ -170,7 +169,8 @@ void SerialLidarSimulator::Impl::Reply(const Bytes& frame, const Fault& fault) {
         case Fault::Kind::kNoReply:
             return;
         case Fault::Kind::kGarbageBeforeReply:
-            if (WriteAll(fd, kGarbage.data(), kGarbage.size())) WriteAll(fd, frame.data(), frame.size());
+            if (WriteAll(fd, kGarbage.data(), kGarbage.size()))
+                WriteAll(fd, frame.data(), frame.size());
             return;
         case Fault::Kind::kBadCrc: {
             Bytes damaged = frame;
@@ -211,7 +211,8 @@ void SerialLidarSimulator::Impl::WriteTrickle() {
     if (packet.size() >= 6) {
         packet[0] = 0xEE;
         packet[1] = 0xFF;
-        for (int b = 0; b < 4; ++b) packet[2 + b] = static_cast<uint8_t>(trickleSequence_ >> (8 * b));
+        for (int b = 0; b < 4; ++b)
+            packet[2 + b] = static_cast<uint8_t>(trickleSequence_ >> (8 * b));
     }
     ++trickleSequence_;
     const ssize_t written = ::write(rs485_.Master(), packet.data(), packet.size());

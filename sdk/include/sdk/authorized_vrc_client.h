@@ -43,7 +43,8 @@ class AuthorizedVrcClient {
     int DownloadLog(const u8Array_t& payload, u8Array_t& reply, unsigned char command);
     int QuerySerialCommand(const u8Array_t& payload, u8Array_t& reply, uint8_t code);
 
-    // The Wren's serial settings over VRC, under the profile (sdk/src/authorized_vrc_client_wren.cpp).
+    // The Wren's serial settings over VRC, under the profile
+    // (sdk/src/authorized_vrc_client_wren.cpp).
     int WrenSerialSetStandby(bool standby);         // 0xB2
     int WrenSerialSetSpinRate(unsigned char rate);  // 0xB3
     int WrenSerialSetReturnMode(bool mode);         // 0xB4

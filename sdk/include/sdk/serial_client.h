@@ -41,9 +41,9 @@ class SerialClient {
     int QueryCommand(uint8_t code, const u8Array_t& payload, u8Array_t& reply, uint32_t timeoutMs);
 
     // The Wren's serial commands; the time-out is the client's (SetReceiveTimeout).
-    int WrenSetStandby(bool standby);            // 0x01
-    int WrenSetSpinRate(unsigned char rate);     // 0x02
-    int WrenSetReturnMode(bool mode);            // 0x03
+    int WrenSetStandby(bool standby);         // 0x01
+    int WrenSetSpinRate(unsigned char rate);  // 0x02
+    int WrenSetReturnMode(bool mode);         // 0x03
     // 0x04: reply = the payload, byte 0 the state, then little-endian 16-bit fault codes.
     int GetLidarFaultState(u8Array_t& reply);
     // 0x05: begin (phase 0, mode, 4-byte size), data chunks of 1 KiB (phase 1, 4-byte offset),

@@ -27,8 +27,7 @@ struct Frame {
 
 std::vector<uint8_t> EncodeHeader(uint8_t code, uint8_t status, uint32_t payloadLength);
 // Header, payload and CRC. The payload must not exceed kMaxPayload.
-std::vector<uint8_t> EncodeFrame(uint8_t code, uint8_t status,
-                                 const std::vector<uint8_t>& payload);
+std::vector<uint8_t> EncodeFrame(uint8_t code, uint8_t status, const std::vector<uint8_t>& payload);
 
 // Incremental decoder for a byte stream that may carry noise. Bytes before a start marker are
 // skipped; a header announcing more than kMaxPayload is not a frame start; a frame whose CRC does
