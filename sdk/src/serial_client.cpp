@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 
 #include "client_common.h"
 #include "sdk/serial_source.h"
@@ -35,8 +36,13 @@ uint32_t OrDefault(uint32_t timeoutMs) {
 // write returns when the bytes are in the driver, not when they are sent.
 uint32_t TransmitMs(size_t bytes, int rate) {
     if (rate <= 0) return 0;
-    return static_cast<uint32_t>((bytes * 10 * 1000 + static_cast<size_t>(rate) - 1) /
-                                 static_cast<size_t>(rate));
+    const uint64_t ms = (uint64_t{bytes} * 10 * 1000 + static_cast<uint64_t>(rate) - 1) /
+                        static_cast<uint64_t>(rate);
+    return static_cast<uint32_t>(std::min<uint64_t>(ms, UINT32_MAX));
+}
+
+uint32_t SaturatingSum(uint32_t a, uint32_t b) {
+    return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{a} + b, UINT32_MAX));
 }
 
 }  // namespace
@@ -141,7 +147,7 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
     if (HasLogCallback())
         Log(detail::FrameLine("SEND", request.code, frame, nullptr, 0, nullptr, 0));
     const uint32_t onTheWire = TransmitMs(frame.size(), line->Rate());
-    if (!line->Send(frame.data(), frame.size(), timeoutMs + onTheWire)) {
+    if (!line->Send(frame.data(), frame.size(), SaturatingSum(timeoutMs, onTheWire))) {
         unsettled_ = true;
         return Refuse(kVrcNotConnected, "cannot send " + name + ": " + line->LastError());
     }
@@ -175,7 +181,8 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
 int SerialClient::AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs,
                              uint32_t onTheWireMs, serial::Frame& frame) {
     const std::string name = CommandText(code);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs + onTheWireMs);
+    const auto deadline =
+        Clock::now() + std::chrono::milliseconds(SaturatingSum(timeoutMs, onTheWireMs));
     uint8_t buffer[kReceiveRoom];
     for (;;) {
         if (decoder_.Next(frame)) return kVrcOk;
