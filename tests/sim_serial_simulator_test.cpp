@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -66,18 +65,25 @@ class SimProcess {
     FILE* stream_ = nullptr;
 };
 
+// The path of a line printed as "NAME /dev/pts/N" exactly; empty (and a failure) otherwise.
+std::string PtsPathAfter(const std::string& line, const std::string& name) {
+    const std::string prefix = name + "/dev/pts/";
+    const bool digits = line.size() > prefix.size() &&
+                        line.find_first_not_of("0123456789", prefix.size()) == std::string::npos;
+    EXPECT_TRUE(line.rfind(prefix, 0) == 0 && digits) << '"' << line << '"';
+    return line.rfind(prefix, 0) == 0 && digits ? line.substr(name.size()) : "";
+}
+
 TEST(SerialSimulatorProgram, PrintsItsLinesServesTheCatalogueAndCountsRequests) {
     SimProcess sim({"--model", "Wren", "--config-dir", testsupport::SourceDir() + "/Config",
                     "--serial", "--fault-state", "1:00A1,0x0102", "--fault", "0x02:status=4"});
-    std::smatch match;
-    const std::string rs485 = sim.Line();
-    const std::string uart = sim.Line();
-    ASSERT_TRUE(std::regex_match(rs485, match, std::regex("rs485 (/dev/pts/[0-9]+)"))) << rs485;
-    const std::string rs485Path = match[1];
-    ASSERT_TRUE(std::regex_match(uart, match, std::regex("uart (/dev/pts/[0-9]+)"))) << uart;
+    const std::string rs485Path = PtsPathAfter(sim.Line(), "rs485 ");
+    const std::string uartPath = PtsPathAfter(sim.Line(), "uart ");
+    ASSERT_FALSE(rs485Path.empty());
+    ASSERT_FALSE(uartPath.empty());
 
     lidar::SerialSource rs485Line(rs485Path, 115200, 3000000);
-    lidar::SerialSource uartLine(match[1], 9600, 3125000);
+    lidar::SerialSource uartLine(uartPath, 9600, 3125000);
     uartLine.SetCommandMode(true);
     uartLine.setNeedRecv(false);
     ASSERT_TRUE(rs485Line.Open()) << rs485Line.LastError();
