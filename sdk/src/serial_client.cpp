@@ -137,13 +137,7 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
     line->DiscardInput();
     decoder_.Reset();
 
-    std::vector<uint8_t> frame = serial::EncodeHeader(request.code, 0, static_cast<uint32_t>(size));
-    frame.reserve(serial::kHeaderSize + size + serial::kCrcSize);
-    frame.insert(frame.end(), request.head, request.head + request.headSize);
-    frame.insert(frame.end(), request.body, request.body + request.bodySize);
-    const uint16_t crc = serial::Crc16(frame.data() + 2, frame.size() - 2);
-    frame.push_back(static_cast<uint8_t>(crc >> 8));
-    frame.push_back(static_cast<uint8_t>(crc));
+    const std::vector<uint8_t> frame = EncodeRequest(request);
     if (HasLogCallback())
         Log(detail::FrameLine("SEND", request.code, frame, nullptr, 0, nullptr, 0));
     const uint32_t onTheWire = TransmitMs(frame.size(), line->Rate());
@@ -156,24 +150,35 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
     serial::Frame answer;
     const int received = AwaitReply(*line, request.code, timeoutMs, onTheWire, answer);
     if (received != kVrcOk) return received;
-    std::vector<uint8_t> header = serial::EncodeHeader(
-        answer.code, answer.status, static_cast<uint32_t>(answer.payload.size()));
-    if (HasLogCallback()) {
-        std::vector<uint8_t> whole = header;
-        whole.insert(whole.end(), answer.payload.begin(), answer.payload.end());
-        const uint16_t answerCrc = serial::Crc16(whole.data() + 2, whole.size() - 2);
-        const uint8_t crcBytes[2] = {static_cast<uint8_t>(answerCrc >> 8),
-                                     static_cast<uint8_t>(answerCrc)};
-        Log(detail::FrameLine("RECV", answer.code, whole, nullptr, 0, crcBytes, 2));
-    }
+    if (HasLogCallback()) LogReceived(answer);
     if (answer.code != request.code) {
         unsettled_ = true;
         return Refuse(kVrcMalformed,
                       "malformed reply to " + name + ": it carries " + CommandText(answer.code));
     }
-    reply = std::move(header);
+    reply = serial::EncodeHeader(answer.code, answer.status,
+                                 static_cast<uint32_t>(answer.payload.size()));
     reply.insert(reply.end(), answer.payload.begin(), answer.payload.end());
     return answer.status;
+}
+
+std::vector<uint8_t> SerialClient::EncodeRequest(const Request& request) {
+    const size_t size = request.headSize + request.bodySize;
+    std::vector<uint8_t> frame = serial::EncodeHeader(request.code, 0, static_cast<uint32_t>(size));
+    frame.reserve(serial::kHeaderSize + size + serial::kCrcSize);
+    frame.insert(frame.end(), request.head, request.head + request.headSize);
+    frame.insert(frame.end(), request.body, request.body + request.bodySize);
+    const uint16_t crc = serial::Crc16(frame.data() + 2, frame.size() - 2);
+    frame.push_back(static_cast<uint8_t>(crc >> 8));
+    frame.push_back(static_cast<uint8_t>(crc));
+    return frame;
+}
+
+// The frame as it came: it passed its CRC check, so the CRC computed again is the one received.
+void SerialClient::LogReceived(const serial::Frame& answer) {
+    const std::vector<uint8_t> frame =
+        serial::EncodeFrame(answer.code, answer.status, answer.payload);
+    Log(detail::FrameLine("RECV", answer.code, frame, nullptr, 0, nullptr, 0));
 }
 
 // Reads until one whole valid frame is decoded or the deadline passes. Noise is skipped and a

@@ -64,12 +64,14 @@ void PtyLine::Close() {
     holder_ = master_ = -1;
 }
 
+// What the client sent before is dropped first: once the line is down a client may open it again
+// at once, and its first request must not be flushed with the old bytes.
 bool PtyLine::HangUp(std::string* error) {
+    ::tcflush(master_, TCIFLUSH);
     if (holder_ >= 0 && ::ioctl(holder_, TIOCVHANGUP) == 0) {
-        // The holder was hung up with everybody else; whatever the client had sent is gone.
+        // The holder was hung up with everybody else.
         ::close(holder_);
         holder_ = -1;
-        ::tcflush(master_, TCIOFLUSH);
         if (OpenHolder(error)) return true;
     }
     return Open(error);

@@ -77,6 +77,8 @@ class SerialClient {
     int AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs, uint32_t onTheWireMs,
                    serial::Frame& frame);
     void SettleLine(SerialSource& line);
+    static std::vector<uint8_t> EncodeRequest(const Request& request);
+    void LogReceived(const serial::Frame& answer);
     int Setting(uint8_t code, uint8_t value);
     int Refuse(int code, const std::string& why);
     int Remember(int code);
