@@ -7,7 +7,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-30}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(vrc_reply catalogue feature_access value_parsers reply_decoder command_history)
+[ ${#targets[@]} -gt 0 ] || targets=(vrc_reply catalogue feature_access value_parsers reply_decoder command_history serial_frame)
 
 CC=clang CXX=clang++ cmake -S "$root" -B "$root/build-fuzz" -DLIDAR_BUILD_FUZZ=ON \
     -DLIDAR_BUILD_TESTS=OFF -DLIDAR_BUILD_BENCH=OFF >/dev/null

@@ -4,7 +4,8 @@ set -euo pipefail
 
 packages=(cmake g++ make pkg-config qtbase5-dev libqt5serialport5-dev libcsv-dev googletest
           libgtest-dev libbenchmark-dev tar libcli11-dev zlib1g-dev clang locales
-          libgmp-dev libclang-rt-14-dev libqt5charts5-dev fonts-dejavu-core)
+          libgmp-dev libclang-rt-14-dev libqt5charts5-dev fonts-dejavu-core
+          libboost-dev)
 
 missing=()
 for p in "${packages[@]}"; do

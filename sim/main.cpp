@@ -1,4 +1,5 @@
-// lidar-sim: runs the simulated lidar until SIGINT or SIGTERM, then prints its request counters.
+// lidar-sim: runs the simulated lidar (over TCP, or with --serial on two pseudo-terminals) until
+// SIGINT or SIGTERM, then prints its request counters.
 
 #include <pthread.h>
 
@@ -7,11 +8,13 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "sim/lidar_simulator.h"
+#include "sim/serial_lidar_simulator.h"
 
 namespace {
 
@@ -20,6 +23,7 @@ constexpr int kUsageError = 2;
 const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
     "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
+    "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
     "                 [--seed N]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
@@ -32,6 +36,11 @@ const char* const kUsage =
     "crc-mismatch\n"
     "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
     "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n"
+    "  --serial               serve the serial lines on two pseudo-terminals instead of TCP\n"
+    "                         (prints \"rs485 PATH\" and \"uart PATH\"); serial faults also\n"
+    "                         garbage-before-reply, bad-crc\n"
+    "  --fault-state S[:C,..] the fault state the serial side reports: state 0-255, then\n"
+    "                         hexadecimal fault codes (\"1:00A1,0102\")\n"
     "  --seed N               the curves the monitor readings follow (default 1)\n";
 
 struct UsageError {
@@ -41,6 +50,8 @@ struct UsageError {
 struct Arguments {
     sim::LidarSimulator::Options options;
     std::vector<std::pair<uint8_t, sim::Fault>> faults;
+    bool serial = false;
+    std::optional<sim::SerialState> faultState;
 };
 
 bool ParseNumber(const std::string& text, unsigned long max, int base, unsigned long& out) {
@@ -119,6 +130,15 @@ Arguments ParseArguments(int argc, char** argv) {
             args.options.monitorSeed = static_cast<uint32_t>(number);
         } else if (name == "--fault") {
             args.faults.push_back(ParseFaultArgument(next()));
+        } else if (name == "--serial" && !inlineValue) {
+            args.serial = true;
+        } else if (name == "--fault-state") {
+            const std::string text = next();
+            sim::SerialState state;
+            if (!sim::SerialState::ParseFaultState(text, state)) {
+                throw UsageError{"bad --fault-state " + text};
+            }
+            args.faultState = state;
         } else {
             throw UsageError{"unknown argument " + name};
         }
@@ -136,6 +156,54 @@ std::string CountersLine(const std::map<uint8_t, uint64_t>& counts) {
     }
     if (counts.empty()) line += " none";
     return line;
+}
+
+template <typename Simulator>
+void ApplyFaults(const Arguments& args, Simulator& simulator) {
+    for (const auto& [command, fault] : args.faults) simulator.SetFault(command, fault);
+}
+
+int RunTcp(const Arguments& args, sigset_t& stopSignals) {
+    sim::LidarSimulator simulator(args.options);
+    ApplyFaults(args, simulator);
+    if (args.faultState) {
+        simulator.SetSerialFaultState(args.faultState->faultState, args.faultState->faultCodes);
+    }
+    std::string error;
+    if (!simulator.Start(&error)) {
+        std::cerr << "lidar-sim: " << error << "\n";
+        return 1;
+    }
+    std::cout << "listening on " << args.options.bindAddress << ":" << simulator.Port()
+              << std::endl;
+    int received = 0;
+    sigwait(&stopSignals, &received);
+    simulator.Stop();
+    std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
+    return 0;
+}
+
+int RunSerial(const Arguments& args, sigset_t& stopSignals) {
+    sim::SerialLidarSimulator::Options options;
+    options.model = args.options.model;
+    options.configDir = args.options.configDir;
+    sim::SerialLidarSimulator simulator(options);
+    ApplyFaults(args, simulator);
+    if (args.faultState) {
+        simulator.SetFaultState(args.faultState->faultState, args.faultState->faultCodes);
+    }
+    std::string error;
+    if (!simulator.Start(&error)) {
+        std::cerr << "lidar-sim: " << error << "\n";
+        return 1;
+    }
+    std::cout << "rs485 " << simulator.Rs485Path() << "\n"
+              << "uart " << simulator.UartPath() << std::endl;
+    int received = 0;
+    sigwait(&stopSignals, &received);
+    simulator.Stop();
+    std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
+    return 0;
 }
 
 }  // namespace
@@ -162,19 +230,5 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    sim::LidarSimulator simulator(args.options);
-    for (const auto& [command, fault] : args.faults) simulator.SetFault(command, fault);
-    std::string error;
-    if (!simulator.Start(&error)) {
-        std::cerr << "lidar-sim: " << error << "\n";
-        return 1;
-    }
-    std::cout << "listening on " << args.options.bindAddress << ":" << simulator.Port()
-              << std::endl;
-
-    int received = 0;
-    sigwait(&stopSignals, &received);
-    simulator.Stop();
-    std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
-    return 0;
+    return args.serial ? RunSerial(args, stopSignals) : RunTcp(args, stopSignals);
 }

@@ -1,12 +1,11 @@
 #include "sdk/vrc_client.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 
+#include "client_common.h"
 #include "sdk/socket_source.h"
 
 namespace lidar {
@@ -14,7 +13,6 @@ namespace {
 
 constexpr uint32_t kDefaultTimeoutMs = 3000;
 constexpr size_t kReceiveChunk = 64 * 1024;
-constexpr size_t kLoggedBytes = 64;
 constexpr uint8_t kGetFov = 0x23;
 constexpr uint8_t kSetFov = 0x22;
 constexpr uint8_t kSetSerialBaudRate = 0xB1;
@@ -23,9 +21,6 @@ constexpr uint8_t kSerialPassThrough = 0xB8;
 // Transfers: the protocol's largest data chunk. One chunk is on the wire at a time (one request
 // outstanding per connection); see docs/protocol.md for the figures behind the choice.
 constexpr size_t kTransferChunk = 64 * 1024;
-constexpr uint8_t kPhaseBegin = 0;
-constexpr uint8_t kPhaseData = 1;
-constexpr uint8_t kPhaseEnd = 2;
 // A body at most this long is copied into the frame and sent with the header in one write.
 constexpr size_t kCopiedBody = 4096;
 
@@ -33,42 +28,8 @@ uint32_t OrDefault(uint32_t timeoutMs) {
     return timeoutMs == 0 ? kDefaultTimeoutMs : timeoutMs;
 }
 
-std::string CommandText(uint8_t command) {
-    char text[8];
-    std::snprintf(text, sizeof text, "0x%02X", command);
-    return text;
-}
-
-// "SEND 0x07 [8] 56 52 07 00 00 00 00 00", at most kLoggedBytes bytes shown. The frame is the
-// header, then head, then body.
-std::string FrameLine(const char* direction, uint8_t command, const std::vector<uint8_t>& header,
-                      const uint8_t* head, size_t headSize, const uint8_t* body, size_t bodySize) {
-    const size_t total = header.size() + headSize + bodySize;
-    std::string line =
-        std::string(direction) + " " + CommandText(command) + " [" + std::to_string(total) + "]";
-    const size_t shown = std::min(total, kLoggedBytes);
-    line.reserve(line.size() + shown * 3 + 24);
-    char hex[4];
-    for (size_t i = 0; i < shown; ++i) {
-        uint8_t byte = 0;
-        if (i < header.size()) {
-            byte = header[i];
-        } else if (i < header.size() + headSize) {
-            byte = head[i - header.size()];
-        } else {
-            byte = body[i - header.size() - headSize];
-        }
-        std::snprintf(hex, sizeof hex, " %02X", byte);
-        line += hex;
-    }
-    if (shown < total) line += " ... (" + std::to_string(total) + " bytes)";
-    return line;
-}
-
-void AppendUint32(u8vec& out, uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out.push_back(static_cast<uint8_t>(value >> shift));
-}
+using detail::CommandText;
+using detail::FrameLine;
 
 void AppendUint16(u8vec& out, uint16_t value) {
     out.push_back(static_cast<uint8_t>(value >> 8));
@@ -379,42 +340,19 @@ int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
                                                      std::to_string(package.size()) +
                                                      " bytes does not fit the 4-byte size"));
     }
-    u8vec head{kPhaseBegin};
-    if (beginExtra) head.push_back(*beginExtra);
-    AppendUint32(head, static_cast<uint32_t>(package.size()));
     u8vec reply;
-    Request request;
-    request.command = command;
-    request.head = head.data();
-    request.headSize = head.size();
-    int result = QueryOne(request, reply);
-    if (result != kVrcOk) return result;
-
-    uLong crc = crc32(0L, Z_NULL, 0);
-    for (size_t offset = 0; offset < package.size(); offset += kTransferChunk) {
-        const size_t size = std::min(kTransferChunk, package.size() - offset);
-        head = {kPhaseData};
-        AppendUint32(head, static_cast<uint32_t>(offset));
-        request.head = head.data();
-        request.headSize = head.size();
-        request.body = package.data() + offset;
-        request.bodySize = size;
-        request.whileWaiting = [&crc, &request] {
-            crc = crc32(crc, request.body, static_cast<uInt>(request.bodySize));
-        };
-        result = QueryOne(request, reply);
-        if (result != kVrcOk) return result;
-        progress.store(static_cast<int>((offset + size) >> 10));
-    }
-
-    head = {kPhaseEnd};
-    AppendUint32(head, static_cast<uint32_t>(crc));
-    request.head = head.data();
-    request.headSize = head.size();
-    request.body = nullptr;
-    request.bodySize = 0;
-    request.whileWaiting = nullptr;
-    return QueryOne(request, reply);
+    return detail::RunTransfer(
+        package, kTransferChunk, beginExtra, progress,
+        [&](const detail::TransferPhase& phase, const std::function<void()>& whileWaiting) {
+            Request request;
+            request.command = command;
+            request.head = phase.head.data();
+            request.headSize = phase.head.size();
+            request.body = phase.body;
+            request.bodySize = phase.bodySize;
+            request.whileWaiting = whileWaiting;
+            return QueryOne(request, reply);
+        });
 }
 
 int VrcClient::QueryOne(const Request& request, u8vec& reply) {

@@ -231,4 +231,19 @@ BlockStore::SetResult BlockStore::ApplySet(uint8_t command, const Bytes& payload
     return SetResult::kApplied;
 }
 
+bool BlockStore::ReadBack(uint8_t command, Bytes& payload) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const SetCommand* set = FindSetCommand(command, {});
+    if (!set) return false;
+    payload.assign(set->requiredLength, 0);
+    for (const Field& field : set->fields) {
+        auto block = blocks_.find(field.getKey);
+        if (!field.readable || block == blocks_.end()) continue;
+        for (size_t i = 0; i < field.length && field.getStart + i < block->second.size(); ++i) {
+            payload[field.setStart + i] = block->second[field.getStart + i];
+        }
+    }
+    return true;
+}
+
 }  // namespace sim::detail

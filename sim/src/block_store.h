@@ -57,6 +57,9 @@ class BlockStore {
 
     // Applies a catalogue set command: each variable's bytes go into its get block.
     SetResult ApplySet(uint8_t command, const Bytes& payload);
+    // The payload of a set command (without sub-command bytes) that would write what its get
+    // blocks hold now: the reverse of ApplySet. False when the catalogue has no such command.
+    bool ReadBack(uint8_t command, Bytes& payload) const;
 
   private:
     struct Field {

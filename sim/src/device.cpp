@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "sdk/config_parser.h"
+#include "sdk/serial_frame.h"
 
 namespace sim::detail {
 namespace {
@@ -28,7 +29,10 @@ constexpr uint8_t kGetBaudRate = 0xB0;
 constexpr uint8_t kSetBaudRate = 0xB1;
 constexpr uint8_t kSerialFirmwareUpgrade = 0xB7;
 constexpr uint8_t kSerialPassThrough = 0xB8;
-constexpr uint8_t kSerialFaultState = 0x04;
+constexpr uint8_t kSerialSetStandby = 0xB2;
+constexpr uint8_t kSerialSetSpinRate = 0xB3;
+constexpr uint8_t kSerialSetReturnMode = 0xB4;
+constexpr uint8_t kSerialFaultStateVrc = 0xB5;
 constexpr uint8_t kComponentUpgrade = 0xC3;
 
 constexpr uint32_t kDefaultBaudRate = 3000000;
@@ -185,6 +189,7 @@ bool Device::Load(const std::string& model, const std::string& configDir, std::s
     if (ReachedOverSerialLine()) {
         blocks_.EnsureBlock(kGetBaudRate, {}, BigEndian32(kDefaultBaudRate));
     }
+    serial_.SetSerialCatalogue(!ReachedOverSerialLine());
     return true;
 }
 
@@ -251,6 +256,12 @@ Reply Device::Handle(const vrc::Frame& request, Session& session) {
         case kSerialPassThrough:
             return ReachedOverSerialLine() ? SerialPassThrough(payload)
                                            : Status(vrc::kStatusUnknownCommand);
+        case kSerialSetStandby:
+        case kSerialSetSpinRate:
+        case kSerialSetReturnMode:
+        case kSerialFaultStateVrc:
+            return ReachedOverSerialLine() ? SerialCommand(command, payload)
+                                           : CatalogueCommand(command, payload);
         default:
             return CatalogueCommand(command, payload);
     }
@@ -422,9 +433,16 @@ void Device::AfterReply(Session& session) {
         transfers_[session.transferIndex].receivedCrc = session.upgrade.Current().receivedCrc;
 }
 
+// Serial transfers passed through 0xB8 follow the VRC ones.
 std::vector<Transfer> Device::Transfers() const {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    return transfers_;
+    std::vector<Transfer> all;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        all = transfers_;
+    }
+    const std::vector<Transfer> serial = serial_.Transfers();
+    all.insert(all.end(), serial.begin(), serial.end());
+    return all;
 }
 
 bool Device::RebootPending() const {
@@ -433,23 +451,26 @@ bool Device::RebootPending() const {
 }
 
 // 0xB8 carries a serial command: its code, then its payload. The answer is the serial reply's
-// 8-byte header (start marker, code, status, length) and payload. Only the fault state is
-// served here; other codes are unknown to the serial handler (status 2 in the serial header).
+// 8-byte header (start marker, code, status, length) and payload, from the same handler as the
+// UART line.
 Reply Device::SerialPassThrough(const Bytes& payload) {
     if (payload.empty()) return Status(vrc::kStatusBadPayload);
     const uint8_t code = payload[0];
-    Bytes serialPayload;
-    uint8_t serialStatus = vrc::kStatusOk;
-    if (code == kSerialFaultState) {
-        serialPayload = {0};  // state 0: no fault, no codes
-    } else {
-        serialStatus = vrc::kStatusUnknownCommand;
-    }
-    Bytes reply{0xA5, 0x5A, code, serialStatus};
-    const Bytes length = BigEndian32(static_cast<uint32_t>(serialPayload.size()));
-    reply.insert(reply.end(), length.begin(), length.end());
-    reply.insert(reply.end(), serialPayload.begin(), serialPayload.end());
+    const SerialReply answer = serial_.Handle(code, Bytes(payload.begin() + 1, payload.end()));
+    Bytes reply = lidar::serial::EncodeHeader(code, answer.status,
+                                              static_cast<uint32_t>(answer.payload.size()));
+    reply.insert(reply.end(), answer.payload.begin(), answer.payload.end());
     return Payload(std::move(reply));
+}
+
+// 0xB2-0xB4 are the serial settings 0x01-0x03, 0xB5 the serial fault state 0x04.
+Reply Device::SerialCommand(uint8_t command, const Bytes& payload) {
+    const uint8_t code =
+        static_cast<uint8_t>(command - kSerialSetStandby + SerialDevice::kSetStandby);
+    SerialReply answer = serial_.Handle(code, payload);
+    Reply reply = Status(answer.status);
+    reply.payload = std::move(answer.payload);
+    return reply;
 }
 
 Reply Device::CatalogueCommand(uint8_t command, const Bytes& payload) {

@@ -12,6 +12,7 @@
 
 #include "block_store.h"
 #include "sdk/vrc_frame.h"
+#include "serial_device.h"
 #include "upgrade_receiver.h"
 
 namespace sim::detail {
@@ -51,6 +52,10 @@ class Device {
     BlockStore& Blocks() { return blocks_; }
     const BlockStore& Blocks() const { return blocks_; }
     const std::string& CataloguePath() const { return cataloguePath_; }
+    // The serial command set (the UART line of a serial model, 0xB2-0xB5 and 0xB8 of the
+    // VRC-over-serial models).
+    SerialDevice& Serial() { return serial_; }
+    const SerialDevice& Serial() const { return serial_; }
     std::vector<Transfer> Transfers() const;
     bool RebootPending() const;
     Bytes LogContent(const Bytes& request) const;
@@ -73,6 +78,7 @@ class Device {
     Reply Upgrade(uint8_t command, const Bytes& payload, size_t beginExtraBytes, Session& session);
     void RecordTransfer(uint8_t command, bool begun, Session& session);
     Reply SerialPassThrough(const Bytes& payload);
+    Reply SerialCommand(uint8_t code, const Bytes& payload);
     Bytes GenerateLog(const Bytes& request) const;
     Reply CatalogueCommand(uint8_t command, const Bytes& payload);
 
@@ -80,6 +86,7 @@ class Device {
     std::string cataloguePath_;
     std::string requiredToken_;
     BlockStore blocks_;
+    SerialDevice serial_{blocks_};
     size_t logBytes_ = 4096;
     uint32_t monitorSeed_ = 1;
 

@@ -26,9 +26,14 @@ bool Fault::Parse(const std::string& text, Fault& out) {
     static const struct {
         const char* name;
         Kind kind;
-    } kPlain[] = {{"no-reply", Kind::kNoReply},     {"close-mid-reply", Kind::kCloseMidReply},
-                  {"bad-magic", Kind::kBadMagic},   {"oversized-length", Kind::kOversizedLength},
-                  {"wrong-echo", Kind::kWrongEcho}, {"crc-mismatch", Kind::kCrcMismatch}};
+    } kPlain[] = {{"no-reply", Kind::kNoReply},
+                  {"close-mid-reply", Kind::kCloseMidReply},
+                  {"bad-magic", Kind::kBadMagic},
+                  {"oversized-length", Kind::kOversizedLength},
+                  {"wrong-echo", Kind::kWrongEcho},
+                  {"crc-mismatch", Kind::kCrcMismatch},
+                  {"garbage-before-reply", Kind::kGarbageBeforeReply},
+                  {"bad-crc", Kind::kBadCrc}};
     for (const auto& plain : kPlain) {
         if (text == plain.name) {
             out = Fault{};

@@ -497,6 +497,14 @@ std::vector<uint8_t> LidarSimulator::LogContent(const std::vector<uint8_t>& requ
     return impl_->device.LogContent(request);
 }
 
+SerialState LidarSimulator::GetSerialState() const {
+    return impl_->device.Serial().State();
+}
+
+void LidarSimulator::SetSerialFaultState(uint8_t state, const std::vector<uint16_t>& codes) {
+    impl_->device.Serial().SetFaultState(state, codes);
+}
+
 uint16_t LidarSimulator::LastClientPort() const {
     return impl_->lastClientPort.load();
 }

@@ -10,7 +10,6 @@ namespace {
 constexpr uint8_t kPhaseBegin = 0;
 constexpr uint8_t kPhaseData = 1;
 constexpr uint8_t kPhaseEnd = 2;
-constexpr size_t kMaxChunk = 64 * 1024;
 
 uint32_t ReadU32(const std::vector<uint8_t>& bytes, size_t at) {
     return (uint32_t(bytes[at]) << 24) | (uint32_t(bytes[at + 1]) << 16) |
@@ -63,7 +62,7 @@ uint8_t UpgradeReceiver::Data(const std::vector<uint8_t>& payload) {
     const uint32_t offset = ReadU32(payload, 1);
     const size_t length = payload.size() - 5;
     const uint64_t received = current_.receivedSize;
-    if (offset != received || length > kMaxChunk || length > current_.announcedSize - received) {
+    if (offset != received || length > maxChunk_ || length > current_.announcedSize - received) {
         return lidar::vrc::kStatusBadPayload;
     }
     pending_ = payload.data() + 5;

@@ -15,6 +15,8 @@ namespace sim::detail {
 class UpgradeReceiver {
   public:
     enum class Phase { kBegin, kData, kEnd, kUnknown };
+    // maxChunk: the largest data chunk the protocol allows (64 KiB over VRC, 1 KiB on the UART).
+    explicit UpgradeReceiver(size_t maxChunk = 64 * 1024) : maxChunk_(maxChunk) {}
     static Phase PhaseOf(const std::vector<uint8_t>& payload);
 
     // beginExtraBytes: bytes between the phase and the size in the begin phase (upgrade mode or
@@ -33,6 +35,7 @@ class UpgradeReceiver {
     uint8_t Data(const std::vector<uint8_t>& payload);
     uint8_t End(const std::vector<uint8_t>& payload);
 
+    size_t maxChunk_;
     bool active_ = false;
     Transfer current_;
     const uint8_t* pending_ = nullptr;  // the accepted chunk not yet in the CRC

@@ -43,6 +43,23 @@ class AuthorizedVrcClient {
     int DownloadLog(const u8Array_t& payload, u8Array_t& reply, unsigned char command);
     int QuerySerialCommand(const u8Array_t& payload, u8Array_t& reply, uint8_t code);
 
+    // The Wren's serial settings over VRC, under the profile
+    // (sdk/src/authorized_vrc_client_wren.cpp).
+    int WrenSerialSetStandby(bool standby);         // 0xB2
+    int WrenSerialSetSpinRate(unsigned char rate);  // 0xB3
+    int WrenSerialSetReturnMode(bool mode);         // 0xB4
+    int WrenGetBaudRate(unsigned int& rate);        // 0xB0
+    int WrenGetLidarFaultState(u8Array_t& reply);   // 0xB5
+    // 0x20: destination address, destination port, auxiliary port. True when the device accepted
+    // it; otherwise GetLastReturnCode() says why. An address that is not a dotted IPv4 address
+    // is refused with -1 before anything is sent.
+    bool SetDesIpandPort(std::string ip, unsigned short port, unsigned short auxPort);
+    // 0x21: address, netmask, gateway, VLAN flag, VLAN id. The device applies it and closes the
+    // connection without a reply, so the result is false with last return code -2. Texts that
+    // are not dotted IPv4 addresses are refused as for SetDesIpandPort.
+    bool SetNet(std::string address, std::string netmask, std::string gateway,
+                unsigned char vlanFlag, unsigned short vlanId);
+
     lidar::VrcClient& GetClient() { return *client_; }
     std::shared_ptr<lidar::VrcClient> GetClientPtr() const { return client_; }
     bool IsOpen() const { return client_->IsOpen(); }
@@ -58,6 +75,8 @@ class AuthorizedVrcClient {
   private:
     friend class AuthGate;
     bool Permit(uint8_t command);
+    // Appends the four bytes of a dotted IPv4 address; false (logged, -1 recorded) otherwise.
+    bool AppendAddress(const char* what, const std::string& text, u8vec& payload);
     void Log(const std::string& line);
 
     std::shared_ptr<lidar::VrcClient> client_;

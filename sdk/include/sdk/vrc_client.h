@@ -80,6 +80,16 @@ class VrcClient {
     void SetSerialBaudRate(uint32_t rate) { serialBaudRate_.store(rate); }
     uint32_t GetSerialBaudRate() const { return serialBaudRate_.load(); }
     int WrenSetBaudRate(uint32_t rate);  // 0xB1
+    // The Wren's serial settings reached over VRC (sdk/src/vrc_client_wren.cpp). Each sends one
+    // byte (0 or 1 for the two flags) and returns the client result.
+    int WrenSerialSetStandby(bool standby);         // 0xB2
+    int WrenSerialSetSpinRate(unsigned char rate);  // 0xB3
+    int WrenSerialSetReturnMode(bool mode);         // 0xB4
+    // 0xB0: the device's serial baud rate (4 bytes, big-endian); a shorter reply is -4.
+    int WrenGetBaudRate(unsigned int& rate);
+    // 0xB5: reply = the payload, byte 0 the state, then little-endian 16-bit fault codes; a
+    // reply without the state byte is -4.
+    int WrenGetLidarFaultState(u8Array_t& reply);
 
     // Firmware transfer with `command` (0x83 on every model): begin with the size, data chunks,
     // end with the CRC-32 of the whole package (docs/protocol.md). progress is set to 0, then

@@ -26,6 +26,9 @@ struct Fault {
         kDropAfterChunks,  // close the connection, unanswered, on the data chunk after `count`
         kFailChunk,        // answer data chunk number `count` (from 1) with `status`
         kCrcMismatch,      // answer the end phase with status 1 (bad payload) whatever came
+        // Serial line (sim::SerialLidarSimulator); on TCP these answer normally:
+        kGarbageBeforeReply,  // noise (with a false start marker) before the reply
+        kBadCrc,              // the reply with its CRC damaged
     };
     Kind kind = Kind::kNone;
     int delayMs = 0;  // kDelay's wait; with any other kind, a wait before that fault acts
@@ -33,8 +36,8 @@ struct Fault {
     int count = 0;
 
     // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
-    // "wrong-echo", "status=N", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch";
-    // false for anything else.
+    // "wrong-echo", "status=N", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch",
+    // "garbage-before-reply", "bad-crc"; false for anything else.
     static bool Parse(const std::string& text, Fault& out);
 };
 
@@ -47,6 +50,20 @@ struct Transfer {
     uint32_t receivedCrc = 0;  // CRC-32 of the received bytes, in order
     int chunks = 0;
     bool completed = false;  // the end phase matched size and CRC
+};
+
+// The Wren's serial-side state, one per simulated device, whichever way it is reached (the UART
+// line, VRC 0xB2-0xB5, or serial frames passed through 0xB8).
+struct SerialState {
+    uint8_t standby = 0;
+    uint8_t spinRate = 0;
+    uint8_t returnMode = 0;
+    uint8_t faultState = 0;            // 0 normal, 1 warning, 2 shutdown
+    std::vector<uint16_t> faultCodes;  // sent little-endian after the state byte
+
+    // "STATE" or "STATE:CODE,CODE..." (decimal state, hexadecimal codes, "0x" optional), as
+    // lidar-sim's --fault-state takes it; false for anything else.
+    static bool ParseFaultState(const std::string& text, SerialState& out);
 };
 
 class LidarSimulator {
@@ -93,6 +110,11 @@ class LidarSimulator {
     bool RebootPending() const;
     // What 0x75 answers for this request payload (log number, then the part's bytes).
     std::vector<uint8_t> LogContent(const std::vector<uint8_t>& request) const;
+
+    // The serial-side state of the VRC-over-serial models (0xB0-0xB5, 0xB8), and the fault state
+    // they report.
+    SerialState GetSerialState() const;
+    void SetSerialFaultState(uint8_t state, const std::vector<uint16_t>& codes);
 
     // Local port of the most recent client connection (to check local-port binding).
     uint16_t LastClientPort() const;

@@ -1,0 +1,123 @@
+#include "sdk/serial_frame.h"
+
+#include <algorithm>
+#include <boost/crc.hpp>
+
+namespace lidar::serial {
+namespace {
+
+uint32_t ReadLength(const uint8_t* header) {
+    return (uint32_t(header[4]) << 24) | (uint32_t(header[5]) << 16) | (uint32_t(header[6]) << 8) |
+           uint32_t(header[7]);
+}
+
+}  // namespace
+
+uint16_t Crc16(const uint8_t* data, size_t size) {
+    boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
+    crc.process_bytes(data, size);
+    return crc.checksum();
+}
+
+std::vector<uint8_t> EncodeHeader(uint8_t code, uint8_t status, uint32_t payloadLength) {
+    return {kStart0,
+            kStart1,
+            code,
+            status,
+            static_cast<uint8_t>(payloadLength >> 24),
+            static_cast<uint8_t>(payloadLength >> 16),
+            static_cast<uint8_t>(payloadLength >> 8),
+            static_cast<uint8_t>(payloadLength)};
+}
+
+std::vector<uint8_t> EncodeFrame(uint8_t code, uint8_t status,
+                                 const std::vector<uint8_t>& payload) {
+    std::vector<uint8_t> frame = EncodeHeader(code, status, static_cast<uint32_t>(payload.size()));
+    frame.reserve(kHeaderSize + payload.size() + kCrcSize);
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    const uint16_t crc = Crc16(frame.data() + 2, frame.size() - 2);
+    frame.push_back(static_cast<uint8_t>(crc >> 8));
+    frame.push_back(static_cast<uint8_t>(crc));
+    return frame;
+}
+
+void FrameDecoder::DropConsumed() {
+    if (readPos_ > 0 && readPos_ == buffer_.size()) {
+        buffer_.clear();
+        readPos_ = 0;
+    } else if (readPos_ > 4096 && readPos_ * 2 > buffer_.size()) {
+        buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(readPos_));
+        readPos_ = 0;
+    }
+}
+
+void FrameDecoder::Feed(const uint8_t* data, size_t size) {
+    if (size == 0) return;
+    DropConsumed();
+    buffer_.insert(buffer_.end(), data, data + size);
+}
+
+void FrameDecoder::Skip(size_t count) {
+    readPos_ += count;
+    skippedBytes_ += count;
+}
+
+bool FrameDecoder::SeekStart() {
+    const uint8_t* begin = buffer_.data() + readPos_;
+    const uint8_t* end = buffer_.data() + buffer_.size();
+    for (const uint8_t* p = begin; p < end; ++p) {
+        if (*p != kStart0) continue;
+        if (p + 1 == end) {  // half a marker: keep it for the next bytes
+            Skip(static_cast<size_t>(p - begin));
+            return false;
+        }
+        if (p[1] == kStart1) {
+            Skip(static_cast<size_t>(p - begin));
+            return true;
+        }
+    }
+    Skip(static_cast<size_t>(end - begin));
+    return false;
+}
+
+bool FrameDecoder::Next(Frame& out) {
+    while (SeekStart()) {
+        const size_t available = buffer_.size() - readPos_;
+        if (available < kHeaderSize) return false;
+        const uint8_t* p = buffer_.data() + readPos_;
+        const uint32_t length = ReadLength(p);
+        if (length > kMaxPayload) {  // noise that happens to hold a marker
+            ++droppedFrames_;
+            Skip(2);
+            continue;
+        }
+        const size_t total = kHeaderSize + length + kCrcSize;
+        if (available < total) return false;
+        const uint16_t expected = static_cast<uint16_t>((p[total - 2] << 8) | p[total - 1]);
+        if (Crc16(p + 2, kHeaderSize - 2 + length) != expected) {
+            ++droppedFrames_;
+            Skip(2);
+            continue;
+        }
+        out.code = p[2];
+        out.status = p[3];
+        out.payload.assign(p + kHeaderSize, p + kHeaderSize + length);
+        readPos_ += total;
+        return true;
+    }
+    return false;
+}
+
+void FrameDecoder::Reset() {
+    constexpr size_t kKeptCapacity = 64 * 1024;
+    if (buffer_.capacity() > kKeptCapacity) {
+        std::vector<uint8_t>().swap(buffer_);
+    } else {
+        buffer_.clear();
+    }
+    readPos_ = 0;
+    skippedBytes_ = 0;
+    droppedFrames_ = 0;
+}
+
+}  // namespace lidar::serial

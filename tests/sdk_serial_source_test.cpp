@@ -1,0 +1,123 @@
+// The serial source on real pseudo-terminals and on things that are not serial ports.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "sdk/serial_source.h"
+#include "test_support.h"
+
+namespace {
+
+using lidar::SerialSource;
+using Status = SerialSource::ReceiveStatus;
+
+// A pseudo-terminal pair: the test plays the device on the master side.
+class Pty {
+  public:
+    Pty() {
+        master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+        ::grantpt(master_);
+        ::unlockpt(master_);
+        path_ = ::ptsname(master_);
+    }
+    ~Pty() { ::close(master_); }
+    const std::string& path() const { return path_; }
+    void Write(const std::string& bytes) {
+        ASSERT_EQ(::write(master_, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    }
+
+  private:
+    int master_ = -1;
+    std::string path_;
+};
+
+TEST(SerialSource, RefusesWhatIsNotAFreeSerialPortWithAClearReason) {
+    SerialSource missing("/dev/no-such-serial-port", 9600, 3125000);
+    EXPECT_FALSE(missing.Open());
+    EXPECT_FALSE(missing.IsOpen());
+    EXPECT_EQ(missing.LastError(),
+              "cannot open serial port /dev/no-such-serial-port: no such device");
+
+    testsupport::TempDir dir;
+    testsupport::WriteFile(dir.file("port"), "not a port");
+    SerialSource file(dir.file("port"), 9600, 9600);
+    EXPECT_FALSE(file.Open());
+    EXPECT_EQ(file.LastError(), dir.file("port") + " is not a serial port (it is a regular file)");
+
+    SerialSource null("/dev/null", 9600, 9600);
+    EXPECT_FALSE(null.Open());
+    EXPECT_EQ(null.LastError(), "/dev/null is not a serial port (not a terminal)");
+
+    // Another process holds the port: root passes TIOCEXCL, the advisory lock still stops it.
+    Pty pty;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        const int fd = ::open(pty.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+        ::flock(fd, LOCK_EX | LOCK_NB);
+        const char done = 'x';
+        [[maybe_unused]] ssize_t ignored = ::write(ready[1], &done, 1);
+        ::pause();
+        ::_exit(0);
+    }
+    char done = 0;
+    ASSERT_EQ(::read(ready[0], &done, 1), 1);
+    SerialSource held(pty.path(), 9600, 9600);
+    EXPECT_FALSE(held.Open());
+    EXPECT_EQ(held.LastError(), "serial port " + pty.path() + " is in use by another program");
+    ::kill(holder, SIGKILL);
+    ::waitpid(holder, nullptr, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    EXPECT_TRUE(held.Open()) << held.LastError();
+
+    // And within one process: a second source on an open port.
+    SerialSource second(pty.path(), 9600, 9600);
+    EXPECT_FALSE(second.Open());
+    held.Close();
+    EXPECT_TRUE(second.Open()) << second.LastError();
+}
+
+TEST(SerialSource, CommandLineReadsDataLineDrainsAndCloseWakesAReader) {
+    Pty uart;
+    SerialSource command(uart.path(), 9600, 3125000);
+    command.SetCommandMode(true);
+    command.setNeedRecv(false);
+    ASSERT_TRUE(command.Open()) << command.LastError();
+    EXPECT_EQ(command.Rate(), 9600);
+    uart.Write("hello");
+    uint8_t buffer[16];
+    size_t got = 0;
+    ASSERT_EQ(command.Receive(buffer, sizeof buffer, got, 2000), Status::kData);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), got), "hello");
+    EXPECT_EQ(command.Receive(buffer, sizeof buffer, got, 50), Status::kTimeout);
+
+    Status woken = Status::kData;
+    std::thread reader([&] { woken = command.Receive(buffer, sizeof buffer, got, 60000); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    command.Close();
+    reader.join();
+    EXPECT_EQ(woken, Status::kCancelled);
+    EXPECT_FALSE(command.IsOpen());
+
+    // A data line at a rate without a termios constant, drained in the background.
+    Pty rs485;
+    SerialSource data(rs485.path(), 115200, 3125000);
+    ASSERT_TRUE(data.Open()) << data.LastError();
+    EXPECT_EQ(data.Rate(), 3125000);
+    rs485.Write(std::string(3000, 'p'));
+    EXPECT_TRUE(testsupport::WaitFor([&] { return data.BytesReceived() == 3000; }));
+    EXPECT_EQ(data.Receive(buffer, sizeof buffer, got, 10), Status::kError);
+}
+
+}  // namespace

@@ -1,0 +1,121 @@
+// lidar-sim --serial as a program, spoken to through the SDK's serial client: the two printed
+// device paths, the catalogue and state behind the UART line, the fault state option, the
+// point-cloud trickle, and the request counters printed on SIGINT.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "sdk/serial_client.h"
+#include "sdk/serial_source.h"
+#include "sim/lidar_simulator.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Runs lidar-sim with its standard output on a pipe.
+class SimProcess {
+  public:
+    explicit SimProcess(const std::vector<std::string>& args) {
+        int out[2];
+        if (::pipe(out) != 0) return;
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(out[1], STDOUT_FILENO);
+            ::close(out[0]);
+            std::vector<char*> argv;
+            const std::string program = std::string(LIDAR_BINARY_DIR) + "/sim/lidar-sim";
+            argv.push_back(const_cast<char*>(program.c_str()));
+            for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+            argv.push_back(nullptr);
+            ::execv(program.c_str(), argv.data());
+            ::_exit(127);
+        }
+        ::close(out[1]);
+        stream_ = ::fdopen(out[0], "r");
+    }
+    ~SimProcess() {
+        if (pid_ > 0) Stop();
+        if (stream_) std::fclose(stream_);
+    }
+    std::string Line() {
+        char buffer[256];
+        if (!stream_ || !std::fgets(buffer, sizeof buffer, stream_)) return "";
+        std::string line = buffer;
+        if (!line.empty() && line.back() == '\n') line.pop_back();
+        return line;
+    }
+    int Stop() {
+        ::kill(pid_, SIGINT);
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    FILE* stream_ = nullptr;
+};
+
+// The path of a line printed as "NAME /dev/pts/N" exactly; empty (and a failure) otherwise.
+std::string PtsPathAfter(const std::string& line, const std::string& name) {
+    const std::string prefix = name + "/dev/pts/";
+    const bool digits = line.size() > prefix.size() &&
+                        line.find_first_not_of("0123456789", prefix.size()) == std::string::npos;
+    EXPECT_TRUE(line.rfind(prefix, 0) == 0 && digits) << '"' << line << '"';
+    return line.rfind(prefix, 0) == 0 && digits ? line.substr(name.size()) : "";
+}
+
+TEST(SerialSimulatorProgram, PrintsItsLinesServesTheCatalogueAndCountsRequests) {
+    SimProcess sim({"--model", "Wren", "--config-dir", testsupport::SourceDir() + "/Config",
+                    "--serial", "--fault-state", "1:00A1,0x0102", "--fault", "0x02:status=4"});
+    const std::string rs485Path = PtsPathAfter(sim.Line(), "rs485 ");
+    const std::string uartPath = PtsPathAfter(sim.Line(), "uart ");
+    ASSERT_FALSE(rs485Path.empty());
+    ASSERT_FALSE(uartPath.empty());
+
+    lidar::SerialSource rs485Line(rs485Path, 115200, 3000000);
+    lidar::SerialSource uartLine(uartPath, 9600, 3125000);
+    uartLine.SetCommandMode(true);
+    uartLine.setNeedRecv(false);
+    ASSERT_TRUE(rs485Line.Open()) << rs485Line.LastError();
+    ASSERT_TRUE(uartLine.Open()) << uartLine.LastError();
+    lidar::SerialClient client;
+    client.SetSerial(&uartLine, &rs485Line);
+
+    Bytes reply;
+    ASSERT_EQ(client.GetLidarFaultState(reply), 0) << client.LastError();
+    EXPECT_EQ(reply, (Bytes{1, 0xA1, 0x00, 0x02, 0x01}));
+    // The information block from the catalogue: the serial number's text at 0.
+    ASSERT_EQ(client.QueryCommand(0x06, {}, reply, 0), 0);
+    ASSERT_EQ(reply.size(), 8u + 96u);
+    EXPECT_EQ(std::string(reply.begin() + 8, reply.begin() + 20), "WR2407300216");
+    EXPECT_EQ(client.WrenSetSpinRate(20), 4);  // the --fault
+    EXPECT_TRUE(testsupport::WaitFor([&] { return rs485Line.BytesReceived() > 0; }));
+
+    uartLine.Close();
+    EXPECT_EQ(sim.Stop(), 0);
+    EXPECT_EQ(sim.Line(), "requests: 0x02=1 0x04=1 0x06=1");
+}
+
+TEST(SerialSimulatorProgram, FaultStateTextsAreCheckedAsLidarSimTakesThem) {
+    sim::SerialState state;
+    ASSERT_TRUE(sim::SerialState::ParseFaultState("2", state));
+    EXPECT_EQ(state.faultState, 2);
+    EXPECT_TRUE(state.faultCodes.empty());
+    ASSERT_TRUE(sim::SerialState::ParseFaultState("0:ffff,0X1", state));
+    EXPECT_EQ(state.faultCodes, (std::vector<uint16_t>{0xFFFF, 0x0001}));
+    for (const char* bad : {"", "256", "-1", "1:", "1:10000", "1:a,,b", "x", "1:0xg"}) {
+        EXPECT_FALSE(sim::SerialState::ParseFaultState(bad, state)) << bad;
+    }
+}
+
+}  // namespace
