@@ -371,8 +371,10 @@ int VrcClient::WrenUpgradeLidar(const u8Array_t& package, int mode, ProgressCoun
 // computed chunk by chunk while the device handles the chunk, so it costs no time of its own
 // and the package is read once.
 int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
-                        const u8Array_t& package, ProgressCounter& progress) {
-    progress.store(0);
+                        const u8Array_t& package, ProgressCounter& progress, ProgressMode mode) {
+    const bool advancing = mode == ProgressMode::kAdvanceByUnits;
+    const int progressBase = advancing ? progress.load() : 0;
+    progress.store(progressBase);
     if (package.size() > UINT32_MAX) {
         std::lock_guard<std::mutex> query(queryMutex_);
         return Remember(Refuse(kVrcNotConnected, "firmware package of " +
@@ -404,7 +406,10 @@ int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
         };
         result = QueryOne(request, reply);
         if (result != kVrcOk) return result;
-        progress.store(static_cast<int>((offset + size) >> 10));
+        const size_t acknowledged = offset + size;
+        // Advancing: a component's last partial unit counts, as the caller's total rounds it up.
+        const size_t units = advancing ? (acknowledged + 1023) >> 10 : acknowledged >> 10;
+        progress.store(progressBase + static_cast<int>(units));
     }
 
     head = {kPhaseEnd};

@@ -43,6 +43,16 @@ class AuthorizedVrcClient {
     int DownloadLog(const u8Array_t& payload, u8Array_t& reply, unsigned char command);
     int QuerySerialCommand(const u8Array_t& payload, u8Array_t& reply, uint8_t code);
 
+    // ---- Heron-VRC operations: the VrcClient's, each checked against the profile first ----
+    int HeronGetBmbFpgaVersion(std::string& version);                     // 0xC0
+    int HeronGetTmbFpgaVersion(std::string& version);                     // 0xC0
+    int HeronGetBmbMcuVersion(std::string& version);                      // 0xC0
+    int HeronSetIMURange(uint8_t angularCode, uint8_t accelerationCode);  // 0xC1
+    int HeronRestartLidar();                                              // 0xC2
+    int WrenSerialEnterUpgradeMode(unsigned char& partition);             // 0xB6
+    int HeronSendComponentData(u8Array_t& data, unsigned char type,
+                               lidar::ProgressCounter& progress);  // 0xC3
+
     lidar::VrcClient& GetClient() { return *client_; }
     std::shared_ptr<lidar::VrcClient> GetClientPtr() const { return client_; }
     bool IsOpen() const { return client_->IsOpen(); }
