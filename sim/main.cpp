@@ -20,6 +20,7 @@ constexpr int kUsageError = 2;
 const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
     "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
+    "                 [--partition A|B]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
     "  --port N               TCP port, 0 picks a free one (default 0)\n"
@@ -28,9 +29,12 @@ const char* const kUsage =
     "  --fault CMD:MODE       CMD in hex (0x07); MODE one of no-reply, delay=MS,\n"
     "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N;\n"
     "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, "
-    "crc-mismatch\n"
+    "crc-mismatch;\n"
+    "                         for components (0xC3) refuse-component=N:STATUS,\n"
+    "                         refuse-component-type=T:STATUS\n"
     "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
-    "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n";
+    "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n"
+    "  --partition A|B        Heron-VRC: the application partition running at start (default A)\n";
 
 struct UsageError {
     std::string message;
@@ -110,6 +114,10 @@ Arguments ParseArguments(int argc, char** argv) {
                 throw UsageError{"bad --log-size " + text};
             }
             args.options.logBytes = static_cast<size_t>(number);
+        } else if (name == "--partition") {
+            const std::string text = next();
+            if (text != "A" && text != "B") throw UsageError{"bad --partition " + text};
+            args.options.partition = text[0];
         } else if (name == "--fault") {
             args.faults.push_back(ParseFaultArgument(next()));
         } else {

@@ -24,6 +24,9 @@ class UpgradeReceiver {
     // (the bytes are still those of the request), so the device checks a chunk while the next
     // one travels, as a device that acknowledges on receipt does.
     void SettleChunk();
+    // The accepted chunk not yet settled (null when there is none): its bytes are the request's.
+    const uint8_t* PendingChunk() const { return pending_; }
+    size_t PendingChunkSize() const { return pendingSize_; }
     // The transfer begun last on this connection (command is left to the caller).
     const Transfer& Current() const { return current_; }
     bool Active() const { return active_; }

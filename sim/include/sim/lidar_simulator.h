@@ -26,6 +26,9 @@ struct Fault {
         kDropAfterChunks,  // close the connection, unanswered, on the data chunk after `count`
         kFailChunk,        // answer data chunk number `count` (from 1) with `status`
         kCrcMismatch,      // answer the end phase with status 1 (bad payload) whatever came
+        // Component upgrades (0xC3), at their begin phase:
+        kRefuseComponent,      // answer the `count`th component (from 1) with `status`
+        kRefuseComponentType,  // answer every component of type `count` with `status`
     };
     Kind kind = Kind::kNone;
     int delayMs = 0;
@@ -33,8 +36,8 @@ struct Fault {
     int count = 0;
 
     // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
-    // "wrong-echo", "status=N", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch";
-    // false for anything else.
+    // "wrong-echo", "status=N", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch",
+    // "refuse-component=N:STATUS", "refuse-component-type=T:STATUS"; false for anything else.
     static bool Parse(const std::string& text, Fault& out);
 };
 
@@ -49,6 +52,15 @@ struct Transfer {
     bool completed = false;  // the end phase matched size and CRC
 };
 
+// One component as a Heron-VRC received it (0xC3): its type, what the begin phase announced, its
+// bytes in the order they arrived, and whether the end phase matched their size and CRC-32.
+struct Component {
+    uint8_t type = 0;
+    uint32_t announcedSize = 0;
+    std::vector<uint8_t> bytes;
+    bool completed = false;
+};
+
 class LidarSimulator {
   public:
     struct Options {
@@ -59,6 +71,7 @@ class LidarSimulator {
         std::string requiredToken;     // non-empty: writes need 0xA1 with this token
         int restartDowntimeMs = 1500;  // unreachable time after 0x10 / 0x25
         size_t logBytes = 4096;        // size of every log that 0x75 serves
+        char partition = 'A';          // application partition running at start: 'A' or 'B'
     };
 
     explicit LidarSimulator(Options options);
@@ -92,6 +105,15 @@ class LidarSimulator {
     bool RebootPending() const;
     // What 0x75 answers for this request payload (log number, then the part's bytes).
     std::vector<uint8_t> LogContent(const std::vector<uint8_t>& request) const;
+
+    // Replaces a get block whole, for tests that need a reply of a particular length.
+    void ReplaceBlock(uint8_t command, const std::vector<uint8_t>& payload,
+                      const std::vector<uint8_t>& block);
+    // Components received since start (0xC3), oldest first, with their bytes.
+    std::vector<Component> Components() const;
+    // The application partition running now, 'A' or 'B': a completed application component
+    // (type 2) followed by a restart switches it.
+    char RunningPartition() const;
 
     // Local port of the most recent client connection (to check local-port binding).
     uint16_t LastClientPort() const;
