@@ -659,6 +659,7 @@ int commandWatch(Session& session) {
 }
 
 int runCommand(const Options& options) {
+    if (options.command == "ota") return commandOta(options);
     Session session(options);
     if (options.command == "models") return commandModels(session);
     if (int status = session.loadModel(); status != kExitOk) return status;
@@ -673,6 +674,7 @@ int runCommand(const Options& options) {
     if (options.command == "upgrade") return commandUpgrade(session);
     if (options.command == "log") return commandLog(session);
     if (options.command == "oplog") return commandOperationLog(session);
+    if (options.command == "heron") return commandHeron(session);
     return usageError("unknown command '" + options.command + "'");
 }
 

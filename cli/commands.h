@@ -25,5 +25,9 @@ int commandHistory(Session& session);
 int commandUpgrade(Session& session);
 int commandLog(Session& session);
 int commandOperationLog(Session& session);
+// heron_commands.cpp
+int commandHeron(Session& session);
+// ota_commands.cpp: needs neither a lidar nor a model
+int commandOta(const Options& options);
 
 }  // namespace cli
