@@ -2,7 +2,8 @@
 
 // The receiving end of a firmware transfer (0x83, and 0xB7 / 0xC3 of the serial-line models):
 // begin with the total size, data chunks at increasing offsets, end with the CRC-32 of it all.
-// The simulated device keeps the size and CRC-32 of what it received, not the bytes.
+// The receiver keeps the size and CRC-32 of what it received, not the bytes (the Heron's
+// components keep theirs in HeronState).
 
 #include <cstddef>
 #include <cstdint>
