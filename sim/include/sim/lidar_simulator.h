@@ -27,7 +27,8 @@ struct Fault {
         kFailChunk,        // answer data chunk number `count` (from 1) with `status`
         kCrcMismatch,      // answer the end phase with status 1 (bad payload) whatever came
         // Component upgrades (0xC3), at their begin phase:
-        kRefuseComponent,      // answer the `count`th component (from 1) with `status`
+        kRefuseComponent,      // answer the `count`th component (from 1) since upgrade mode
+                               // was entered (0xB6) or the device restarted with `status`
         kRefuseComponentType,  // answer every component of type `count` with `status`
     };
     Kind kind = Kind::kNone;
