@@ -633,6 +633,7 @@ int commandWatch(Session& session) {
 }
 
 int runCommand(const Options& options) {
+    if (options.command == "ota") return commandOta(options);
     Session session(options);
     if (options.command == "models") return commandModels(session);
     if (int status = session.loadModel(); status != kExitOk) return status;
@@ -648,6 +649,7 @@ int runCommand(const Options& options) {
     if (options.command == "log") return commandLog(session);
     if (options.command == "oplog") return commandOperationLog(session);
     if (options.command == "monitor") return commandMonitor(session);
+    if (options.command == "heron") return commandHeron(session);
     return usageError("unknown command '" + options.command + "'");
 }
 

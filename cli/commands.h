@@ -27,5 +27,9 @@ int commandLog(Session& session);
 int commandOperationLog(Session& session);
 // monitor_commands.cpp
 int commandMonitor(Session& session);
+// heron_commands.cpp
+int commandHeron(Session& session);
+// ota_commands.cpp: needs neither a lidar nor a model
+int commandOta(const Options& options);
 
 }  // namespace cli

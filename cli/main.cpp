@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
     } else if (!parsed.ok) {
         cli::printDiagnostic("lidarutil: " + parsed.error + " (lidarutil --help lists the usage)");
         status = cli::kExitUsage;
-    } else if (!cli::Session::configFolderPresent()) {
+    } else if (parsed.options.command != "ota" && !cli::Session::configFolderPresent()) {
         cli::printDiagnostic(
             "lidarutil: ./Config/varID not found: run lidarutil from the repository root, the "
             "folder that holds Config/");

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -43,7 +44,7 @@ const CLI::Validator kLocalPort(
 // follow the subcommand (fallthrough).
 struct Subcommands {
     std::string module;             // read, watch
-    std::vector<std::string> rest;  // set, fov, send, upgrade, log, oplog
+    std::vector<std::string> rest;  // set, fov, send, upgrade, log, oplog, heron, ota
     int count = 0;                  // watch
     std::string variable;           // upgrade
     std::string dir;                // log
@@ -52,6 +53,9 @@ struct Subcommands {
     int duration = 60;              // monitor
     int interval = 1;               // monitor
     bool plot = false;              // monitor
+    // ota pack: a file per component (in the package's order), the package written.
+    std::array<std::string, 5> componentFiles;
+    std::string output;
 };
 
 // A whole number of 1 or more (counts, seconds).
@@ -83,6 +87,62 @@ void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
         ->needs(record);
     monitor->add_flag("--plot", args.plot, "after recording, write a PNG chart beside the file")
         ->needs(record);
+}
+
+// heron and ota: each has second-level commands of its own.
+const char* const kPackComponents[5][2] = {{"BMB_APP_A", "--bmb-app-a"},
+                                           {"BMB_APP_B", "--bmb-app-b"},
+                                           {"BMB_FPGA", "--bmb-fpga"},
+                                           {"TMB_FPGA", "--tmb-fpga"},
+                                           {"TMB_PARAM", "--tmb-param"}};
+
+void addHeronAndOtaSubcommands(CLI::App& app, Subcommands& args) {
+    const auto add = [](CLI::App& parent, const char* name, const char* description) {
+        CLI::App* sub = parent.add_subcommand(name, description);
+        sub->fallthrough();
+        return sub;
+    };
+    CLI::App* heron =
+        add(app, "heron", "the Heron-VRC model's own operations (with --model Heron-VRC)");
+    heron->require_subcommand(1);
+    add(*heron, "versions", "read the model version text and the three component versions");
+    add(*heron, "imu",
+        "set the IMU ranges by index: ANGULAR 0-5 (125, 250, 500, 1000, 2000, 4000 dps), "
+        "ACCELERATION 0-3 (2, 4, 8, 16 g)")
+        ->add_option("ANGULAR ACCELERATION", args.rest, "the two range indexes")
+        ->required();
+    add(*heron, "restart", "restart the lidar (its component restart)");
+    add(*heron, "upgrade",
+        "upgrade the lidar's components from an OTA package, with a progress bar and a line "
+        "per component; the lidar restarts at the end")
+        ->add_option("PACKAGE", args.rest, "the OTA package")
+        ->required();
+
+    CLI::App* ota = add(app, "ota", "build or check a Heron OTA package (no lidar needed)");
+    ota->require_subcommand(1);
+    CLI::App* pack = add(*ota, "pack", "build an OTA package from component files");
+    for (size_t i = 0; i < args.componentFiles.size(); ++i)
+        pack->add_option(kPackComponents[i][1], args.componentFiles[i],
+                         std::string("the ") + kPackComponents[i][0] + " component's file")
+            ->type_name("FILE");
+    pack->add_option("-o,--output", args.output, "the package to write")
+        ->type_name("PACKAGE")
+        ->required();
+    add(*ota, "inspect", "check a package as the upgrade does and list its components")
+        ->add_option("PACKAGE", args.rest, "the OTA package")
+        ->required();
+}
+
+// The second-level command of heron and ota, and ota pack's files.
+void readHeronAndOtaArguments(const CLI::App& command, const Subcommands& args, Options& options) {
+    const auto nested = command.get_subcommands();
+    if (nested.empty()) return;
+    options.action = QString::fromStdString(nested.front()->get_name());
+    for (size_t i = 0; i < args.componentFiles.size(); ++i)
+        if (!args.componentFiles[i].empty())
+            options.componentFiles[kPackComponents[i][0]] =
+                QString::fromStdString(args.componentFiles[i]);
+    options.output = QString::fromStdString(args.output);
 }
 
 void addSubcommands(CLI::App& app, Subcommands& args) {
@@ -133,6 +193,7 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
         ->required();
     watch->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
     addMonitorSubcommand(app, args);
+    addHeronAndOtaSubcommands(app, args);
 }
 
 // The first argument that is neither an option nor an option's value: what the user took for
@@ -203,9 +264,10 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     } catch (const CLI::CallForHelp&) {
         result.helpRequested = true;
         result.ok = true;
-        const std::vector<CLI::App*> chosen = app.get_subcommands();
-        result.helpText =
-            QString::fromStdString(chosen.empty() ? app.help() : chosen.front()->help());
+        // The help of the innermost command named (heron upgrade --help: upgrade's).
+        const CLI::App* asked = &app;
+        while (!asked->get_subcommands().empty()) asked = asked->get_subcommands().front();
+        result.helpText = QString::fromStdString(asked->help());
         return result;
     } catch (const CLI::ParseError& error) {
         const QString unknown = app.get_subcommands().empty() ? firstPositional(arguments) : "";
@@ -230,6 +292,7 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     if (!args.module.empty()) options.arguments << QString::fromStdString(args.module);
     for (const std::string& argument : args.rest)
         options.arguments << QString::fromStdString(argument);
+    readHeronAndOtaArguments(*app.get_subcommands().front(), args, options);
     result.error = combinationError(options);
     result.ok = result.error.isEmpty();
     return result;

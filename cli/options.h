@@ -2,6 +2,7 @@
 
 // Command-line arguments of lidarutil: global options, the subcommand and its arguments.
 
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -32,6 +33,11 @@ struct Options {
     bool plot = false;
     QString command;
     QStringList arguments;  // what follows the subcommand, options removed
+    // heron and ota: the second-level command (versions, imu, restart, upgrade; pack, inspect),
+    // ota pack's component files by component name (BMB_APP_A ... TMB_PARAM) and its output.
+    QString action;
+    QMap<QString, QString> componentFiles;
+    QString output;
 };
 
 struct ParsedCommandLine {

@@ -24,7 +24,7 @@ const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
     "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
     "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
-    "                 [--seed N]\n"
+    "                 [--partition A|B] [--seed N]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
     "  --port N               TCP port, 0 picks a free one (default 0)\n"
@@ -33,7 +33,9 @@ const char* const kUsage =
     "  --fault CMD:MODE       CMD in hex (0x07); MODE one of no-reply, delay=MS,\n"
     "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N;\n"
     "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, "
-    "crc-mismatch\n"
+    "crc-mismatch;\n"
+    "                         for components (0xC3) refuse-component=N:STATUS,\n"
+    "                         refuse-component-type=T:STATUS\n"
     "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
     "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n"
     "  --serial               serve the serial lines on two pseudo-terminals instead of TCP\n"
@@ -41,6 +43,7 @@ const char* const kUsage =
     "                         garbage-before-reply, bad-crc\n"
     "  --fault-state S[:C,..] the fault state the serial side reports: state 0-255, then\n"
     "                         hexadecimal fault codes (\"1:00A1,0102\")\n"
+    "  --partition A|B        Heron-VRC: the application partition running at start (default A)\n"
     "  --seed N               the curves the monitor readings follow (default 1)\n";
 
 struct UsageError {
@@ -128,6 +131,10 @@ Arguments ParseArguments(int argc, char** argv) {
             if (!ParseNumber(text, 0xFFFFFFFFul, 10, number))
                 throw UsageError{"bad --seed " + text};
             args.options.monitorSeed = static_cast<uint32_t>(number);
+        } else if (name == "--partition") {
+            const std::string text = next();
+            if (text != "A" && text != "B") throw UsageError{"bad --partition " + text};
+            args.options.partition = text[0];
         } else if (name == "--fault") {
             args.faults.push_back(ParseFaultArgument(next()));
         } else if (name == "--serial" && !inlineValue) {

@@ -293,6 +293,27 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE void WrenSetUpgradeMode(int mode) { upgradeMode.store(mode); }
     void GetLidarUpgradeInfo(u8Array_t& package, std::string command);
 
+    // ---- Heron model: device operations (model_functions.cpp), OTA upgrade (heron_upgrade.cpp)
+    // The program-wide text of a component version that is not known.
+    static constexpr const char* kUnknownHeronComponentVersion = "xxxxxxxx";
+    // The IMU range codes the lidar takes, by the index the UI offers.
+    static constexpr std::array<uint8_t, 6> kHeronAngularRangeCodes = {0, 1, 2, 3, 4, 8};
+    static constexpr std::array<uint8_t, 4> kHeronAccelerationRangeCodes = {0, 1, 2, 3};
+    Q_INVOKABLE void HeronGetVersionInfo();
+    Q_INVOKABLE void HeronSetIMURange(int angularIndex, int accelerationIndex);
+    Q_INVOKABLE int HeronSendRestartCommand();
+    // The version texts, announced by wrenLidarInfoChanged().
+    Q_INVOKABLE QString getHeronBmbFpgaVersion() const;
+    Q_INVOKABLE QString getHeronTmbFpgaVersion() const;
+    Q_INVOKABLE QString getHeronBmbMcuVersion() const;
+    Q_INVOKABLE QString getHeronModelVersionText() const;
+    Q_INVOKABLE int HeronUpgradeLidar(QUrl file);
+    void GetLidarUpgradeInfoHeron(u8Array_t& package);
+    bool HeronParseOtaPackageHeader(const u8Array_t& package, HeronOtaPackageInfo& info);
+    u8Array_t HeronExtractComponentData(const u8Array_t& package,
+                                        const HeronOtaComponentInfo& component,
+                                        const std::string& name);
+
     // ---- Log download (log_download.cpp) ----
     Q_INVOKABLE int DownloadLog(QUrl folder, QString name);
     Q_INVOKABLE int DownloadOperationLog(QUrl archive);
@@ -502,6 +523,26 @@ class LidarUtilitiesManager : public QObject {
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
     TimerRefresh lastTimerRefresh;                    // guarded by fieldsMutex_
     uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
+
+    // ---- Heron model state and steps (model_functions.cpp, heron_upgrade.cpp) ----
+    // The Heron version texts are the last four serial-model information texts: the same
+    // information pages show them. Guarded by fieldsMutex_.
+    std::string& heronBmbFpgaVersion = wrenInfoTexts[1];
+    std::string& heronTmbFpgaVersion = wrenInfoTexts[2];
+    std::string& heronBmbMcuVersion = wrenInfoTexts[3];
+    std::string& heronModelVersionText = wrenInfoTexts[4];
+    void setHeronText(std::string& field, const std::string& text);
+    QString heronText(const std::string& field) const;
+    void readHeronModelVersionText(AuthorizedVrcClient& client);
+    bool startHeronPackageTransfer(QFile& file);
+    // isUpgrading false, and its signal.
+    void endHeronUpgrade();
+    // The worker's steps after the header is parsed; false when the upgrade ended early.
+    bool prepareHeronUpgrade(AuthorizedVrcClient* client, uint8_t& partition);
+    std::vector<HeronUpgradePlanEntry> buildHeronPlan(const HeronOtaPackageInfo& info,
+                                                      uint8_t partition);
+    bool sendHeronPlan(AuthorizedVrcClient& client, const u8Array_t& package,
+                       const std::vector<HeronUpgradePlanEntry>& plan);
 
     // Command history, newest first, at most ten (UI thread only).
     QList<SendCmdRecord> sendCmdHistory;

@@ -53,8 +53,7 @@ std::string FrameLine(const char* direction, uint8_t command, const std::vector<
 // The CRC of a chunk is computed while the device handles it, so it costs no time of its own
 // and the package is read once.
 int RunTransfer(const u8Array_t& package, size_t chunkSize, std::optional<uint8_t> beginExtra,
-                ProgressCounter& progress, const TransferSender& send) {
-    progress.store(0);
+                const std::function<void(size_t)>& acknowledged, const TransferSender& send) {
     TransferPhase phase;
     phase.head = {kPhaseBegin};
     if (beginExtra) phase.head.push_back(*beginExtra);
@@ -73,7 +72,7 @@ int RunTransfer(const u8Array_t& package, size_t chunkSize, std::optional<uint8_
             crc = crc32(crc, phase.body, static_cast<uInt>(phase.bodySize));
         });
         if (result != kVrcOk) return result;
-        progress.store(static_cast<int>((offset + size) >> 10));
+        acknowledged(offset + size);
     }
 
     phase.head = {kPhaseEnd};

@@ -39,9 +39,10 @@ using TransferSender =
 // The firmware transfer of both protocols: begin (phase 0, `beginExtra` when given, the 4-byte
 // size), data chunks of at most chunkSize (phase 1, 4-byte offset, the bytes), end (phase 2, the
 // CRC-32 of the whole package). Stops at the first phase that does not return 0 and returns its
-// result. `progress` is set to 0, then to the acknowledged bytes >> 10 after every chunk. The
-// caller has checked that the package fits the 4-byte size.
+// result. `acknowledged` is told the bytes the device has acknowledged after every chunk (the
+// caller turns them into its progress). The caller has checked that the package fits the 4-byte
+// size.
 int RunTransfer(const u8Array_t& package, size_t chunkSize, std::optional<uint8_t> beginExtra,
-                ProgressCounter& progress, const TransferSender& send);
+                const std::function<void(size_t)>& acknowledged, const TransferSender& send);
 
 }  // namespace lidar::detail

@@ -286,8 +286,10 @@ int SerialClient::UpgradeLidar(u8Array_t package, int mode, ProgressCounter& pro
     if (!refusal.empty()) return Remember(Refuse(kVrcNotConnected, refusal));
     const uint32_t timeoutMs = receiveTimeoutMs_.load();
     // Each phase is one request: other threads' requests may come between two chunks.
+    progress.store(0);
     return detail::RunTransfer(
-        package, kTransferChunk, static_cast<uint8_t>(mode), progress,
+        package, kTransferChunk, static_cast<uint8_t>(mode),
+        [&progress](size_t acknowledged) { progress.store(static_cast<int>(acknowledged >> 10)); },
         [&](const detail::TransferPhase& phase, const std::function<void()>& whileWaiting) {
             Request request;
             request.code = kFirmwareUpgrade;

@@ -332,8 +332,10 @@ int VrcClient::WrenUpgradeLidar(const u8Array_t& package, int mode, ProgressCoun
 // computed chunk by chunk while the device handles the chunk, so it costs no time of its own
 // and the package is read once.
 int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
-                        const u8Array_t& package, ProgressCounter& progress) {
-    progress.store(0);
+                        const u8Array_t& package, ProgressCounter& progress, ProgressMode mode) {
+    const bool advancing = mode == ProgressMode::kAdvanceByUnits;
+    const int progressBase = advancing ? progress.load() : 0;
+    progress.store(progressBase);
     if (package.size() > UINT32_MAX) {
         std::lock_guard<std::mutex> query(queryMutex_);
         return Remember(Refuse(kVrcNotConnected, "firmware package of " +
@@ -341,8 +343,14 @@ int VrcClient::Transfer(uint8_t command, std::optional<uint8_t> beginExtra,
                                                      " bytes does not fit the 4-byte size"));
     }
     u8vec reply;
+    // Advancing (components of one upgrade): a component's last partial unit counts, as the
+    // caller's total rounds every component up.
+    const auto acknowledged = [&](size_t bytes) {
+        const size_t units = advancing ? (bytes + 1023) >> 10 : bytes >> 10;
+        progress.store(progressBase + static_cast<int>(units));
+    };
     return detail::RunTransfer(
-        package, kTransferChunk, beginExtra, progress,
+        package, kTransferChunk, beginExtra, acknowledged,
         [&](const detail::TransferPhase& phase, const std::function<void()>& whileWaiting) {
             Request request;
             request.command = command;

@@ -34,6 +34,9 @@ constexpr uint8_t kSerialSetSpinRate = 0xB3;
 constexpr uint8_t kSerialSetReturnMode = 0xB4;
 constexpr uint8_t kSerialFaultStateVrc = 0xB5;
 constexpr uint8_t kComponentUpgrade = 0xC3;
+constexpr uint8_t kEnterUpgradeMode = 0xB6;
+constexpr uint8_t kSetImuRange = 0xC1;
+constexpr uint8_t kComponentRestart = 0xC2;
 
 constexpr uint32_t kDefaultBaudRate = 3000000;
 constexpr uint16_t kFullCircleTenths = 3600;
@@ -262,6 +265,13 @@ Reply Device::Handle(const vrc::Frame& request, Session& session) {
         case kSerialFaultStateVrc:
             return ReachedOverSerialLine() ? SerialCommand(command, payload)
                                            : CatalogueCommand(command, payload);
+        case kEnterUpgradeMode:
+            return ReachedOverSerialLine() ? EnterUpgradeMode()
+                                           : Status(vrc::kStatusUnknownCommand);
+        case kSetImuRange:
+            return IsHeron() ? SetImuRange(payload) : CatalogueCommand(command, payload);
+        case kComponentRestart:
+            return IsHeron() ? Reboot(false) : CatalogueCommand(command, payload);
         default:
             return CatalogueCommand(command, payload);
     }
@@ -279,6 +289,7 @@ Reply Device::ServeFixedBlock(uint8_t command, const Bytes& payload) {
 
 Reply Device::Reboot(bool restoreDefaults) {
     if (restoreDefaults) blocks_.RestoreDefaults();
+    heron_.Restart();
     {
         std::lock_guard<std::mutex> lock(stateMutex_);
         rebootPending_ = false;
@@ -401,9 +412,11 @@ Reply Device::SetBaudRate(const Bytes& payload) {
 Reply Device::Upgrade(uint8_t command, const Bytes& payload, size_t beginExtraBytes,
                       Session& session) {
     if (RebootPending()) return Status(vrc::kStatusBusy);
+    if (RefusesComponent(command, payload)) return Status(vrc::kStatusBadPayload);
     const uint8_t status = session.upgrade.Handle(payload, beginExtraBytes);
     const UpgradeReceiver::Phase phase = UpgradeReceiver::PhaseOf(payload);
     RecordTransfer(command, phase == UpgradeReceiver::Phase::kBegin && status == 0, session);
+    RecordComponent(command, payload, status, session);
     Reply reply = Status(status);
     const bool ended = phase == UpgradeReceiver::Phase::kEnd && status == 0;
     if (ended && command == kSerialFirmwareUpgrade) reply.after = Reply::After::kReboot;
@@ -422,11 +435,13 @@ void Device::RecordTransfer(uint8_t command, bool begun, Session& session) {
     Transfer& record = transfers_[session.transferIndex];
     record = session.upgrade.Current();
     record.command = command;
-    if (record.completed && command != kSerialFirmwareUpgrade) rebootPending_ = true;
+    // Components are sent one after another and take effect with one restart at the end.
+    if (record.completed && command == kFirmwareUpgrade) rebootPending_ = true;
 }
 
 void Device::AfterReply(Session& session) {
     if (session.transferIndex == std::numeric_limits<size_t>::max()) return;
+    KeepComponentChunk(session);
     session.upgrade.SettleChunk();
     std::lock_guard<std::mutex> lock(stateMutex_);
     if (session.transferIndex < transfers_.size())

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "block_store.h"
+#include "heron_state.h"
 #include "sdk/vrc_frame.h"
 #include "serial_device.h"
 #include "upgrade_receiver.h"
@@ -21,7 +22,8 @@ namespace sim::detail {
 struct Session {
     bool authorised = false;
     UpgradeReceiver upgrade;
-    size_t transferIndex = std::numeric_limits<size_t>::max();  // its entry in the device's list
+    size_t transferIndex = std::numeric_limits<size_t>::max();   // its entry in the device's list
+    size_t componentIndex = std::numeric_limits<size_t>::max();  // a 0xC3 transfer's component
 };
 
 struct Reply {
@@ -59,6 +61,8 @@ class Device {
     std::vector<Transfer> Transfers() const;
     bool RebootPending() const;
     Bytes LogContent(const Bytes& request) const;
+    HeronState& Heron() { return heron_; }
+    const HeronState& Heron() const { return heron_; }
 
   private:
     bool IsRead(uint8_t command, const Bytes& payload) const;
@@ -81,6 +85,14 @@ class Device {
     Reply SerialCommand(uint8_t code, const Bytes& payload);
     Bytes GenerateLog(const Bytes& request) const;
     Reply CatalogueCommand(uint8_t command, const Bytes& payload);
+    // Heron-VRC (device_heron.cpp).
+    bool IsHeron() const;
+    Reply EnterUpgradeMode();
+    Reply SetImuRange(const Bytes& payload);
+    // A component's begin phase names a type the device does not have.
+    bool RefusesComponent(uint8_t command, const Bytes& payload) const;
+    void RecordComponent(uint8_t command, const Bytes& payload, uint8_t status, Session& session);
+    void KeepComponentChunk(const Session& session);
 
     std::string model_;
     std::string cataloguePath_;
@@ -95,6 +107,7 @@ class Device {
     std::vector<Transfer> transfers_;
     bool rebootPending_ = false;
     mutable std::map<Bytes, Bytes> logCache_;
+    HeronState heron_;
 };
 
 }  // namespace sim::detail

@@ -20,6 +20,22 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
+// "N:STATUS" with min <= N <= max and a status byte.
+bool ParseCountAndStatus(const std::string& spec, Fault::Kind kind, long min, long max,
+                         Fault& out) {
+    const size_t colon = spec.find(':');
+    long number = 0;
+    long status = 0;
+    if (colon == std::string::npos || !ParseCount(spec.substr(0, colon), max, number) ||
+        number < min || !ParseCount(spec.substr(colon + 1), 255, status))
+        return false;
+    out = Fault{};
+    out.kind = kind;
+    out.count = static_cast<int>(number);
+    out.status = static_cast<uint8_t>(status);
+    return true;
+}
+
 }  // namespace
 
 bool Fault::Parse(const std::string& text, Fault& out) {
@@ -62,17 +78,13 @@ bool Fault::Parse(const std::string& text, Fault& out) {
         return true;
     }
     if (StartsWith(text, "fail-chunk=")) {
-        const std::string spec = text.substr(11);
-        const size_t colon = spec.find(':');
-        long status = 0;
-        if (colon != std::string::npos && ParseCount(spec.substr(0, colon), 1L << 30, number) &&
-            number >= 1 && ParseCount(spec.substr(colon + 1), 255, status)) {
-            out = Fault{};
-            out.kind = Kind::kFailChunk;
-            out.count = static_cast<int>(number);
-            out.status = static_cast<uint8_t>(status);
-            return true;
-        }
+        return ParseCountAndStatus(text.substr(11), Kind::kFailChunk, 1, 1L << 30, out);
+    }
+    if (StartsWith(text, "refuse-component=")) {
+        return ParseCountAndStatus(text.substr(17), Kind::kRefuseComponent, 1, 1L << 30, out);
+    }
+    if (StartsWith(text, "refuse-component-type=")) {
+        return ParseCountAndStatus(text.substr(22), Kind::kRefuseComponentType, 0, 255, out);
     }
     return false;
 }

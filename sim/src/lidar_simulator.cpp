@@ -120,7 +120,12 @@ bool LidarSimulator::Impl::Start(std::string* error) {
         return false;
     }
     device.SetMonitorSeed(options.monitorSeed);
+    if (options.partition != 'A' && options.partition != 'B') {
+        if (error) *error = "the running partition must be A or B";
+        return false;
+    }
     if (!device.Load(options.model, options.configDir, error)) return false;
+    device.Heron().SetRunningPartition(options.partition == 'A' ? 0 : 1);
     device.SetRequiredToken(options.requiredToken);
     device.SetLogBytes(options.logBytes);
     if (::pipe2(wakeFds_, O_CLOEXEC | O_NONBLOCK) != 0) {
@@ -402,6 +407,16 @@ std::optional<bool> LidarSimulator::Impl::ApplyTransferFault(Connection& conn,
                 return SendAll(conn.fd,
                                vrc::EncodeFrame(request.command, vrc::kStatusBadPayload, {}));
             break;
+        case Fault::Kind::kRefuseComponent:
+            if (phase == Phase::kBegin &&
+                device.Heron().ComponentsSinceUpgradeMode() + 1 == fault.count)
+                return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
+            break;
+        case Fault::Kind::kRefuseComponentType:
+            if (phase == Phase::kBegin && request.payload.size() >= 2 &&
+                request.payload[1] == fault.count)
+                return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
+            break;
         default:
             break;
     }
@@ -503,6 +518,19 @@ SerialState LidarSimulator::GetSerialState() const {
 
 void LidarSimulator::SetSerialFaultState(uint8_t state, const std::vector<uint16_t>& codes) {
     impl_->device.Serial().SetFaultState(state, codes);
+}
+
+void LidarSimulator::ReplaceBlock(uint8_t command, const std::vector<uint8_t>& payload,
+                                  const std::vector<uint8_t>& block) {
+    impl_->device.Blocks().Replace(command, payload, block);
+}
+
+std::vector<Component> LidarSimulator::Components() const {
+    return impl_->device.Heron().Components();
+}
+
+char LidarSimulator::RunningPartition() const {
+    return impl_->device.Heron().RunningPartition() == 0 ? 'A' : 'B';
 }
 
 uint16_t LidarSimulator::LastClientPort() const {

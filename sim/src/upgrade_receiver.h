@@ -2,7 +2,8 @@
 
 // The receiving end of a firmware transfer (0x83, and 0xB7 / 0xC3 of the serial-line models):
 // begin with the total size, data chunks at increasing offsets, end with the CRC-32 of it all.
-// The simulated device keeps the size and CRC-32 of what it received, not the bytes.
+// The receiver keeps the size and CRC-32 of what it received, not the bytes (the Heron's
+// components keep theirs in HeronState).
 
 #include <cstddef>
 #include <cstdint>
@@ -26,6 +27,9 @@ class UpgradeReceiver {
     // (the bytes are still those of the request), so the device checks a chunk while the next
     // one travels, as a device that acknowledges on receipt does.
     void SettleChunk();
+    // The accepted chunk not yet settled (null when there is none): its bytes are the request's.
+    const uint8_t* PendingChunk() const { return pending_; }
+    size_t PendingChunkSize() const { return pendingSize_; }
     // The transfer begun last on this connection (command is left to the caller).
     const Transfer& Current() const { return current_; }
     bool Active() const { return active_; }

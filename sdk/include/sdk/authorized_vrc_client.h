@@ -59,6 +59,15 @@ class AuthorizedVrcClient {
     // are not dotted IPv4 addresses are refused as for SetDesIpandPort.
     bool SetNet(std::string address, std::string netmask, std::string gateway,
                 unsigned char vlanFlag, unsigned short vlanId);
+    // ---- Heron-VRC operations: the VrcClient's, each checked against the profile first ----
+    int HeronGetBmbFpgaVersion(std::string& version);                     // 0xC0
+    int HeronGetTmbFpgaVersion(std::string& version);                     // 0xC0
+    int HeronGetBmbMcuVersion(std::string& version);                      // 0xC0
+    int HeronSetIMURange(uint8_t angularCode, uint8_t accelerationCode);  // 0xC1
+    int HeronRestartLidar();                                              // 0xC2
+    int WrenSerialEnterUpgradeMode(unsigned char& partition);             // 0xB6
+    int HeronSendComponentData(u8Array_t& data, unsigned char type,
+                               lidar::ProgressCounter& progress);  // 0xC3
 
     lidar::VrcClient& GetClient() { return *client_; }
     std::shared_ptr<lidar::VrcClient> GetClientPtr() const { return client_; }

@@ -110,7 +110,32 @@ class VrcClient {
     // One line per frame sent and received, with the bytes in hex ("bytes flow").
     void SetLogCallback(LogCallback callback);
 
+    // ---- Heron-VRC operations (vrc_client_heron.cpp) ----
+    // Component versions (0xC0 with the selector 0, 1, 2). The text is the reply up to its first
+    // NUL byte (the device pads to its field width), so a NUL-led reply is an empty text; on a
+    // failure the text is emptied.
+    int HeronGetBmbFpgaVersion(std::string& version);
+    int HeronGetTmbFpgaVersion(std::string& version);
+    int HeronGetBmbMcuVersion(std::string& version);
+    // The IMU's ranges as the device's codes (0xC1: angular code, acceleration code).
+    int HeronSetIMURange(uint8_t angularCode, uint8_t accelerationCode);
+    // Restarts the lidar (0xC2); the device closes the connection after its reply.
+    int HeronRestartLidar();
+    // Puts the lidar into upgrade mode (0xB6) and reports its running application partition
+    // (0 A, any other value B). A reply without the partition byte is -4.
+    int WrenSerialEnterUpgradeMode(unsigned char& partition);
+    // One component of an OTA package (0xC3, the component type after the phase byte of the
+    // begin phase). progress is advanced from its current value by one for every 1024 bytes the
+    // device acknowledged, the component's last partial unit counted as one, so a sequence of
+    // components meets a total summed per component and rounded up.
+    int HeronSendComponentData(u8Array_t& data, unsigned char type, ProgressCounter& progress);
+
   private:
+    // How a transfer writes its caller's progress counter.
+    enum class ProgressMode {
+        kFromZero,       // set to 0, then to the acknowledged bytes shifted right by 10
+        kAdvanceByUnits  // advanced from its value by the acknowledged bytes in units, rounded up
+    };
     // A request whose payload is `head` followed by `body`; the body is sent from where it lies
     // (a firmware chunk is not copied into a frame).
     struct Request {
@@ -124,7 +149,9 @@ class VrcClient {
         size_t Size() const { return headSize + bodySize; }
     };
     int Transfer(uint8_t command, std::optional<uint8_t> beginExtra, const u8Array_t& package,
-                 ProgressCounter& progress);
+                 ProgressCounter& progress, ProgressMode mode = ProgressMode::kFromZero);
+    // 0xC0 with one selector byte; the text up to the first NUL.
+    int HeronGetComponentVersion(uint8_t selector, std::string& version);
     void Log(const std::string& line);
     bool HasLogCallback() const;
     void LogFrame(const char* direction, uint8_t command, const std::vector<uint8_t>& header,

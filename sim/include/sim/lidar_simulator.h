@@ -29,6 +29,10 @@ struct Fault {
         // Serial line (sim::SerialLidarSimulator); on TCP these answer normally:
         kGarbageBeforeReply,  // noise (with a false start marker) before the reply
         kBadCrc,              // the reply with its CRC damaged
+        // Component upgrades (0xC3), at their begin phase:
+        kRefuseComponent,      // answer the `count`th component (from 1) since upgrade mode
+                               // was entered (0xB6) or the device restarted with `status`
+        kRefuseComponentType,  // answer every component of type `count` with `status`
     };
     Kind kind = Kind::kNone;
     int delayMs = 0;  // kDelay's wait; with any other kind, a wait before that fault acts
@@ -37,7 +41,8 @@ struct Fault {
 
     // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
     // "wrong-echo", "status=N", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch",
-    // "garbage-before-reply", "bad-crc"; false for anything else.
+    // "garbage-before-reply", "bad-crc",
+    // "refuse-component=N:STATUS", "refuse-component-type=T:STATUS"; false for anything else.
     static bool Parse(const std::string& text, Fault& out);
 };
 
@@ -66,6 +71,15 @@ struct SerialState {
     static bool ParseFaultState(const std::string& text, SerialState& out);
 };
 
+// One component as a Heron-VRC received it (0xC3): its type, what the begin phase announced, its
+// bytes in the order they arrived, and whether the end phase matched their size and CRC-32.
+struct Component {
+    uint8_t type = 0;
+    uint32_t announcedSize = 0;
+    std::vector<uint8_t> bytes;
+    bool completed = false;
+};
+
 class LidarSimulator {
   public:
     struct Options {
@@ -77,6 +91,7 @@ class LidarSimulator {
         int restartDowntimeMs = 1500;  // unreachable time after 0x10 / 0x25
         size_t logBytes = 4096;        // size of every log that 0x75 serves
         uint32_t monitorSeed = 1;      // the curves the monitor readings follow
+        char partition = 'A';          // application partition running at start: 'A' or 'B'
     };
 
     explicit LidarSimulator(Options options);
@@ -115,6 +130,14 @@ class LidarSimulator {
     // they report.
     SerialState GetSerialState() const;
     void SetSerialFaultState(uint8_t state, const std::vector<uint16_t>& codes);
+    // Replaces a get block whole, for tests that need a reply of a particular length.
+    void ReplaceBlock(uint8_t command, const std::vector<uint8_t>& payload,
+                      const std::vector<uint8_t>& block);
+    // Components received since start (0xC3), oldest first, with their bytes.
+    std::vector<Component> Components() const;
+    // The application partition running now, 'A' or 'B': a completed application component
+    // (type 2) followed by a restart switches it.
+    char RunningPartition() const;
 
     // Local port of the most recent client connection (to check local-port binding).
     uint16_t LastClientPort() const;

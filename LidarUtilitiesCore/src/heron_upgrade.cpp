@@ -1,0 +1,300 @@
+// Heron OTA upgrade: the package header and the components it holds, and the worker that puts
+// the lidar into upgrade mode, writes the partition that is not running, the FPGA images and the
+// parameters one component after another, and restarts the lidar.
+//
+// The package is bytes from a file nobody vouches for: every offset and size is checked in 64-bit
+// arithmetic before it is used.
+
+#include <QFile>
+#include <algorithm>
+#include <climits>
+#include <iostream>
+#include <system_error>
+#include <thread>
+
+#include "heron_ota_package.h"
+#include "lidar_utilities_manager.h"
+
+namespace {
+
+constexpr long kPauseBeforeTransferMs = 300;
+// The lidar needs this long in upgrade mode before it takes the first component.
+constexpr long kPauseAfterUpgradeModeMs = 3000;
+constexpr int kVrcOverSerial = 2;
+constexpr size_t kBmbAppA = 0;
+constexpr size_t kBmbAppB = 1;
+constexpr size_t kBmbFpga = 2;
+constexpr size_t kTmbFpga = 3;
+constexpr size_t kTmbParam = 4;
+
+uint32_t readLittleEndian32(const u8Array_t& bytes, size_t at) {
+    return uint32_t(bytes[at]) | (uint32_t(bytes[at + 1]) << 8) | (uint32_t(bytes[at + 2]) << 16) |
+           (uint32_t(bytes[at + 3]) << 24);
+}
+
+std::string partitionName(uint8_t partition) {
+    return partition == 0 ? "A" : "B";
+}
+
+// 1024-byte units, the last partial one counted.
+uint64_t unitsOf(size_t bytes) {
+    return (uint64_t(bytes) + 1023) >> 10;
+}
+
+}  // namespace
+
+// ---- The package ----
+
+bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
+                                                       HeronOtaPackageInfo& info) {
+    info = HeronOtaPackageInfo{};
+    if (package.size() < heron_ota::kHeaderSize) return false;
+    if (!std::equal(std::begin(heron_ota::kMagic), std::end(heron_ota::kMagic), package.begin(),
+                    [](char expected, uint8_t byte) { return uint8_t(expected) == byte; })) {
+        writeLogMessage("Invalid OTA package magic", "INFO");
+        return false;
+    }
+    info.total_size = readLittleEndian32(package, heron_ota::kTotalSizeAt);
+    info.flags = package[heron_ota::kFlagsAt];
+    if ((info.flags & heron_ota::kUnknownFlags) != 0) {
+        writeLogMessage("Invalid OTA component flags", "INFO");
+        return false;
+    }
+    for (size_t i = 0; i < heron_ota::kComponentCount; ++i) {
+        if ((info.flags & (1u << i)) == 0) continue;
+        HeronOtaComponentInfo& component = info.*(heron_ota::kComponents[i].info);
+        component.offset = readLittleEndian32(package, heron_ota::kFirstComponentAt + 8 * i);
+        component.size = readLittleEndian32(package, heron_ota::kFirstComponentAt + 8 * i + 4);
+        component.present = true;
+    }
+
+    const uint64_t dataLength = package.size() - heron_ota::kHeaderSize;
+    std::vector<std::pair<uint64_t, uint64_t>> ranges;  // offset, size
+    for (const heron_ota::ComponentKind& kind : heron_ota::kComponents) {
+        const HeronOtaComponentInfo& component = info.*(kind.info);
+        if (!component.present) continue;
+        const std::string name = kind.name;
+        if (component.size == 0) {
+            writeLogMessage("Component " + name + " size is zero", "INFO");
+            return false;
+        }
+        if (component.offset > dataLength || component.size > dataLength - component.offset) {
+            writeLogMessage("Component " + name + " is out of file range", "INFO");
+            return false;
+        }
+        ranges.emplace_back(component.offset, component.size);
+    }
+    if (ranges.empty()) {
+        writeLogMessage("No component found in package", "INFO");
+        return false;
+    }
+    std::stable_sort(ranges.begin(), ranges.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (size_t i = 1; i < ranges.size(); ++i) {
+        // Sorted, so the difference cannot wrap; equal offsets overlap (sizes are not zero).
+        if (ranges[i - 1].second > ranges[i].first - ranges[i - 1].first) {
+            writeLogMessage("Component overlap", "INFO");
+            return false;
+        }
+    }
+    return true;
+}
+
+u8Array_t LidarUtilitiesManager::HeronExtractComponentData(const u8Array_t& package,
+                                                           const HeronOtaComponentInfo& component,
+                                                           const std::string& name) {
+    if (package.size() < heron_ota::kHeaderSize) {
+        writeLogMessage("Component " + name + " package too small", "INFO");
+        return {};
+    }
+    const uint64_t dataLength = package.size() - heron_ota::kHeaderSize;
+    if (component.offset > dataLength || component.size > dataLength - component.offset) {
+        writeLogMessage("Component " + name + " data out of range", "INFO");
+        return {};
+    }
+    uint64_t first = heron_ota::kHeaderSize + uint64_t(component.offset);
+    uint64_t count = component.size;
+    // FPGA images lead with a block the lidar does not take; a smaller image goes whole.
+    const std::optional<size_t> index = heron_ota::ComponentIndex(name);
+    if (index && heron_ota::kComponents[*index].fpga && count > heron_ota::kFpgaLeadingBlock) {
+        first += heron_ota::kFpgaLeadingBlock;
+        count -= heron_ota::kFpgaLeadingBlock;
+    }
+    const auto begin = package.begin() + static_cast<std::ptrdiff_t>(first);
+    return u8Array_t(begin, begin + static_cast<std::ptrdiff_t>(count));
+}
+
+// ---- Starting ----
+
+int LidarUtilitiesManager::HeronUpgradeLidar(QUrl file) {
+    if (!isConnected.load() || isUpgrading.load() || connectType.load() != kVrcOverSerial ||
+        !clientIsOpen()) {
+        showErrorMessage("lidar is not connected, or lidar is upgrading");
+        return -1;
+    }
+    QFile package(file.toLocalFile());
+    if (!package.open(QIODevice::ReadOnly)) {
+        showErrorMessage("Failed to open upgrade file");
+        return -1;
+    }
+    return startHeronPackageTransfer(package) ? 0 : -1;
+}
+
+// Reads the package, marks the upgrade, pauses, and hands the bytes to the worker (joined by the
+// destructor, as every worker is).
+bool LidarUtilitiesManager::startHeronPackageTransfer(QFile& file) {
+    if (file.size() > INT32_MAX) {
+        const std::string text =
+            "Upgrade package " + file.fileName().toStdString() + " is larger than 2 GiB";
+        showErrorMessage(QString::fromStdString(text));
+        writeLogMessage(text + "; nothing was sent", "ERROR");
+        return false;
+    }
+    const QByteArray read = file.readAll();
+    file.close();
+    if (static_cast<size_t>(read.size()) < heron_ota::kHeaderSize) {
+        showErrorMessage("Upgrade package too small");
+        return false;
+    }
+    auto bytes = std::make_shared<u8Array_t>(
+        reinterpret_cast<const uint8_t*>(read.constData()),
+        reinterpret_cast<const uint8_t*>(read.constData()) + read.size());
+    isUpgrading.store(true);
+    upgradeProgress.store(0);
+    upgradeProgressTotalLen.store(static_cast<int32_t>(bytes->size() >> 10));
+    emit isUpgradingChanged();
+    std::this_thread::sleep_for(std::chrono::milliseconds(kPauseBeforeTransferMs));
+    try {
+        startWorker([this, bytes] { GetLidarUpgradeInfoHeron(*bytes); });
+    } catch (const std::system_error& e) {
+        writeLogMessage(std::string("Upgrade worker could not start: ") + e.what(), "ERROR");
+        endHeronUpgrade();
+        return false;
+    }
+    return true;
+}
+
+void LidarUtilitiesManager::endHeronUpgrade() {
+    if (isUpgrading.exchange(false)) emit isUpgradingChanged();
+}
+
+// ---- The worker ----
+
+void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
+    try {
+        HeronOtaPackageInfo info;
+        if (!HeronParseOtaPackageHeader(package, info)) {
+            showErrorMessage("Invalid Heron OTA upgrade package");
+            endHeronUpgrade();
+            return;
+        }
+        // The flags in decimal after "0x", as the upgrade log has always written them.
+        writeLogMessage("Heron OTA package parsed: flags=0x" + std::to_string(info.flags) +
+                            ", total_size=" + std::to_string(info.total_size),
+                        "INFO");
+        const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+        uint8_t partition = 0;
+        if (!prepareHeronUpgrade(client.get(), partition)) return;
+        const std::vector<HeronUpgradePlanEntry> plan = buildHeronPlan(info, partition);
+        if (plan.empty()) {
+            const std::string text =
+                "Heron upgrade: no component matches current upgrade plan, partition=" +
+                partitionName(partition) + ", flags=0x" + std::to_string(info.flags);
+            showErrorMessage(QString::fromStdString(text));
+            writeLogMessage(text, "ERROR");
+            endHeronUpgrade();
+            return;
+        }
+        if (!sendHeronPlan(*client, package, plan)) return;
+        endHeronUpgrade();
+        if (HeronSendRestartCommand() != 0) {
+            showSuccessMessage(
+                "Heron upgrade completed. The restart command was not acknowledged; please "
+                "power-cycle or reconnect the lidar if it does not respond.");
+        } else {
+            showSuccessMessage("Heron upgrade completed. Restart command has been sent.");
+        }
+        Stop();
+    } catch (const std::exception& e) {
+        std::cout << "GetLidarUpgradeInfoHeron(): Caught Exception: " << e.what() << "\n";
+        writeLogMessage(std::string("Heron upgrade: ") + e.what(), "ERROR");
+        endHeronUpgrade();
+    }
+}
+
+// The link rate, upgrade mode and the pause the lidar needs after it; false when the upgrade
+// ended here (reported, or the manager is closing).
+bool LidarUtilitiesManager::prepareHeronUpgrade(AuthorizedVrcClient* client, uint8_t& partition) {
+    // No client: stopped between the start and this thread; the rate cannot be set.
+    if (client == nullptr || client->WrenSetBaudRate(client->GetSerialBaudRate()) != 0) {
+        showErrorMessage("Heron upgrade: set baudrate failed");
+        endHeronUpgrade();
+        return false;
+    }
+    partition = 0;
+    if (client->WrenSerialEnterUpgradeMode(partition) != 0) {
+        showErrorMessage("Heron upgrade: change mode failed");
+        endHeronUpgrade();
+        return false;
+    }
+    writeLogMessage("Heron upgrade: current partition=" + partitionName(partition), "INFO");
+    if (!sleepUnlessClosing(kPauseAfterUpgradeModeMs)) {
+        endHeronUpgrade();
+        return false;
+    }
+    return true;
+}
+
+// The application for the partition that is not running, then the FPGA images and the
+// parameters: those the package holds.
+std::vector<HeronUpgradePlanEntry> LidarUtilitiesManager::buildHeronPlan(
+    const HeronOtaPackageInfo& info, uint8_t partition) {
+    const size_t order[] = {partition == 0 ? kBmbAppB : kBmbAppA, kBmbFpga, kTmbFpga, kTmbParam};
+    std::vector<HeronUpgradePlanEntry> plan;
+    for (size_t index : order) {
+        const heron_ota::ComponentKind& kind = heron_ota::kComponents[index];
+        const HeronOtaComponentInfo& component = info.*(kind.info);
+        if (!component.present) {
+            writeLogMessage(
+                std::string("Heron upgrade: skip ") + kind.name + ", not found in package", "INFO");
+            continue;
+        }
+        plan.push_back({kind.name, kind.type, component});
+    }
+    return plan;
+}
+
+// The totals, then every component in order; false when one could not be sent (reported).
+bool LidarUtilitiesManager::sendHeronPlan(AuthorizedVrcClient& client, const u8Array_t& package,
+                                          const std::vector<HeronUpgradePlanEntry>& plan) {
+    uint64_t total = 0;
+    for (const HeronUpgradePlanEntry& entry : plan)
+        total += unitsOf(HeronExtractComponentData(package, entry.info, entry.name).size());
+    upgradeProgressTotalLen.store(static_cast<int32_t>(std::min<uint64_t>(total, INT32_MAX)));
+    upgradeProgress.store(0);
+
+    for (const HeronUpgradePlanEntry& entry : plan) {
+        u8Array_t bytes = HeronExtractComponentData(package, entry.info, entry.name);
+        if (bytes.empty()) {
+            showErrorMessage(
+                QString::fromStdString("Heron upgrade: failed to extract " + entry.name));
+            endHeronUpgrade();
+            return false;
+        }
+        writeLogMessage("Heron upgrade: sending " + entry.name + " (type=0x0" +
+                            std::to_string(entry.type) + ", size=" + std::to_string(bytes.size()) +
+                            ")",
+                        "INFO");
+        const int ret = client.HeronSendComponentData(bytes, entry.type, upgradeProgress);
+        if (ret != 0) {
+            const std::string text =
+                "Heron upgrade: " + entry.name + " failed, error=" + std::to_string(ret);
+            showErrorMessage(QString::fromStdString(text));
+            writeLogMessage(text, "INFO");
+            endHeronUpgrade();
+            return false;
+        }
+        writeLogMessage("Heron upgrade: " + entry.name + " completed", "INFO");
+    }
+    return true;
+}

@@ -1,0 +1,219 @@
+// heron: the Heron-VRC model's own operations from the command line: its version texts, the IMU
+// ranges, a restart, and the OTA component upgrade. Each connects like the other commands and
+// reports the manager's messages; the upgrade draws the firmware upgrade's progress bar and
+// prints a line for each component as the manager logs it.
+
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QThread>
+#include <QUrl>
+#include <algorithm>
+#include <atomic>
+
+#include "commands.h"
+#include "output.h"
+#include "progress.h"
+#include "session.h"
+
+namespace cli {
+namespace {
+
+constexpr unsigned long kPollMs = 100;
+const char* const kHeronModel = "Heron-VRC";
+const char* const kAngularVariable = "IMU Angular Range";
+const char* const kAccelerationVariable = "IMU Acceleration Range";
+const char* const kUpgradeCompleted = "Heron upgrade completed.";
+
+QString qs(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+// What the catalogue calls a range code ("4000 dps"), or "code N" when it does not say.
+QString codeMeaning(Session& session, const char* variable, uint8_t code) {
+    const VarInfo* var = session.manager().searchVarPtr(variable, "var_name");
+    if (var != nullptr) {
+        const auto text = var->value_to_option.find(code);
+        if (text != var->value_to_option.end()) return qs(text->second);
+    }
+    return "code " + QString::number(code);
+}
+
+// "0 = 125 dps, 1 = 250 dps, ...": each index with what its code means.
+template <size_t N>
+QString indexMeanings(Session& session, const char* variable, const std::array<uint8_t, N>& codes) {
+    QStringList meanings;
+    for (size_t i = 0; i < N; ++i)
+        meanings << QString::number(i) + " = " + codeMeaning(session, variable, codes[i]);
+    return meanings.join(", ");
+}
+
+// A whole number from 0 to count - 1, in decimal digits only.
+bool parseIndex(const QString& text, int count, int& index) {
+    if (text.isEmpty() || text.size() > 3 ||
+        !std::all_of(text.begin(), text.end(), [](QChar c) { return c.isDigit(); }))
+        return false;
+    index = text.toInt();
+    return index < count;
+}
+
+int heronVersions(Session& session) {
+    if (!session.options().arguments.isEmpty())
+        return usageError("heron versions takes no arguments");
+    if (int status = session.connect(false); status != kExitOk) return status;
+    LidarUtilitiesManager& manager = session.manager();
+    manager.HeronGetVersionInfo();
+    const std::pair<QString, QString> versions[] = {
+        {"model_version", manager.getHeronModelVersionText()},
+        {"bmb_fpga_version", manager.getHeronBmbFpgaVersion()},
+        {"tmb_fpga_version", manager.getHeronTmbFpgaVersion()},
+        {"bmb_mcu_version", manager.getHeronBmbMcuVersion()}};
+    QJsonObject json;
+    bool complete = true;
+    for (const auto& [name, value] : versions) {
+        if (session.options().json)
+            json[name] = value;
+        else
+            printResult(name + "=" + value);
+        // The manager shows the placeholder for a version it could not read.
+        if (value == LidarUtilitiesManager::kUnknownHeronComponentVersion) {
+            printDiagnostic("error: the lidar did not report " + name);
+            complete = false;
+        }
+    }
+    if (session.options().json) printJson(QJsonDocument(json));
+    return complete ? kExitOk : kExitFailed;
+}
+
+int heronImu(Session& session) {
+    const QStringList& arguments = session.options().arguments;
+    if (arguments.size() != 2)
+        return usageError("heron imu takes two indexes: ANGULAR (0-5) and ACCELERATION (0-3)");
+    const auto& angularCodes = LidarUtilitiesManager::kHeronAngularRangeCodes;
+    const auto& accelerationCodes = LidarUtilitiesManager::kHeronAccelerationRangeCodes;
+    int angular = 0;
+    int acceleration = 0;
+    if (!parseIndex(arguments[0], static_cast<int>(angularCodes.size()), angular))
+        return usageError("ANGULAR is the angular range's index, 0 to 5 (" +
+                          indexMeanings(session, kAngularVariable, angularCodes) + "), not '" +
+                          arguments[0] + "'");
+    if (!parseIndex(arguments[1], static_cast<int>(accelerationCodes.size()), acceleration))
+        return usageError("ACCELERATION is the acceleration range's index, 0 to 3 (" +
+                          indexMeanings(session, kAccelerationVariable, accelerationCodes) +
+                          "), not '" + arguments[1] + "'");
+    if (int status = session.connect(false); status != kExitOk) return status;
+
+    LidarUtilitiesManager& manager = session.manager();
+    const int errorsBefore = session.errorCount();
+    manager.HeronSetIMURange(angular, acceleration);
+    if (session.errorCount() != errorsBefore) {
+        if (const auto client = manager.getAuthorizedClient())
+            printDiagnostic("error: " + readFailureText(client->GetLastReturnCode()));
+        return kExitFailed;
+    }
+    const auto describe = [&session](const char* variable, int index, uint8_t code) {
+        return codeMeaning(session, variable, code) + " (index " + QString::number(index) +
+               ", code " + QString::number(code) + ")";
+    };
+    printResult("angular range " + describe(kAngularVariable, angular, angularCodes[angular]) +
+                ", acceleration range " +
+                describe(kAccelerationVariable, acceleration, accelerationCodes[acceleration]));
+    return kExitOk;
+}
+
+int heronRestart(Session& session) {
+    if (!session.options().arguments.isEmpty())
+        return usageError("heron restart takes no arguments");
+    if (int status = session.connect(false); status != kExitOk) return status;
+    LidarUtilitiesManager& manager = session.manager();
+    const int ret = manager.HeronSendRestartCommand();
+    if (ret != 0) {
+        printDiagnostic("error: the lidar did not acknowledge the restart: " +
+                        readFailureText(ret));
+        return kExitFailed;
+    }
+    printDiagnostic("Heron restart command sent; the lidar restarts");
+    // The lidar closes the connection as it restarts.
+    manager.Stop();
+    return kExitOk;
+}
+
+// The manager's log lines that follow the upgrade's course: one line per component.
+bool isUpgradeStep(const QString& line) {
+    return line.startsWith("Heron upgrade: current partition=") ||
+           line.startsWith("Heron upgrade: skip ") || line.startsWith("Heron upgrade: sending ");
+}
+
+int heronUpgrade(Session& session) {
+    const QStringList& arguments = session.options().arguments;
+    if (arguments.size() != 1) return usageError("heron upgrade takes one package file");
+    const QFileInfo package(arguments.front());
+    if (!package.isFile() || !package.isReadable())
+        return usageError("cannot read the package " + arguments.front());
+    if (int status = session.connect(false); status != kExitOk) return status;
+
+    LidarUtilitiesManager& manager = session.manager();
+    // Connected before the worker starts; the worker ends the upgrade with isUpgrading false,
+    // then restarts the lidar and stops, so completion is told by its success message.
+    std::atomic<int> upgradingChanges{0};
+    std::atomic<bool> completed{false};
+    QObject context;
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::isUpgradingChanged, &context,
+        [&upgradingChanges] { ++upgradingChanges; }, Qt::DirectConnection);
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::successMessageChanged, &context,
+        [&manager, &completed] {
+            if (manager.getSuccessMessage().startsWith(kUpgradeCompleted)) completed.store(true);
+        },
+        Qt::DirectConnection);
+    if (!session.options().verbose) {
+        // --verbose prints every log line already.
+        QObject::connect(
+            &manager, &LidarUtilitiesManager::sendLogMessage, &context,
+            [](const QString& line, const QString& level) {
+                if (level == "INFO" && isUpgradeStep(line)) printDiagnostic(line);
+            },
+            Qt::DirectConnection);
+    }
+    if (manager.HeronUpgradeLidar(QUrl::fromLocalFile(package.absoluteFilePath())) != 0)
+        return kExitFailed;  // the manager has said why
+    printDiagnostic("upgrading with " + package.fileName() + " (" +
+                    QString::number(package.size()) + " bytes) ...");
+    ProgressRenderer progress("upgrade", "KiB");
+    while (upgradingChanges.load() < 2) {
+        progress.update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+        QThread::msleep(kPollMs);
+    }
+    progress.finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+    // The worker ends after the restart request and the stop.
+    manager.waitForWorkers();
+    if (!completed.load()) {
+        const auto client = manager.getAuthorizedClient();
+        if (client && client->GetLastReturnCode() != 0) {
+            const std::string why = client->GetClient().LastError();
+            const int code = client->GetLastReturnCode();
+            printDiagnostic("error: the lidar's last answer: " + readFailureText(code) +
+                            (why.empty() || code > 0 ? QString() : ": " + qs(why)));
+        }
+    }
+    if (session.options().json)
+        printJson(QJsonDocument(
+            QJsonObject{{"package", package.absoluteFilePath()}, {"upgraded", completed.load()}}));
+    return completed.load() ? kExitOk : kExitFailed;
+}
+
+}  // namespace
+
+int commandHeron(Session& session) {
+    if (session.options().model != kHeronModel)
+        return usageError("heron commands need --model " + QString(kHeronModel) + " (not " +
+                          session.options().model + ")");
+    const QString& action = session.options().action;
+    if (action == "versions") return heronVersions(session);
+    if (action == "imu") return heronImu(session);
+    if (action == "restart") return heronRestart(session);
+    if (action == "upgrade") return heronUpgrade(session);
+    return usageError("unknown heron command '" + action + "'");
+}
+
+}  // namespace cli

@@ -1,0 +1,91 @@
+// The Heron OTA package parser and the component extraction on arbitrary bytes; the input is the
+// package. Whatever a header says, an accepted package has its components inside the file and
+// apart, and an extraction gives either nothing or exactly the bytes the header places (without
+// an FPGA image's leading block). The last 8 bytes of the input also serve as one more
+// component's offset and size, so that extraction meets headers the parser would refuse.
+
+#include <QCoreApplication>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "fuzz_support.h"
+#include "heron_ota_package.h"
+#include "lidar_utilities_manager.h"
+
+namespace {
+
+void Require(bool holds) {
+    if (!holds) std::abort();
+}
+
+bool InDataRegion(const u8Array_t& package, const HeronOtaComponentInfo& component) {
+    if (package.size() < heron_ota::kHeaderSize) return false;
+    const uint64_t data = package.size() - heron_ota::kHeaderSize;
+    return component.offset <= data && component.size <= data - component.offset;
+}
+
+void CheckAccepted(const u8Array_t& package, const HeronOtaPackageInfo& info) {
+    Require((info.flags & heron_ota::kUnknownFlags) == 0);
+    std::vector<const HeronOtaComponentInfo*> present;
+    for (const heron_ota::ComponentKind& kind : heron_ota::kComponents) {
+        const HeronOtaComponentInfo& component = info.*(kind.info);
+        if (!component.present) continue;
+        Require(component.size > 0 && InDataRegion(package, component));
+        present.push_back(&component);
+    }
+    Require(!present.empty());
+    for (size_t i = 0; i < present.size(); ++i)
+        for (size_t j = i + 1; j < present.size(); ++j) {
+            const uint64_t aEnd = uint64_t(present[i]->offset) + present[i]->size;
+            const uint64_t bEnd = uint64_t(present[j]->offset) + present[j]->size;
+            Require(aEnd <= present[j]->offset || bEnd <= present[i]->offset);
+        }
+}
+
+void CheckExtraction(LidarUtilitiesManager& manager, const u8Array_t& package,
+                     const HeronOtaComponentInfo& component, const heron_ota::ComponentKind& kind) {
+    const u8Array_t bytes = manager.HeronExtractComponentData(package, component, kind.name);
+    if (!InDataRegion(package, component)) {
+        Require(bytes.empty());
+        return;
+    }
+    uint64_t first = heron_ota::kHeaderSize + uint64_t(component.offset);
+    uint64_t count = component.size;
+    if (kind.fpga && count > heron_ota::kFpgaLeadingBlock) {
+        first += heron_ota::kFpgaLeadingBlock;
+        count -= heron_ota::kFpgaLeadingBlock;
+    }
+    Require(bytes.size() == count);
+    Require(std::equal(bytes.begin(), bytes.end(), package.begin() + first));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static int argc = 1;
+    static char name[] = "fuzz";
+    static char* argv[] = {name, nullptr};
+    static QCoreApplication app(argc, argv);
+    static auto manager = [] {
+        fuzzing::SilenceLogger();
+        if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+        return std::make_unique<LidarUtilitiesManager>(0, "");
+    }();
+
+    const u8Array_t package(data, data + size);
+    HeronOtaPackageInfo info;
+    if (manager->HeronParseOtaPackageHeader(package, info)) CheckAccepted(package, info);
+    for (const heron_ota::ComponentKind& kind : heron_ota::kComponents)
+        CheckExtraction(*manager, package, info.*(kind.info), kind);
+
+    fuzzing::Input tail(size >= 8 ? data + size - 8 : data, size >= 8 ? 8 : 0);
+    HeronOtaComponentInfo described;
+    described.offset = tail.Word();
+    described.size = tail.Word();
+    described.present = true;
+    for (const heron_ota::ComponentKind& kind : heron_ota::kComponents)
+        CheckExtraction(*manager, package, described, kind);
+    return 0;
+}

@@ -1,0 +1,164 @@
+// lidarutil's ota and heron commands as a person or a script runs them: packages built and
+// checked without a lidar, and the Heron upgrade and IMU range against the embedded simulator.
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+
+#include "heron_ota_package.h"
+#include "test_support.h"
+
+namespace {
+
+struct Outcome {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+Outcome lidarutil(
+    const QStringList& arguments,
+    const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir())) {
+    QProcess process;
+    process.setWorkingDirectory(workingDirectory);
+    process.start(LIDAR_BINARY_DIR "/cli/lidarutil", arguments);
+    if (!process.waitForFinished(60000)) {
+        process.kill();
+        process.waitForFinished();
+        ADD_FAILURE() << "lidarutil " << arguments.join(' ').toStdString() << " did not finish";
+    }
+    Outcome run;
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
+std::string Bytes(size_t size, char seed) {
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + i * 31 + (i >> 7));
+    return bytes;
+}
+
+QString Crc(const std::string& bytes) {
+    const uLong crc =
+        crc32(0L, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size()));
+    return "0x" +
+           QString::number(static_cast<qulonglong>(crc), 16).toUpper().rightJustified(8, '0');
+}
+
+QString Path(const testsupport::TempDir& dir, const char* name) {
+    return QString::fromStdString(dir.file(name));
+}
+
+TEST(LidarutilOta, PackThenInspectListsTheComponentsAndRefusesBrokenPackages) {
+    testsupport::TempDir dir;
+    const std::string appB = Bytes(3000, 'b'), fpga = Bytes(1500, 'f'), param = Bytes(64, 'p');
+    testsupport::WriteFile(dir.file("app-b"), appB);
+    testsupport::WriteFile(dir.file("fpga"), fpga);
+    testsupport::WriteFile(dir.file("param"), param);
+    // Anywhere: ota needs neither ./Config nor a lidar.
+    const Outcome pack = lidarutil({"ota", "pack", "--bmb-app-b", "app-b", "--bmb-fpga", "fpga",
+                                    "--tmb-param", "param", "-o", "heron.ota"},
+                                   QString::fromStdString(dir.path()));
+    ASSERT_EQ(pack.exitCode, 0) << pack.err.toStdString();
+    ASSERT_EQ(QFileInfo(Path(dir, "heron.ota")).size(), 56 + 3000 + 1500 + 64);
+
+    const Outcome inspect = lidarutil({"ota", "inspect", Path(dir, "heron.ota")});
+    ASSERT_EQ(inspect.exitCode, 0) << inspect.err.toStdString();
+    EXPECT_EQ(inspect.out, pack.out);
+    EXPECT_TRUE(inspect.out.contains("flags=0x16, 3 components")) << inspect.out.toStdString();
+    const QStringList rows = inspect.out.split('\n');
+    ASSERT_GE(rows.size(), 5);
+    EXPECT_EQ(rows[2].simplified(), "BMB_APP_B 2 0 3000 " + Crc(appB) + " 3000");
+    EXPECT_EQ(rows[3].simplified(), "BMB_FPGA 1 3000 1500 " + Crc(fpga) + " 476");
+    EXPECT_EQ(rows[4].simplified(), "TMB_PARAM 3 4500 64 " + Crc(param) + " 64");
+
+    const Outcome json = lidarutil({"ota", "inspect", "--json", Path(dir, "heron.ota")});
+    const QJsonObject document = QJsonDocument::fromJson(json.out.toUtf8()).object();
+    EXPECT_EQ(document["flags"].toInt(), 0x16);
+    EXPECT_EQ(document["components"].toArray().at(1).toObject()["crc32"].toString(), Crc(fpga));
+
+    // Overlapping components, a file shorter than the header: refused with the parser's reason.
+    HeronOtaPackageInfo overlap;
+    overlap.flags = 0x03;
+    overlap.bmb_app_a = {0, 17, true};
+    overlap.bmb_app_b = {16, 8, true};
+    std::vector<uint8_t> bytes = heron_ota::EncodeHeader(overlap);
+    bytes.resize(bytes.size() + 32);
+    testsupport::WriteFile(dir.file("overlap.ota"), std::string(bytes.begin(), bytes.end()));
+    const Outcome overlapping = lidarutil({"ota", "inspect", Path(dir, "overlap.ota")});
+    EXPECT_EQ(overlapping.exitCode, 1);
+    EXPECT_TRUE(overlapping.err.contains("(the upgrade refuses it): Component overlap"))
+        << overlapping.err.toStdString();
+    testsupport::WriteFile(dir.file("short.ota"), std::string(55, 'N'));
+    const Outcome shortFile = lidarutil({"ota", "inspect", Path(dir, "short.ota")});
+    EXPECT_EQ(shortFile.exitCode, 1);
+    EXPECT_TRUE(shortFile.err.contains("the file holds 55 bytes, fewer than the 56 of the header"));
+
+    const Outcome nothing = lidarutil({"ota", "pack", "-o", Path(dir, "none.ota")});
+    EXPECT_EQ(nothing.exitCode, 2);
+    testsupport::WriteFile(dir.file("empty"), "");
+    const Outcome empty =
+        lidarutil({"ota", "pack", "--tmb-fpga", Path(dir, "empty"), "-o", Path(dir, "e.ota")});
+    EXPECT_EQ(empty.exitCode, 2);
+    EXPECT_TRUE(empty.err.contains("TMB_FPGA's file")) << empty.err.toStdString();
+    EXPECT_FALSE(QFileInfo::exists(Path(dir, "none.ota")) || QFileInfo::exists(Path(dir, "e.ota")));
+}
+
+TEST(LidarutilHeron, UpgradeAndImuRangeAgainstTheEmbeddedSimulator) {
+    testsupport::TempDir dir;
+    testsupport::WriteFile(dir.file("app-a"), Bytes(100, 'a'));
+    testsupport::WriteFile(dir.file("app-b"), Bytes(5000, 'b'));
+    testsupport::WriteFile(dir.file("tmb"), Bytes(2000, 't'));
+    ASSERT_EQ(lidarutil({"ota", "pack", "--bmb-app-a", Path(dir, "app-a"), "--bmb-app-b",
+                         Path(dir, "app-b"), "--tmb-fpga", Path(dir, "tmb"), "-o",
+                         Path(dir, "heron.ota")})
+                  .exitCode,
+              0);
+    const Outcome upgrade =
+        lidarutil({"--model", "Heron-VRC", "heron", "upgrade", Path(dir, "heron.ota")});
+    EXPECT_EQ(upgrade.exitCode, 0) << upgrade.err.toStdString();
+    const QString err = upgrade.err;
+    const int partition = err.indexOf("Heron upgrade: current partition=A");
+    const int appB = err.indexOf("Heron upgrade: sending BMB_APP_B (type=0x02, size=5000)");
+    const int skip = err.indexOf("Heron upgrade: skip BMB_FPGA, not found in package");
+    const int tmb = err.indexOf("Heron upgrade: sending TMB_FPGA (type=0x00, size=976)");
+    // The plan is made (and its skips said) before the first component goes.
+    EXPECT_TRUE(partition >= 0 && partition < skip && skip < appB && appB < tmb)
+        << err.toStdString();
+    EXPECT_TRUE(err.contains("upgrade: 100% (6/6 KiB)")) << err.toStdString();
+    EXPECT_TRUE(err.contains("Heron upgrade completed. Restart command has been sent."));
+
+    // A package the lidar's upgrade refuses: the manager's message and a failure status.
+    std::string broken = testsupport::ReadFile(dir.file("heron.ota"));
+    broken[8] = static_cast<char>(0x20);  // an unknown component flag
+    testsupport::WriteFile(dir.file("broken.ota"), broken);
+    const Outcome refused =
+        lidarutil({"--model", "Heron-VRC", "heron", "upgrade", Path(dir, "broken.ota")});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.err.contains("error: Invalid Heron OTA upgrade package"))
+        << refused.err.toStdString();
+
+    const Outcome imu = lidarutil({"--model", "Heron-VRC", "heron", "imu", "5", "3"});
+    EXPECT_EQ(imu.exitCode, 0) << imu.err.toStdString();
+    EXPECT_EQ(imu.out.trimmed(),
+              "angular range 4000 dps (index 5, code 8), acceleration range 16 g (index 3, code "
+              "3)");
+    const Outcome badIndex = lidarutil({"--model", "Heron-VRC", "heron", "imu", "6", "0"});
+    EXPECT_EQ(badIndex.exitCode, 2);
+    EXPECT_TRUE(badIndex.err.contains("0 to 5 (0 = 125 dps,") &&
+                badIndex.err.contains("5 = 4000 dps), not '6'"))
+        << badIndex.err.toStdString();
+    EXPECT_FALSE(badIndex.err.contains("connecting"));
+    const Outcome otherModel = lidarutil({"heron", "versions"});
+    EXPECT_EQ(otherModel.exitCode, 2);
+    EXPECT_TRUE(otherModel.err.contains("heron commands need --model Heron-VRC"));
+}
+
+}  // namespace
