@@ -314,6 +314,32 @@ class LidarUtilitiesManager : public QObject {
                                         const HeronOtaComponentInfo& component,
                                         const std::string& name);
 
+    // ---- Wren serial settings (wren_settings.cpp) ----
+    Q_INVOKABLE void WrenSetStandby(int standby);
+    Q_INVOKABLE void WrenSetSpinRate(int rate);
+    Q_INVOKABLE void WrenSetReturnMode(int mode);
+    Q_INVOKABLE QString WrenGetBaudRate();
+    Q_INVOKABLE void WrenSetBaudRateFromUI(QString rate);
+    Q_INVOKABLE int WrenSetDestinationIPandPort(QString ip, int port);
+    Q_INVOKABLE int WrenSetNet(QString address, QString netmask, QString gateway, int flag, int id);
+    Q_INVOKABLE QVariantList WrenGetNetConfig(bool quiet);
+    Q_INVOKABLE QVariantList WrenGetDestinationConfig(bool quiet);
+    Q_INVOKABLE QVariantList WrenGetLidarFunctionSafety();
+
+    // ---- Pages of the serial models, kinds 1 and 2 (serial_pages.cpp) ----
+    // The generic reads, map and lists serve the network kind only; these serve the catalogue
+    // pages of the serial kinds over their own client (the serial client on kind 1, the VRC
+    // client on kind 2) with the same grouping, decoding and encoding. docs/catalogue-format.md,
+    // "Pages of the serial models".
+    Q_INVOKABLE void WrenGetLidarModuleInfo(int module);
+    Q_INVOKABLE QVariantList getWrenMyMap();
+    Q_INVOKABLE QVariantList wrenLevel1List();
+    Q_INVOKABLE QVariantList wrenLevel2List();
+    Q_INVOKABLE bool isWrenTimerUpdate(int module, int page, int var) const;
+    Q_INVOKABLE void WrenRun(int page);
+    // The serial client of kind 1, or null.
+    std::shared_ptr<lidar::SerialClient> getSerialClient() const;
+
     // ---- Log download (log_download.cpp) ----
     Q_INVOKABLE int DownloadLog(QUrl folder, QString name);
     Q_INVOKABLE int DownloadOperationLog(QUrl archive);
@@ -383,6 +409,27 @@ class LidarUtilitiesManager : public QObject {
     void joinThread(std::unique_ptr<std::thread>& thread);
     void startPagesThread(void (LidarUtilitiesManager::*loop)());
     void WrenVrcUpdatePagesTimer();
+    // The serial kinds' page loops: updatePagesTimer's, reading over the kind's own client.
+    void WrenUpdatePagesTimer();
+    // A request of the catalogue over the connection kind's client: the reply's payload. The VRC
+    // client on kinds 0 and 2, the serial client on kind 1. A client result code.
+    int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply);
+    // The kind's client exists and is open.
+    bool deviceChannelOpen() const;
+    // deviceIsIdle for the serial kinds' own client.
+    bool serialKindIdle() const;
+    void releaseSerialLink(bool rs485, bool uart, bool client);
+    void closeSerialLines();
+    // The whole variable map and the level-1 and level-2 lists, whatever the kind.
+    QVariantList buildVariableMap();
+    void buildPageLists(QVariantList& level1, QVariantList& level2) const;
+
+  public:
+    struct SetChannel;
+
+  private:
+    // Run's steps from the busy checks on, over the given client.
+    void applyStagedEdits(int page, const SetChannel& channel);
     void resetSerialNumberTexts();
     void resetFovTable();
     int sendDeviceCommand(const char* variableName, const char* fallbackName,

@@ -301,15 +301,17 @@ void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
 int LidarUtilitiesManager::readGroupFromLidar(
     std::vector<VarInfo*>& group, std::unordered_map<std::string, std::vector<uint8_t>>* replies,
     bool update) {
-    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (group.empty() || !client || !client->IsOpen() || !currentParser) return -1;
+    if (group.empty() || !deviceChannelOpen() || !currentParser) return -1;
     uint8_t cmd = 0;
     u8Array_t payload;
     if (!buildReadRequest(*group.front(), cmd, payload)) return -1;
     const QString firstName = QString::fromStdString(group.front()->var_name);
 
     u8Array_t reply;
-    if (cmd == kFovReadCommand) {
+    // The field of view comes through the VRC client's own operation; the serial line has none.
+    std::shared_ptr<AuthorizedVrcClient> client =
+        connectType.load() == 1 ? nullptr : getAuthorizedClient();
+    if (cmd == kFovReadCommand && client) {
         float values[2 * kFovRegions] = {};
         int count = kFovRegions;
         int mode = 0;
@@ -333,7 +335,7 @@ int LidarUtilitiesManager::readGroupFromLidar(
             emit fovConfigChanged();
         }
     } else {
-        const int ret = client->QueryCommand(payload, reply, cmd, false);
+        const int ret = queryDevice(cmd, payload, reply);
         if (ret != 0) {
             qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
                                << "(): try get" << firstName << "FAILED, cmd sent =" << hexByte(cmd)
@@ -520,19 +522,25 @@ QVariantList LidarUtilitiesManager::getMyMap() {
 void LidarUtilitiesManager::rebuildMyMapCache() {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     myMapCache.clear();
-    if (currentParser && connectType.load() == 0 && varTree && !varTree.load()->empty()) {
-        for (const auto& module : *varTree) {
-            QVariantList moduleEntry;
-            for (const auto& page : module) {
-                QVariantList pageEntry;
-                for (const VarInfo* var : page)
-                    if (!var->hidden) pageEntry.append(varToMap(*var));
-                moduleEntry.append(QVariant(pageEntry));
-            }
-            myMapCache.append(QVariant(moduleEntry));
-        }
-    }
+    if (connectType.load() == 0) myMapCache = buildVariableMap();
     myMapValid = true;
+}
+
+QVariantList LidarUtilitiesManager::buildVariableMap() {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    QVariantList map;
+    if (!currentParser || !varTree || varTree.load()->empty()) return map;
+    for (const auto& module : *varTree) {
+        QVariantList moduleEntry;
+        for (const auto& page : module) {
+            QVariantList pageEntry;
+            for (const VarInfo* var : page)
+                if (!var->hidden) pageEntry.append(varToMap(*var));
+            moduleEntry.append(QVariant(pageEntry));
+        }
+        map.append(QVariant(moduleEntry));
+    }
+    return map;
 }
 
 void LidarUtilitiesManager::notifyMyMapChanged() {
@@ -569,32 +577,35 @@ void LidarUtilitiesManager::rebuildUiListCache() {
     level1ListCache.clear();
     level2ListCache.clear();
     logListCache.clear();
-    if (currentParser && connectType.load() == 0 && moduleNames && varTree) {
-        for (size_t m = 0; m < moduleNames.load()->size(); ++m) {
-            const std::vector<std::string>& names = (*moduleNames)[m];
-            if (names.empty()) continue;
-            level1ListCache.append(QString::fromStdString(names.front()));
-            if (names.size() < 2) continue;
-            QVariantList pages;
-            for (size_t p = 1; p < names.size(); ++p) {
-                QVariantList pageEntry{QString::fromStdString(names[p])};
-                if (m < varTree.load()->size() && p - 1 < (*varTree)[m].size()) {
-                    for (const VarInfo* var : (*varTree)[m][p - 1])
-                        if (!var->hidden && !var->name_suffix.empty())
-                            pageEntry.append(
-                                QString::fromStdString(var->var_name + var->name_suffix));
-                }
-                pages.append(QVariant(pageEntry));
-            }
-            level2ListCache.append(QVariant(pages));
-        }
-    }
+    if (connectType.load() == 0) buildPageLists(level1ListCache, level2ListCache);
     if (currentParser && logVars) {
         for (const VarInfo* var : *logVars)
             if (!var->get_cmd.empty() || !var->set_cmd.empty())
                 logListCache.append(QString::fromStdString(var->var_name));
     }
     uiListsValid = true;
+}
+
+void LidarUtilitiesManager::buildPageLists(QVariantList& level1, QVariantList& level2) const {
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    if (!currentParser || !moduleNames || !varTree) return;
+    for (size_t m = 0; m < moduleNames.load()->size(); ++m) {
+        const std::vector<std::string>& names = (*moduleNames)[m];
+        if (names.empty()) continue;
+        level1.append(QString::fromStdString(names.front()));
+        if (names.size() < 2) continue;
+        QVariantList pages;
+        for (size_t p = 1; p < names.size(); ++p) {
+            QVariantList pageEntry{QString::fromStdString(names[p])};
+            if (m < varTree.load()->size() && p - 1 < (*varTree)[m].size()) {
+                for (const VarInfo* var : (*varTree)[m][p - 1])
+                    if (!var->hidden && !var->name_suffix.empty())
+                        pageEntry.append(QString::fromStdString(var->var_name + var->name_suffix));
+            }
+            pages.append(QVariant(pageEntry));
+        }
+        level2.append(QVariant(pages));
+    }
 }
 
 void LidarUtilitiesManager::invalidateUiListCache() {

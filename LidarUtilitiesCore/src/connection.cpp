@@ -13,6 +13,8 @@
 #include "command_text.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/auth_config.h"
+#include "sdk/serial_client.h"
+#include "sdk/serial_source.h"
 #include "sdk/vrc_client.h"
 
 namespace {
@@ -24,6 +26,8 @@ const char* const kLocalPortFailure = "Failed to bind VRC client local port or c
 // clang-format on
 constexpr uint8_t kNetworkConfigCommand = 0x08;
 constexpr uint8_t kConfigFileCommand = 0x74;
+// The UART source's second rate: the one it would take as a data line.
+constexpr int kUartSecondRate = 3125000;
 
 // A connect step that failed with a text meant for the log ("Connection Error: " + text).
 class ConnectFailure : public std::runtime_error {
@@ -102,9 +106,14 @@ void LidarUtilitiesManager::startPagesThread(void (LidarUtilitiesManager::*loop)
     }
 }
 
+// The serial models refresh their timer variables as the network model does: the same loop,
+// whose reads go over the kind's client (queryDevice).
 void LidarUtilitiesManager::WrenVrcUpdatePagesTimer() {
-    // The serial models' information pages are read by their own loop; it only keeps time here.
-    while (pagesTimerRunning.load()) pagesLoopPause(100);
+    updatePagesTimer();
+}
+
+void LidarUtilitiesManager::WrenUpdatePagesTimer() {
+    updatePagesTimer();
 }
 
 void LidarUtilitiesManager::stopPagesLoop() {
@@ -335,16 +344,127 @@ bool LidarUtilitiesManager::InitVrcForSerial() {
 }
 
 bool LidarUtilitiesManager::InitSerial() {
-    // The two-line serial connection of the Wren model needs the serial device layer, which this
-    // build does not have yet: say so plainly instead of pretending to open the lines.
-    connecting.store(true);
-    rs485Source.reset();
-    uartSource.reset();
-    showErrorMessage(
-        "Connection Failed. The two-line serial connection is not supported by this build.");
-    writeLogMessage("Connection Error: serial lines are not supported by this build", "ERROR");
-    connecting.store(false);
-    return false;
+    const uint64_t attempt = attemptEpoch_.load();
+    if (!ifAttemptCurrent(attempt, [this] {
+            connecting.store(true);
+            releaseSerialLink(true, true, false);
+        }))
+        return false;
+    std::string rs485Device, uartDevice;
+    uint32_t pointCloudRate = 0;
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        rs485Device = serialPort485;
+        uartDevice = serialPort232;
+        pointCloudRate = pointCloudBaudRate;
+    }
+    auto rs485 = std::make_shared<lidar::SerialSource>(rs485Device, static_cast<int>(rs485LineRate),
+                                                       static_cast<int>(pointCloudRate));
+    auto uart = std::make_shared<lidar::SerialSource>(uartDevice, static_cast<int>(uartLineRate),
+                                                      kUartSecondRate);
+    ifAttemptCurrent(attempt, [&] {
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        rs485Source = rs485;
+        uartSource = uart;
+    });
+
+    rs485->SetCommandMode(false);
+    rs485->Open();
+    if (!rs485->IsOpen()) {
+        // Both sources stay stored, as they are.
+        ifAttemptCurrent(attempt, [&] {
+            showErrorMessage("Connection Failed. Please check your RS485 serial port.");
+            writeLogMessage("Connection Error: RS485 serial open fail", "ERROR");
+            writeLogMessage(rs485->LastError(), "ERROR");
+            connecting.store(false);
+        });
+        return false;
+    }
+    uart->SetCommandMode(true);
+    uart->setNeedRecv(false);
+    uart->Open();
+    if (!uart->IsOpen()) {
+        ifAttemptCurrent(attempt, [&] {
+            releaseSerialLink(true, false, false);  // the UART source stays stored
+            showErrorMessage("Connection Failed. Please check your UART serial port.");
+            writeLogMessage("Connection Error: UART serial open fail", "ERROR");
+            writeLogMessage(uart->LastError(), "ERROR");
+            connecting.store(false);
+        });
+        rs485->Close();
+        return false;
+    }
+    // The client does not own its lines: it holds them here, so that they outlive every query
+    // of whoever still holds the client.
+    std::shared_ptr<lidar::SerialClient> client(
+        new lidar::SerialClient(), [rs485, uart](lidar::SerialClient* c) { delete c; });
+    client->SetSerial(uart.get(), rs485.get());
+
+    bool committed = false;
+    std::string threadFailure;
+    stopPagesLoop();
+    joinThread(pagesTimerThread);
+    ifAttemptCurrent(attempt, [&] {
+        {
+            std::lock_guard<std::mutex> lock(clientMutex_);
+            serialClient = client;
+        }
+        isConnected.store(true);
+        writeLogMessage("Lidar connected", "INFO");
+        client->SetLogCallback([this](const std::string& line) { logMessageHandler(line); });
+        connecting.store(false);
+        try {
+            startPagesThread(&LidarUtilitiesManager::WrenUpdatePagesTimer);
+            committed = true;
+        } catch (const std::system_error& e) {
+            isConnected.store(false);
+            releaseSerialLink(true, true, true);
+            threadFailure = e.what();
+        }
+    });
+    if (!threadFailure.empty()) {
+        showErrorMessage(QString("Connection Failed. Could not start the page thread: ") +
+                         QString::fromStdString(threadFailure));
+        writeLogMessage("Connection Error: could not start the page thread: " + threadFailure,
+                        "ERROR");
+    }
+    if (!committed) {
+        uart->Close();
+        rs485->Close();
+        return false;
+    }
+    emit isConnectedChanged();
+    return true;
+}
+
+void LidarUtilitiesManager::releaseSerialLink(bool rs485, bool uart, bool client) {
+    std::shared_ptr<lidar::SerialSource> oldRs485, oldUart;
+    std::shared_ptr<lidar::SerialClient> oldClient;
+    {
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        if (rs485) oldRs485 = std::move(rs485Source);
+        if (uart) oldUart = std::move(uartSource);
+        if (client) oldClient = std::move(serialClient);
+    }
+    // Closed outside the lock: a query waiting on a line wakes up and ends.
+    if (oldRs485) oldRs485->Close();
+    if (oldUart) oldUart->Close();
+}
+
+void LidarUtilitiesManager::closeSerialLines() {
+    std::shared_ptr<lidar::SerialSource> rs485, uart;
+    {
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        rs485 = rs485Source;
+        uart = uartSource;
+    }
+    if (rs485) rs485->Close();
+    if (uart) uart->Close();
+}
+
+std::shared_ptr<lidar::SerialClient> LidarUtilitiesManager::getSerialClient() const {
+    std::lock_guard<std::mutex> lock(clientMutex_);
+    return serialClient;
 }
 
 bool LidarUtilitiesManager::CheckLidarConnection() {
@@ -415,10 +535,11 @@ void LidarUtilitiesManager::Stop() {
             case 1:
                 isConnected.store(false);
                 stopPagesLoop();
+                // Closing the lines wakes the page loop's query, so the join does not wait for
+                // its time-out.
+                closeSerialLines();
                 joinThread(pagesTimerThread);
-                rs485Source.reset();
-                uartSource.reset();
-                serialClient.reset();
+                releaseSerialLink(true, true, true);
                 emit isConnectedChanged();
                 emit wrenLidarInfoChanged();
                 writeLogMessage("Lidar disconnected", "INFO");

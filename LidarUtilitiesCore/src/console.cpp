@@ -14,6 +14,7 @@
 
 #include "lidar_utilities_manager.h"
 #include "sdk/csv_table.h"
+#include "sdk/serial_client.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ const ConsoleTexts kVrcTexts{
     "Incorrect VRC header was entered. Parsing failed.",
     "Incorrect VRC payload was entered. Parsing failed.",
     "Query vrc command fail. Please input right vrc command header and payload."};
+constexpr uint32_t kSerialConsoleTimeoutMs = 5000;
 const ConsoleTexts kSerialTexts{
     "Incorrect Serial header was entered. Parsing failed.",
     "Incorrect Serial payload was entered. Parsing failed.",
@@ -144,13 +146,17 @@ void LidarUtilitiesManager::SendCommand(QString header, QString payload) {
     }
 }
 
-// Kind 1 has no serial client yet (the serial connection is not built), so this path refuses
-// every command; the client's exchange goes where the refusal ends.
-void LidarUtilitiesManager::SendSerialCommand(QString /*header*/, QString /*payload*/) {
-    if (!isConnected.load() || !serialClient || isUpgrading.load()) {
+void LidarUtilitiesManager::SendSerialCommand(QString header, QString payload) {
+    const std::shared_ptr<lidar::SerialClient> client = getSerialClient();
+    if (!isConnected.load() || !client || isUpgrading.load()) {
         showErrorMessage("lidar is not connected, or lidar is upgrade");
         return;
     }
+    exchangeConsoleCommand(header, payload, kSerialTexts,
+                           [&client](uint8_t code, const u8Array_t& bytes, u8Array_t& reply) {
+                               return client->QueryCommand(code, bytes, reply,
+                                                           kSerialConsoleTimeoutMs);
+                           });
 }
 
 void LidarUtilitiesManager::SendVrcSerialCommand(QString header, QString payload) {

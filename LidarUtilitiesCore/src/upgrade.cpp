@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "lidar_utilities_manager.h"
+#include "sdk/serial_client.h"
 
 namespace {
 
@@ -48,7 +49,7 @@ int LidarUtilitiesManager::UpgradeLidar(QUrl file, int i, int j, int k) {
 
 int LidarUtilitiesManager::WrenUpgradeLidar(QUrl file) {
     bool ready = isConnected.load() && !isUpgrading.load();
-    if (connectType.load() == 1) ready = ready && serialClient;
+    if (connectType.load() == 1) ready = ready && getSerialClient();
     if (connectType.load() == 2) ready = ready && clientIsOpen();
     if (!ready) {
         showErrorMessage("lidar is not connected, or lidar is upgrade");
@@ -97,7 +98,8 @@ void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string 
     try {
         const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
         if (kind == 1) {
-            // No serial client exists on this kind yet: the transfer cannot start.
+            if (const std::shared_ptr<lidar::SerialClient> serial = getSerialClient())
+                result = serial->UpgradeLidar(package, mode, upgradeProgress);
         } else if (!client) {
             // Stopped between the start and this thread.
         } else if (kind == 2 && mode != kSerialModeUsingVrcUpgrade) {

@@ -19,6 +19,7 @@
 
 #include "command_text.h"
 #include "lidar_utilities_manager.h"
+#include "set_channel.h"
 #include "sdk/text_fields.h"
 #include "sdk/vrc_client.h"
 #include "value_parsers.h"
@@ -110,12 +111,12 @@ void debugLine(const std::string& text) {
 class StagedCommandSender {
   public:
     using ValueReader = std::function<std::string(const VarInfo*)>;
+    using SetChannel = LidarUtilitiesManager::SetChannel;
 
-    StagedCommandSender(LidarUtilitiesManager& manager, std::shared_ptr<AuthorizedVrcClient> client,
-                        ValueReader valueOf, const std::set<const VarInfo*>& typed,
-                        std::array<float, 10> fovTable)
+    StagedCommandSender(LidarUtilitiesManager& manager, SetChannel channel, ValueReader valueOf,
+                        const std::set<const VarInfo*>& typed, std::array<float, 10> fovTable)
         : manager_(manager),
-          client_(std::move(client)),
+          channel_(std::move(channel)),
           valueOf_(std::move(valueOf)),
           typed_(typed),
           fovTable_(fovTable) {}
@@ -225,7 +226,8 @@ class StagedCommandSender {
             const auto& bytes = bytes_[group.front()->var_name];
             if (!bytes.empty()) mode = bytes.front();
         }
-        const int ret = client_->SetAllChannelFov(fovTable_.data(), 5, mode);
+        if (!channel_.setFov) throw std::runtime_error("set channel fov failed");
+        const int ret = channel_.setFov(fovTable_.data(), 5, mode);
         commandSent_ = true;
         if (ret != 0) {
             manager_.writeLogMessage("SET [" + command_ + "] FAILED", "WARNING");
@@ -238,28 +240,30 @@ class StagedCommandSender {
         debugLine("Run(): QueryCommand send cmd:    " + setCmd);
         debugLine("Run(): QueryCommand send payload:" + hexText(payload) +
                   ", length =" + std::to_string(payload.size()));
-        manager_.writeLogMessage("Send VRC command [" + setCmd + "] to set " + names + " success.",
-                                 "INFO");
+        manager_.writeLogMessage(
+            "Send " + channel_.protocol + " command [" + setCmd + "] to set " + names + " success.",
+            "INFO");
         u8Array_t reply;
-        const int ret = client_->QueryCommand(payload, reply, command, false);
+        const int ret = channel_.query(command, payload, reply);
         commandSent_ = true;
         // The lidar applies the network settings and closes the connection instead of replying.
-        const bool applied = ret == 0 || (setCmd == kNetworkSetCmd &&
-                                          client_->GetLastReturnCode() == lidar::kVrcClosedByPeer);
+        const bool applied =
+            ret == 0 || (setCmd == kNetworkSetCmd && channel_.networkSetClosesConnection &&
+                         channel_.lastCode() == lidar::kVrcClosedByPeer);
         if (!applied) {
             debugLine("Run(): QueryCommand FAILED, get result =" + std::to_string(ret));
             manager_.writeLogMessage("SET [" + setCmd + "] FAILED", "WARNING");
             throw std::runtime_error(setCmd + " SET " + names +
-                                     " ret_code: " + std::to_string(client_->GetLastReturnCode()));
+                                     " ret_code: " + std::to_string(channel_.lastCode()));
         }
         debugLine("Run(): QueryCommand SUCCESS, get result =" + std::to_string(ret));
         reportSuccess(setCmd, names);
     }
 
     void reportSuccess(const std::string& setCmd, const std::string& names) {
-        if (setCmd != kNetworkSetCmd) {
-            manager_.showSuccessMessage(QString::fromStdString("VRC command [" + setCmd +
-                                                               "] to set " + names + " success."));
+        if (setCmd != kNetworkSetCmd || !channel_.networkSetClosesConnection) {
+            manager_.showSuccessMessage(QString::fromStdString(
+                channel_.protocol + " command [" + setCmd + "] to set " + names + " success."));
             return;
         }
         manager_.showSuccessMessage(kNetworkSetNote);
@@ -276,7 +280,7 @@ class StagedCommandSender {
     }
 
     LidarUtilitiesManager& manager_;
-    std::shared_ptr<AuthorizedVrcClient> client_;
+    SetChannel channel_;
     ValueReader valueOf_;
     const std::set<const VarInfo*>& typed_;
     std::array<float, 10> fovTable_;
@@ -402,6 +406,20 @@ void LidarUtilitiesManager::Run(int page) {
         showErrorMessage("Please connect to lidar first");
         return;
     }
+    SetChannel channel;
+    channel.protocol = "VRC";
+    channel.query = [client](uint8_t command, const u8Array_t& payload, u8Array_t& reply) {
+        return client->QueryCommand(payload, reply, command, false);
+    };
+    channel.lastCode = [client] { return client->GetLastReturnCode(); };
+    channel.setFov = [client](const float* values, int count, uint8_t mode) {
+        return client->SetAllChannelFov(values, count, mode);
+    };
+    channel.networkSetClosesConnection = true;
+    applyStagedEdits(page, channel);
+}
+
+void LidarUtilitiesManager::applyStagedEdits(int page, const SetChannel& channel) {
     if (isUpgrading.load()) {
         showErrorMessage("Please wait for the lidar to upgrade completely");
         return;
@@ -425,7 +443,7 @@ void LidarUtilitiesManager::Run(int page) {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
         return var->current_val;
     };
-    StagedCommandSender sender(*this, client, valueOf, typedVars_, fov);
+    StagedCommandSender sender(*this, channel, valueOf, typedVars_, fov);
     const bool allSent = sender.sendAll(plan);
     // The typed values went with the staged commands, which are consumed either way.
     typedVars_.clear();
