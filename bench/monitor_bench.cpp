@@ -9,6 +9,9 @@
 // BM_RecordingRowTiming: a recording at interval 1; how far each row's time lies from its
 // nominal second (the first row plus n seconds), on average, against a bare loop that sleeps to
 // the same nominal seconds and makes one query each time (target at most 50 ms; no drift).
+//
+// BM_MonitorStopLatency: switching the auto-refresh off and stopping a recording, each until its
+// thread is joined, against a bare thread woken and joined (target: within 100 ms).
 
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
@@ -25,6 +28,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -81,6 +85,16 @@ class SimulatorProcess {
     uint16_t port_ = 0;
 };
 
+// The module whose values the page timer refreshes (Egret's status page).
+int TimerModule(LidarUtilitiesManager& manager) {
+    const auto& tree = manager.getCurrentParser()->varTree;
+    for (size_t module = 0; module < tree.size(); ++module)
+        for (const auto& page : tree[module])
+            for (const VarInfo* var : page)
+                if (var->timer_update) return static_cast<int>(module);
+    return 0;
+}
+
 std::unique_ptr<LidarUtilitiesManager> ConnectedManager(uint16_t port) {
     auto manager = std::make_unique<LidarUtilitiesManager>(0, "");
     manager->InitConfigFileParser("Egret");
@@ -117,7 +131,7 @@ void BM_IdleConnectedManager(benchmark::State& state) {
         auto manager = ConnectedManager(lidar.port());
         if (!manager) return state.SkipWithError("the manager did not connect");
         // The status page is the one on screen: its timer values refresh every 3 s.
-        manager->setModuleIndexUse(0);
+        manager->setModuleIndexUse(TimerModule(*manager));
         const double before = CpuSeconds();
         std::this_thread::sleep_for(std::chrono::seconds(seconds));
         managerCpu = CpuSeconds() - before;
@@ -226,6 +240,64 @@ void BM_RecordingRowTiming(benchmark::State& state) {
     state.counters["ratio"] = bareMs > 0 ? managerMs / bareMs : 0;
 }
 BENCHMARK(BM_RecordingRowTiming)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+
+// Milliseconds from clearing a monitor thread's flag to its join, as switching the auto-refresh
+// off and stopping a recording do, against a bare thread woken from a condition-variable wait
+// and joined (target: within 100 ms).
+double BareWakeAndJoinMs() {
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool running = true;
+    std::thread waiter([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        wake.wait_for(lock, std::chrono::seconds(10), [&] { return !running; });
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto start = Clock::now();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        running = false;
+    }
+    wake.notify_all();
+    waiter.join();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+void BM_MonitorStopLatency(benchmark::State& state) {
+    SimulatorProcess lidar;
+    if (lidar.port() == 0) return state.SkipWithError("lidar-sim did not start");
+    auto manager = ConnectedManager(lidar.port());
+    if (!manager) return state.SkipWithError("the manager did not connect");
+    const QString folder = QDir::tempPath() + "/lidar-bench-stop-" +
+                           QString::number(QCoreApplication::applicationPid());
+    QDir().mkpath(folder);
+    manager->setMonitorRecordDurationSec(60);
+    double refreshMs = 0, recordMs = 0, bareMs = 0;
+    int rounds = 0;
+    for (auto _ : state) {
+        manager->setMonitorAutoRefresh(true);
+        // Anywhere in the second: sometimes waiting, sometimes reading.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300 + 97 * (rounds % 7)));
+        auto start = Clock::now();
+        manager->setMonitorAutoRefresh(false);
+        refreshMs += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+
+        manager->startMonitorRecord(QUrl::fromLocalFile(folder));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300 + 97 * (rounds % 7)));
+        start = Clock::now();
+        manager->stopMonitorRecord();
+        recordMs += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+        bareMs += BareWakeAndJoinMs();
+        ++rounds;
+    }
+    manager->Stop();
+    QDir(folder).removeRecursively();
+    state.counters["auto_refresh_off_ms"] = refreshMs / rounds;
+    state.counters["stop_record_ms"] = recordMs / rounds;
+    state.counters["bare_wake_join_ms"] = bareMs / rounds;
+    state.counters["ratio"] = bareMs > 0 ? std::max(refreshMs, recordMs) / bareMs : 0;
+}
+BENCHMARK(BM_MonitorStopLatency)->Iterations(10)->Unit(benchmark::kSecond)->UseRealTime();
 
 }  // namespace
 

@@ -8,6 +8,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimer>
@@ -47,9 +48,16 @@ size_t requestCount(const std::vector<const VarPosition*>& variables) {
     return requests.size();
 }
 
-void printVariants(LidarUtilitiesManager& manager, const QString& model, bool asDiagnostic) {
+void printVariants(LidarUtilitiesManager& manager, const QString& model, bool asDiagnostic,
+                   bool json) {
     const QStringList variants = manager.getMonitorHwVersionList();
     const QString applied = manager.getCurrentMonitorHwVersion();
+    if (json) {
+        const QJsonObject line{{"variants", QJsonArray::fromStringList(variants)},
+                               {"applied", applied}};
+        printResult(QString::fromUtf8(QJsonDocument(line).toJson(QJsonDocument::Compact)));
+        return;
+    }
     auto print = asDiagnostic ? printDiagnostic : printResult;
     if (variants.isEmpty()) {
         print(model + " has no monitor variants: the catalogue's own monitor page is used");
@@ -70,7 +78,8 @@ QString tableText(Session& session, const std::vector<const VarPosition*>& varia
             monitorcharts::splitColumnLabel(qs(var.var_name + var.name_suffix));
         rows.push_back({qs(var.var_name), session.manager().currentValueOf(&var), label.unit});
     }
-    const QString heading = "Monitor (" + session.manager().getCurrentMonitorHwVersion() + ") at " +
+    const QString variant = session.manager().getCurrentMonitorHwVersion();
+    const QString heading = "Monitor" + (variant.isEmpty() ? "" : " (" + variant + ")") + " at " +
                             QDateTime::currentDateTime().toString("HH:mm:ss") + ", refresh " +
                             QString::number(refresh);
     return heading + "\n" + formatTable({"NAME", "VALUE", "UNIT"}, rows, 2);
@@ -216,12 +225,12 @@ int followRecording(Session& session) {
     return status;
 }
 
-int plotRecording(const QString& csvPath) {
+int plotRecording(const QString& model, const QString& csvPath) {
     QString error;
     const auto charts = monitorcharts::MonitorChartSet::fromRecordFile(csvPath, &error);
-    const QString pngPath =
-        QFileInfo(csvPath).path() + "/" + QFileInfo(csvPath).completeBaseName() + ".png";
-    if (!charts || !charts->savePng(pngPath, &error)) {
+    const QFileInfo csv(csvPath);
+    const QString pngPath = csv.path() + "/" + csv.completeBaseName() + ".png";
+    if (!charts || !charts->savePng(pngPath, model + " - " + csv.fileName(), &error)) {
         printDiagnostic("error: no chart: " + error);
         return kExitFailed;
     }
@@ -248,7 +257,7 @@ int record(Session& session) {
     manager.Stop();
     if (!QFileInfo::exists(path)) return kExitFailed;
     printResult(path);
-    if (options.plot && plotRecording(path) != kExitOk) status = kExitFailed;
+    if (options.plot && plotRecording(options.model, path) != kExitOk) status = kExitFailed;
     return status;
 }
 
@@ -264,15 +273,21 @@ int commandMonitor(Session& session) {
     const bool recording = !options.recordDir.isEmpty();
     if (recording && !QFileInfo(options.recordDir).isDir())
         return usageError(options.recordDir + " is not a folder");
+    if (recording && options.json)
+        return usageError("--json applies to the live table; a recording is its CSV file");
     if (!options.variant.isEmpty()) {
         const QStringList variants = manager.getMonitorHwVersionList();
         if (!variants.contains(options.variant))
             return usageError("unknown monitor variant '" + options.variant + "'" +
                               (variants.isEmpty() ? "; " + options.model + " has none"
                                                   : "; the variants are: " + variants.join(", ")));
+        const int errorsBefore = session.errorCount();
         manager.selectMonitorHwVersion(options.variant);
+        // The manager said why (its file could not be read); another variant is not what was
+        // asked for.
+        if (session.errorCount() > errorsBefore) return kExitFailed;
     }
-    printVariants(manager, options.model, recording);
+    printVariants(manager, options.model, recording, options.json);
     const std::vector<const VarPosition*> variables = monitorVariables(session, module);
     if (variables.empty()) return usageError("the monitor page of " + options.model + " is empty");
 

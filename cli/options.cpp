@@ -76,8 +76,15 @@ void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
     monitor->add_option("--variant", args.variant, "apply this hardware variant first");
     CLI::Option* count =
         monitor->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
-    CLI::Option* record = monitor->add_option(
-        "--record", args.recordDir, "record to Monitor_<variant>_<time>.csv in this folder");
+    CLI::Option* record =
+        monitor
+            ->add_option("--record", args.recordDir,
+                         "record to Monitor_<variant>_<time>.csv in this folder")
+            ->check(CLI::Validator(
+                [](std::string& value) {
+                    return value.empty() ? std::string("needs a folder") : std::string();
+                },
+                "DIR"));
     record->excludes(count);
     monitor->add_option("--duration", args.duration, "length of the recording (default 60)")
         ->check(kPositiveWhole)

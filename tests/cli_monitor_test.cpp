@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QImage>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -27,29 +28,35 @@ TEST(LidarutilMonitor, ListsTheVariantsThenRefreshesTheTable) {
     const Outcome two = lidarutil({"monitor", "--count", "2"});
     ASSERT_EQ(two.exitCode, 0) << two.err.toStdString();
     const QStringList out = lines(two.out);
-    EXPECT_EQ(out.mid(0, 3), QStringList({"monitor variants of Egret (* applied):", "  * HW2.0",
-                                          "    HW1.0"}));
-    EXPECT_EQ(out.filter(QRegularExpression("^Monitor \\(HW2.0\\) at .*, refresh [12]$")).size(),
-              2)
+    EXPECT_EQ(out.mid(0, 3),
+              QStringList({"monitor variants of Egret (* applied):", "  * HW2.0", "    HW1.0"}));
+    EXPECT_EQ(out.filter(QRegularExpression("^Monitor \\(HW2.0\\) at .*, refresh [12]$")).size(), 2)
         << two.out.toStdString();
     EXPECT_EQ(out.filter(QRegularExpression("^  Laser Temperature +\\d+\\.\\d\\d +°C$")).size(), 2);
 
+    // With --json every line is a JSON object: the variants, then one per refresh.
     const Outcome chosen = lidarutil({"monitor", "--variant", "HW1.0", "--count", "1", "--json"});
     ASSERT_EQ(chosen.exitCode, 0) << chosen.err.toStdString();
-    EXPECT_TRUE(chosen.out.contains("  * HW1.0\n")) << chosen.out.toStdString();
+    ASSERT_EQ(lines(chosen.out).size(), 2) << chosen.out.toStdString();
+    const QJsonObject variants = QJsonDocument::fromJson(lines(chosen.out)[0].toUtf8()).object();
+    EXPECT_EQ(variants["applied"].toString(), "HW1.0");
+    EXPECT_EQ(variants["variants"].toArray().size(), 2);
     const QJsonObject refresh = QJsonDocument::fromJson(lines(chosen.out).last().toUtf8()).object();
     EXPECT_EQ(refresh["variant"].toString(), "HW1.0");
     EXPECT_EQ(refresh["values"].toObject()["Board Temperature"].toString(), "41.50");
 
     const Outcome unknown = lidarutil({"monitor", "--variant", "HW9"});
     EXPECT_EQ(unknown.exitCode, 2);
-    EXPECT_TRUE(unknown.err.contains("unknown monitor variant 'HW9'; the variants are: HW2.0, "
-                                     "HW1.0"))
+    EXPECT_TRUE(
+        unknown.err.contains("unknown monitor variant 'HW9'; the variants are: HW2.0, "
+                             "HW1.0"))
         << unknown.err.toStdString();
     EXPECT_FALSE(unknown.err.contains("connecting"));
 
     const Outcome noMonitor = lidarutil({"--model", "Heron-VRC", "monitor"});
     EXPECT_EQ(noMonitor.exitCode, 2);
+    const Outcome emptyFolder = lidarutil({"monitor", "--record", ""});
+    EXPECT_EQ(emptyFolder.exitCode, 2);
     const Outcome needsRecord = lidarutil({"monitor", "--duration", "5"});
     EXPECT_EQ(needsRecord.exitCode, 2);
     EXPECT_TRUE(needsRecord.err.contains("--record")) << needsRecord.err.toStdString();
@@ -77,10 +84,10 @@ TEST(LidarutilMonitor, RecordsRowsAndDrawsAChartOfEveryColumn) {
     // The simulated readings move: the rows differ beyond their time.
     EXPECT_NE(rows[1].section(',', 1), rows[3].section(',', 1));
 
-    // One chart per recorded value, two in a row, each 480 x 300.
+    // A title band, then one chart per recorded value, two in a row, each 480 x 300.
     const QImage chart(paths[1]);
     ASSERT_FALSE(chart.isNull()) << paths[1].toStdString();
-    EXPECT_EQ(chart.size(), QSize(2 * 480, (columns + 1) / 2 * 300));
+    EXPECT_EQ(chart.size(), QSize(2 * 480, 40 + (columns + 1) / 2 * 300));
 }
 
 TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {

@@ -5,8 +5,8 @@
 #include "command_text.h"
 
 TEST(CommandText, CodesAreHexadecimalAndSubCommandsGoOutAs0xFF) {
-    const std::pair<const char*, uint8_t> codes[] = {
-        {"0x21", 0x21}, {"21", 0x21}, {"0X1a", 0x1A}, {"09", 0x09}, {"FF", 0xFF}, {"7", 0x07}};
+    const std::pair<const char*, uint8_t> codes[] = {{"0x21", 0x21}, {"21", 0x21}, {"0X1a", 0x1A},
+                                                     {"09", 0x09},   {"FF", 0xFF}, {"7", 0x07}};
     for (const auto& [text, expected] : codes) {
         uint8_t code = 0;
         u8Array_t payload;

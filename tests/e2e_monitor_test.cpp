@@ -1,6 +1,7 @@
 // The monitor's auto-refresh and recording against the simulator: the record file's name,
 // header and rows, the parameters, the refusals, stopping early, and the refresh switch.
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QRegularExpression>
@@ -14,6 +15,17 @@ using namespace testsupport;
 namespace {
 
 constexpr uint8_t kMonitorRead = 0x41;  // the shipped Egret monitor variants read 0x41
+constexpr uint8_t kStatusRead = 0x40;   // Egret's status page, refreshed by the page timer
+
+// The module whose values the page timer refreshes.
+int StatusModule(LidarUtilitiesManager& m) {
+    const auto& tree = m.getCurrentParser()->varTree;
+    for (size_t module = 0; module < tree.size(); ++module)
+        for (const auto& page : tree[module])
+            for (const VarInfo* var : page)
+                if (var->timer_update) return static_cast<int>(module);
+    return -1;
+}
 
 QUrl Url(const std::string& path) {
     return QUrl::fromLocalFile(QString::fromStdString(path));
@@ -23,14 +35,17 @@ QStringList Lines(const std::string& path) {
     return QString::fromStdString(ReadFile(path)).split('\n', Qt::SkipEmptyParts);
 }
 
-// "timestamp", then name and suffix of every shown variable of the monitor module.
-QString ExpectedHeader(LidarUtilitiesManager& m) {
-    QString header = "timestamp";
-    for (const auto& page : m.getCurrentParser()->varTree[m.getMonitorModuleIndex()])
-        for (const VarInfo* var : page)
-            if (!var->hidden)
-                header += "," + QString::fromStdString(var->var_name + var->name_suffix);
-    return header;
+// The shipped HW2.0 variant's columns, page by page: name and suffix with nothing between them.
+const QStringList kHw2Columns = {"APD Bias Voltage (V)",      "Laser Temperature (°C)",
+                                 "Receiver Temperature (°C)", "Window Heater Duty (%)",
+                                 "IMU Temperature (°C)",      "Motor Phase Current (A)",
+                                 "Input Voltage (V)",         "Input Current (A)",
+                                 "Input Power (W)",           "Frame Drops"};
+
+// The only file a recording left in the folder.
+std::string RecordFile(const TempDir& folder) {
+    const QStringList files = QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
+    return files.size() == 1 ? folder.file(files[0].toStdString()) : std::string();
 }
 
 TEST(MonitorRecord, WritesTheHeaderAndARowPerIntervalThenSaysWhereTheFileIs) {
@@ -72,7 +87,7 @@ TEST(MonitorRecord, WritesTheHeaderAndARowPerIntervalThenSaysWhereTheFileIs) {
     const std::string path = folder.file(files[0].toStdString());
     const QStringList lines = Lines(path);
     ASSERT_EQ(lines.size(), 3) << ReadFile(path);  // header, then a row at 0 s and at 1 s
-    EXPECT_EQ(lines[0], ExpectedHeader(m));
+    EXPECT_EQ(lines[0], "timestamp," + kHw2Columns.join(','));
     for (int row = 1; row < 3; ++row) {
         EXPECT_TRUE(QRegularExpression("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3},")
                         .match(lines[row])
@@ -123,8 +138,11 @@ TEST(MonitorRecord, HiddenVariablesStayOutAndStoppingEarlyKeepsTheFile) {
     const QStringList files = QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
     const std::string path = folder.file(files[0].toStdString());
     const std::string written = ReadFile(path);
-    EXPECT_EQ(Lines(path)[0], ExpectedHeader(m));
-    EXPECT_FALSE(Lines(path)[0].contains("Receiver Temperature"));
+    QStringList shownColumns = kHw2Columns;
+    shownColumns.removeAll("Receiver Temperature (°C)");
+    EXPECT_EQ(Lines(path)[0], "timestamp," + shownColumns.join(','));
+    // The rows leave it out too: a time and one value per shown column.
+    for (const QString& row : Lines(path).mid(1)) EXPECT_EQ(row.count(','), shownColumns.size());
     EXPECT_TRUE(session.Shown("success: Monitor record saved:\n" + path));
     // Nothing is written after stopMonitorRecord returns.
     QThread::msleep(1500);
@@ -136,9 +154,10 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
     ManagerSession session("Egret");
     LidarUtilitiesManager& m = session.m();
     EXPECT_TRUE(LidarUtilitiesManager(0, "").getMonitorAutoRefresh());  // on by default
-    m.setMonitorAutoRefresh(true);  // not connected: nothing starts yet
-    QThread::msleep(1200);
-    EXPECT_EQ(simulator->RequestCount(kMonitorRead), 0u);
+    m.setMonitorAutoRefresh(true);  // not connected: no thread starts yet
+    EXPECT_EQ(m.monitorRefreshThread, nullptr);
+    // The status page is on screen: the page thread refreshes its timer values meanwhile.
+    m.setModuleIndexUse(StatusModule(m));
     ASSERT_TRUE(session.Connect(simulator->Port()));
     // The first reading at once, then one a second.
     ASSERT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) >= 1; }, 2000));
@@ -148,14 +167,20 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
     EXPECT_GE(inThreeSeconds, 2u);
     EXPECT_LE(inThreeSeconds, 4u);
 
-    // Not while a log download (or an upgrade) owns the connection.
-    m.setIsDownloadLog(true);
-    QThread::msleep(300);  // a reading under way ends
-    const uint64_t busy = simulator->RequestCount(kMonitorRead);
-    QThread::msleep(2200);
-    EXPECT_EQ(simulator->RequestCount(kMonitorRead), busy);
-    m.setIsDownloadLog(false);
-    EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > busy; }, 2000));
+    // Not while a log download or an upgrade owns the connection.
+    for (const bool upgrading : {false, true}) {
+        if (upgrading)
+            m.isUpgrading.store(true);
+        else
+            m.setIsDownloadLog(true);
+        QThread::msleep(300);  // a reading under way ends
+        const uint64_t busy = simulator->RequestCount(kMonitorRead);
+        QThread::msleep(2200);
+        EXPECT_EQ(simulator->RequestCount(kMonitorRead), busy) << "upgrading " << upgrading;
+        m.isUpgrading.store(false);
+        m.setIsDownloadLog(false);
+        EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > busy; }, 2000));
+    }
 
     // A recording reads by itself: the auto-refresh skips its readings meanwhile, while the page
     // thread and the UI thread read the same client too.
@@ -172,6 +197,7 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
         const uint64_t reads = simulator->RequestCount(kMonitorRead) - before;
         EXPECT_GE(reads, 3u + 5u);
         EXPECT_LE(reads, 3u + 5u + 1u);  // an automatic reading may just precede the start
+        EXPECT_GT(simulator->RequestCount(kStatusRead), 0u);  // the page thread read too
     }
 
     // Switching off wakes the thread from its wait instead of letting it finish its second.
@@ -227,7 +253,8 @@ TEST(MonitorRecord, WritesNoRowsWhileTheLidarIsBusyButKeepsTime) {
         m.startMonitorRecord(Url(folder.path()));
         ASSERT_TRUE(WaitFor([&] { return !m.getIsMonitorRecording(); }, 6000));
         EXPECT_GE(clock.elapsed(), 1900);  // the duration ran its course
-        const QStringList files = QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
+        const QStringList files =
+            QDir(QString::fromStdString(folder.path())).entryList(QDir::Files);
         ASSERT_EQ(files.size(), 1);
         EXPECT_EQ(Lines(folder.file(files[0].toStdString())).size(), 1);  // the header alone
         EXPECT_EQ(simulator->RequestCount(kMonitorRead), reads);
@@ -246,23 +273,32 @@ TEST(MonitorVariants, OrderSkipsAndSelection) {
     // number first, malformed names skipped.
     CraftedConfig config("Egret", {{"Egret", "Egret"}});
     const std::string folder = config.configDir() + "/varID/Egret/";
-    const std::string variant = ReadFile(folder + "Monitor_HW1.0_1.csv");
+    const std::string header =
+        ReadFile(folder + "Monitor_HW1.0_1.csv")
+            .substr(0, ReadFile(folder + "Monitor_HW1.0_1.csv").find('\n') + 1);
     std::system(("rm -f '" + folder + "'Monitor_*.csv").c_str());
+    // Each file names its one variable after itself, so the applied variant shows which it is.
     for (const char* name :
          {"Monitor_A_2.csv", "Monitor_B_10.csv", "Monitor_A_1.csv", "Monitor__3.csv",
           "Monitor_A_.csv", "Monitor_A_x.csv", "Monitor_A_B_4.csv"})
-        WriteFile(folder + name, variant);
+        WriteFile(folder + name, header + "Monitor,Monitor,,v," + name +
+                                     ",,uint16,0x41,,,0,0,2,0,1,1,7,,,1,0,0,,0,0,0,0\n");
+    const auto appliedFile = [](LidarUtilitiesManager& manager) {
+        return manager.getCurrentParser()->varTree[manager.getMonitorModuleIndex()][0][0]->var_name;
+    };
     auto simulator = StartSimulator("Egret");
     ManagerSession session("Egret", config.root());
     LidarUtilitiesManager& m = session.m();
     EXPECT_EQ(m.getMonitorHwVersionList(), (QStringList{"B", "A_B", "A", "A"}));
     EXPECT_EQ(m.getCurrentMonitorHwVersion(), "B");
+    EXPECT_EQ(appliedFile(m), "Monitor_B_10.csv");
 
     ASSERT_TRUE(session.Connect(simulator->Port()));
     const int revision = m.getMonitorContentRevision();
     const uint64_t reads = simulator->RequestCount(kMonitorRead);
     m.selectMonitorHwVersion("A");
     EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+    EXPECT_EQ(appliedFile(m), "Monitor_A_2.csv");  // the first "A": the higher number
     EXPECT_EQ(m.getMonitorContentRevision(), revision + 1);
     EXPECT_GT(simulator->RequestCount(kMonitorRead), reads);  // read once at once
     m.selectMonitorHwVersion("C");
@@ -276,6 +312,72 @@ TEST(MonitorVariants, OrderSkipsAndSelection) {
     EXPECT_TRUE(session.Shown("error: Stop recording before switching hardware version"));
     EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
     m.stopMonitorRecord();
+}
+
+}  // namespace
+
+namespace {
+
+// The rows of a recording, once at least `rows` of them are on disk.
+QStringList WaitForRows(const TempDir& folder, int rows) {
+    QStringList lines;
+    WaitFor(
+        [&] {
+            const std::string path = RecordFile(folder);
+            lines = path.empty() ? QStringList() : Lines(path).mid(1);
+            return lines.size() >= rows;
+        },
+        8000);
+    return lines;
+}
+
+TEST(MonitorRecord, AFailedReadingLeavesItsValuesEmptyAndMissedSlotsAreSkipped) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret");
+    LidarUtilitiesManager& m = session.m();
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    m.setMonitorRecordDurationSec(60);
+    TempDir folder;
+    m.startMonitorRecord(Url(folder.path()));
+    ASSERT_EQ(WaitForRows(folder, 1).size(), 1);
+    // The lidar refuses the next reading: its row says so with empty values, not the last ones.
+    simulator->SetFault(kMonitorRead, sim::Fault{sim::Fault::Kind::kStatus, 0, 4, 0});
+    QStringList rows = WaitForRows(folder, 2);
+    ASSERT_GE(rows.size(), 2);
+    EXPECT_EQ(rows[1].section(',', 1), QString(kHw2Columns.size() - 1, ','));
+    // A reading that takes 2.5 s: the slots it covered are skipped, not written in a burst.
+    simulator->SetFault(kMonitorRead, sim::Fault{sim::Fault::Kind::kDelay, 2500, 0, 0});
+    QThread::msleep(1200);
+    simulator->ClearFaults();
+    rows = WaitForRows(folder, 5);
+    m.stopMonitorRecord();
+    ASSERT_GE(rows.size(), 5);
+    for (int row = 2; row < rows.size(); ++row) {
+        const QDateTime previous =
+            QDateTime::fromString(rows[row - 1].section(',', 0, 0), "yyyy-MM-dd HH:mm:ss.zzz");
+        const QDateTime current =
+            QDateTime::fromString(rows[row].section(',', 0, 0), "yyyy-MM-dd HH:mm:ss.zzz");
+        EXPECT_GT(previous.msecsTo(current), 200) << rows.join('\n').toStdString();
+        EXPECT_FALSE(rows[row].section(',', 1).startsWith(','));  // fresh values again
+    }
+}
+
+TEST(MonitorRecord, LoadingAnotherModelEndsTheRecording) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret");
+    LidarUtilitiesManager& m = session.m();
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    m.setMonitorRecordDurationSec(60);
+    TempDir folder;
+    m.startMonitorRecord(Url(folder.path()));
+    ASSERT_EQ(WaitForRows(folder, 1).size(), 1);
+    m.InitConfigFileParser("Tern");
+    EXPECT_FALSE(m.getIsMonitorRecording());
+    const std::string path = RecordFile(folder);
+    EXPECT_TRUE(session.Shown("success: Monitor record saved:\n" + path));
+    // Every row has the columns its header names.
+    const QStringList lines = Lines(path);
+    for (const QString& row : lines.mid(1)) EXPECT_EQ(row.count(','), lines[0].count(','));
 }
 
 }  // namespace

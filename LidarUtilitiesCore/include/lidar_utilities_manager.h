@@ -93,6 +93,13 @@ class LidarUtilitiesManager : public QObject {
         int monitorModuleIndex READ getMonitorModuleIndex NOTIFY currentMonitorHwVersionChanged)
     Q_PROPERTY(
         int monitorContentRevision READ getMonitorContentRevision NOTIFY monitorContentChanged)
+    Q_PROPERTY(bool monitorAutoRefresh READ getMonitorAutoRefresh WRITE setMonitorAutoRefresh NOTIFY
+                   monitorAutoRefreshChanged)
+    Q_PROPERTY(int monitorRecordDurationSec READ getMonitorRecordDurationSec WRITE
+                   setMonitorRecordDurationSec NOTIFY monitorRecordParamsChanged)
+    Q_PROPERTY(int monitorRecordIntervalSec READ getMonitorRecordIntervalSec WRITE
+                   setMonitorRecordIntervalSec NOTIFY monitorRecordParamsChanged)
+    Q_PROPERTY(bool isMonitorRecording READ getIsMonitorRecording NOTIFY isMonitorRecordingChanged)
 
   public:
     // ---- Creation (lidar_utilities_manager.cpp) ----
@@ -257,6 +264,9 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE void stopMonitorRecord();
     void writeMonitorRecordHeader(QTextStream& stream);
     void writeMonitorRecordRow(QTextStream& stream);
+    // A row after a reading: the variables named in `unread` (their request failed) are left
+    // empty rather than repeating an older value as this reading's.
+    void writeMonitorRecordRow(QTextStream& stream, const std::set<std::string>& unread);
     void monitorAutoRefreshLoop();
     void monitorRecordLoop(QString path, int interval, int duration);
     // The file of the running (or the last) recording, and the rows written to it so far: what
@@ -440,6 +450,10 @@ class LidarUtilitiesManager : public QObject {
     // Variables that are read with one request, under their grouping key, in first-seen order.
     using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
     ReadGroups groupByReadRequest(const std::vector<VarInfo*>& vars) const;
+    // GetLidarModuleInfo: the requests that failed, or nullopt when nothing could be read. With
+    // runFlag, stops between groups once it reads false.
+    std::optional<std::vector<ReadFailure>> readModuleAndAnnounce(int module,
+                                                                  const std::atomic<bool>* runFlag);
     // Reads every group; the requests that failed, in group order.
     // With runFlag, stops between groups once it reads false.
     std::vector<ReadFailure> readGroups(ReadGroups& groups, const char* operation,
@@ -459,6 +473,7 @@ class LidarUtilitiesManager : public QObject {
     void clearStagingOnOwnerThread();
     void startMonitorRefreshLoop();
     void clearMonitorFlags();
+    void recordOneRow(QTextStream& stream);
     // The monitor module's shown variables, page by page, as a record holds them.
     std::vector<const VarInfo*> monitorRecordVariables() const;
     void stopMonitorRefreshLoop();

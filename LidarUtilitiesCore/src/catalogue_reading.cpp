@@ -95,6 +95,9 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
         if (currentParser && !currentConfigPath.empty() && path == currentConfigPath) return;
         currentConfigPath = path;
     }
+    // A recording's header names the loaded model's monitor variables: another model ends it
+    // (with its file kept and said) rather than writing rows of other columns under it.
+    stopMonitorRecord();
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
         auto cached = parserCache.find(path);
@@ -387,22 +390,29 @@ std::vector<LidarUtilitiesManager::ReadFailure> LidarUtilitiesManager::readGroup
 }
 
 void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
-    if (connectType.load() != 0 || !deviceIsIdle() || !currentParser) return;
+    readModuleAndAnnounce(module, nullptr);
+}
+
+std::optional<std::vector<LidarUtilitiesManager::ReadFailure>>
+LidarUtilitiesManager::readModuleAndAnnounce(int module, const std::atomic<bool>* runFlag) {
+    if (connectType.load() != 0 || !deviceIsIdle() || !currentParser) return std::nullopt;
     ReadGroups groups;
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return;
+        if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size()))
+            return std::nullopt;
         std::vector<VarInfo*> vars;
         for (const auto& page : (*varTree)[module])
             vars.insert(vars.end(), page.begin(), page.end());
         groups = groupByReadRequest(vars);
     }
-    std::vector<ReadFailure> failures = readGroups(groups, "GetLidarModuleInfo");
+    std::vector<ReadFailure> failures = readGroups(groups, "GetLidarModuleInfo", runFlag);
     {
         std::lock_guard<std::mutex> lock(fieldsMutex_);
-        lastModuleReadFailures = std::move(failures);
+        lastModuleReadFailures = failures;
     }
     notifyMyMapChanged();
+    return failures;
 }
 
 std::vector<LidarUtilitiesManager::ReadFailure> LidarUtilitiesManager::getLastModuleReadFailures()

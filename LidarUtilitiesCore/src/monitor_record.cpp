@@ -7,12 +7,23 @@
 #include <QFile>
 #include <QTextStream>
 #include <chrono>
+#include <optional>
+#include <set>
 
 #include "lidar_utilities_manager.h"
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
 constexpr long kRefreshPeriodMs = 1000;
+
+// The first of start + n x period after now. Readings keep to whole periods from the start, so
+// the time a reading takes does not accumulate; slots missed behind a slow reading are skipped,
+// not made up in a burst.
+Clock::time_point nextSlot(Clock::time_point start, Clock::duration period, Clock::time_point now) {
+    const auto passed = (now - start) / period;
+    return start + period * (passed + 1);
+}
 
 // The variables a record holds: every shown variable of the monitor module, page by page.
 std::vector<const VarInfo*> recordedVariables(
@@ -85,15 +96,15 @@ void LidarUtilitiesManager::stopMonitorRefreshLoop() {
 }
 
 void LidarUtilitiesManager::monitorAutoRefreshLoop() {
-    using Clock = std::chrono::steady_clock;
-    auto next = Clock::now();
+    const auto start = Clock::now();
+    const auto period = std::chrono::milliseconds(kRefreshPeriodMs);
     while (monitorRefreshRunning.load()) {
+        // The reading checks the flag between its requests, so switching off does not wait for
+        // a whole module from a slow lidar.
         if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load() &&
             !monitorRecording.load() && monitorModuleIndex.load() >= 0)
-            refreshMonitor();
-        // Once a second from the first reading, whatever a reading costs.
-        next += std::chrono::milliseconds(kRefreshPeriodMs);
-        if (!monitorWaitUntil(next, monitorRefreshRunning)) return;
+            readModuleAndAnnounce(monitorModuleIndex.load(), &monitorRefreshRunning);
+        if (!monitorWaitUntil(nextSlot(start, period, Clock::now()), monitorRefreshRunning)) return;
     }
 }
 
@@ -170,9 +181,8 @@ void LidarUtilitiesManager::stopMonitorRecord() {
 }
 
 // Rows fall on start + n × interval (not "interval after the last row"), so the time a reading
-// takes does not accumulate; while the lidar is busy a row is skipped, the clock runs on.
+// takes does not accumulate; while the lidar is busy a row is skipped and the clock runs on.
 void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int duration) {
-    using Clock = std::chrono::steady_clock;
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
         monitorRecording.store(false);
@@ -184,22 +194,35 @@ void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int du
     stream.setCodec("UTF-8");
     writeMonitorRecordHeader(stream);
     const auto start = Clock::now();
-    for (long row = 0; monitorRecording.load(); ++row) {
+    while (monitorRecording.load()) {
         const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
         if (elapsed.count() >= duration) break;
-        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load()) {
-            refreshMonitor();
-            writeMonitorRecordRow(stream);
-            stream.flush();
-            monitorRecordRows.fetch_add(1);
-        }
-        if (!monitorWaitUntil(start + std::chrono::seconds(interval) * (row + 1), monitorRecording))
+        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load())
+            recordOneRow(stream);
+        if (!monitorWaitUntil(nextSlot(start, std::chrono::seconds(interval), Clock::now()),
+                              monitorRecording))
             break;
     }
     file.close();
     monitorRecording.store(false);
     emit isMonitorRecordingChanged();
     showSuccessMessage("Monitor record saved:\n" + path);
+}
+
+// One reading, then its row. A reading that could not be made at all (the connection closed
+// after a failure) writes no row; a value whose request failed is left empty in its row rather
+// than repeating an older reading as this one.
+void LidarUtilitiesManager::recordOneRow(QTextStream& stream) {
+    const std::optional<std::vector<ReadFailure>> failures =
+        readModuleAndAnnounce(monitorModuleIndex.load(), &monitorRecording);
+    // Stopped in the middle of a reading: nothing more is written.
+    if (!failures || !monitorRecording.load()) return;
+    std::set<std::string> unread;
+    for (const ReadFailure& failure : *failures)
+        unread.insert(failure.names.begin(), failure.names.end());
+    writeMonitorRecordRow(stream, unread);
+    stream.flush();
+    monitorRecordRows.fetch_add(1);
 }
 
 QString LidarUtilitiesManager::getMonitorRecordFilePath() const {
@@ -224,8 +247,18 @@ void LidarUtilitiesManager::writeMonitorRecordHeader(QTextStream& stream) {
 }
 
 void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream) {
+    writeMonitorRecordRow(stream, {});
+}
+
+void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream,
+                                                  const std::set<std::string>& unread) {
     if (!currentParser || monitorModuleIndex.load() < 0) return;
     stream << QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss.zzz");
-    for (const VarInfo* var : monitorRecordVariables()) stream << "," << currentValueOf(var);
+    // One reading's values together: a read on another thread does not slip in between them.
+    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    for (const VarInfo* var : monitorRecordVariables()) {
+        stream << ",";
+        if (unread.count(var->var_name) == 0) stream << QString::fromStdString(var->current_val);
+    }
     stream << "\n";
 }

@@ -19,9 +19,9 @@
 
 #include "command_text.h"
 #include "lidar_utilities_manager.h"
-#include "set_channel.h"
 #include "sdk/text_fields.h"
 #include "sdk/vrc_client.h"
+#include "set_channel.h"
 #include "value_parsers.h"
 
 namespace {

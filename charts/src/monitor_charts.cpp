@@ -1,12 +1,11 @@
 #include "charts/monitor_charts.h"
 
 #include <QFile>
+#include <QFont>
 #include <QGraphicsScene>
 #include <QPainter>
 #include <QRegularExpression>
-#include <QTextStream>
 #include <QtCharts/QChart>
-#include <QtCharts/QDateTimeAxis>
 #include <QtCharts/QLineSeries>
 #include <QtCharts/QValueAxis>
 #include <algorithm>
@@ -21,30 +20,21 @@ namespace {
 const char* const kTimestampColumn = "timestamp";
 const char* const kRowTimeFormat = "yyyy-MM-dd HH:mm:ss.zzz";
 
-struct Recording {
-    QStringList labels;
-    QVector<QDateTime> times;
-    QVector<QStringList> rows;
-};
+}  // namespace
 
-// The file as the recorder writes it: a header, then rows with as many fields. Rows that do not
-// fit (a line cut short by a crash) are left out rather than shifting values between columns.
-bool readRecording(const QString& path, Recording& out, QString* error) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        if (error) *error = "cannot read " + path + ": " + file.errorString();
-        return false;
-    }
-    QTextStream stream(&file);
-    stream.setCodec("UTF-8");
-    const QStringList header = stream.readLine().split(',');
+bool parseRecording(const QByteArray& bytes, Recording& out, QString* error) {
+    out = Recording();
+    QStringList lines = QString::fromUtf8(bytes).split('\n');
+    for (QString& line : lines)
+        if (line.endsWith('\r')) line.chop(1);
+    const QStringList header = lines.isEmpty() ? QStringList() : lines.front().split(',');
     if (header.size() < 2 || header.front() != kTimestampColumn) {
-        if (error) *error = path + " is not a monitor recording (no \"timestamp\" header)";
+        if (error) *error = "not a monitor recording (no \"timestamp\" header)";
         return false;
     }
     out.labels = header.mid(1);
-    while (!stream.atEnd()) {
-        const QStringList fields = stream.readLine().split(',');
+    for (int i = 1; i < lines.size(); ++i) {
+        const QStringList fields = lines[i].split(',');
         if (fields.size() != header.size()) continue;
         const QDateTime time = QDateTime::fromString(fields.front(), kRowTimeFormat);
         if (!time.isValid()) continue;
@@ -54,13 +44,22 @@ bool readRecording(const QString& path, Recording& out, QString* error) {
     return true;
 }
 
-bool columnIsNumeric(const Recording& recording, int column) {
-    double value = 0;
-    return std::all_of(recording.rows.begin(), recording.rows.end(),
-                       [&](const QStringList& row) { return parseReading(row[column], value); });
+QVector<int> numericColumns(const Recording& recording) {
+    QVector<int> columns;
+    for (int c = 0; c < recording.labels.size(); ++c) {
+        bool anyNumber = false;
+        bool allNumbersOrGaps = true;
+        for (const QStringList& row : recording.rows) {
+            double value = 0;
+            if (parseReading(row[c], value))
+                anyNumber = true;
+            else if (!row[c].trimmed().isEmpty())
+                allNumbersOrGaps = false;
+        }
+        if (anyNumber && allNumbersOrGaps) columns.push_back(c);
+    }
+    return columns;
 }
-
-}  // namespace
 
 ColumnLabel splitColumnLabel(const QString& label) {
     static const QRegularExpression kBracketedEnd(R"(^(.*?)\s*[\(\[]([^\(\)\[\]]*)[\)\]]\s*$)");
@@ -89,10 +88,9 @@ MonitorChartSet::MonitorChartSet(const QStringList& labels) {
         column.chart->setMargins(QMargins(4, 4, 4, 4));
         column.series = new QLineSeries(column.chart);
         column.chart->addSeries(column.series);
-        column.timeAxis = new QDateTimeAxis(column.chart);
-        column.timeAxis->setFormat("HH:mm:ss");
-        column.timeAxis->setTitleText("time");
-        column.timeAxis->setTickCount(4);
+        column.timeAxis = new QValueAxis(column.chart);
+        column.timeAxis->setLabelFormat("%.0f");
+        column.timeAxis->setTitleText("s");
         column.valueAxis = new QValueAxis(column.chart);
         column.valueAxis->setTitleText(column.label.unit.isEmpty() ? "value" : column.label.unit);
         column.chart->addAxis(column.timeAxis, Qt::AlignBottom);
@@ -109,16 +107,19 @@ MonitorChartSet::~MonitorChartSet() {
 
 std::unique_ptr<MonitorChartSet> MonitorChartSet::fromRecordFile(const QString& path,
                                                                  QString* error) {
-    Recording recording;
-    if (!readRecording(path, recording, error)) return nullptr;
-    QVector<int> numeric;
-    QStringList labels;
-    for (int c = 0; c < recording.labels.size(); ++c) {
-        if (!recording.rows.isEmpty() && columnIsNumeric(recording, c)) {
-            numeric.push_back(c);
-            labels.push_back(recording.labels[c]);
-        }
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        if (error) *error = "cannot read " + path + ": " + file.errorString();
+        return nullptr;
     }
+    Recording recording;
+    if (!parseRecording(file.readAll(), recording, error)) {
+        if (error) *error = path + " is " + *error;
+        return nullptr;
+    }
+    const QVector<int> numeric = numericColumns(recording);
+    QStringList labels;
+    for (int c : numeric) labels.push_back(recording.labels[c]);
     auto set = std::make_unique<MonitorChartSet>(labels);
     for (int r = 0; r < recording.rows.size(); ++r) {
         QStringList values;
@@ -129,53 +130,78 @@ std::unique_ptr<MonitorChartSet> MonitorChartSet::fromRecordFile(const QString& 
 }
 
 void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values) {
-    if (!first_.isValid()) first_ = time;
+    if (!first_.isValid()) {
+        first_ = time;
+        for (Column& column : charts_)
+            column.timeAxis->setTitleText("s from " + time.toString("HH:mm:ss"));
+    }
     ++rows_;
+    const double seconds = static_cast<double>(first_.msecsTo(time)) / 1000.0;
     for (int i = 0; i < charts_.size() && i < values.size(); ++i) {
         double value = 0;
         if (!parseReading(values[i], value)) continue;
-        charts_[i].series->append(static_cast<qreal>(time.toMSecsSinceEpoch()), value);
-        fitAxes(charts_[i], time, value);
+        charts_[i].series->append(seconds, value);
+        fitAxes(charts_[i], seconds, value);
     }
 }
 
-// The vertical range follows the readings with a margin; a flat line gets a band around it so
-// that it is drawn in the middle rather than on an edge.
-void MonitorChartSet::fitAxes(Column& column, const QDateTime& time, double value) {
+// The vertical range follows the readings with a margin; a flat line gets a narrow band around
+// it. Counters and other whole numbers get whole-number ticks.
+void MonitorChartSet::fitAxes(Column& column, double seconds, double value) {
     column.low = column.hasValue ? std::min(column.low, value) : value;
     column.high = column.hasValue ? std::max(column.high, value) : value;
     column.hasValue = true;
+    column.wholeNumbers = column.wholeNumbers && value == std::floor(value);
     const double span = column.high - column.low;
-    const double margin = span > 0 ? span * 0.1 : std::max(std::fabs(value) * 0.01, 1.0);
-    column.valueAxis->setRange(column.low - margin, column.high + margin);
-    column.valueAxis->applyNiceNumbers();
-    const QDateTime end = time > first_ ? time : first_.addSecs(1);
-    column.timeAxis->setRange(first_, end);
+    if (column.wholeNumbers && span <= 4) {
+        const double low = std::floor(column.low) - 1;
+        const double high = std::ceil(column.high) + 1;
+        column.valueAxis->setRange(low, high);
+        column.valueAxis->setTickCount(static_cast<int>(high - low) + 1);
+        column.valueAxis->setLabelFormat("%.0f");
+    } else {
+        const double margin = span > 0 ? span * 0.1 : std::max(std::fabs(value) * 0.02, 0.01);
+        column.valueAxis->setRange(column.low - margin, column.high + margin);
+        column.valueAxis->setTickCount(5);
+        column.valueAxis->applyNiceNumbers();
+        if (column.wholeNumbers) column.valueAxis->setLabelFormat("%.0f");
+    }
+    column.timeAxis->setRange(0, std::max(seconds, 1.0));
+    column.timeAxis->applyNiceNumbers();
 }
 
 QChart* MonitorChartSet::chart(int i) const {
     return i >= 0 && i < charts_.size() ? charts_[i].chart : nullptr;
 }
 
-QSize MonitorChartSet::gridSize(int charts, QSize cell, int perRow) {
+QSize MonitorChartSet::gridSize(int charts, bool titled, QSize cell, int perRow) {
     if (charts <= 0 || perRow <= 0) return QSize(0, 0);
     const int columns = std::min(charts, perRow);
     const int rows = (charts + perRow - 1) / perRow;
-    return QSize(columns * cell.width(), rows * cell.height());
+    return QSize(columns * cell.width(), rows * cell.height() + (titled ? kTitleHeight : 0));
 }
 
-QImage MonitorChartSet::render(QSize cell, int perRow) const {
-    const QSize size = gridSize(charts_.size(), cell, perRow);
+QImage MonitorChartSet::render(const QString& title, QSize cell, int perRow) const {
+    const bool titled = !title.isEmpty();
+    const QSize size = gridSize(charts_.size(), titled, cell, perRow);
     if (size.isEmpty()) return QImage();
     QImage image(size, QImage::Format_ARGB32_Premultiplied);
     image.fill(Qt::white);
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing);
+    const int top = titled ? kTitleHeight : 0;
+    if (titled) {
+        QFont font = painter.font();
+        font.setPointSize(12);
+        font.setBold(true);
+        painter.setFont(font);
+        painter.drawText(QRect(0, 0, size.width(), kTitleHeight), Qt::AlignCenter, title);
+    }
     for (int i = 0; i < charts_.size(); ++i) {
         QChart* chart = charts_[i].chart;
         const QRectF source(QPointF(0, 0), QSizeF(cell));
-        const QRectF target(QPointF((i % perRow) * cell.width(), (i / perRow) * cell.height()),
-                            QSizeF(cell));
+        const QRectF target(
+            QPointF((i % perRow) * cell.width(), top + (i / perRow) * cell.height()), QSizeF(cell));
         // A scene owns what it holds: the chart is lent to it for the drawing only.
         QGraphicsScene scene;
         scene.addItem(chart);
@@ -187,8 +213,8 @@ QImage MonitorChartSet::render(QSize cell, int perRow) const {
     return image;
 }
 
-bool MonitorChartSet::savePng(const QString& path, QString* error) const {
-    const QImage image = render();
+bool MonitorChartSet::savePng(const QString& path, const QString& title, QString* error) const {
+    const QImage image = render(title);
     if (image.isNull()) {
         if (error) *error = "nothing to plot: the recording has no numeric values";
         return false;

@@ -56,7 +56,7 @@ void BlockStore::Build(const std::vector<const VarInfo*>& vars,
     setCommands_.clear();
     timerFields_.clear();
     readings_.clear();
-    AddLiveVariables(liveVars, vars, seed);
+    AddLiveVariables(liveVars, seed);
     for (const VarInfo* var : vars) {
         if (!var->get_cmd.empty()) AddGetVariable(*var, blocks);
         if (!var->set_cmd.empty()) AddSetVariable(*var);
@@ -71,25 +71,12 @@ void BlockStore::Build(const std::vector<const VarInfo*>& vars,
     blocks_ = std::move(blocks);
 }
 
-void BlockStore::AddLiveVariables(const std::vector<const VarInfo*>& vars,
-                                  const std::vector<const VarInfo*>& catalogue, uint32_t seed) {
+void BlockStore::AddLiveVariables(const std::vector<const VarInfo*>& vars, uint32_t seed) {
     live_.Clear();
-    const auto isLive = [&vars](const VarInfo* var) {
-        return std::find(vars.begin(), vars.end(), var) != vars.end();
-    };
     for (const VarInfo* var : vars) {
         BlockKey key;
-        if (!GetKeyOf(*var, key) || !PositionUsable(var->get_start_pos, var->offset)) continue;
-        // A monitor variant may read a field that another page of the catalogue shows (a
-        // status temperature): that field belongs to the catalogue and stays as it is.
-        const bool shownElsewhere =
-            std::any_of(catalogue.begin(), catalogue.end(), [&](const VarInfo* other) {
-                BlockKey otherKey;
-                return !isLive(other) && GetKeyOf(*other, otherKey) && otherKey == key &&
-                       other->get_start_pos < var->get_start_pos + var->offset &&
-                       var->get_start_pos < other->get_start_pos + other->offset;
-            });
-        if (!shownElsewhere) live_.Add(key, *var, seed);
+        if (GetKeyOf(*var, key) && PositionUsable(var->get_start_pos, var->offset))
+            live_.Add(key, *var, seed);
     }
 }
 
@@ -195,6 +182,7 @@ Bytes BlockStore::Peek(uint8_t command, const Bytes& payload) const {
 
 void BlockStore::Write(uint8_t command, const Bytes& payload, size_t offset, const Bytes& bytes) {
     std::lock_guard<std::mutex> lock(mutex_);
+    live_.Release({command, payload}, offset, bytes.size());
     PutBytes(blocks_[{command, payload}], offset, bytes);
 }
 

@@ -34,8 +34,8 @@ class BlockStore {
     // Builds the blocks and set commands from the catalogue's variables; the model name becomes
     // the 0x07 model text when the catalogue leaves bytes 72-87 empty. `readOnlyExtras` (the
     // monitor variants) add blocks only for requests the catalogue itself does not answer.
-    // `liveVars` (the monitor readings) change from read to read, as `seed` decides; a field
-    // that the catalogue shows outside them keeps its value.
+    // `liveVars` (the monitor readings) change from read to read, as `seed` decides, also where
+    // another page of the catalogue shows the same field (one sensor, two pages).
     // Never fails: variables whose command texts or positions are unusable are left out.
     void Build(const std::vector<const VarInfo*>& vars,
                const std::vector<const VarInfo*>& readOnlyExtras, const std::string& model,
@@ -51,7 +51,8 @@ class BlockStore {
     bool Serve(uint8_t command, const Bytes& payload, Bytes& out);
     // The block as it stands (empty when unknown); nothing advances.
     Bytes Peek(uint8_t command, const Bytes& payload) const;
-    // Writes bytes at offset, growing (or creating) the block as needed.
+    // Writes bytes at offset, growing (or creating) the block as needed; live monitor fields
+    // written over keep the written value from then on.
     void Write(uint8_t command, const Bytes& payload, size_t offset, const Bytes& bytes);
     void Replace(uint8_t command, const Bytes& payload, const Bytes& block);
 
@@ -85,8 +86,7 @@ class BlockStore {
     void AddSetVariable(const VarInfo& var);
     void FinishFixedBlocks(std::map<BlockKey, Bytes>& blocks, const std::string& model) const;
     void AdvanceTimers(const BlockKey& key, Bytes& block) const;
-    void AddLiveVariables(const std::vector<const VarInfo*>& vars,
-                          const std::vector<const VarInfo*>& catalogue, uint32_t seed);
+    void AddLiveVariables(const std::vector<const VarInfo*>& vars, uint32_t seed);
     const SetCommand* FindSetCommand(uint8_t command, const Bytes& payload) const;
 
     mutable std::mutex mutex_;

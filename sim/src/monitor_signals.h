@@ -23,6 +23,9 @@ class MonitorSignals {
     // live fields into the block.
     void Apply(const BlockKey& key, uint64_t n, Bytes& block) const;
     bool Drives(const BlockKey& key) const;
+    // Stops driving the fields that overlap [offset, offset + length) of the block: a value put
+    // there on purpose (a test's) stays as it was put.
+    void Release(const BlockKey& key, size_t offset, size_t length);
 
   private:
     struct Signal {

@@ -5,9 +5,10 @@
 // charts live and appends a row at every monitor refresh; lidarutil loads a recording into the
 // same charts and renders them to a PNG file.
 //
-// Needs a QApplication (Qt Charts draws with the widget module); without a display, run it on
-// the "offscreen" platform.
+// Drawing needs a QApplication (Qt Charts draws with the widget module); without a display, run
+// it on the "offscreen" platform. Reading a recording (parseRecording) needs only Qt Core.
 
+#include <QByteArray>
 #include <QDateTime>
 #include <QImage>
 #include <QSize>
@@ -19,7 +20,6 @@
 namespace QtCharts {
 class QChart;
 class QLineSeries;
-class QDateTimeAxis;
 class QValueAxis;
 }  // namespace QtCharts
 
@@ -36,6 +36,18 @@ ColumnLabel splitColumnLabel(const QString& label);
 // Reads numbers as a recording writes them: C-locale decimals, nothing else around them.
 bool parseReading(const QString& text, double& value);
 
+// A monitor record file: its column labels (after "timestamp"), and per row its time and values.
+// Rows whose field count or time does not fit (a line cut short by a crash) are left out.
+struct Recording {
+    QStringList labels;
+    QVector<QDateTime> times;
+    QVector<QStringList> rows;
+};
+bool parseRecording(const QByteArray& bytes, Recording& out, QString* error);
+// The columns worth a chart: every value a number or empty (a reading that failed), at least one
+// number.
+QVector<int> numericColumns(const Recording& recording);
+
 class MonitorChartSet {
   public:
     // One chart per label, in order.
@@ -44,40 +56,44 @@ class MonitorChartSet {
     MonitorChartSet(const MonitorChartSet&) = delete;
     MonitorChartSet& operator=(const MonitorChartSet&) = delete;
 
-    // Loads a monitor record file: its header gives the columns, every row a point of each.
-    // Columns that hold a value that is not a number (a text, a duration) are left out.
-    // Null with a reason when the file cannot be read or is not a monitor recording.
+    // Loads a monitor record file's numeric columns. Null with a reason when the file cannot be
+    // read or is not a monitor recording.
     static std::unique_ptr<MonitorChartSet> fromRecordFile(const QString& path, QString* error);
 
-    // Adds one reading; values[i] belongs to the i-th label. A value that is not a number leaves
-    // a gap in that chart.
+    // Adds one reading; values[i] belongs to the i-th label. A value that is not a number (an
+    // empty cell: that reading failed) leaves a gap in that chart's points.
     void appendRow(const QDateTime& time, const QStringList& values);
 
     int chartCount() const { return charts_.size(); }
     int rowCount() const { return rows_; }
     // The chart of column i, owned by this set; a front end shows it in a QChartView.
     QtCharts::QChart* chart(int i) const;
-    // Every chart in a grid of `perRow` columns, each `cell` large.
-    QImage render(QSize cell = defaultCell(), int perRow = kDefaultPerRow) const;
-    bool savePng(const QString& path, QString* error) const;
+    // A title band (when `title` is not empty) above every chart in a grid of `perRow` columns,
+    // each `cell` large.
+    QImage render(const QString& title = QString(), QSize cell = defaultCell(),
+                  int perRow = kDefaultPerRow) const;
+    bool savePng(const QString& path, const QString& title, QString* error) const;
 
     static constexpr int kDefaultPerRow = 2;
+    static constexpr int kTitleHeight = 40;
     static QSize defaultCell() { return QSize(480, 300); }
     // The size render() gives for `charts` charts.
-    static QSize gridSize(int charts, QSize cell = defaultCell(), int perRow = kDefaultPerRow);
+    static QSize gridSize(int charts, bool titled, QSize cell = defaultCell(),
+                          int perRow = kDefaultPerRow);
 
   private:
     struct Column {
         ColumnLabel label;
         QtCharts::QChart* chart = nullptr;
         QtCharts::QLineSeries* series = nullptr;
-        QtCharts::QDateTimeAxis* timeAxis = nullptr;
+        QtCharts::QValueAxis* timeAxis = nullptr;
         QtCharts::QValueAxis* valueAxis = nullptr;
         double low = 0;
         double high = 0;
         bool hasValue = false;
+        bool wholeNumbers = true;
     };
-    void fitAxes(Column& column, const QDateTime& time, double value);
+    void fitAxes(Column& column, double seconds, double value);
 
     QVector<Column> charts_;
     QDateTime first_;
