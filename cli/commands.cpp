@@ -75,10 +75,10 @@ void assignUnits(QVector<VarView>& variables, const QVariantList& pageLabels) {
     }
 }
 
-QVector<ModuleView> catalogueView(LidarUtilitiesManager& manager) {
-    const QVariantList modules = manager.level1List();
-    const QVariantList pageLists = manager.level2List();
-    const QVariantList map = manager.getMyMap();
+QVector<ModuleView> catalogueView(Session& session) {
+    const QVariantList modules = session.level1List();
+    const QVariantList pageLists = session.level2List();
+    const QVariantList map = session.variableMap();
     QVector<ModuleView> view;
     for (int m = 0; m < modules.size(); ++m) {
         ModuleView module{modules[m].toString(), {}};
@@ -91,8 +91,8 @@ QVector<ModuleView> catalogueView(LidarUtilitiesManager& manager) {
                 {}};
             for (const QVariant& fields : pages[p].toList()) {
                 VarView variable{fields.toMap(), QString(), QString()};
-                const VarInfo* var =
-                    manager.searchVarPtr(field(variable, "var_id").toStdString(), "var_id");
+                const VarInfo* var = session.manager().searchVarPtr(
+                    field(variable, "var_id").toStdString(), "var_id");
                 if (var != nullptr && var->type == 2 && var->switch_var != nullptr &&
                     !var->switch_var->set_cmd.empty())
                     variable.writtenWith = qs(var->switch_var->set_cmd) + " (via " +
@@ -393,7 +393,7 @@ std::vector<const VarPosition*> timerVariables(Session& session, int module) {
     std::vector<const VarPosition*> variables;
     for (const VarPosition& position : session.variables())
         if (position.module == module && !position.var->hidden &&
-            session.manager().isTimerUpdate(position.module, position.page, position.row))
+            session.isTimerUpdate(position.module, position.page, position.row))
             variables.push_back(&position);
     return variables;
 }
@@ -476,8 +476,7 @@ int commandModels(Session& session) {
 
 int commandShow(Session& session) {
     if (!session.options().arguments.isEmpty()) return usageError("show takes no arguments");
-    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
-    const QVector<ModuleView> modules = catalogueView(session.manager());
+    const QVector<ModuleView> modules = catalogueView(session);
     if (session.options().json) {
         printJson(QJsonDocument(modulesJson(session.options().model, modules, showVariableJson)));
         return kExitOk;
@@ -496,14 +495,13 @@ int commandShow(Session& session) {
 
 int commandInfo(Session& session) {
     if (!session.options().arguments.isEmpty()) return usageError("info takes no arguments");
-    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
     // The device-information module is the one read with the device information command.
     int module =
         session.moduleWhere([](const VarInfo& v) { return v.get_cmd == kDeviceInfoGetCmd; });
     if (module < 0) module = 0;
     bool complete = true;
     if (int status = connectAndRead(session, {module}, complete); status != kExitOk) return status;
-    const QVector<ModuleView> modules = selectModules(catalogueView(session.manager()), {module});
+    const QVector<ModuleView> modules = selectModules(catalogueView(session), {module});
     QJsonObject json;
     for (const ModuleView& m : modules)
         for (const PageView& page : m.pages)
@@ -521,7 +519,6 @@ int commandInfo(Session& session) {
 int commandRead(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() > 1) return usageError("read takes at most one module name");
-    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
     QVector<int> wanted;
     if (arguments.isEmpty()) {
         for (int m = 0; m < session.moduleNames().size(); ++m) wanted << m;
@@ -535,7 +532,7 @@ int commandRead(Session& session) {
     bool complete = true;
     if (int status = connectAndRead(session, wanted, complete); status != kExitOk) return status;
 
-    const QVector<ModuleView> modules = selectModules(catalogueView(session.manager()), wanted);
+    const QVector<ModuleView> modules = selectModules(catalogueView(session), wanted);
     if (session.options().json) {
         printJson(QJsonDocument(modulesJson(session.options().model, modules, readVariableJson)));
     } else {
@@ -552,12 +549,10 @@ int commandRead(Session& session) {
 }
 
 int commandSet(Session& session) {
-    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
     return applyEdits(session);
 }
 
 int commandFov(Session& session) {
-    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
     FovEdits edits;
     if (QString problem = parseFovEdits(session.options().arguments, edits); !problem.isEmpty())
         return usageError(problem);
@@ -594,7 +589,7 @@ int commandFov(Session& session) {
         if (modeIndex >= 0)
             manager.SetText(3, modeRow->module, modeRow->page, modeRow->row,
                             QString::number(modeIndex));
-        manager.Run(writeModule);
+        session.run(writeModule);
         if (session.errorCount() > errorsBefore) {
             session.explainRefusal();
             return kExitFailed;
@@ -610,7 +605,6 @@ int commandFov(Session& session) {
 int commandWatch(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() > 1) return usageError("watch takes at most one module name");
-    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
     int module = -1;
     if (arguments.isEmpty()) {
         module = session.moduleWhere([](const VarInfo& v) { return v.timer_update && !v.hidden; });
@@ -650,6 +644,7 @@ int runCommand(const Options& options) {
     if (options.command == "oplog") return commandOperationLog(session);
     if (options.command == "monitor") return commandMonitor(session);
     if (options.command == "heron") return commandHeron(session);
+    if (options.command == "wren") return commandWren(session);
     return usageError("unknown command '" + options.command + "'");
 }
 

@@ -29,6 +29,8 @@ int commandOperationLog(Session& session);
 int commandMonitor(Session& session);
 // heron_commands.cpp
 int commandHeron(Session& session);
+// wren_commands.cpp
+int commandWren(Session& session);
 // ota_commands.cpp: needs neither a lidar nor a model
 int commandOta(const Options& options);
 

@@ -27,7 +27,7 @@ QJsonArray historyJson(const QVariantList& history) {
 int commandSend(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.isEmpty()) return usageError("send needs a command code (HEADER)");
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
     LidarUtilitiesManager& manager = session.manager();
     manager.GetLocalCommandFileLog();
     const int errorsBefore = session.errorCount();

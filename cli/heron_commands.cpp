@@ -59,7 +59,7 @@ bool parseIndex(const QString& text, int count, int& index) {
 int heronVersions(Session& session) {
     if (!session.options().arguments.isEmpty())
         return usageError("heron versions takes no arguments");
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
     LidarUtilitiesManager& manager = session.manager();
     manager.HeronGetVersionInfo();
     const std::pair<QString, QString> versions[] = {
@@ -100,7 +100,7 @@ int heronImu(Session& session) {
         return usageError("ACCELERATION is the acceleration range's index, 0 to 3 (" +
                           indexMeanings(session, kAccelerationVariable, accelerationCodes) +
                           "), not '" + arguments[1] + "'");
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
     const int errorsBefore = session.errorCount();
@@ -123,7 +123,7 @@ int heronImu(Session& session) {
 int heronRestart(Session& session) {
     if (!session.options().arguments.isEmpty())
         return usageError("heron restart takes no arguments");
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
     LidarUtilitiesManager& manager = session.manager();
     const int ret = manager.HeronSendRestartCommand();
     if (ret != 0) {
@@ -149,7 +149,7 @@ int heronUpgrade(Session& session) {
     const QFileInfo package(arguments.front());
     if (!package.isFile() || !package.isReadable())
         return usageError("cannot read the package " + arguments.front());
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
     // Connected before the worker starts; the worker ends the upgrade with isUpgrading false,

@@ -266,7 +266,7 @@ int record(Session& session) {
 int commandMonitor(Session& session) {
     const Options& options = session.options();
     if (!options.arguments.isEmpty()) return usageError("monitor takes no positional arguments");
-    if (int status = session.requireNetworkModel(); status != kExitOk) return status;
+    if (int status = session.requireNetworkModel("monitor"); status != kExitOk) return status;
     LidarUtilitiesManager& manager = session.manager();
     const int module = manager.getMonitorModuleIndex();
     if (module < 0) return usageError(options.model + " has no Monitor module");

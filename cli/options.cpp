@@ -19,6 +19,10 @@ QString combinationError(const Options& options) {
                "./Config/auth_config.csv)";
     if (!options.port.isEmpty() && options.host.isEmpty())
         return "--port needs --host (the embedded simulator picks its own port)";
+    if (options.rs485.isEmpty() != options.uart.isEmpty())
+        return "--rs485 and --uart go together (the serial model uses both lines)";
+    if (!options.rs485.isEmpty() && !options.host.isEmpty())
+        return "--rs485 and --uart name serial lines; --host names a network lidar";
     return QString();
 }
 
@@ -44,7 +48,7 @@ const CLI::Validator kLocalPort(
 // follow the subcommand (fallthrough).
 struct Subcommands {
     std::string module;             // read, watch
-    std::vector<std::string> rest;  // set, fov, send, upgrade, log, oplog, heron, ota
+    std::vector<std::string> rest;  // set, fov, send, upgrade, log, oplog, heron, ota, wren
     int count = 0;                  // watch
     std::string variable;           // upgrade
     std::string dir;                // log
@@ -56,6 +60,7 @@ struct Subcommands {
     // ota pack: a file per component (in the package's order), the package written.
     std::array<std::string, 5> componentFiles;
     std::string output;
+    int vlan = -1;  // wren net
 };
 
 // A whole number of 1 or more (counts, seconds).
@@ -140,6 +145,43 @@ void addHeronAndOtaSubcommands(CLI::App& app, Subcommands& args) {
         ->required();
 }
 
+// wren: the Wren model's own settings and readers, each a command of its own.
+void addWrenSubcommand(CLI::App& app, Subcommands& args) {
+    const auto add = [](CLI::App& parent, const char* name, const char* description) {
+        CLI::App* sub = parent.add_subcommand(name, description);
+        sub->fallthrough();
+        return sub;
+    };
+    CLI::App* wren =
+        add(app, "wren",
+            "the Wren model's own settings (with --model Wren, over its serial lines, or "
+            "--model Wren-VRC)");
+    wren->require_subcommand(1);
+    add(*wren, "standby", "put the lidar in standby (on) or let it scan (off)")
+        ->add_option("on|off", args.rest, "on or off")
+        ->required();
+    add(*wren, "spin-rate", "set the spin rate, in the lidar's own unit (0-255)")
+        ->add_option("N", args.rest, "the spin rate")
+        ->required();
+    add(*wren, "return-mode", "set the return mode: single (strongest) or dual")
+        ->add_option("single|dual", args.rest, "the return mode")
+        ->required();
+    add(*wren, "baud", "read the serial point-cloud baud rate, or set it (Wren-VRC)")
+        ->add_option("RATE", args.rest, "the new rate in bit/s");
+    add(*wren, "destination", "set where the lidar sends its data (Wren-VRC)")
+        ->add_option("IP PORT", args.rest, "the destination address and port")
+        ->required();
+    CLI::App* net = add(*wren, "net",
+                        "set the lidar's address, netmask and gateway (Wren-VRC); the lidar "
+                        "applies them and drops the connection");
+    net->add_option("ADDRESS NETMASK GATEWAY", args.rest, "the three addresses")->required();
+    net->add_option("--vlan", args.vlan, "tag the lidar's traffic with this VLAN (1-4094)")
+        ->check(CLI::Range(1, 4094));
+    add(*wren, "net-config", "read the lidar's address, netmask and gateway (Wren-VRC)");
+    add(*wren, "destination-config", "read where the lidar sends its data (Wren-VRC)");
+    add(*wren, "safety", "read the function-safety state and its fault codes");
+}
+
 // The second-level command of heron and ota, and ota pack's files.
 void readHeronAndOtaArguments(const CLI::App& command, const Subcommands& args, Options& options) {
     const auto nested = command.get_subcommands();
@@ -201,14 +243,15 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
     watch->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
     addMonitorSubcommand(app, args);
     addHeronAndOtaSubcommands(app, args);
+    addWrenSubcommand(app, args);
 }
 
 // The first argument that is neither an option nor an option's value: what the user took for
 // a command when no subcommand matched.
 QString firstPositional(const QStringList& arguments) {
-    static const QStringList kValued = {"--model",  "--host",     "--port",    "--local-port",
-                                        "--token",  "--variable", "--dir",     "--variant",
-                                        "--record", "--duration", "--interval"};
+    static const QStringList kValued = {
+        "--model",   "--host",   "--port",     "--local-port", "--token", "--variable", "--dir",
+        "--variant", "--record", "--duration", "--interval",   "--rs485", "--uart",     "--vlan"};
     for (int i = 0; i < arguments.size(); ++i) {
         if (kValued.contains(arguments[i])) {
             ++i;
@@ -238,7 +281,7 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
         "from the repository root (the catalogues are read from ./Config).",
         "lidarutil");
     app.require_subcommand(1);
-    std::string model = "Egret", host, port, localPort, token;
+    std::string model = "Egret", host, port, localPort, token, rs485, uart;
     app.add_option("--model", model, "model catalogue to use (default Egret)");
     app.add_option("--host", host, "talk to the lidar at HOST instead of the embedded simulator")
         ->check(kHostName);
@@ -255,6 +298,11 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
                                      : std::string();
             },
             "TOKEN"));
+    app.add_option("--rs485", rs485,
+                   "the serial model's RS485 line (with --uart; default: the embedded "
+                   "simulator's pseudo-terminals)")
+        ->type_name("DEV");
+    app.add_option("--uart", uart, "the serial model's UART line (with --rs485)")->type_name("DEV");
     app.add_flag("--json", options.json, "machine-readable output on standard output");
     app.add_flag("-v,--verbose", options.verbose,
                  "the manager's log and developer lines on standard error");
@@ -287,6 +335,9 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     options.port = QString::fromStdString(port);
     options.localPort = QString::fromStdString(localPort);
     options.token = QString::fromStdString(token);
+    options.rs485 = QString::fromStdString(rs485);
+    options.uart = QString::fromStdString(uart);
+    options.vlan = args.vlan;
     options.command = QString::fromStdString(app.get_subcommands().front()->get_name());
     options.count = args.count;
     options.variable = QString::fromStdString(args.variable);

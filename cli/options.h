@@ -19,6 +19,9 @@ struct Options {
     QString port;       // empty: the manager's saved (or default) port
     QString localPort;  // empty: the manager's saved local host/port text
     QString token;      // the embedded simulator requires this token for writes
+    QString rs485;      // the serial model's lines; empty: the embedded simulator's
+    QString uart;
+    int vlan = -1;  // wren net: the VLAN id (-1: none)
     bool verbose = false;
     bool json = false;
     int count = 0;     // watch: stop after this many refreshes (0: until SIGINT)

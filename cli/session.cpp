@@ -10,6 +10,7 @@
 #include "output.h"
 #include "sdk/authorized_vrc_client.h"
 #include "sdk/logger.h"
+#include "sdk/serial_client.h"
 #include "sdk/vrc_client.h"
 
 namespace cli {
@@ -55,7 +56,7 @@ QString readFailureText(int code) {
 }
 
 Session::Session(const Options& options) : options_(options) {
-    if (options_.host.isEmpty()) isolateSettings();
+    if (options_.host.isEmpty() && options_.rs485.isEmpty()) isolateSettings();
     manager_ = std::make_unique<LidarUtilitiesManager>(0, "");
     receiver_ = std::make_unique<QObject>();
     wireMessages();
@@ -157,17 +158,48 @@ void Session::reportCatalogueProblems() const {
     for (int i = 0; i < problems.size() && i < kShown; ++i) printDiagnostic("  " + problems[i]);
 }
 
-int Session::requireNetworkModel() const {
+int Session::requireNetworkModel(const QString& command) const {
     const int kind = manager_->getConnectType();
     if (kind == 0) return kExitOk;
-    printDiagnostic("lidarutil: " + options_.model + " is " + connectionKindOf(kind) +
-                    "; its pages are not served as a variable map, so lidarutil can only list "
-                    "it (models)");
+    printDiagnostic("lidarutil: " + options_.model + " is " + connectionKindOf(kind) + "; " +
+                    command + " needs a network model");
     return kExitUsage;
 }
 
+bool Session::serialLines() const {
+    return manager_->getConnectType() == 1;
+}
+
 QString Session::endpoint() const {
+    if (serialLines())
+        return "RS485 " + manager_->serial_port_485() + ", UART " + manager_->serial_port_232();
     return manager_->getIpAddress() + ":" + manager_->getPort();
+}
+
+bool Session::startSerialSimulator() {
+    sim::SerialLidarSimulator::Options simOptions;
+    simOptions.model = options_.model.toStdString();
+    simOptions.configDir = "./Config";
+    serialSimulator_ = std::make_unique<sim::SerialLidarSimulator>(simOptions);
+    std::string error;
+    if (!serialSimulator_->Start(&error)) {
+        printDiagnostic("error: the simulator did not start: " + QString::fromStdString(error));
+        return false;
+    }
+    return true;
+}
+
+// The lines of the serial model: the ones named, or the embedded simulator's.
+bool Session::chooseSerialLines() {
+    if (!options_.rs485.isEmpty()) {
+        manager_->set_serial_port_485(options_.rs485);
+        manager_->set_serial_port_232(options_.uart);
+        return true;
+    }
+    if (!startSerialSimulator()) return false;
+    manager_->set_serial_port_485(QString::fromStdString(serialSimulator_->Rs485Path()));
+    manager_->set_serial_port_232(QString::fromStdString(serialSimulator_->UartPath()));
+    return true;
 }
 
 bool Session::startSimulator() {
@@ -185,15 +217,19 @@ bool Session::startSimulator() {
     return true;
 }
 
-int Session::connect(bool needsPages) {
-    if (needsPages) {
-        if (int status = requireNetworkModel(); status != kExitOk) return status;
-    } else if (manager_->getConnectType() == 1) {
+int Session::connect() {
+    if (serialLines()) {
+        if (!options_.host.isEmpty()) {
+            printDiagnostic("lidarutil: " + options_.model +
+                            " is reached over its serial lines (--rs485, --uart), not --host");
+            return kExitUsage;
+        }
+        if (!chooseSerialLines()) return kExitFailed;
+    } else if (!options_.rs485.isEmpty()) {
         printDiagnostic("lidarutil: " + options_.model +
-                        " is connected over its serial lines, which lidarutil cannot open yet");
+                        " has no serial lines of its own; --rs485 and --uart are for Wren");
         return kExitUsage;
-    }
-    if (options_.host.isEmpty()) {
+    } else if (options_.host.isEmpty()) {
         if (!startSimulator()) return kExitFailed;
         manager_->setIpAddress("127.0.0.1");
         manager_->setPort(QString::number(simulator_->Port()));
@@ -212,7 +248,8 @@ int Session::connect(bool needsPages) {
     // background would only compete with them (and its failures are not theirs).
     manager_->setMonitorAutoRefresh(false);
 
-    const QString what = simulator_ ? " (simulated " + options_.model + ")" : QString();
+    const QString what =
+        simulator_ || serialSimulator_ ? " (simulated " + options_.model + ")" : QString();
     printDiagnostic("connecting to " + endpoint() + what + " ...");
     return attemptConnection() ? kExitOk : kExitFailed;
 }
@@ -248,15 +285,48 @@ bool Session::attemptConnection() {
 }
 
 bool Session::connectionAlive() const {
+    if (!manager_->getIsConnected()) return false;
+    if (serialLines()) {
+        const std::shared_ptr<lidar::SerialClient> client = manager_->getSerialClient();
+        return client && client->IsOpen();
+    }
     const std::shared_ptr<AuthorizedVrcClient> client = manager_->getAuthorizedClient();
-    return manager_->getIsConnected() && client && client->IsOpen();
+    return client && client->IsOpen();
+}
+
+// The network model's pages are the generic ones; the serial models' are the manager's own.
+QVariantList Session::level1List() {
+    return manager_->getConnectType() == 0 ? manager_->level1List() : manager_->wrenLevel1List();
+}
+
+QVariantList Session::level2List() {
+    return manager_->getConnectType() == 0 ? manager_->level2List() : manager_->wrenLevel2List();
+}
+
+QVariantList Session::variableMap() {
+    return manager_->getConnectType() == 0 ? manager_->getMyMap() : manager_->getWrenMyMap();
+}
+
+bool Session::isTimerUpdate(int module, int page, int row) const {
+    return manager_->getConnectType() == 0 ? manager_->isTimerUpdate(module, page, row)
+                                           : manager_->isWrenTimerUpdate(module, page, row);
+}
+
+void Session::run(int page) {
+    if (manager_->getConnectType() == 0)
+        manager_->Run(page);
+    else
+        manager_->WrenRun(page);
 }
 
 ReadOutcome Session::readModule(int module) {
     const QStringList names = moduleNames();
     const QString name = module < names.size() ? names[module] : QString::number(module);
     printDiagnostic("reading " + name + " ...");
-    manager_->GetLidarModuleInfo(module);
+    if (manager_->getConnectType() == 0)
+        manager_->GetLidarModuleInfo(module);
+    else
+        manager_->WrenGetLidarModuleInfo(module);
     const auto failures = manager_->getLastModuleReadFailures();
     if (!connectionAlive()) {
         // The request that ended the connection (a time-out or a broken reply closes it) is
@@ -302,7 +372,7 @@ bool Session::explainRefusal() const {
 
 QStringList Session::moduleNames() {
     QStringList names;
-    for (const QVariant& name : manager_->level1List()) names << name.toString();
+    for (const QVariant& name : level1List()) names << name.toString();
     return names;
 }
 

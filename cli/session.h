@@ -15,6 +15,7 @@
 #include "lidar_utilities_manager.h"
 #include "options.h"
 #include "sim/lidar_simulator.h"
+#include "sim/serial_lidar_simulator.h"
 
 namespace cli {
 
@@ -45,14 +46,15 @@ class Session {
 
     // Loads the model's catalogue; kExitUsage (with a message) for a model that is not shipped.
     int loadModel();
-    // Refuses (kExitUsage, with a message) models whose pages the manager does not serve as a
-    // variable map: the serial kinds.
-    int requireNetworkModel() const;
+    // Refuses (kExitUsage, with a message naming `command`) the models of the serial kinds.
+    int requireNetworkModel(const QString& command) const;
+    // The model is reached over its two serial lines (kind 1).
+    bool serialLines() const;
 
-    // Starts the simulator when needed and connects; kExitOk or kExitFailed (messages printed).
-    // Commands that do not read pages (the console, transfers) also work on the VRC-over-serial
-    // models: needsPages false.
-    int connect(bool needsPages = true);
+    // Starts the simulator when needed (pseudo-terminals for the serial model, unless --rs485
+    // and --uart name its lines) and connects; kExitOk, kExitFailed or kExitUsage (messages
+    // printed).
+    int connect();
     // Connects again to the same lidar (after a network-settings write closed the connection).
     bool reconnect();
     // Reads one module with a progress line; false when the connection broke while reading.
@@ -61,6 +63,14 @@ class Session {
     // plain words and returns true.
     bool explainRefusal() const;
     bool connectionAlive() const;
+    // The catalogue pages as the manager serves them for the model's kind: the generic lists
+    // and variable map for a network model, the serial models' own otherwise.
+    QVariantList level1List();
+    QVariantList level2List();
+    QVariantList variableMap();
+    bool isTimerUpdate(int module, int page, int row) const;
+    // Applies the staged edits of a page through the kind's client.
+    void run(int page);
 
     LidarUtilitiesManager& manager() { return *manager_; }
     const Options& options() const { return options_; }
@@ -85,6 +95,8 @@ class Session {
     void reportCatalogueProblems() const;
     void wireMessages();
     bool startSimulator();
+    bool startSerialSimulator();
+    bool chooseSerialLines();
     bool attemptConnection();
     QString endpoint() const;
 
@@ -94,6 +106,7 @@ class Session {
     // file in a private home that disappears with the run.
     std::unique_ptr<QTemporaryDir> privateHome_;
     std::unique_ptr<sim::LidarSimulator> simulator_;
+    std::unique_ptr<sim::SerialLidarSimulator> serialSimulator_;
     std::unique_ptr<LidarUtilitiesManager> manager_;
     // Context of the connections to the manager's signals. They are direct: the manager's
     // workers print their messages themselves, at once and in order, and no signal argument

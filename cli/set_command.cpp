@@ -256,7 +256,7 @@ class SetCommand {
             if (manager_.getSetMapSize() == 0) continue;  // the lidar holds these values already
             anyStaged = true;
             const int errorsBefore = session_.errorCount();
-            manager_.Run(module);
+            session_.run(module);
             if (session_.errorCount() > errorsBefore) {
                 session_.explainRefusal();
                 return false;

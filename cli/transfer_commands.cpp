@@ -101,7 +101,7 @@ int commandUpgrade(Session& session) {
     QString problem;
     const VarPosition* variable = serialModel ? nullptr : upgradeVariable(session, problem);
     if (!serialModel && variable == nullptr) return usageError(problem);
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
     // Connected before the worker starts: no connection changes while it emits. The upgrade
@@ -155,7 +155,7 @@ int commandLog(Session& session) {
                           "'; its logs are: " + logs.join(", "));
     const QDir folder(session.options().dir.isEmpty() ? "." : session.options().dir);
     if (!folder.exists()) return usageError("no such folder: " + folder.path());
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
     SuccessWatch saved(manager, name + " download successful.");
@@ -206,7 +206,7 @@ int commandOperationLog(Session& session) {
     if (!QFileInfo(archive).absoluteDir().exists())
         return usageError("no such folder: " + QFileInfo(archive).absolutePath());
     if (archive.right(4) != ".tar") archive += ".tar";
-    if (int status = session.connect(false); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
     std::atomic<int> outcome{-1};
