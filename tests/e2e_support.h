@@ -196,6 +196,15 @@ class ManagerSession {
     // Starts a connect and waits for the worker to end; true when the lidar is connected.
     bool Connect(uint16_t port) {
         manager_->setPort(QString::number(port));
+        return ConnectAndWait();
+    }
+    // The same over the serial model's two lines.
+    bool ConnectSerial(const std::string& rs485, const std::string& uart) {
+        manager_->set_serial_port_485(QString::fromStdString(rs485));
+        manager_->set_serial_port_232(QString::fromStdString(uart));
+        return ConnectAndWait();
+    }
+    bool ConnectAndWait() {
         if (!manager_->ConnectLidar()) return false;
         WaitFor([this] { return !manager_->isConnecting(); }, 20000);
         manager_->waitForWorkers();

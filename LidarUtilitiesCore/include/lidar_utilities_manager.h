@@ -347,8 +347,10 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList wrenLevel2List();
     Q_INVOKABLE bool isWrenTimerUpdate(int module, int page, int var) const;
     Q_INVOKABLE void WrenRun(int page);
-    // The serial client of kind 1, or null.
+    // The serial client of kind 1 and its two lines, or null.
     std::shared_ptr<lidar::SerialClient> getSerialClient() const;
+    std::shared_ptr<lidar::SerialSource> getRs485Source() const;
+    std::shared_ptr<lidar::SerialSource> getUartSource() const;
 
     // ---- Log download (log_download.cpp) ----
     Q_INVOKABLE int DownloadLog(QUrl folder, QString name);

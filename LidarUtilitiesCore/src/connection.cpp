@@ -467,6 +467,16 @@ std::shared_ptr<lidar::SerialClient> LidarUtilitiesManager::getSerialClient() co
     return serialClient;
 }
 
+std::shared_ptr<lidar::SerialSource> LidarUtilitiesManager::getRs485Source() const {
+    std::lock_guard<std::mutex> lock(clientMutex_);
+    return rs485Source;
+}
+
+std::shared_ptr<lidar::SerialSource> LidarUtilitiesManager::getUartSource() const {
+    std::lock_guard<std::mutex> lock(clientMutex_);
+    return uartSource;
+}
+
 bool LidarUtilitiesManager::CheckLidarConnection() {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
     if (!client || !client->IsOpen()) return false;

@@ -1,0 +1,111 @@
+// lidarutil with the serial models: the Wren over its own lines (the embedded simulator's
+// pseudo-terminals, or the lines named with --rs485 and --uart) and the VRC-over-serial models
+// over their VRC client, as a person or a script runs it.
+
+#include <gtest/gtest.h>
+
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include "cli_support.h"
+#include "test_support.h"
+
+using testsupport::lidarutil;
+using testsupport::lines;
+using testsupport::Outcome;
+
+namespace {
+
+TEST(LidarutilWren, ReadsAndWritesItsPagesOverTheSerialLines) {
+    const Outcome info = lidarutil({"--model", "Wren", "info"});
+    ASSERT_EQ(info.exitCode, 0) << info.err.toStdString();
+    for (const char* line : {"Serial Number=WR2407300216", "Hardware Version=WRB-CORE-1.1.27",
+                             "Firmware Version=WREN_APP_V1_24.7.30", "Model Name=Wren"})
+        EXPECT_TRUE(lines(info.out).contains(line)) << line << "\n" << info.out.toStdString();
+    EXPECT_TRUE(info.err.contains("connecting to RS485 /dev/pts/")) << info.err.toStdString();
+
+    const Outcome set = lidarutil({"--model", "Wren", "set", "Spin Rate=20 Hz", "Standby=On"});
+    ASSERT_EQ(set.exitCode, 0) << set.err.toStdString();
+    EXPECT_EQ(lines(set.out), QStringList({"Spin Rate=20 (20 Hz)", "Standby=1 (On)"}));
+    EXPECT_TRUE(set.err.contains("Serial command [0x02] to set Spin Rate,  success."));
+
+    const Outcome send = lidarutil({"--model", "Wren", "send", "0x04"});
+    ASSERT_EQ(send.exitCode, 0) << send.err.toStdString();
+    EXPECT_TRUE(send.out.startsWith("header:  A5 5A 04 00")) << send.out.toStdString();
+
+    // Lines that do not exist: the manager's message, status 1.
+    const Outcome missing =
+        lidarutil({"--model", "Wren", "--rs485", "/dev/no-such-line", "--uart", "/dev/no", "info"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_TRUE(missing.err.contains("Connection Failed. Please check your RS485 serial port."));
+    EXPECT_TRUE(missing.err.contains("no such device")) << missing.err.toStdString();
+    for (const QStringList& bad :
+         {QStringList{"--model", "Wren", "--rs485", "/dev/x", "info"},
+          QStringList{"--model", "Wren", "--host", "10.0.0.1", "info"},
+          QStringList{"--model", "Egret", "--rs485", "/dev/x", "--uart", "/dev/y", "info"}}) {
+        const Outcome refused = lidarutil(bad);
+        EXPECT_EQ(refused.exitCode, 2) << bad.join(' ').toStdString();
+        EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
+    }
+}
+
+TEST(LidarutilWren, TheWrenCommandsCheckTheirValuesFirst) {
+    const Outcome safety = lidarutil({"--model", "Wren", "wren", "safety"});
+    ASSERT_EQ(safety.exitCode, 0) << safety.err.toStdString();
+    EXPECT_EQ(lines(safety.out), QStringList({"state=Normal", "fault_codes="}));
+    const Outcome standby = lidarutil({"--model", "Wren", "wren", "standby", "on"});
+    EXPECT_EQ(standby.exitCode, 0);
+    EXPECT_TRUE(standby.err.contains("set lidar mode successful"));
+
+    // 300 would reach the lidar as 44; an unknown mode or a VRC-only setting on the serial lines
+    // is refused before anything connects.
+    for (const QStringList& bad :
+         {QStringList{"--model", "Wren", "wren", "spin-rate", "300"},
+          QStringList{"--model", "Wren", "wren", "return-mode", "triple"},
+          QStringList{"--model", "Wren", "wren", "baud"},
+          QStringList{"--model", "Egret", "wren", "safety"},
+          QStringList{"--model", "Wren-VRC", "wren", "destination", "10.0.0.300", "2368"}}) {
+        const Outcome refused = lidarutil(bad);
+        EXPECT_EQ(refused.exitCode, 2) << bad.join(' ').toStdString();
+        EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
+    }
+
+    const Outcome baud = lidarutil({"--model", "Wren-VRC", "wren", "baud"});
+    ASSERT_EQ(baud.exitCode, 0) << baud.err.toStdString();
+    EXPECT_EQ(lines(baud.out), QStringList({"baud_rate=3000000"}));
+    const Outcome badRate = lidarutil({"--model", "Wren-VRC", "wren", "baud", "abc"});
+    EXPECT_EQ(badRate.exitCode, 1);
+    EXPECT_TRUE(badRate.err.contains("error: invalid baud rate value"));
+    const Outcome destination =
+        lidarutil({"--model", "Wren-VRC", "--json", "wren", "destination-config"});
+    ASSERT_EQ(destination.exitCode, 0) << destination.err.toStdString();
+    EXPECT_TRUE(destination.out.contains("\"destination\": \"192.168.1.100\""))
+        << destination.out.toStdString();
+    const Outcome net = lidarutil({"--model", "Wren-VRC", "wren", "net", "192.168.1.50",
+                                   "255.255.255.0", "192.168.1.1", "--vlan", "12"});
+    EXPECT_EQ(net.exitCode, 0) << net.err.toStdString();
+    EXPECT_TRUE(net.err.contains("Set Lidar Successfully")) << net.err.toStdString();
+}
+
+TEST(LidarutilWren, TheVrcOverSerialModelsReadSetAndWatchAsTheNetworkOnesDo) {
+    const Outcome read = lidarutil({"--model", "Wren-VRC", "read", "Operation"});
+    ASSERT_EQ(read.exitCode, 0) << read.err.toStdString();
+    EXPECT_TRUE(read.out.contains(QRegularExpression("Spin Rate +10 \\(10 Hz\\)")))
+        << read.out.toStdString();
+    const Outcome set = lidarutil({"--model", "Wren-VRC", "set", "Return Mode=Last"});
+    ASSERT_EQ(set.exitCode, 0) << set.err.toStdString();
+    EXPECT_EQ(lines(set.out), QStringList({"Return Mode=1 (Last)"}));
+    const Outcome watch = lidarutil({"--model", "Wren-VRC", "watch", "--count", "1"});
+    ASSERT_EQ(watch.exitCode, 0) << watch.err.toStdString();
+    EXPECT_TRUE(watch.out.contains("Board Temperature=35.40")) << watch.out.toStdString();
+
+    const Outcome heron = lidarutil({"--model", "Heron-VRC", "info"});
+    EXPECT_TRUE(lines(heron.out).contains("Base-Board FPGA Version=BF-2.3.1"))
+        << heron.out.toStdString();
+    const Outcome heronSet =
+        lidarutil({"--model", "Heron-VRC", "set", "IMU Angular Range=4000 dps"});
+    ASSERT_EQ(heronSet.exitCode, 0) << heronSet.err.toStdString();
+    EXPECT_EQ(lines(heronSet.out), QStringList({"IMU Angular Range=8 (4000 dps)"}));
+}
+
+}  // namespace
