@@ -418,6 +418,7 @@ class LidarUtilitiesManager : public QObject {
     bool commitConnection(uint64_t attempt, void (LidarUtilitiesManager::*loop)(),
                           bool pageThreadFirst);
     void abandonAttempt(const std::shared_ptr<AuthorizedVrcClient>& client);
+    void reportPageThreadFailure(const std::string& why);
     void joinThread(std::unique_ptr<std::thread>& thread);
     void startPagesThread(void (LidarUtilitiesManager::*loop)());
     void WrenVrcUpdatePagesTimer();
@@ -431,6 +432,8 @@ class LidarUtilitiesManager : public QObject {
     // deviceIsIdle for the serial kinds' own client.
     bool serialKindIdle() const;
     void releaseSerialLink(bool rs485, bool uart, bool client);
+    // The timer_update flag at a position of the tree; false for a position outside it.
+    bool timerUpdateAt(int module, int page, int var) const;
     void closeSerialLines();
     // The whole variable map and the level-1 and level-2 lists, whatever the kind.
     QVariantList buildVariableMap();

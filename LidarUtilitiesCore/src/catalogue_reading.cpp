@@ -470,7 +470,11 @@ void LidarUtilitiesManager::updatePagesTimer() {
 }
 
 bool LidarUtilitiesManager::isTimerUpdate(int module, int page, int var) const {
-    if (!currentParser || connectType.load() != 0) return false;
+    return connectType.load() == 0 && timerUpdateAt(module, page, var);
+}
+
+bool LidarUtilitiesManager::timerUpdateAt(int module, int page, int var) const {
+    if (!currentParser) return false;
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return false;
     const auto& pages = (*varTree)[module];

@@ -241,6 +241,12 @@ std::shared_ptr<AuthorizedVrcClient> LidarUtilitiesManager::openVrcConnection(co
     return authorized;
 }
 
+void LidarUtilitiesManager::reportPageThreadFailure(const std::string& why) {
+    showErrorMessage(QString("Connection Failed. Could not start the page thread: ") +
+                     QString::fromStdString(why));
+    writeLogMessage("Connection Error: could not start the page thread: " + why, "ERROR");
+}
+
 bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
                                              void (LidarUtilitiesManager::*loop)(),
                                              bool pageThreadFirst) {
@@ -268,12 +274,7 @@ bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
             threadFailure = e.what();
         }
     });
-    if (!threadFailure.empty()) {
-        showErrorMessage(QString("Connection Failed. Could not start the page thread: ") +
-                         QString::fromStdString(threadFailure));
-        writeLogMessage("Connection Error: could not start the page thread: " + threadFailure,
-                        "ERROR");
-    }
+    if (!threadFailure.empty()) reportPageThreadFailure(threadFailure);
     return committed;
 }
 
@@ -422,12 +423,7 @@ bool LidarUtilitiesManager::InitSerial() {
             threadFailure = e.what();
         }
     });
-    if (!threadFailure.empty()) {
-        showErrorMessage(QString("Connection Failed. Could not start the page thread: ") +
-                         QString::fromStdString(threadFailure));
-        writeLogMessage("Connection Error: could not start the page thread: " + threadFailure,
-                        "ERROR");
-    }
+    if (!threadFailure.empty()) reportPageThreadFailure(threadFailure);
     if (!committed) {
         uart->Close();
         rs485->Close();

@@ -44,15 +44,18 @@ const ConsoleTexts kVrcTexts{
     "Incorrect VRC payload was entered. Parsing failed.",
     "Query vrc command fail. Please input right vrc command header and payload."};
 constexpr uint32_t kSerialConsoleTimeoutMs = 5000;
+// clang-format off
+const char* const kLongPayloadWarning = "WARNING: This return payload is too long, only the first 1024 bytes are displayed. For a complete payload please use the log bytes flow function.";
+// clang-format on
 const ConsoleTexts kSerialTexts{
     "Incorrect Serial header was entered. Parsing failed.",
     "Incorrect Serial payload was entered. Parsing failed.",
     "Query Serial command fail. Please input right Serial command header and payload."};
-const ConsoleTexts kVrcSerialTexts{
-    "Incorrect Serial header was entered. Parsing failed.",
-    "Incorrect Serial payload was entered. Parsing failed.",
-    "Query Serial command fail. Please check BytesFlow in Log Window. Please input right Serial "
-    "command header and payload."};
+const ConsoleTexts kVrcSerialTexts{"Incorrect Serial header was entered. Parsing failed.",
+                                   "Incorrect Serial payload was entered. Parsing failed.",
+                                   // clang-format off
+    "Query Serial command fail. Please check BytesFlow in Log Window. Please input right Serial command header and payload."};
+// clang-format on
 
 std::string withoutHexPrefix(const std::string& text) {
     if (text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
@@ -212,10 +215,7 @@ std::optional<uint8_t> LidarUtilitiesManager::exchangeConsoleCommand(
     const size_t payloadBytes = reply.size() - headerBytes;
     const size_t shown = std::min(payloadBytes, kShownPayloadBytes);
     setConsoleReply(hexBytes(reply, 0, headerBytes), hexBytes(reply, headerBytes, shown));
-    if (payloadBytes > kShownPayloadBytes)
-        showErrorMessage(
-            "WARNING: This return payload is too long, only the first 1024 bytes are displayed. "
-            "For a complete payload please use the log bytes flow function.");
+    if (payloadBytes > kShownPayloadBytes) showErrorMessage(kLongPayloadWarning);
 
     sendCmdHistory.prepend(record);
     while (sendCmdHistory.size() > kHistoryLimit) sendCmdHistory.removeLast();

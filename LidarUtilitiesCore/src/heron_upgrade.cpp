@@ -17,6 +17,10 @@
 
 namespace {
 
+// clang-format off
+const char* const kRestartNotAcknowledged = "Heron upgrade completed. The restart command was not acknowledged; please power-cycle or reconnect the lidar if it does not respond.";
+// clang-format on
+
 constexpr long kPauseBeforeTransferMs = 300;
 // The lidar needs this long in upgrade mode before it takes the first component.
 constexpr long kPauseAfterUpgradeModeMs = 3000;
@@ -208,9 +212,7 @@ void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
         if (!sendHeronPlan(*client, package, plan)) return;
         endHeronUpgrade();
         if (HeronSendRestartCommand() != 0) {
-            showSuccessMessage(
-                "Heron upgrade completed. The restart command was not acknowledged; please "
-                "power-cycle or reconnect the lidar if it does not respond.");
+            showSuccessMessage(kRestartNotAcknowledged);
         } else {
             showSuccessMessage("Heron upgrade completed. Restart command has been sent.");
         }

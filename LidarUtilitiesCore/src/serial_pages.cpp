@@ -86,14 +86,7 @@ QVariantList LidarUtilitiesManager::wrenLevel2List() {
 }
 
 bool LidarUtilitiesManager::isWrenTimerUpdate(int module, int page, int var) const {
-    if (!currentParser || !isSerialKind(connectType.load())) return false;
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return false;
-    const auto& pages = (*varTree)[module];
-    if (page < 0 || page >= static_cast<int>(pages.size())) return false;
-    const auto& vars = pages[page];
-    if (var < 0 || var >= static_cast<int>(vars.size())) return false;
-    return vars[var]->timer_update;
+    return isSerialKind(connectType.load()) && timerUpdateAt(module, page, var);
 }
 
 // ---- Applying ----

@@ -16,6 +16,9 @@ constexpr long kPauseBeforeTransferMs = 300;
 constexpr long kRestartDelayMs = 10000;
 constexpr int kSerialModeUsingVrcUpgrade = 2;
 const char* const kVrcUpgradeCommand = "0x83";
+// clang-format off
+const char* const kRebootWithinTenSeconds = "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 seconds.";
+// clang-format on
 
 // The whole file; nullopt when it is larger than a signed 32-bit count can say.
 std::optional<u8Array_t> readPackage(QFile& file) {
@@ -133,9 +136,7 @@ void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string 
         writeLogMessage("Upgrade package transfer failed or is terminated.", "INFO");
         return;
     }
-    showSuccessMessage(
-        "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 "
-        "seconds.");
+    showSuccessMessage(kRebootWithinTenSeconds);
     if (!sleepUnlessClosing(kRestartDelayMs)) return;
     if (Restart() != 0) showErrorMessage("Auto reboot failed. Please reboot lidar manually.");
 }

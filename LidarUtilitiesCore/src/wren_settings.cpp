@@ -68,9 +68,9 @@ static WrenTarget wrenTarget(LidarUtilitiesManager& m) {
 
 // The four VRC-only operations: their own refusal texts.
 static std::shared_ptr<AuthorizedVrcClient> vrcSerialTarget(LidarUtilitiesManager& m,
-                                                            const char* operation) {
+                                                            const char* refusal) {
     if (m.getConnectType() != 2) {
-        m.showErrorMessage(QString(operation) + " is only supported in VRC serial mode");
+        m.showErrorMessage(refusal);
         return nullptr;
     }
     std::shared_ptr<AuthorizedVrcClient> client = m.getAuthorizedClient();
@@ -138,7 +138,8 @@ void LidarUtilitiesManager::WrenSetReturnMode(int mode) {
 // ---- Baud rate, destination, network (VRC over serial only) ----
 
 QString LidarUtilitiesManager::WrenGetBaudRate() {
-    std::shared_ptr<AuthorizedVrcClient> client = vrcSerialTarget(*this, "GetBaudRate");
+    std::shared_ptr<AuthorizedVrcClient> client =
+        vrcSerialTarget(*this, "GetBaudRate is only supported in VRC serial mode");
     if (!client) return QString();
     unsigned int rate = 0;
     const int code = client->WrenGetBaudRate(rate);
@@ -150,7 +151,8 @@ QString LidarUtilitiesManager::WrenGetBaudRate() {
 }
 
 void LidarUtilitiesManager::WrenSetBaudRateFromUI(QString rate) {
-    std::shared_ptr<AuthorizedVrcClient> client = vrcSerialTarget(*this, "SetBaudRate");
+    std::shared_ptr<AuthorizedVrcClient> client =
+        vrcSerialTarget(*this, "SetBaudRate is only supported in VRC serial mode");
     if (!client) return;
     // Whole text, base 10: "abc", "12abc" and a rate beyond 32 bits all read as 0.
     const unsigned int value = rate.toUInt(nullptr, 10);
@@ -167,7 +169,8 @@ void LidarUtilitiesManager::WrenSetBaudRateFromUI(QString rate) {
 }
 
 int LidarUtilitiesManager::WrenSetDestinationIPandPort(QString ip, int port) {
-    std::shared_ptr<AuthorizedVrcClient> client = vrcSerialTarget(*this, "SetDestinationIPandPort");
+    std::shared_ptr<AuthorizedVrcClient> client =
+        vrcSerialTarget(*this, "SetDestinationIPandPort is only supported in VRC serial mode");
     if (!client) return 0;
     // A port the 16-bit field cannot hold would reach the lidar as another port.
     if (port < 0 || port > std::numeric_limits<unsigned short>::max()) {
@@ -186,7 +189,8 @@ int LidarUtilitiesManager::WrenSetDestinationIPandPort(QString ip, int port) {
 
 int LidarUtilitiesManager::WrenSetNet(QString address, QString netmask, QString gateway, int flag,
                                       int id) {
-    std::shared_ptr<AuthorizedVrcClient> client = vrcSerialTarget(*this, "SetNet");
+    std::shared_ptr<AuthorizedVrcClient> client =
+        vrcSerialTarget(*this, "SetNet is only supported in VRC serial mode");
     if (!client) return 0;
     // Values their fields cannot hold would reach the lidar as other values.
     if (flag < 0 || flag > 0xFF || (flag != 0 && (id < 0 || id > 0xFFFF))) {

@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "device.h"
+#include "request_log.h"
 #include "sdk/vrc_frame.h"
 
 namespace sim {
@@ -73,11 +74,9 @@ class LidarSimulator::Impl {
     Options options;
     detail::Device device;
     std::atomic<uint16_t> port{0};
-    std::array<std::atomic<uint64_t>, 256> counts{};
+    detail::RequestLog requests;
     std::atomic<uint16_t> lastClientPort{0};
     std::atomic<int> connectionCount{0};
-    mutable std::mutex faultMutex;
-    std::map<uint8_t, Fault> faults;
 
   private:
     bool OpenListener(std::string* error);
@@ -93,7 +92,6 @@ class LidarSimulator::Impl {
     void Serve(Connection& conn);
     bool HandleRequest(Connection& conn, const vrc::Frame& request);
     bool SendReply(int fd, uint8_t command, const detail::Reply& reply, const Fault& fault);
-    Fault FaultFor(uint8_t command) const;
     std::optional<bool> ApplyTransferFault(Connection& conn, const vrc::Frame& request,
                                            const Fault& fault);
     bool SleepUnlessStopped(int ms);
@@ -339,8 +337,7 @@ void LidarSimulator::Impl::Serve(Connection& conn) {
 
 // Returns whether the connection stays open.
 bool LidarSimulator::Impl::HandleRequest(Connection& conn, const vrc::Frame& request) {
-    counts[request.command].fetch_add(1);
-    const Fault fault = FaultFor(request.command);
+    const Fault fault = requests.Received(request.command);
     if (fault.kind == Fault::Kind::kStatus) {
         return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
     }
@@ -423,12 +420,6 @@ std::optional<bool> LidarSimulator::Impl::ApplyTransferFault(Connection& conn,
     return std::nullopt;
 }
 
-Fault LidarSimulator::Impl::FaultFor(uint8_t command) const {
-    std::lock_guard<std::mutex> lock(faultMutex);
-    auto it = faults.find(command);
-    return it == faults.end() ? Fault{} : it->second;
-}
-
 bool LidarSimulator::Impl::SleepUnlessStopped(int ms) {
     std::unique_lock<std::mutex> lock(stopMutex_);
     return !stopCv_.wait_for(lock, std::chrono::milliseconds(ms),
@@ -461,33 +452,23 @@ const LidarSimulator::Options& LidarSimulator::GetOptions() const {
 }
 
 uint64_t LidarSimulator::RequestCount(uint8_t command) const {
-    return impl_->counts[command].load();
+    return impl_->requests.Count(command);
 }
 
 std::map<uint8_t, uint64_t> LidarSimulator::RequestCounts() const {
-    std::map<uint8_t, uint64_t> result;
-    for (size_t code = 0; code < impl_->counts.size(); ++code) {
-        if (const uint64_t n = impl_->counts[code].load()) result[static_cast<uint8_t>(code)] = n;
-    }
-    return result;
+    return impl_->requests.Counts();
 }
 
 void LidarSimulator::ResetCounters() {
-    for (auto& count : impl_->counts) count.store(0);
+    impl_->requests.ResetCounts();
 }
 
 void LidarSimulator::SetFault(uint8_t command, Fault fault) {
-    std::lock_guard<std::mutex> lock(impl_->faultMutex);
-    if (fault.kind == Fault::Kind::kNone) {
-        impl_->faults.erase(command);
-    } else {
-        impl_->faults[command] = fault;
-    }
+    impl_->requests.SetFault(command, fault);
 }
 
 void LidarSimulator::ClearFaults() {
-    std::lock_guard<std::mutex> lock(impl_->faultMutex);
-    impl_->faults.clear();
+    impl_->requests.ClearFaults();
 }
 
 std::vector<uint8_t> LidarSimulator::Block(uint8_t command,

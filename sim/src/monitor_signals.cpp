@@ -130,14 +130,13 @@ void MonitorSignals::Apply(const BlockKey& key, uint64_t n, Bytes& block) const 
 }
 
 void MonitorSignals::Release(const BlockKey& key, size_t offset, size_t length) {
-    signals_.erase(std::remove_if(signals_.begin(), signals_.end(),
-                                  [&](const Signal& s) {
-                                      const size_t end =
-                                          s.start + static_cast<size_t>(s.var.offset);
-                                      return s.key == key && s.start < offset + length &&
-                                             offset < end;
-                                  }),
-                   signals_.end());
+    signals_.erase(
+        std::remove_if(signals_.begin(), signals_.end(),
+                       [&](const Signal& s) {
+                           const size_t end = s.start + static_cast<size_t>(s.var.offset);
+                           return s.key == key && s.start < offset + length && offset < end;
+                       }),
+        signals_.end());
 }
 
 bool MonitorSignals::Drives(const BlockKey& key) const {

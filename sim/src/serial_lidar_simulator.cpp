@@ -14,6 +14,7 @@
 
 #include "device.h"
 #include "pty_line.h"
+#include "request_log.h"
 #include "sdk/serial_frame.h"
 
 namespace sim {
@@ -44,10 +45,8 @@ class SerialLidarSimulator::Impl {
 
     Options options;
     detail::Device device;
-    std::array<std::atomic<uint64_t>, 256> counts{};
+    detail::RequestLog requests;
     std::atomic<uint64_t> pointCloudWritten{0};
-    mutable std::mutex faultMutex;
-    std::map<uint8_t, Fault> faults;
     mutable std::mutex pathMutex;
     std::string rs485Path;
     std::string uartPath;
@@ -63,7 +62,6 @@ class SerialLidarSimulator::Impl {
     // Writes every byte unless the line stays full for kWriteTimeout or Stop comes.
     bool WriteAll(int fd, const uint8_t* data, size_t size);
     bool SleepUnlessStopped(int ms);
-    Fault FaultFor(uint8_t code) const;
 
     detail::PtyLine rs485_;
     detail::PtyLine uart_;  // used by the serving thread only once it runs
@@ -152,8 +150,7 @@ void SerialLidarSimulator::Impl::ReadRequests(Clock::time_point now) {
 }
 
 void SerialLidarSimulator::Impl::HandleRequest(const serial::Frame& request) {
-    counts[request.code].fetch_add(1);
-    const Fault fault = FaultFor(request.code);
+    const Fault fault = requests.Received(request.code);
     if (fault.kind == Fault::Kind::kStatus) {
         Reply(serial::EncodeFrame(request.code, fault.status, {}), Fault{});
         return;
@@ -249,12 +246,6 @@ bool SerialLidarSimulator::Impl::SleepUnlessStopped(int ms) {
     return ::poll(&wake, 1, ms) == 0 && !stopping_.load();
 }
 
-Fault SerialLidarSimulator::Impl::FaultFor(uint8_t code) const {
-    std::lock_guard<std::mutex> lock(faultMutex);
-    auto it = faults.find(code);
-    return it == faults.end() ? Fault{} : it->second;
-}
-
 // ---- public interface ------------------------------------------------------------------------
 
 SerialLidarSimulator::SerialLidarSimulator(Options options)
@@ -283,33 +274,23 @@ std::string SerialLidarSimulator::UartPath() const {
 }
 
 uint64_t SerialLidarSimulator::RequestCount(uint8_t code) const {
-    return impl_->counts[code].load();
+    return impl_->requests.Count(code);
 }
 
 std::map<uint8_t, uint64_t> SerialLidarSimulator::RequestCounts() const {
-    std::map<uint8_t, uint64_t> result;
-    for (size_t code = 0; code < impl_->counts.size(); ++code) {
-        if (const uint64_t n = impl_->counts[code].load()) result[static_cast<uint8_t>(code)] = n;
-    }
-    return result;
+    return impl_->requests.Counts();
 }
 
 void SerialLidarSimulator::ResetCounters() {
-    for (auto& count : impl_->counts) count.store(0);
+    impl_->requests.ResetCounts();
 }
 
 void SerialLidarSimulator::SetFault(uint8_t code, Fault fault) {
-    std::lock_guard<std::mutex> lock(impl_->faultMutex);
-    if (fault.kind == Fault::Kind::kNone) {
-        impl_->faults.erase(code);
-    } else {
-        impl_->faults[code] = fault;
-    }
+    impl_->requests.SetFault(code, fault);
 }
 
 void SerialLidarSimulator::ClearFaults() {
-    std::lock_guard<std::mutex> lock(impl_->faultMutex);
-    impl_->faults.clear();
+    impl_->requests.ClearFaults();
 }
 
 SerialState SerialLidarSimulator::GetState() const {
