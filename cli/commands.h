@@ -2,6 +2,9 @@
 
 // lidarutil's subcommands, one function each; every one returns the process exit status.
 
+#include <atomic>
+
+#include "lidar_utilities_manager.h"
 #include "options.h"
 
 namespace cli {
@@ -25,6 +28,9 @@ int commandHistory(Session& session);
 int commandUpgrade(Session& session);
 int commandLog(Session& session);
 int commandOperationLog(Session& session);
+// Draws an upgrade's progress until its worker reports the end (the second change of
+// isUpgrading); the first Ctrl-C warns, the second abandons the transfer.
+void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges);
 // monitor_commands.cpp
 int commandMonitor(Session& session);
 // heron_commands.cpp

@@ -47,13 +47,15 @@ QString indexMeanings(Session& session, const char* variable, const std::array<u
     return meanings.join(", ");
 }
 
-// A whole number from 0 to count - 1, in decimal digits only.
+// A whole number from 0 to count - 1, in ASCII decimal digits only: another script's digits
+// would convert to 0 and set a range nobody asked for.
 bool parseIndex(const QString& text, int count, int& index) {
     if (text.isEmpty() || text.size() > 3 ||
-        !std::all_of(text.begin(), text.end(), [](QChar c) { return c.isDigit(); }))
+        !std::all_of(text.begin(), text.end(), [](QChar c) { return c >= '0' && c <= '9'; }))
         return false;
-    index = text.toInt();
-    return index < count;
+    bool ok = false;
+    index = text.toInt(&ok, 10);
+    return ok && index < count;
 }
 
 int heronVersions(Session& session) {
@@ -137,10 +139,13 @@ int heronRestart(Session& session) {
     return kExitOk;
 }
 
-// The manager's log lines that follow the upgrade's course: one line per component.
+// The manager's log lines that follow the upgrade's course: one line per component, and the
+// parser's reason when it refuses the package.
 bool isUpgradeStep(const QString& line) {
     return line.startsWith("Heron upgrade: current partition=") ||
-           line.startsWith("Heron upgrade: skip ") || line.startsWith("Heron upgrade: sending ");
+           line.startsWith("Heron upgrade: skip ") || line.startsWith("Heron upgrade: sending ") ||
+           line.startsWith("Invalid OTA ") || line.startsWith("Component ") ||
+           line == "No component found in package";
 }
 
 int heronUpgrade(Session& session) {
@@ -179,12 +184,7 @@ int heronUpgrade(Session& session) {
         return kExitFailed;  // the manager has said why
     printDiagnostic("upgrading with " + package.fileName() + " (" +
                     QString::number(package.size()) + " bytes) ...");
-    ProgressRenderer progress("upgrade", "KiB");
-    while (upgradingChanges.load() < 2) {
-        progress.update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
-        QThread::msleep(kPollMs);
-    }
-    progress.finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+    followUpgrade(manager, upgradingChanges);
     // The worker ends after the restart request and the stop.
     manager.waitForWorkers();
     if (!completed.load()) {

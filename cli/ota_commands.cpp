@@ -23,9 +23,21 @@ QString hex(uint32_t value, int digits) {
     return "0x" + QString::number(value, 16).toUpper().rightJustified(digits, '0');
 }
 
-std::optional<u8Array_t> readFile(const QString& path) {
+// A package, as the upgrade takes it, is at most 2 GiB (the upgrade refuses a larger file).
+constexpr qint64 kLargestFile = INT32_MAX;
+
+// The file's bytes; nullopt with the reason when it cannot be read or is too large.
+std::optional<u8Array_t> readFile(const QString& path, QString& why) {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
+    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly)) {
+        why = "cannot read " + path;
+        return std::nullopt;
+    }
+    if (file.size() > kLargestFile) {
+        why = path + " holds " + QString::number(file.size()) +
+              " bytes; a package and its components are at most 2 GiB";
+        return std::nullopt;
+    }
     const QByteArray bytes = file.readAll();
     return u8Array_t(reinterpret_cast<const uint8_t*>(bytes.constData()),
                      reinterpret_cast<const uint8_t*>(bytes.constData()) + bytes.size());
@@ -119,9 +131,9 @@ int otaPack(const Options& options) {
     for (auto file = options.componentFiles.begin(); file != options.componentFiles.end(); ++file) {
         const std::optional<size_t> index = heron_ota::ComponentIndex(file.key().toStdString());
         if (!index) return usageError("unknown component " + file.key());
-        parts[*index] = readFile(file.value());
-        if (!parts[*index])
-            return usageError("cannot read " + file.key() + "'s file " + file.value());
+        QString why;
+        parts[*index] = readFile(file.value(), why);
+        if (!parts[*index]) return usageError(file.key() + ": " + why);
         if (parts[*index]->empty())
             return usageError(file.key() + "'s file " + file.value() +
                               " is empty; a package holds no empty component");
@@ -130,6 +142,9 @@ int otaPack(const Options& options) {
     std::string error;
     if (!heron_ota::BuildPackage(parts, package, error))
         return usageError("ota pack: " + QString::fromStdString(error));
+    if (package.size() > static_cast<size_t>(kLargestFile))
+        return usageError("ota pack: the package would hold " + QString::number(package.size()) +
+                          " bytes; the upgrade takes at most 2 GiB");
 
     QSaveFile out(options.output);
     if (!out.open(QIODevice::WriteOnly) ||
@@ -151,9 +166,9 @@ int otaPack(const Options& options) {
 int otaInspect(const Options& options) {
     if (options.arguments.size() != 1) return usageError("ota inspect takes one package file");
     const QString& path = options.arguments.front();
-    const std::optional<u8Array_t> package =
-        QFileInfo(path).isFile() ? readFile(path) : std::nullopt;
-    if (!package) return usageError("cannot read the package " + path);
+    QString why;
+    const std::optional<u8Array_t> package = readFile(path, why);
+    if (!package) return usageError(why);
     const Verdict verdict = judge(*package);
     if (!verdict.valid) {
         printDiagnostic(

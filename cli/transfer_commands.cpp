@@ -10,6 +10,7 @@
 #include <atomic>
 
 #include "commands.h"
+#include "interrupt.h"
 #include "output.h"
 #include "progress.h"
 #include "sdk/text_fields.h"
@@ -126,12 +127,7 @@ int commandUpgrade(Session& session) {
     }
     printDiagnostic("upgrading with " + package.fileName() + " (" + sizeText(package.size()) +
                     ") ...");
-    ProgressRenderer progress("upgrade", "KiB");
-    while (upgradingChanges.load() < 2) {
-        progress.update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
-        QThread::msleep(kPollMs);
-    }
-    progress.finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+    followUpgrade(manager, upgradingChanges);
     // The worker ends after its outcome: on the network models the restart 10 s later.
     manager.waitForWorkers();
     if (!transferred.seen()) explainTransferFailure(manager);
@@ -139,6 +135,28 @@ int commandUpgrade(Session& session) {
                          {"bytes", package.size()},
                          {"transferred", transferred.seen()}});
     return transferred.seen() ? kExitOk : kExitFailed;
+}
+
+void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges) {
+    // A lidar left with part of a package may not start again: the first Ctrl-C only warns, the
+    // second abandons the transfer by closing the connection.
+    InterruptGuard guard;
+    int interrupts = 0;
+    ProgressRenderer progress("upgrade", "KiB");
+    while (upgradingChanges.load() < 2) {
+        if (interrupted.exchange(false) && ++interrupts == 1) {
+            printDiagnostic(
+                "the upgrade is still running: stopping now leaves the lidar with part of the "
+                "package; press Ctrl-C again to abandon it");
+        } else if (interrupts == 2) {
+            printDiagnostic("abandoning the upgrade: closing the connection");
+            manager.Stop();
+            ++interrupts;
+        }
+        progress.update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+        QThread::msleep(kPollMs);
+    }
+    progress.finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
 }
 
 int commandLog(Session& session) {

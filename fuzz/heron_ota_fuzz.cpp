@@ -2,13 +2,16 @@
 // package. Whatever a header says, an accepted package has its components inside the file and
 // apart, and an extraction gives either nothing or exactly the bytes the header places (without
 // an FPGA image's leading block). The last 8 bytes of the input also serve as one more
-// component's offset and size, so that extraction meets headers the parser would refuse.
+// component's offset and size, so that extraction meets headers the parser would refuse. And a
+// package built by the rules from the same bytes is accepted, its components where they were put.
 
 #include <QCoreApplication>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "fuzz_support.h"
 #include "heron_ota_package.h"
@@ -61,6 +64,37 @@ void CheckExtraction(LidarUtilitiesManager& manager, const u8Array_t& package,
     Require(std::equal(bytes.begin(), bytes.end(), package.begin() + first));
 }
 
+// The other way round: a package built by the rules from the input (the components the first
+// byte picks, sizes and bytes from the rest) must be accepted, every component where it was put.
+void CheckWellFormedIsAccepted(LidarUtilitiesManager& manager, fuzzing::Input input) {
+    const uint8_t pick = input.Byte() & 0x1F;
+    if (pick == 0) return;
+    std::array<std::optional<u8Array_t>, heron_ota::kComponentCount> parts;
+    for (size_t i = 0; i < heron_ota::kComponentCount; ++i) {
+        if ((pick & (1u << i)) == 0) continue;
+        const size_t size = 1 + (size_t(input.Byte()) << 4) + input.Byte() % 16;
+        const std::string bytes = input.Text(size);
+        parts[i] = u8Array_t(bytes.begin(), bytes.end());
+        parts[i]->resize(size, 0xA5);
+    }
+    u8Array_t package;
+    std::string error;
+    Require(heron_ota::BuildPackage(parts, package, error));
+    HeronOtaPackageInfo info;
+    Require(manager.HeronParseOtaPackageHeader(package, info));
+    Require(info.flags == pick);
+    for (size_t i = 0; i < heron_ota::kComponentCount; ++i) {
+        const heron_ota::ComponentKind& kind = heron_ota::kComponents[i];
+        const HeronOtaComponentInfo& component = info.*(kind.info);
+        Require(component.present == parts[i].has_value());
+        if (!parts[i]) continue;
+        u8Array_t expected = *parts[i];
+        if (kind.fpga && expected.size() > heron_ota::kFpgaLeadingBlock)
+            expected.erase(expected.begin(), expected.begin() + heron_ota::kFpgaLeadingBlock);
+        Require(manager.HeronExtractComponentData(package, component, kind.name) == expected);
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -87,5 +121,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     described.present = true;
     for (const heron_ota::ComponentKind& kind : heron_ota::kComponents)
         CheckExtraction(*manager, package, described, kind);
+    CheckWellFormedIsAccepted(*manager, fuzzing::Input(data, size));
     return 0;
 }

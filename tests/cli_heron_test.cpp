@@ -9,35 +9,16 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
 
+#include "cli_support.h"
 #include "heron_ota_package.h"
 #include "test_support.h"
 
+using testsupport::lidarutil;
+using testsupport::Outcome;
+
 namespace {
-
-struct Outcome {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-Outcome lidarutil(
-    const QStringList& arguments,
-    const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir())) {
-    QProcess process;
-    process.setWorkingDirectory(workingDirectory);
-    process.start(LIDAR_BINARY_DIR "/cli/lidarutil", arguments);
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        ADD_FAILURE() << "lidarutil " << arguments.join(' ').toStdString() << " did not finish";
-    }
-    Outcome run;
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
-}
 
 std::string Bytes(size_t size, char seed) {
     std::string bytes(size, '\0');
@@ -144,18 +125,36 @@ TEST(LidarutilHeron, UpgradeAndImuRangeAgainstTheEmbeddedSimulator) {
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_TRUE(refused.err.contains("error: Invalid Heron OTA upgrade package"))
         << refused.err.toStdString();
+    EXPECT_TRUE(refused.err.contains("Invalid OTA component flags"));  // the parser's reason
 
     const Outcome imu = lidarutil({"--model", "Heron-VRC", "heron", "imu", "5", "3"});
     EXPECT_EQ(imu.exitCode, 0) << imu.err.toStdString();
     EXPECT_EQ(imu.out.trimmed(),
               "angular range 4000 dps (index 5, code 8), acceleration range 16 g (index 3, code "
               "3)");
+    // A digit of another script would convert to 0: refused like any other bad index.
+    for (const QString& digit : {QString::fromUtf8("\u0665"), QString::fromUtf8("\uFF15")}) {
+        const Outcome foreign = lidarutil({"--model", "Heron-VRC", "heron", "imu", digit, "0"});
+        EXPECT_EQ(foreign.exitCode, 2) << foreign.out.toStdString();
+    }
     const Outcome badIndex = lidarutil({"--model", "Heron-VRC", "heron", "imu", "6", "0"});
     EXPECT_EQ(badIndex.exitCode, 2);
     EXPECT_TRUE(badIndex.err.contains("0 to 5 (0 = 125 dps,") &&
                 badIndex.err.contains("5 = 4000 dps), not '6'"))
         << badIndex.err.toStdString();
     EXPECT_FALSE(badIndex.err.contains("connecting"));
+    const Outcome versions = lidarutil({"--model", "Heron-VRC", "heron", "versions"});
+    EXPECT_EQ(versions.exitCode, 0) << versions.err.toStdString();
+    EXPECT_EQ(testsupport::lines(versions.out),
+              QStringList({"model_version=HERON-M1 V1.3", "bmb_fpga_version=BF-2.3.1",
+                           "tmb_fpga_version=TF-1.9.0", "bmb_mcu_version=BM-4.0.7"}));
+    const Outcome restart = lidarutil({"--model", "Heron-VRC", "heron", "restart"});
+    EXPECT_EQ(restart.exitCode, 0) << restart.err.toStdString();
+    EXPECT_TRUE(restart.err.contains("Heron restart command sent; the lidar restarts"));
+    const Outcome read = lidarutil({"--model", "Heron-VRC", "read", "Operation"});
+    EXPECT_EQ(read.exitCode, 0) << read.err.toStdString();
+    EXPECT_TRUE(read.out.contains(QRegularExpression("IMU Angular Range +1 \\(250 dps\\)")))
+        << read.out.toStdString();
     const Outcome otherModel = lidarutil({"heron", "versions"});
     EXPECT_EQ(otherModel.exitCode, 2);
     EXPECT_TRUE(otherModel.err.contains("heron commands need --model Heron-VRC"));
