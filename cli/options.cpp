@@ -21,6 +21,8 @@ QString combinationError(const Options& options) {
         return "--port needs --host (the embedded simulator picks its own port)";
     if (options.rs485.isEmpty() != options.uart.isEmpty())
         return "--rs485 and --uart go together (the serial model uses both lines)";
+    if (!options.rs485.isEmpty() && options.rs485 == options.uart)
+        return "--rs485 and --uart name the same device (the serial model uses two lines)";
     if (!options.rs485.isEmpty() && !options.host.isEmpty())
         return "--rs485 and --uart name serial lines; --host names a network lidar";
     return QString();
@@ -269,6 +271,23 @@ QString oneLine(const CLI::ParseError& error) {
     return text;
 }
 
+// A command group (heron, ota, wren) named without one of its commands, or with one it does not
+// have: the group's commands, so that the user sees what to type.
+QString missingGroupCommand(const CLI::App& app, const QStringList& arguments) {
+    const std::vector<CLI::App*> chosen = app.get_subcommands();
+    if (chosen.empty()) return QString();
+    const CLI::App* group = chosen.front();
+    if (!group->get_subcommands().empty() || group->get_require_subcommand_min() == 0)
+        return QString();
+    QStringList names;
+    for (const CLI::App* command : group->get_subcommands({}))
+        names << QString::fromStdString(command->get_name());
+    const QString name = QString::fromStdString(group->get_name());
+    const QString given = firstPositional(arguments.mid(arguments.indexOf(name) + 1));
+    return name + " needs one of its commands: " + names.join(", ") +
+           (given.isEmpty() ? QString() : " ('" + given + "' is not one)");
+}
+
 }  // namespace
 
 ParsedCommandLine parseCommandLine(const QStringList& arguments) {
@@ -326,7 +345,10 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
         return result;
     } catch (const CLI::ParseError& error) {
         const QString unknown = app.get_subcommands().empty() ? firstPositional(arguments) : "";
-        result.error = unknown.isEmpty() ? oneLine(error) : "unknown command '" + unknown + "'";
+        const QString group = missingGroupCommand(app, arguments);
+        result.error = !unknown.isEmpty() ? "unknown command '" + unknown + "'"
+                       : !group.isEmpty() ? group
+                                          : oneLine(error);
         return result;
     }
 

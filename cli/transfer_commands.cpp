@@ -159,7 +159,22 @@ void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgra
     progress.finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
 }
 
+namespace {
+
+// Logs travel over VRC only: on the serial lines the manager would refuse them as if busy.
+bool overSerialLines(Session& session) {
+    return session.manager().getConnectType() == 1;
+}
+
+int refuseOverSerialLines(Session& session, const QString& command) {
+    return usageError(command + " needs a VRC connection; " + session.options().model +
+                      " is reached over its serial lines, which carry no logs");
+}
+
+}  // namespace
+
 int commandLog(Session& session) {
+    if (overSerialLines(session)) return refuseOverSerialLines(session, "log");
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("log takes one log name");
     const QString& name = arguments.front();
@@ -218,6 +233,7 @@ int commandLog(Session& session) {
 }
 
 int commandOperationLog(Session& session) {
+    if (overSerialLines(session)) return refuseOverSerialLines(session, "oplog");
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("oplog takes one archive path");
     QString archive = QFileInfo(arguments.front()).absoluteFilePath();

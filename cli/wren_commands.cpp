@@ -20,8 +20,9 @@ const QStringList kVrcOnly = {"baud", "destination", "net", "net-config", "desti
 
 // A whole decimal number from 0 to max.
 bool parseWhole(const QString& text, int max, int& value) {
-    if (text.isEmpty() || text.size() > 10 ||
-        !std::all_of(text.begin(), text.end(), [](QChar c) { return c.isDigit(); }))
+    if (text.isEmpty() || text.size() > 10 || !std::all_of(text.begin(), text.end(), [](QChar c) {
+            return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+        }))
         return false;
     bool ok = false;
     const qlonglong number = text.toLongLong(&ok);
@@ -34,7 +35,9 @@ bool isIpv4(const QString& text) {
     const QStringList parts = text.split('.');
     int octet = 0;
     return parts.size() == 4 && std::all_of(parts.begin(), parts.end(), [&](const QString& part) {
-               return part.size() <= 3 && parseWhole(part, 255, octet);
+               // "010" is refused, as the lidar's own parser refuses it: no octal guess.
+               const bool leadingZero = part.size() > 1 && part.startsWith(QLatin1Char('0'));
+               return part.size() <= 3 && !leadingZero && parseWhole(part, 255, octet);
            });
 }
 

@@ -39,7 +39,8 @@ const char* const kUsage =
     "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
     "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n"
     "  --serial               serve the serial lines on two pseudo-terminals instead of TCP\n"
-    "                         (prints \"rs485 PATH\" and \"uart PATH\"); serial faults also\n"
+    "                         (prints \"rs485 PATH\" and \"uart PATH\", and \"uart PATH\" again\n"
+    "                         when a hang-up fault replaces that line); serial faults also\n"
     "                         garbage-before-reply, bad-crc\n"
     "  --fault-state S[:C,..] the fault state the serial side reports: state 0-255, then\n"
     "                         hexadecimal fault codes (\"1:00A1,0102\")\n"
@@ -204,10 +205,18 @@ int RunSerial(const Arguments& args, sigset_t& stopSignals) {
         std::cerr << "lidar-sim: " << error << "\n";
         return 1;
     }
+    std::string uartPath = simulator.UartPath();
     std::cout << "rs485 " << simulator.Rs485Path() << "\n"
-              << "uart " << simulator.UartPath() << std::endl;
-    int received = 0;
-    sigwait(&stopSignals, &received);
+              << "uart " << uartPath << std::endl;
+    // A hang-up fault replaces the UART pair when the process may not hang a terminal up: the
+    // new path is printed as the first was, for whoever drives the simulator.
+    const timespec poll{0, 200 * 1000 * 1000};
+    while (sigtimedwait(&stopSignals, nullptr, &poll) < 0) {
+        const std::string now = simulator.UartPath();
+        if (now == uartPath) continue;
+        uartPath = now;
+        std::cout << "uart " << uartPath << std::endl;
+    }
     simulator.Stop();
     std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
     return 0;

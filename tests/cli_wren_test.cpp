@@ -29,6 +29,11 @@ TEST(LidarutilWren, ReadsAndWritesItsPagesOverTheSerialLines) {
     EXPECT_EQ(lines(set.out), QStringList({"Spin Rate=20 (20 Hz)", "Standby=1 (On)"}));
     EXPECT_TRUE(set.err.contains("Serial command [0x02] to set Spin Rate,  success."));
 
+    const Outcome read = lidarutil({"--model", "Wren", "read", "Settings"});
+    ASSERT_EQ(read.exitCode, 0) << read.err.toStdString();
+    EXPECT_TRUE(read.out.contains(QRegularExpression("Spin Rate +10 \\(10 Hz\\)")))
+        << read.out.toStdString();
+
     const Outcome send = lidarutil({"--model", "Wren", "send", "0x04"});
     ASSERT_EQ(send.exitCode, 0) << send.err.toStdString();
     EXPECT_TRUE(send.out.startsWith("header:  A5 5A 04 00")) << send.out.toStdString();
@@ -64,11 +69,20 @@ TEST(LidarutilWren, TheWrenCommandsCheckTheirValuesFirst) {
           QStringList{"--model", "Wren", "wren", "return-mode", "triple"},
           QStringList{"--model", "Wren", "wren", "baud"},
           QStringList{"--model", "Egret", "wren", "safety"},
-          QStringList{"--model", "Wren-VRC", "wren", "destination", "10.0.0.300", "2368"}}) {
+          QStringList{"--model", "Wren-VRC", "wren", "destination", "10.0.0.300", "2368"},
+          QStringList{"--model", "Wren-VRC", "wren", "destination", "010.1.2.3", "2368"},
+          QStringList{"--model", "Wren", "log", "Device Log"},
+          QStringList{"--model", "Wren", "oplog", "/tmp/ops"},
+          QStringList{"--model", "Wren", "--rs485", "/dev/x", "--uart", "/dev/x", "info"}}) {
         const Outcome refused = lidarutil(bad);
         EXPECT_EQ(refused.exitCode, 2) << bad.join(' ').toStdString();
         EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
     }
+
+    const Outcome unknown = lidarutil({"--model", "Wren", "wren", "foo"});
+    EXPECT_EQ(unknown.exitCode, 2);
+    EXPECT_TRUE(unknown.err.contains("wren needs one of its commands: standby, spin-rate,"))
+        << unknown.err.toStdString();
 
     const Outcome baud = lidarutil({"--model", "Wren-VRC", "wren", "baud"});
     ASSERT_EQ(baud.exitCode, 0) << baud.err.toStdString();

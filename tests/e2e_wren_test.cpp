@@ -4,6 +4,7 @@
 
 #include <zlib.h>
 
+#include <QSettings>
 #include <QUrl>
 
 #include "e2e_support.h"
@@ -189,6 +190,46 @@ TEST(WrenSerial, UpgradeIsReceivedWholeAndTheConnectionClosed) {
     EXPECT_FALSE(m.getIsConnected());
 }
 
+TEST(WrenSerial, FailedReconnectOverALiveLinkDropsIt) {
+    SerialWren wren;
+    LidarUtilitiesManager& m = wren.m();
+    ASSERT_TRUE(wren.Connect());
+    wren.session.ClearSpies();
+    EXPECT_FALSE(wren.session.ConnectSerial("/dev/no-such-serial-line", wren.lidar->UartPath()));
+    // The old link is gone, and the UI was told: nothing reads over closed lines.
+    EXPECT_FALSE(m.getIsConnected());
+    EXPECT_EQ(wren.session.connectedSignals().count(), 1);
+    EXPECT_EQ(m.getSerialClient(), nullptr);
+    EXPECT_TRUE(
+        wren.session.Shown("error: Connection Failed. Please check your RS485 serial port."));
+    ASSERT_TRUE(wren.Connect());
+    EXPECT_NE(m.getSerialClient(), nullptr);
+}
+
+TEST(WrenSerial, DestroyingTheManagerEndsAnUpgradeWaitingForTheLidar) {
+    std::unique_ptr<sim::SerialLidarSimulator> lidar = StartSerialSimulator();
+    auto session = std::make_unique<ManagerSession>("Wren");
+    ASSERT_TRUE(session->ConnectSerial(lidar->Rs485Path(), lidar->UartPath()));
+    TempDir folder;
+    WriteFile(folder.file("wren.bin"), std::string(4096, '\x5a'));
+    lidar->SetFault(0x05, sim::Fault{sim::Fault::Kind::kNoReply, 0, 0, 0});
+    // Longer than the test's time limit: only the closing of the lines ends the wait.
+    session->m().getSerialClient()->SetReceiveTimeout(3600 * 1000);
+    ASSERT_EQ(session->m().WrenUpgradeLidar(
+                  QUrl::fromLocalFile(QString::fromStdString(folder.file("wren.bin")))),
+              0);
+    ASSERT_TRUE(WaitFor([&] { return lidar->RequestCount(0x05) > 0; }, 5000));
+    // The destructor closes the lines, so the worker's wait ends and it is joined.
+    session.reset();
+    const std::vector<sim::Transfer> transfers = lidar->Transfers();
+    for (const sim::Transfer& transfer : transfers) EXPECT_FALSE(transfer.completed);
+    // Both lines were released: another program opens them.
+    lidar::SerialSource uart(lidar->UartPath(), 9600, 9600);
+    EXPECT_TRUE(uart.Open()) << uart.LastError();
+    lidar::SerialSource rs485(lidar->Rs485Path(), 115200, 115200);
+    EXPECT_TRUE(rs485.Open()) << rs485.LastError();
+}
+
 // ---- VRC over a serial line (kind 2) ----
 
 TEST(WrenVrc, SettingsAndReadersWithTheirChecks) {
@@ -224,6 +265,9 @@ TEST(WrenVrc, SettingsAndReadersWithTheirChecks) {
     EXPECT_TRUE(session.Shown("success: set baud rate successful"));
     EXPECT_EQ(m.baud_rate(), "460800");
     EXPECT_EQ(m.WrenGetBaudRate(), "460800");
+    // Kept for the next session, whose connect sends it to the lidar.
+    EXPECT_EQ(QSettings(SettingsFilePath(), QSettings::IniFormat).value("point_cloud_baudrate"),
+              "460800");
 
     EXPECT_EQ(m.WrenGetNetConfig(false),
               (QVariantList{"192.168.1.204", "255.255.255.0", "192.168.1.1", "0", "0"}));

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -118,6 +119,29 @@ TEST(SerialSource, CommandLineReadsDataLineDrainsAndCloseWakesAReader) {
     rs485.Write(std::string(3000, 'p'));
     EXPECT_TRUE(testsupport::WaitFor([&] { return data.BytesReceived() == 3000; }));
     EXPECT_EQ(data.Receive(buffer, sizeof buffer, got, 10), Status::kError);
+
+    // Opens and closes from two threads at once: each drain thread is joined, none orphaned.
+    std::thread reopener([&] {
+        for (int i = 0; i < 50; ++i) data.Open();
+    });
+    for (int i = 0; i < 50; ++i) data.Close();
+    reopener.join();
+    data.Close();
+    EXPECT_FALSE(data.IsOpen());
+}
+
+TEST(SerialSource, CloseLeavesThePortOpenableByAnyone) {
+    Pty pty;
+    SerialSource source(pty.path(), 9600, 9600);
+    ASSERT_TRUE(source.Open()) << source.LastError();
+    source.Close();
+    // Exclusive mode belongs to the terminal: left set, only root could open it again.
+    const int fd = ::open(pty.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    ASSERT_GE(fd, 0);
+    int exclusive = -1;
+    ASSERT_EQ(::ioctl(fd, TIOCGEXCL, &exclusive), 0);
+    EXPECT_EQ(exclusive, 0);
+    ::close(fd);
 }
 
 }  // namespace

@@ -396,6 +396,7 @@ class LidarUtilitiesManager : public QObject {
     static QString settingsFilePath();
     void readSettings();
     void saveConnectionSettings();
+    void savePointCloudBaudRate();
     void setAuthorizedClient(std::shared_ptr<AuthorizedVrcClient> client);
     bool clientIsOpen() const;
     bool deviceIsIdle() const;  // connected, open client, no upgrade or log download

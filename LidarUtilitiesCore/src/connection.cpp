@@ -346,11 +346,20 @@ bool LidarUtilitiesManager::InitVrcForSerial() {
 
 bool LidarUtilitiesManager::InitSerial() {
     const uint64_t attempt = attemptEpoch_.load();
-    if (!ifAttemptCurrent(attempt, [this] {
+    bool wasConnected = false;
+    if (!ifAttemptCurrent(attempt, [&] {
             connecting.store(true);
-            releaseSerialLink(true, true, false);
+            // A connect over a live link drops that link whole: no page loop or query is left
+            // reading over lines that are closed here.
+            wasConnected = isConnected.exchange(false);
+            stopPagesLoop();
+            releaseSerialLink(true, true, true);
         }))
         return false;
+    if (wasConnected) {
+        joinThread(pagesTimerThread);
+        emit isConnectedChanged();
+    }
     std::string rs485Device, uartDevice;
     uint32_t pointCloudRate = 0;
     {

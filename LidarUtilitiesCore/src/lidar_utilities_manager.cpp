@@ -69,6 +69,7 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     closingWake_.notify_all();
     if (std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient())
         client->GetClient().Close();
+    closeSerialLines();
     cancelConnectAttempt();
     waitForWorkers();
     Stop();
@@ -117,6 +118,15 @@ void LidarUtilitiesManager::saveConnectionSettings() {
     settings.setValue(
         QString("vrc_client_host_port/%1").arg(QString::fromStdString(selectLidarModel)),
         QString::fromStdString(vrcClientHostPort));
+    settings.sync();
+}
+
+void LidarUtilitiesManager::savePointCloudBaudRate() {
+    const QString path = settingsFilePath();
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QSettings settings(path, QSettings::IniFormat);
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    settings.setValue("point_cloud_baudrate", QString::number(pointCloudBaudRate));
     settings.sync();
 }
 

@@ -162,8 +162,13 @@ void LidarUtilitiesManager::WrenSetBaudRateFromUI(QString rate) {
     }
     const int code = client->WrenSetBaudRate(value);
     if (code == 0) {
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        pointCloudBaudRate = value;
+        {
+            std::lock_guard<std::mutex> lock(fieldsMutex_);
+            pointCloudBaudRate = value;
+        }
+        // Every VRC-over-serial connect sends the stored rate: kept only in memory, the next
+        // session would set the lidar back to the old one.
+        savePointCloudBaudRate();
     }
     reportWrenOutcome(*this, code, "set baud rate successful", "set baud rate error, ret:");
 }

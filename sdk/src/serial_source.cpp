@@ -107,7 +107,8 @@ void SerialSource::SetError(const std::string& text) {
 }
 
 bool SerialSource::Open() {
-    Close();
+    std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
+    CloseLocked();
     const int fd = OpenDevice();
     if (fd < 0) return false;
     const int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -195,6 +196,11 @@ bool SerialSource::Configure(int fd) {
 }
 
 void SerialSource::Close() {
+    std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
+    CloseLocked();
+}
+
+void SerialSource::CloseLocked() {
     std::thread drain;
     {
         std::lock_guard<std::mutex> lock(stateMutex_);
@@ -208,7 +214,12 @@ void SerialSource::Close() {
     std::lock_guard<std::mutex> io(ioMutex_);
     std::lock_guard<std::mutex> lock(stateMutex_);
     const int fd = fd_.exchange(-1);
-    if (fd >= 0) ::close(fd);  // also releases the lock
+    if (fd >= 0) {
+        // The exclusive mode belongs to the tty, not to this descriptor: left set, it would
+        // refuse the next open of anyone but root.
+        ::ioctl(fd, TIOCNXCL);
+        ::close(fd);  // also releases the lock
+    }
     if (wakeFd_ >= 0) ::close(wakeFd_);
     wakeFd_ = -1;
     draining_.store(false);

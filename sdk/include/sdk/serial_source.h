@@ -73,6 +73,7 @@ class SerialSource {
     int OpenDevice();
     bool Configure(int fd);
     void StartDrain();
+    void CloseLocked();
     void Drain(int fd, int wakeFd);
     // Waits for `events` on the line or a wake from Close; returns the line's revents, 0 on
     // time-out, -1 when woken by Close or on error.
@@ -86,6 +87,7 @@ class SerialSource {
     std::atomic<bool> commandMode_{false};
     std::atomic<bool> needRecv_{true};
 
+    std::mutex lifecycleMutex_;  // one Open or Close at a time: a drain thread is never orphaned
     std::mutex ioMutex_;  // Send, Receive, DiscardInput; Close takes it to release the descriptors
     mutable std::mutex stateMutex_;  // the descriptors' lifetime against the wake, the error text
     std::atomic<int> fd_{-1};
