@@ -329,15 +329,22 @@ QStringList WaitForRows(const TempDir& folder, int rows) {
     return lines;
 }
 
-TEST(MonitorRecord, AFailedReadingLeavesItsValuesEmptyAndMissedSlotsAreSkipped) {
-    auto simulator = StartSimulator("Egret");
-    ManagerSession session("Egret");
+// A connected Egret whose recording (60 s) has written its first row.
+class RecordingEgret : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(session.Connect(simulator->Port()));
+        m.setMonitorRecordDurationSec(60);
+        m.startMonitorRecord(Url(folder.path()));
+        ASSERT_EQ(WaitForRows(folder, 1).size(), 1);
+    }
+    std::unique_ptr<sim::LidarSimulator> simulator = StartSimulator("Egret");
+    ManagerSession session{"Egret"};
     LidarUtilitiesManager& m = session.m();
-    ASSERT_TRUE(session.Connect(simulator->Port()));
-    m.setMonitorRecordDurationSec(60);
     TempDir folder;
-    m.startMonitorRecord(Url(folder.path()));
-    ASSERT_EQ(WaitForRows(folder, 1).size(), 1);
+};
+
+TEST_F(RecordingEgret, AFailedReadingLeavesItsValuesEmptyAndMissedSlotsAreSkipped) {
     // The lidar refuses the next reading: its row says so with empty values, not the last ones.
     simulator->SetFault(kMonitorRead, sim::Fault{sim::Fault::Kind::kStatus, 0, 4, 0});
     QStringList rows = WaitForRows(folder, 2);
@@ -360,15 +367,7 @@ TEST(MonitorRecord, AFailedReadingLeavesItsValuesEmptyAndMissedSlotsAreSkipped) 
     }
 }
 
-TEST(MonitorRecord, LoadingAnotherModelEndsTheRecording) {
-    auto simulator = StartSimulator("Egret");
-    ManagerSession session("Egret");
-    LidarUtilitiesManager& m = session.m();
-    ASSERT_TRUE(session.Connect(simulator->Port()));
-    m.setMonitorRecordDurationSec(60);
-    TempDir folder;
-    m.startMonitorRecord(Url(folder.path()));
-    ASSERT_EQ(WaitForRows(folder, 1).size(), 1);
+TEST_F(RecordingEgret, LoadingAnotherModelEndsTheRecording) {
     m.InitConfigFileParser("Tern");
     EXPECT_FALSE(m.getIsMonitorRecording());
     const std::string path = RecordFile(folder);

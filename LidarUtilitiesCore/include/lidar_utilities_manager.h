@@ -395,6 +395,7 @@ class LidarUtilitiesManager : public QObject {
     static void initInstance(uint8_t tag, std::string configPath);
     static QString settingsFilePath();
     void readSettings();
+    static QString writableSettingsFilePath();
     void saveConnectionSettings();
     void savePointCloudBaudRate();
     void setAuthorizedClient(std::shared_ptr<AuthorizedVrcClient> client);

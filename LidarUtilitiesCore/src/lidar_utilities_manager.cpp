@@ -104,11 +104,15 @@ void LidarUtilitiesManager::readSettings() {
         udpPort = static_cast<uint16_t>(settings.value("udp_port", QVariant()).toInt());
 }
 
-void LidarUtilitiesManager::saveConnectionSettings() {
-    // QSettings does not create missing folders on every platform: make sure Documents exists.
+// QSettings does not create missing folders on every platform: make sure Documents exists.
+QString LidarUtilitiesManager::writableSettingsFilePath() {
     const QString path = settingsFilePath();
     QDir().mkpath(QFileInfo(path).absolutePath());
-    QSettings settings(path, QSettings::IniFormat);
+    return path;
+}
+
+void LidarUtilitiesManager::saveConnectionSettings() {
+    QSettings settings(writableSettingsFilePath(), QSettings::IniFormat);
     std::lock_guard<std::mutex> lock(fieldsMutex_);
     settings.setValue("device_ip_address", QString::fromStdString(ipAddress));
     settings.setValue("vrc_port", QString::fromStdString(vrcPort));
@@ -122,9 +126,7 @@ void LidarUtilitiesManager::saveConnectionSettings() {
 }
 
 void LidarUtilitiesManager::savePointCloudBaudRate() {
-    const QString path = settingsFilePath();
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QSettings settings(path, QSettings::IniFormat);
+    QSettings settings(writableSettingsFilePath(), QSettings::IniFormat);
     std::lock_guard<std::mutex> lock(fieldsMutex_);
     settings.setValue("point_cloud_baudrate", QString::number(pointCloudBaudRate));
     settings.sync();

@@ -21,13 +21,13 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 }
 
 // "N:STATUS" with min <= N <= max and a status byte.
-bool ParseCountAndStatus(const std::string& spec, Fault::Kind kind, long min, long max,
+bool ParseCountAndStatus(const std::string& text, Fault::Kind kind, long min, long max,
                          Fault& out) {
-    const size_t colon = spec.find(':');
+    const size_t colon = text.find(':');
     long number = 0;
     long status = 0;
-    if (colon == std::string::npos || !ParseCount(spec.substr(0, colon), max, number) ||
-        number < min || !ParseCount(spec.substr(colon + 1), 255, status))
+    if (colon == std::string::npos || !ParseCount(text.substr(0, colon), max, number) ||
+        number < min || !ParseCount(text.substr(colon + 1), 255, status))
         return false;
     out = Fault{};
     out.kind = kind;
