@@ -3,9 +3,9 @@
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <algorithm>
-#include <cmath>
 #include <memory>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "output.h"
@@ -79,9 +79,18 @@ QString encodingProblem(const VarInfo& var, const QString& value) {
     try {
         parser->parse(value.toStdString(), var.scale);
     } catch (const std::exception& e) {
-        return name + ": '" + value + "' is not accepted (" + e.what() + ")";
+        const QString refusal = name + ": '" + value + "' is not accepted (" + e.what() + ")";
+        const std::string range =
+            typeRangeIfOutside(var.var_type, value.toStdString(), var.scale);
+        if (range.empty()) return refusal;
+        return refusal + "; it is beyond what a " + qs(var.var_type) + " holds: " + qs(range);
     }
     return QString();
+}
+
+// "1 to 4094": the catalogue's limits of a variable.
+QString limitsOf(const VarInfo& var) {
+    return QString::number(var.min_val) + " to " + QString::number(var.max_val);
 }
 
 // One NAME=VALUE of the command line, resolved against the catalogue.
@@ -142,12 +151,13 @@ class SetCommand {
         const QString name = argument.left(equals).trimmed();
         edit.requested = argument.mid(equals + 1).trimmed();
         edit.row = session_.findVariable(name);
-        if (edit.row == nullptr)
-            return "unknown variable '" + name + "' (lidarutil show lists the variables)";
+        if (edit.row == nullptr) return hiddenVariableProblem(name);
         VarInfo* var = edit.row->var;
         edit.target = var->type == 2 ? var->switch_var : var;
         if (edit.target == nullptr || edit.target->set_cmd.empty())
             return qs(var->var_name) + " cannot be written";
+        if (var->permission == 0 || edit.target->permission == 0)
+            return qs(var->var_name) + " is read-only: the lidar reports it, it is not a setting";
         edit.targetRow = session_.positionOf(edit.target);
         if (isFovBound(*edit.target))
             return qs(var->var_name) + " is a field-of-view bound: use lidarutil fov";
@@ -163,6 +173,23 @@ class SetCommand {
             edit.expected = edit.stagedText = edit.requested;
         }
         return encodingProblem(*edit.target, edit.expected);
+    }
+
+    // A name the catalogue keeps hidden: the shown variable that writes it, when there is one.
+    QString hiddenVariableProblem(const QString& name) {
+        const VarInfo* hidden = nullptr;
+        for (const VarPosition& position : session_.variables())
+            if (position.var->hidden &&
+                qs(position.var->var_name).compare(name, Qt::CaseInsensitive) == 0)
+                hidden = position.var;
+        if (hidden == nullptr)
+            return "unknown variable '" + name + "' (lidarutil show lists the variables)";
+        for (const VarPosition& position : session_.variables())
+            if (!position.var->hidden && position.var->switch_var == hidden)
+                return qs(hidden->var_name) + " is written through " +
+                       qs(position.var->var_name) + ": set '" + qs(position.var->var_name) +
+                       "=VALUE'";
+        return qs(hidden->var_name) + " is kept hidden by the catalogue and cannot be set";
     }
 
     // The manager sends the field-of-view table, not these variables, with the 0x22 command;
@@ -210,11 +237,32 @@ class SetCommand {
     // The catalogue's limits are checked on staged values, module by module, before anything is
     // sent. Run takes the whole set map at once, so the check stages everything, puts the read
     // values back and clears the map; applyAll then stages one module at a time.
+    // The module check lets a typed 0 through, so each edited value is also checked on its own;
+    // a value outside its limits that nobody edited is the lidar's, and is explained as such.
     bool valuesWithinLimits() {
         for (const Edit& edit : edits_) stage(edit);
+        std::set<QString> refused;
+        QObject receiver;
+        QObject::connect(
+            &manager_, &LidarUtilitiesManager::someVarOutOfRange, &receiver,
+            [this, &refused](const QString& name) {
+                if (!explainHeldValue(name)) refused.insert(name);
+            },
+            Qt::DirectConnection);
         bool withinLimits = true;
         for (int module : targetModules())
             withinLimits = manager_.CheckModuleVarsWithinRange(module) && withinLimits;
+        QObject::disconnect(&manager_, nullptr, &receiver, nullptr);
+        for (const Edit& edit : edits_) {
+            const VarInfo& target = *edit.target;
+            if (manager_.CheckVarIsWithinRange(qs(target.var_id), "var_id") &&
+                refused.count(qs(target.var_name)) == 0)
+                continue;
+            withinLimits = false;
+            if (target.min_val != 0 || target.max_val != 0)
+                printDiagnostic("lidarutil: " + qs(target.var_name) + " must be " +
+                                limitsOf(target));
+        }
         for (const Edit& edit : edits_) {
             if (edit.targetRow == nullptr) continue;
             manager_.SetText(1, edit.targetRow->module, edit.targetRow->page, edit.targetRow->row,
@@ -224,6 +272,23 @@ class SetCommand {
         if (!withinLimits)
             printDiagnostic("lidarutil: values outside the catalogue's limits; nothing was sent");
         return withinLimits;
+    }
+
+    // After the module check's warning on a value that no edit gave: the lidar holds it. True
+    // when `name` is such a value.
+    bool explainHeldValue(const QString& name) {
+        const bool edited = std::any_of(edits_.begin(), edits_.end(), [&name](const Edit& edit) {
+            return qs(edit.target->var_name) == name;
+        });
+        const VarInfo* var = manager_.searchVarPtr(name.toStdString(), "var_name");
+        if (edited || var == nullptr) return false;
+        const bool bounded = var->min_val != 0 || var->max_val != 0;
+        printDiagnostic("lidarutil: the lidar holds " + name + "=" + manager_.currentValueOf(var) +
+                        (bounded ? ", outside its limits " + limitsOf(*var) : QString()) +
+                        ", and the check refuses the module's edits while it does: correct it "
+                        "in the same command ('" +
+                        name + "=VALUE')");
+        return true;
     }
 
     std::set<int> targetModules() const {
@@ -297,7 +362,7 @@ class SetCommand {
         for (const Edit& edit : edits_) {
             const QString name = qs(edit.row->var->var_name);
             const QString value = manager_.currentValueOf(edit.row->var);
-            if (!sameValue(edit.expected, value, edit.target->scale))
+            if (!readsBackAsWritten(edit))
                 printDiagnostic("warning: " + name + " reads back as '" + value + "', not '" +
                                 edit.expected + "'");
             if (session_.options().json)
@@ -308,29 +373,21 @@ class SetCommand {
         if (session_.options().json) printJson(QJsonDocument(json));
     }
 
-    // Display texts differ from typed ones in form only: "12.5" reads back as "12.50", an
-    // address part "010" as "10", a MAC address in upper case.
-    static bool sameValue(const QString& expected, const QString& actual, float scale) {
-        if (expected.compare(actual, Qt::CaseInsensitive) == 0) return true;
-        bool expectedIsNumber = false;
-        bool actualIsNumber = false;
-        const double e = expected.toDouble(&expectedIsNumber);
-        const double a = actual.toDouble(&actualIsNumber);
-        if (expectedIsNumber && actualIsNumber)
-            return std::fabs(e - a) <= std::fabs(static_cast<double>(scale)) / 2 + 0.005;
-        const int base = expected.contains(':') ? 16 : 10;
-        static const QRegularExpression separators("[.:]");
-        const QStringList expectedParts = expected.split(separators);
-        const QStringList actualParts = actual.split(separators);
-        if (expectedParts.size() < 2 || expectedParts.size() != actualParts.size()) return false;
-        for (int i = 0; i < expectedParts.size(); ++i) {
-            bool ok1 = false;
-            bool ok2 = false;
-            if (expectedParts[i].toInt(&ok1, base) != actualParts[i].toInt(&ok2, base) || !ok1 ||
-                !ok2)
-                return false;
+    // Compared by the bytes the lidar stores, not by display texts: a display rounds ("12.5"
+    // shows as "12.50"; a large scaled int32 shows through single precision) and would both hide
+    // and invent differences.
+    bool readsBackAsWritten(const Edit& edit) {
+        std::unique_ptr<StrParser> parser = parserForVarType(edit.target->var_type);
+        std::vector<unsigned char> written;
+        try {
+            written = parser->parse(edit.expected.toStdString(), edit.target->scale);
+        } catch (const std::exception&) {
+            return false;  // refused before sending, so not reached
         }
-        return true;
+        std::vector<VarInfo*> group{edit.target};
+        std::unordered_map<std::string, std::vector<uint8_t>> held;
+        manager_.GetInfoFromLidarWithSameCmd(group, &held, false);
+        return held[edit.target->var_name] == written;
     }
 
     Session& session_;

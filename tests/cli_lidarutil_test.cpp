@@ -401,3 +401,77 @@ TEST(Lidarutil, RefusesBadArgumentsBeforeConnectingAndEndsAWatchThatGetsNoValue)
                            "status 5 (device failure)"))
         << watch.err.toStdString();
 }
+
+// A refusal names its real reason: the limits, the type's range beside the parser's words, a
+// read-only value, the visible variable that writes a hidden one.
+TEST(Lidarutil, SetRefusalsNameTheLimitsAndTheRealReason) {
+    // The module check lets a typed 0 through by design; lidarutil checks each value as well.
+    for (const auto& [edit, limits] :
+         {std::pair<QString, QString>{"Data Port=0", "Data Port must be 1 to 65535"},
+          {"VLAN ID=0", "VLAN ID must be 1 to 4094"},
+          {"VLAN ID=5000", "VLAN ID must be 1 to 4094"}}) {
+        const Outcome refused = lidarutil({"set", edit});
+        EXPECT_EQ(refused.exitCode, 2) << edit.toStdString();
+        EXPECT_TRUE(refused.err.contains(limits)) << refused.err.toStdString();
+        EXPECT_TRUE(refused.err.contains("nothing was sent")) << refused.err.toStdString();
+        EXPECT_FALSE(refused.err.contains("the lidar holds")) << refused.err.toStdString();
+    }
+
+    const Outcome tooLarge = lidarutil({"set", "Data Port=70000"});
+    EXPECT_EQ(tooLarge.exitCode, 2);
+    EXPECT_TRUE(tooLarge.err.contains("(UintParser: contains an illegal number, error:70000); it "
+                                      "is beyond what a uint16 holds: 0 to 65535"))
+        << tooLarge.err.toStdString();
+    const Outcome scaled = lidarutil({"--model", "Plover", "set", "Azimuth Offset=-2147483.649"});
+    EXPECT_EQ(scaled.exitCode, 2);
+    EXPECT_TRUE(scaled.err.contains("beyond what a int32 holds: -2147483.648 to 2147483.647"))
+        << scaled.err.toStdString();
+    const Outcome notANumber = lidarutil({"set", "Data Port=abc"});
+    EXPECT_EQ(notANumber.exitCode, 2);
+    EXPECT_FALSE(notANumber.err.contains("beyond")) << notANumber.err.toStdString();
+
+    const Outcome readOnly = lidarutil({"set", "FOV Region Count=5"});
+    EXPECT_EQ(readOnly.exitCode, 2);
+    EXPECT_TRUE(readOnly.err.contains("FOV Region Count is read-only")) << readOnly.err.toStdString();
+    const Outcome hidden = lidarutil({"set", "vlan flag=1"});
+    EXPECT_EQ(hidden.exitCode, 2);
+    EXPECT_TRUE(hidden.err.contains("VLAN Flag is written through VLAN: set 'VLAN=VALUE'"))
+        << hidden.err.toStdString();
+}
+
+// A value another tool left outside its limits blocks the module: the designed warning, then
+// what the lidar holds and how to go on; giving it a value in the same command goes through.
+TEST(Lidarutil, SetExplainsAValueTheLidarHoldsOutsideItsLimits) {
+    const SimulatorProcess lidar("Egret", {});
+    const ConsoleFolder folder;
+    const QStringList host{"--host", "127.0.0.1", "--port", lidar.port()};
+    // Spin Rate 600, Return Mode 0, Standby 0, Phase Lock Angle 0, Sync Source 0, Noise Filter 9.
+    const Outcome other = lidarutil(host + QStringList{"send", "0x31", "02", "58", "00", "00", "00", "00", "00", "09"},
+                                    folder.path());
+    ASSERT_EQ(other.exitCode, 0) << other.err.toStdString();
+
+    const Outcome blocked = lidarutil(host + QStringList{"set", "Return Mode=Dual"}, folder.path());
+    EXPECT_EQ(blocked.exitCode, 2);
+    const QStringList err = lines(blocked.err);
+    const int warning = static_cast<int>(
+        err.indexOf("WARNING: Detected that the user set Noise Filter Level is out of range"));
+    ASSERT_GE(warning, 0) << blocked.err.toStdString();
+    EXPECT_TRUE(err.value(warning + 1).startsWith(
+        "lidarutil: the lidar holds Noise Filter Level=9, outside its limits -5 to 5"))
+        << blocked.err.toStdString();
+    EXPECT_TRUE(err.value(warning + 1).contains("'Noise Filter Level=VALUE'"));
+
+    const Outcome fixed = lidarutil(
+        host + QStringList{"set", "Return Mode=Dual", "Noise Filter Level=3"}, folder.path());
+    EXPECT_EQ(fixed.exitCode, 0) << fixed.err.toStdString();
+    EXPECT_EQ(lines(fixed.out), QStringList({"Return Mode=2 (Dual)", "Noise Filter Level=3"}));
+}
+
+// The read-back is compared by the stored value: the largest int32 offset is written exactly
+// and its single-precision display is no reason for a warning.
+TEST(Lidarutil, SetComparesTheReadBackByTheStoredValue) {
+    const Outcome set = lidarutil({"--model", "Plover", "set", "Azimuth Offset=2147483.647"});
+    EXPECT_EQ(set.exitCode, 0) << set.err.toStdString();
+    EXPECT_TRUE(set.err.contains("VRC command [0x51]")) << set.err.toStdString();
+    EXPECT_FALSE(set.err.contains("warning")) << set.err.toStdString();
+}

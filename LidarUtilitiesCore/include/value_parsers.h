@@ -76,6 +76,16 @@ LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32
 // Whether the writer of this var_type encodes an integer (every type but float32 and double).
 bool encodesInteger(const std::string& varType);
 
+// For an integer var_type ("int8" ... "uint64") and a number that the type cannot hold once
+// divided by `scale`: the type's whole range in the variable's display unit, e.g.
+// "-2147483.648 to 2147483.647" for int32 with a scale of 0.001. Empty otherwise (the number
+// fits, the text is not a number, the type is not an integer one).
+std::string typeRangeIfOutside(const std::string& varType, const std::string& text, float scale);
+
+// The value of `text` (the parsers' number forms) in tenths, when it is a whole number of them
+// that fits; false otherwise ("12.25", "abc").
+bool decimalInTenths(const std::string& text, int64_t& tenths);
+
 // The parser that writes a variable of this var_type ("int8" ... "uint64", "float32", "double",
 // "IP", "MAC", "raw"); null for a type that cannot be written.
 std::unique_ptr<StrParser> parserForVarType(const std::string& varType);

@@ -305,6 +305,71 @@ LimitCheck checkDecimalWithinLimits(const std::string& text, float factor, int32
     return scaled < minVal || scaled > maxVal ? LimitCheck::kOutside : LimitCheck::kWithin;
 }
 
+namespace {
+
+// An exact decimal text of a rational that has a finite decimal expansion (a whole number times
+// a decimal scale); up to 20 decimals are tried.
+std::string decimalText(const mpq_class& value) {
+    mpq_class scaled = value;
+    int decimals = 0;
+    while (scaled.get_den() != 1 && decimals < 20) {
+        scaled *= 10;
+        scaled.canonicalize();
+        ++decimals;
+    }
+    const mpz_class whole = truncatedTowardZero(scaled);
+    std::string digits = mpz_class(abs(whole)).get_str();
+    if (decimals > 0) {
+        if (digits.size() <= static_cast<size_t>(decimals))
+            digits.insert(0, static_cast<size_t>(decimals) + 1 - digits.size(), '0');
+        digits.insert(digits.size() - static_cast<size_t>(decimals), ".");
+    }
+    return (whole < 0 ? "-" : "") + digits;
+}
+
+// The raw range [low, high] of an integer var_type; false for any other type.
+bool integerTypeRange(const std::string& varType, mpz_class& low, mpz_class& high) {
+    const bool isSigned = varType.rfind("int", 0) == 0;
+    const bool isUnsigned = varType.rfind("uint", 0) == 0;
+    if (!isSigned && !isUnsigned) return false;
+    const std::string bits = varType.substr(isSigned ? 3 : 4);
+    if (bits != "8" && bits != "16" && bits != "32" && bits != "64") return false;
+    const auto width = static_cast<mp_bitcnt_t>(std::stoi(bits));
+    low = isSigned ? mpz_class(-(mpz_class(1) << (width - 1))) : mpz_class(0);
+    high = (mpz_class(1) << (isSigned ? width - 1 : width)) - 1;
+    return true;
+}
+
+}  // namespace
+
+std::string typeRangeIfOutside(const std::string& varType, const std::string& text, float scale) {
+    mpz_class low;
+    mpz_class high;
+    mpq_class value;
+    mpq_class divisor;
+    if (!integerTypeRange(varType, low, high) || !exactScale(scale, divisor)) return std::string();
+    const DecimalStatus status = readDecimal(text, value);
+    if (status == DecimalStatus::kNotDecimal || status == DecimalStatus::kTooSmall)
+        return std::string();
+    if (status == DecimalStatus::kOk) {
+        const mpq_class raw = value / divisor;
+        if (raw >= mpq_class(low) && raw <= mpq_class(high)) return std::string();
+    }
+    mpq_class lowShown = mpq_class(low) * divisor;
+    mpq_class highShown = mpq_class(high) * divisor;
+    if (lowShown > highShown) std::swap(lowShown, highShown);  // a negative scale
+    return decimalText(lowShown) + " to " + decimalText(highShown);
+}
+
+bool decimalInTenths(const std::string& text, int64_t& tenths) {
+    mpq_class value;
+    if (readDecimal(text, value) != DecimalStatus::kOk) return false;
+    const mpq_class scaled = value * 10;
+    if (scaled.get_den() != 1 || !scaled.get_num().fits_slong_p()) return false;
+    tenths = scaled.get_num().get_si();
+    return true;
+}
+
 std::vector<unsigned char> IPv4Parser::parse(const std::string& text, float /*scale*/) {
     const QStringList parts = QString::fromStdString(text).split('.');
     if (parts.size() != 4) throw std::invalid_argument("IPv4Parser: ip address, wrong format.");
