@@ -13,6 +13,7 @@
 #include "output.h"
 #include "session.h"
 #include "set_command.h"
+#include "value_parsers.h"
 
 namespace cli {
 namespace {
@@ -281,13 +282,23 @@ struct FovEdits {
 const char* const kFovChannels =
     "the channels are regions 1-5: INDEX 0-4 are their starts, 5-9 their ends";
 
-// The lidar keeps tenths of a degree: a bound with more decimals is refused, never rounded.
-QString fovBoundProblem(const QString& argument, const QString& value) {
-    static const QRegularExpression tenths("^\\+?\\d+(\\.\\d?)?$");
-    if (!tenths.match(value).hasMatch() || value.toDouble() > 360.0)
+constexpr int64_t kFullCircleTenths = 3600;
+
+// A bound in tenths of a degree as the lidar keeps it, written "15.0".
+QString tenthsText(int64_t tenths) {
+    return QString::number(static_cast<double>(tenths) / 10.0, 'f', 1);
+}
+
+// The lidar keeps tenths of a degree: a bound with more decimals is refused, never rounded. The
+// number forms are set's ("1.5e2", "+90", "90.50"); the bound is stored as "150.0".
+QString fovBoundProblem(const QString& argument, QString& value) {
+    int64_t tenths = -1;
+    if (!StrParser::isNumeric(value) || !decimalInTenths(value.toStdString(), tenths) ||
+        tenths < 0 || tenths > kFullCircleTenths)
         return "fov: '" + argument +
                "': a bound is degrees from 0 to 360 with at most one decimal (the lidar keeps "
                "tenths of a degree)";
+    value = tenthsText(tenths);
     return QString();
 }
 
@@ -298,9 +309,10 @@ QString parseFovEdits(const QStringList& arguments, FovEdits& edits) {
         arguments.begin(), arguments.end(), [](const QString& a) { return a.contains('='); }));
     if (withEquals == 0 && arguments.size() == 2 * kFovRegions) {
         for (int i = 0; i < arguments.size(); ++i) {
-            if (QString problem = fovBoundProblem(arguments[i], arguments[i]); !problem.isEmpty())
+            QString value = arguments[i];
+            if (QString problem = fovBoundProblem(arguments[i], value); !problem.isEmpty())
                 return problem;
-            edits.bounds.append({i, arguments[i]});
+            edits.bounds.append({i, value});
         }
         return QString();
     }
@@ -309,9 +321,10 @@ QString parseFovEdits(const QStringList& arguments, FovEdits& edits) {
                "mode=VALUE";
     for (const QString& argument : arguments) {
         const QString key = argument.section('=', 0, 0).trimmed();
-        const QString value = argument.section('=', 1).trimmed();
+        QString value = argument.section('=', 1).trimmed();
         if (key.compare("mode", Qt::CaseInsensitive) == 0) {
             if (value.isEmpty()) return "fov: '" + argument + "': mode needs a value";
+            if (!edits.mode.isEmpty()) return "fov: mode is given twice; nothing was sent";
             edits.mode = value;
             continue;
         }
@@ -320,6 +333,10 @@ QString parseFovEdits(const QStringList& arguments, FovEdits& edits) {
         if (!ok || index < 0 || index >= 2 * kFovRegions)
             return "fov: '" + argument + "': there is no bound '" + key + "'; " + kFovChannels;
         if (QString problem = fovBoundProblem(argument, value); !problem.isEmpty()) return problem;
+        const bool repeated = std::any_of(edits.bounds.begin(), edits.bounds.end(),
+                                          [index](const auto& bound) { return bound.first == index; });
+        if (repeated)
+            return "fov: bound " + key + " is given twice; nothing was sent";
         edits.bounds.append({index, value});
     }
     return QString();
@@ -361,6 +378,37 @@ void printFovTable(LidarUtilitiesManager& manager, bool json) {
     }
     if (!mode.isEmpty()) printResult("mode=" + mode);
     printResult(formatTable({"REGION", "START", "END"}, rows));
+}
+
+// The ten bounds in tenths of a degree once the edits are applied to what the lidar holds.
+QVector<int64_t> boundsAfterEdits(LidarUtilitiesManager& manager, const FovEdits& edits) {
+    const QVariantList held = manager.getFovList();
+    QVector<int64_t> tenths(2 * kFovRegions, 0);
+    for (int i = 0; i < tenths.size() && i < held.size(); ++i)
+        decimalInTenths(held[i].toString().toStdString(), tenths[i]);
+    for (const auto& [index, value] : edits.bounds)
+        decimalInTenths(value.toStdString(), tenths[index]);
+    return tenths;
+}
+
+// A region must not start after its end: the first region that would, in words.
+QString invertedRegion(const QVector<int64_t>& tenths) {
+    for (int r = 0; r < kFovRegions; ++r)
+        if (tenths[r] > tenths[kFovRegions + r])
+            return "fov: region " + QString::number(r + 1) + " would start at " +
+                   tenthsText(tenths[r]) + ", after its end " +
+                   tenthsText(tenths[kFovRegions + r]) + "; nothing was sent";
+    return QString();
+}
+
+// True when the lidar already holds every bound and the mode asked for.
+bool fovAlreadyHeld(LidarUtilitiesManager& manager, const FovEdits& edits, int expectedMode) {
+    const QVariantList held = manager.getFovList();
+    for (const auto& [index, value] : edits.bounds)
+        if (held.value(index).toString() != value) return false;
+    const VarInfo* mode = fovModeVariable(manager);
+    return expectedMode < 0 ||
+           (mode != nullptr && manager.currentValueOf(mode) == QString::number(expectedMode));
 }
 
 // What the write changed, checked against what the lidar reports after it.
@@ -578,7 +626,14 @@ int commandFov(Session& session) {
     if (int status = connectAndRead(session, {readModule}, complete); status != kExitOk)
         return status;
     if (!complete) return kExitFailed;
+    const int expectedMode = modeIndex >= 0 ? modeVariable->options[modeIndex] : -1;
     if (!edits.empty()) {
+        if (QString problem = invertedRegion(boundsAfterEdits(manager, edits)); !problem.isEmpty())
+            return usageError(problem);
+    }
+    if (!edits.empty() && fovAlreadyHeld(manager, edits, expectedMode)) {
+        printDiagnostic("the lidar holds these values already; nothing was sent");
+    } else if (!edits.empty()) {
         const int errorsBefore = session.errorCount();
         for (const auto& [index, value] : edits.bounds) manager.SetMultiFovConfig(index, value);
         if (session.errorCount() > errorsBefore) {
@@ -595,8 +650,7 @@ int commandFov(Session& session) {
             return kExitFailed;
         }
         if (session.readModule(readModule) != ReadOutcome::kComplete) return kExitFailed;
-        printDiagnostic(
-            fovWriteReport(manager, edits, modeIndex >= 0 ? modeVariable->options[modeIndex] : -1));
+        printDiagnostic(fovWriteReport(manager, edits, expectedMode));
     }
     printFovTable(manager, session.options().json);
     return kExitOk;

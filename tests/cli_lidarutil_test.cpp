@@ -475,3 +475,42 @@ TEST(Lidarutil, SetComparesTheReadBackByTheStoredValue) {
     EXPECT_TRUE(set.err.contains("VRC command [0x51]")) << set.err.toStdString();
     EXPECT_FALSE(set.err.contains("warning")) << set.err.toStdString();
 }
+
+TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
+    for (const QStringList& arguments : {QStringList{"fov", "mode=0"},
+                                         QStringList{"fov", "mode=Full Circle", "5=360"}}) {
+        const Outcome held = lidarutil(arguments);
+        EXPECT_EQ(held.exitCode, 0) << held.err.toStdString();
+        EXPECT_TRUE(held.err.contains("the lidar holds these values already; nothing was sent"))
+            << held.err.toStdString();
+        EXPECT_FALSE(held.err.contains("field of view written")) << held.err.toStdString();
+    }
+
+    const Outcome twice = lidarutil({"fov", "0=1", "0=2"});
+    EXPECT_EQ(twice.exitCode, 2);
+    EXPECT_TRUE(twice.err.contains("bound 0 is given twice")) << twice.err.toStdString();
+    EXPECT_FALSE(twice.err.contains("connecting"));
+    const Outcome modeTwice = lidarutil({"fov", "mode=0", "mode=1"});
+    EXPECT_EQ(modeTwice.exitCode, 2);
+    EXPECT_TRUE(modeTwice.err.contains("mode is given twice")) << modeTwice.err.toStdString();
+
+    // Region 1 ends at 360 on the lidar; 0=200 5=100 and 5=0 with a start of 0.5 are inverted.
+    for (const QStringList& arguments :
+         {QStringList{"fov", "0=200", "5=100"}, QStringList{"fov", "0=0.5", "5=0"}}) {
+        const Outcome inverted = lidarutil(arguments);
+        EXPECT_EQ(inverted.exitCode, 2) << arguments.join(' ').toStdString();
+        EXPECT_TRUE(inverted.err.contains("region 1 would start at")) << inverted.err.toStdString();
+        EXPECT_FALSE(inverted.err.contains("field of view written"));
+    }
+    const Outcome onePoint = lidarutil({"fov", "0=90", "5=90"});
+    EXPECT_EQ(onePoint.exitCode, 0) << onePoint.err.toStdString();
+
+    // set's number forms: an exponent, a sign, trailing zeros.
+    const Outcome forms = lidarutil({"fov", "0=1.5e1", "5=+300.50", "--json"});
+    ASSERT_EQ(forms.exitCode, 0) << forms.err.toStdString();
+    const QJsonArray regions = QJsonDocument::fromJson(forms.out.toUtf8())["regions"].toArray();
+    EXPECT_EQ(regions[0]["start"].toDouble(), 15.0) << forms.out.toStdString();
+    EXPECT_EQ(regions[0]["end"].toDouble(), 300.5) << forms.out.toStdString();
+    EXPECT_TRUE(forms.err.contains("region 1 start 15.0, region 1 end 300.5"))
+        << forms.err.toStdString();
+}
