@@ -1,7 +1,9 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <string>
 #include <vector>
 
@@ -36,7 +38,7 @@ const CLI::Validator kHostName(
                    ? std::string("needs a host name or address")
                    : std::string();
     },
-    "HOST");
+    "");
 
 const CLI::Validator kLocalPort(
     [](std::string& value) {
@@ -44,7 +46,7 @@ const CLI::Validator kLocalPort(
         std::string error;
         return ParseVrcClientHostPortText(value, &port, &error) ? std::string() : error;
     },
-    "P|ANY");
+    "");
 
 // The subcommands, each with its own arguments and help. Options of the whole program may also
 // follow the subcommand (fallthrough).
@@ -72,7 +74,30 @@ const CLI::Validator kPositiveWhole(
         const int number = QString::fromStdString(value).toInt(&ok, 10);
         return ok && number >= 1 ? std::string() : "needs a whole number of 1 or more";
     },
-    "N");
+    "");
+
+// The help names every value as a person reads it ("HOST", "PORT"), never by its C++ type
+// ("TEXT", "INT in [1 - 65535]"): validators carry no description of their own, and a value
+// without an explicit name takes its option's ("--dir" shows DIR). An argument's own name says
+// what it is ("NAME=VALUE ..."), so it gets no type name beside it.
+void nameValuesForPeople(CLI::App& app) {
+    static const std::vector<std::string> kTypeNames = {"TEXT", "INT", "UINT", "FLOAT", "BOOLEAN"};
+    for (CLI::Option* option : app.get_options()) {
+        if (option->get_type_size() == 0) continue;  // a flag
+        const std::string typeName = option->get_type_name();
+        if (std::find(kTypeNames.begin(), kTypeNames.end(), typeName) == kTypeNames.end())
+            continue;
+        if (option->get_positional()) {
+            option->type_name("");
+        } else {
+            std::string name = option->get_single_name();
+            std::transform(name.begin(), name.end(), name.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+            option->type_name(name);
+        }
+    }
+    for (CLI::App* command : app.get_subcommands({})) nameValuesForPeople(*command);
+}
 
 void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
     CLI::App* monitor = app.add_subcommand(
@@ -80,9 +105,11 @@ void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
         "the monitor values: the model's hardware variants, then a table refreshed every second "
         "until Ctrl-C or N refreshes; or, with --record, a recording to a CSV file");
     monitor->fallthrough();
-    monitor->add_option("--variant", args.variant, "apply this hardware variant first");
-    CLI::Option* count =
-        monitor->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
+    monitor->add_option("--variant", args.variant, "apply this hardware variant first")
+        ->type_name("LABEL");
+    CLI::Option* count = monitor->add_option("--count", args.count, "stop after N refreshes")
+                             ->type_name("N")
+                             ->check(kPositiveWhole);
     CLI::Option* record =
         monitor
             ->add_option("--record", args.recordDir,
@@ -91,12 +118,15 @@ void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
                 [](std::string& value) {
                     return value.empty() ? std::string("needs a folder") : std::string();
                 },
-                "DIR"));
+                ""))
+            ->type_name("DIR");
     record->excludes(count);
     monitor->add_option("--duration", args.duration, "length of the recording (default 60)")
+        ->type_name("SECONDS")
         ->check(kPositiveWhole)
         ->needs(record);
     monitor->add_option("--interval", args.interval, "seconds between two rows (default 1)")
+        ->type_name("SECONDS")
         ->check(kPositiveWhole)
         ->needs(record);
     monitor->add_flag("--plot", args.plot, "after recording, write a PNG chart beside the file")
@@ -178,7 +208,8 @@ void addWrenSubcommand(CLI::App& app, Subcommands& args) {
                         "applies them and drops the connection");
     net->add_option("ADDRESS NETMASK GATEWAY", args.rest, "the three addresses")->required();
     net->add_option("--vlan", args.vlan, "tag the lidar's traffic with this VLAN (1-4094)")
-        ->check(CLI::Range(1, 4094));
+        ->type_name("ID")
+        ->check(CLI::Range(1, 4094).description(""));
     add(*wren, "net-config", "read the lidar's address, netmask and gateway (Wren-VRC)");
     add(*wren, "destination-config", "read where the lidar sends its data (Wren-VRC)");
     add(*wren, "safety", "read the function-safety state and its fault codes");
@@ -235,14 +266,17 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
     upgrade->add_option("FILE", args.rest, "the firmware package")->required();
     upgrade->add_option("--variable", args.variable,
                         "the catalogue variable whose set command starts the upgrade (default: "
-                        "the one whose set command is 0x83)");
+                        "the one whose set command is 0x83)")
+        ->type_name("NAME");
     CLI::App* log = add("log", "download a device log (a log variable of the catalogue)");
     log->add_option("NAME", args.rest, "the log's name, e.g. \"Device Log\"")->required();
     log->add_option("--dir", args.dir, "the folder to save it in (default: the current one)");
     add("oplog", "download the operation log: four logs packed into one tar archive")
         ->add_option("ARCHIVE", args.rest, "the archive's path (.tar is added when missing)")
         ->required();
-    watch->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
+    watch->add_option("--count", args.count, "stop after N refreshes")
+        ->type_name("N")
+        ->check(kPositiveWhole);
     addMonitorSubcommand(app, args);
     addHeronAndOtaSubcommands(app, args);
     addWrenSubcommand(app, args);
@@ -301,13 +335,16 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
         "lidarutil");
     app.require_subcommand(1);
     std::string model = "Egret", host, port, localPort, token, rs485, uart;
-    app.add_option("--model", model, "model catalogue to use (default Egret)");
+    app.add_option("--model", model, "model catalogue to use (default Egret)")->type_name("NAME");
     app.add_option("--host", host, "talk to the lidar at HOST instead of the embedded simulator")
+        ->type_name("HOST")
         ->check(kHostName);
     app.add_option("--port", port, "the lidar's VRC port (with --host; default: the saved port)")
-        ->check(CLI::Range(1, 65535));
+        ->type_name("PORT")
+        ->check(CLI::Range(1, 65535).description(""));
     app.add_option("--local-port", localPort,
                    "local port of the VRC client, for models that fix it")
+        ->type_name("PORT|ANY")
         ->check(kLocalPort);
     // An empty token would silently mean "no authorisation": refused like an empty host.
     app.add_option("--token", token, "the embedded simulator requires authorisation with it")
@@ -316,7 +353,8 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
                 return value.empty() ? std::string("needs a token (an empty one means none)")
                                      : std::string();
             },
-            "TOKEN"));
+            ""))
+        ->type_name("TOKEN");
     app.add_option("--rs485", rs485,
                    "the serial model's RS485 line (with --uart; default: the embedded "
                    "simulator's pseudo-terminals)")
@@ -328,6 +366,7 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     app.footer("Exit status: 0 success, 1 an operation failed, 2 a usage error.");
     Subcommands args;
     addSubcommands(app, args);
+    nameValuesForPeople(app);
 
     std::vector<std::string> argv{"lidarutil"};
     for (const QString& argument : arguments) argv.push_back(argument.toStdString());

@@ -514,3 +514,26 @@ TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
     EXPECT_TRUE(forms.err.contains("region 1 start 15.0, region 1 end 300.5"))
         << forms.err.toStdString();
 }
+
+// Help names values as a person reads them, for every option and argument of every command.
+TEST(Lidarutil, HelpNamesValuesForPeople) {
+    const QRegularExpression typeName("\\b(TEXT|INT|UINT|FLOAT|BOOLEAN)\\b| in \\[");
+    const QList<QStringList> commands = {
+        {},           {"models"},  {"show"},         {"info"},           {"read"},
+        {"set"},      {"fov"},     {"watch"},        {"send"},           {"history"},
+        {"upgrade"},  {"log"},     {"oplog"},        {"monitor"},        {"heron", "imu"},
+        {"heron", "upgrade"},      {"ota", "pack"},  {"ota", "inspect"}, {"wren", "net"},
+        {"wren", "spin-rate"}};
+    for (const QStringList& command : commands) {
+        const Outcome help = lidarutil(command + QStringList{"--help"});
+        EXPECT_EQ(help.exitCode, 0) << command.join(' ').toStdString();
+        EXPECT_FALSE(help.out.contains(typeName))
+            << command.join(' ').toStdString() << ":\n" << help.out.toStdString();
+    }
+    const Outcome top = lidarutil({"--help"});
+    for (const QString shown : {"--host HOST", "--port PORT", "--local-port PORT|ANY",
+                                "--model NAME", "--token TOKEN"})
+        EXPECT_TRUE(top.out.contains(shown)) << shown.toStdString() << "\n" << top.out.toStdString();
+    EXPECT_TRUE(lidarutil({"log", "--help"}).out.contains("--dir DIR"));
+    EXPECT_TRUE(lidarutil({"monitor", "--help"}).out.contains("--duration SECONDS"));
+}
