@@ -241,27 +241,20 @@ class SetCommand {
     // a value outside its limits that nobody edited is the lidar's, and is explained as such.
     bool valuesWithinLimits() {
         for (const Edit& edit : edits_) stage(edit);
-        std::set<QString> refused;
         QObject receiver;
         QObject::connect(
             &manager_, &LidarUtilitiesManager::someVarOutOfRange, &receiver,
-            [this, &refused](const QString& name) {
-                if (!explainHeldValue(name)) refused.insert(name);
-            },
-            Qt::DirectConnection);
+            [this](const QString& name) { explainHeldValue(name); }, Qt::DirectConnection);
         bool withinLimits = true;
         for (int module : targetModules())
             withinLimits = manager_.CheckModuleVarsWithinRange(module) && withinLimits;
         QObject::disconnect(&manager_, nullptr, &receiver, nullptr);
         for (const Edit& edit : edits_) {
             const VarInfo& target = *edit.target;
-            if (manager_.CheckVarIsWithinRange(qs(target.var_id), "var_id") &&
-                refused.count(qs(target.var_name)) == 0)
-                continue;
+            // Off, as designed, when either limit is 0; the module check covers those.
+            if (manager_.CheckVarIsWithinRange(qs(target.var_id), "var_id")) continue;
             withinLimits = false;
-            if (target.min_val != 0 || target.max_val != 0)
-                printDiagnostic("lidarutil: " + qs(target.var_name) + " must be " +
-                                limitsOf(target));
+            printDiagnostic("lidarutil: " + qs(target.var_name) + " must be " + limitsOf(target));
         }
         for (const Edit& edit : edits_) {
             if (edit.targetRow == nullptr) continue;
@@ -274,21 +267,19 @@ class SetCommand {
         return withinLimits;
     }
 
-    // After the module check's warning on a value that no edit gave: the lidar holds it. True
-    // when `name` is such a value.
-    bool explainHeldValue(const QString& name) {
+    // After the module check's warning on a value that no edit gave: the lidar holds it.
+    void explainHeldValue(const QString& name) {
         const bool edited = std::any_of(edits_.begin(), edits_.end(), [&name](const Edit& edit) {
             return qs(edit.target->var_name) == name;
         });
         const VarInfo* var = manager_.searchVarPtr(name.toStdString(), "var_name");
-        if (edited || var == nullptr) return false;
+        if (edited || var == nullptr) return;
         const bool bounded = var->min_val != 0 || var->max_val != 0;
         printDiagnostic("lidarutil: the lidar holds " + name + "=" + manager_.currentValueOf(var) +
                         (bounded ? ", outside its limits " + limitsOf(*var) : QString()) +
                         ", and the check refuses the module's edits while it does: correct it "
                         "in the same command ('" +
                         name + "=VALUE')");
-        return true;
     }
 
     std::set<int> targetModules() const {

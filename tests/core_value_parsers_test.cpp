@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "value_parsers.h"
@@ -206,6 +208,30 @@ TEST(ValueParsers, LimitsAreCheckedOnTheNumberThatIsWritten) {
               LimitCheck::kOutside);
     EXPECT_EQ(checkDecimalWithinLimits("12,5", 1, 0, 100, 2147483647.0), LimitCheck::kNotANumber);
     EXPECT_EQ(checkDecimalWithinLimits("0x10", 1, 0, 100, 2147483647.0), LimitCheck::kNotANumber);
+}
+
+// A refusal names the type's range only for a number the type cannot hold, in display units.
+TEST(ValueParsers, TypeRangeIsNamedForNumbersTheTypeCannotHold) {
+    EXPECT_EQ(typeRangeIfOutside("int8", "-128", 1), "");
+    EXPECT_EQ(typeRangeIfOutside("int8", "127", 1), "");
+    EXPECT_EQ(typeRangeIfOutside("int8", "-129", 1), "-128 to 127");
+    EXPECT_EQ(typeRangeIfOutside("uint16", "70000", 1), "0 to 65535");
+    EXPECT_EQ(typeRangeIfOutside("uint64", "1e5000000", 1), "0 to 18446744073709551615");
+    EXPECT_EQ(typeRangeIfOutside("int8", "0.128", 0.001f), "-0.128 to 0.127");
+    EXPECT_EQ(typeRangeIfOutside("int16", "40000", -1), "-32767 to 32768");
+    // Not a number, not an integer type, or a width no parser has: nothing to add.
+    for (const auto& [type, text] : {std::pair<const char*, const char*>{"int8", "abc"},
+                                     {"float32", "1e40"},
+                                     {"int12", "99999"},
+                                     {"IP", "300"}})
+        EXPECT_EQ(typeRangeIfOutside(type, text, 1), "") << type << " " << text;
+
+    int64_t tenths = 0;
+    EXPECT_TRUE(decimalInTenths("1.5e1", tenths));
+    EXPECT_EQ(tenths, 150);
+    EXPECT_TRUE(decimalInTenths("-0.50", tenths));
+    EXPECT_EQ(tenths, -5);
+    for (const char* text : {"12.25", "abc", "1e30"}) EXPECT_FALSE(decimalInTenths(text, tenths));
 }
 
 }  // namespace

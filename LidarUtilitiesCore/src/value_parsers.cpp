@@ -313,8 +313,7 @@ std::string decimalText(const mpq_class& value) {
     mpq_class scaled = value;
     int decimals = 0;
     while (scaled.get_den() != 1 && decimals < 20) {
-        scaled *= 10;
-        scaled.canonicalize();
+        scaled *= 10;  // the product is kept in lowest terms
         ++decimals;
     }
     const mpz_class whole = truncatedTowardZero(scaled);
