@@ -299,6 +299,12 @@ constexpr int kOperationModule = 2;  // Egret's "Operation": spin rate and retur
 struct ManagerFigures {
     explicit ManagerFigures(int runSeconds) : resources(runSeconds) {}
 
+    int Count(const std::string& prefix) const {
+        return static_cast<int>(std::count_if(
+            failures.begin(), failures.end(),
+            [&](const std::string& failure) { return failure.rfind(prefix, 0) == 0; }));
+    }
+
     Resources resources;
     int connects = 0;
     int failedConnects = 0;
@@ -611,6 +617,8 @@ int Report(const Arguments& args, ManagerFigures& figures, bool bareComplete,
     std::printf("rss_growth_ratio %.2f (against the bare client%s)\n", ratio,
                 bareComplete ? "" : ", which did not report");
 
+    std::printf("busy flags left set: %d; operations past their time-out: %d\n",
+                figures.Count("busy flag"), figures.Count("past its time-out"));
     if (figures.resources.Samples() < 2) figures.failures.push_back("fewer than two samples");
     if (end.rssKib - warm.rssKib > kRssNoiseKib)
         figures.failures.push_back("resident memory grew by more than 2 MiB");
