@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The test suite: installs what is missing, then builds and runs every test three times:
 # a normal build, AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer; then each
-# libFuzzer target for 30 seconds from its corpus (LIDAR_SUITES picks a subset).
+# libFuzzer target for 30 seconds from its corpus; then the soak, a manager against a misbehaving
+# simulator for 3 minutes (LIDAR_SUITES picks a subset; LIDAR_SOAK_SECONDS changes the soak's
+# length).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
@@ -19,13 +21,22 @@ export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp"
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/tests/tsan.supp"
 
-suites=${LIDAR_SUITES:-"normal asan tsan fuzz"}
+# The soak runs from the normal build, building it first when no suite before it did.
+run_soak() {
+    local seconds=${LIDAR_SOAK_SECONDS:-180}
+    echo "== soak ($seconds s, build)"
+    "$root/scripts/build.sh" build
+    "$root/build/bench/soak_bench" --seconds "$seconds"
+}
+
+suites=${LIDAR_SUITES:-"normal asan tsan fuzz soak"}
 for s in $suites; do
     case $s in
         normal) run_suite build ;;
         asan) run_suite build-asan "address,undefined" ;;
         tsan) run_suite build-tsan "thread" ;;
         fuzz) echo "== fuzz (30 s per target)"; "$root/scripts/fuzz.sh" 30 ;;
+        soak) run_soak ;;
         *) echo "unknown suite $s" >&2; exit 2 ;;
     esac
 done

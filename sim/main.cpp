@@ -24,14 +24,15 @@ const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
     "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
     "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
-    "                 [--partition A|B] [--seed N]\n"
+    "                 [--partition A|B] [--seed N] [--chaos SEED]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
     "  --port N               TCP port, 0 picks a free one (default 0)\n"
     "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
     "  --token T              require authorisation (0xA1) with this token for writes\n"
     "  --fault CMD:MODE       CMD in hex (0x07); MODE one of no-reply, delay=MS,\n"
-    "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N;\n"
+    "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N,\n"
+    "                         drop;\n"
     "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, "
     "crc-mismatch;\n"
     "                         for components (0xC3) refuse-component=N:STATUS,\n"
@@ -45,7 +46,10 @@ const char* const kUsage =
     "  --fault-state S[:C,..] the fault state the serial side reports: state 0-255, then\n"
     "                         hexadecimal fault codes (\"1:00A1,0102\")\n"
     "  --partition A|B        Heron-VRC: the application partition running at start (default A)\n"
-    "  --seed N               the curves the monitor readings follow (default 1)\n";
+    "  --seed N               the curves the monitor readings follow (default 1)\n"
+    "  --chaos SEED           random faults at low rates on every command without its own\n"
+    "                         --fault: slow replies, busy statuses, cut replies, dropped\n"
+    "                         connections; the same SEED repeats them (TCP only)\n";
 
 struct UsageError {
     std::string message;
@@ -132,6 +136,11 @@ Arguments ParseArguments(int argc, char** argv) {
             if (!ParseNumber(text, 0xFFFFFFFFul, 10, number))
                 throw UsageError{"bad --seed " + text};
             args.options.monitorSeed = static_cast<uint32_t>(number);
+        } else if (name == "--chaos") {
+            const std::string text = next();
+            if (!ParseNumber(text, 0xFFFFFFFFul, 10, number))
+                throw UsageError{"bad --chaos " + text};
+            args.options.chaosSeed = static_cast<uint32_t>(number);
         } else if (name == "--partition") {
             const std::string text = next();
             if (text != "A" && text != "B") throw UsageError{"bad --partition " + text};
@@ -152,6 +161,7 @@ Arguments ParseArguments(int argc, char** argv) {
         }
     }
     if (args.options.model.empty()) throw UsageError{"--model is required"};
+    if (args.serial && args.options.chaosSeed) throw UsageError{"--chaos is for TCP only"};
     return args;
 }
 
@@ -164,6 +174,11 @@ std::string CountersLine(const std::map<uint8_t, uint64_t>& counts) {
     }
     if (counts.empty()) line += " none";
     return line;
+}
+
+std::string ChaosLine(const sim::ChaosTally& played) {
+    return "chaos: slow=" + std::to_string(played.slow) + " busy=" + std::to_string(played.busy) +
+           " cut=" + std::to_string(played.cut) + " drop=" + std::to_string(played.drop);
 }
 
 template <typename Simulator>
@@ -188,6 +203,7 @@ int RunTcp(const Arguments& args, sigset_t& stopSignals) {
     sigwait(&stopSignals, &received);
     simulator.Stop();
     std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
+    if (args.options.chaosSeed) std::cout << ChaosLine(simulator.ChaosPlayed()) << std::endl;
     return 0;
 }
 

@@ -13,7 +13,7 @@ trap cleanup EXIT
 
 for bad in "" "--model" "--model Smoke --port 70000" "--model Smoke --fault 0x07:sometimes" \
            "--model Smoke --bogus" "--model Smoke --fault-state 1:xyz" "--model Smoke --serial=1" \
-           "--model Smoke --partition C"; do
+           "--model Smoke --partition C" "--model Smoke --chaos -1" "--model Smoke --serial --chaos 1"; do
     status=0
     # shellcheck disable=SC2086
     "$sim" $bad >/dev/null 2>"$dir/usage" || status=$?

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "sdk/config_parser.h"
+#include "sdk/vrc_client.h"
 #include "sdk/vrc_frame.h"
 #include "sim/lidar_simulator.h"
 #include "test_support.h"
@@ -564,6 +566,11 @@ TEST(SimulatorTest, EachFaultModeShowsOnTheWire) {
     EXPECT_GT(partial.size(), 0u);
     EXPECT_LT(partial.size(), 8u + 23u);
 
+    RawClient dropped(simulator->Port());
+    set("drop");
+    ASSERT_TRUE(dropped.SendFrame(0x08));
+    EXPECT_TRUE(dropped.ClosedByPeer());
+
     // A request held in a long delay does not keep Stop from ending.
     RawClient held(simulator->Port());
     set("delay=600000");
@@ -646,3 +653,143 @@ TEST(SimulatorTest, MonitorReadingsMoveSmoothlyAndRepeatably) {
 }
 
 }  // namespace
+
+namespace {
+
+using ChaosKind = sim::Fault::Kind;
+constexpr int kChaosRequests = 400;
+
+// A seed whose first kChaosRequests draws hold every kind of chaos fault, with at most 3 s of
+// delay in all, so that a test sees each kind quickly.
+uint32_t SeedWithEveryKindEarly() {
+    for (uint32_t seed = 1;; ++seed) {
+        const sim::Chaos chaos(seed);
+        std::map<ChaosKind, int> kinds;
+        int delayMs = 0;
+        for (int n = 0; n < kChaosRequests; ++n) {
+            const sim::Fault fault = chaos.Draw(n);
+            ++kinds[fault.kind];
+            delayMs += fault.delayMs;
+        }
+        if (kinds.size() == 5 && delayMs <= 3000) return seed;
+    }
+}
+
+sim::LidarSimulator::Options ChaosEgret(uint32_t seed) {
+    sim::LidarSimulator::Options options = Shipped("Egret");
+    options.chaosSeed = seed;
+    return options;
+}
+
+}  // namespace
+
+TEST(SimulatorTest, ChaosDrawsEachFaultKindAtItsLowRate) {
+    const sim::Chaos chaos(7);
+    constexpr int kDraws = 200000;
+    std::map<ChaosKind, int> kinds;
+    for (int n = 0; n < kDraws; ++n) {
+        const sim::Fault fault = chaos.Draw(n);
+        ++kinds[fault.kind];
+        if (fault.kind == ChaosKind::kDelay) {
+            ASSERT_GE(fault.delayMs, sim::Chaos::kMinDelayMs);
+            ASSERT_LE(fault.delayMs, sim::Chaos::kMaxDelayMs);
+        } else {
+            ASSERT_EQ(fault.delayMs, 0);
+        }
+        ASSERT_EQ(fault.status, fault.kind == ChaosKind::kStatus ? vrc::kStatusBusy : 0);
+    }
+    const std::pair<ChaosKind, int> rates[] = {{ChaosKind::kDelay, sim::Chaos::kSlowRate},
+                                               {ChaosKind::kStatus, sim::Chaos::kBusyRate},
+                                               {ChaosKind::kCloseMidReply, sim::Chaos::kCutRate},
+                                               {ChaosKind::kDrop, sim::Chaos::kDropRate}};
+    for (const auto& [kind, rate] : rates) {
+        const double expected = kDraws * rate / 100000.0;
+        EXPECT_NEAR(kinds[kind], expected, expected * 0.15) << static_cast<int>(kind);
+    }
+    EXPECT_EQ(kinds.size(), 5u);  // and nothing else
+    // Another seed, another sequence.
+    const sim::Chaos other(8);
+    int differing = 0;
+    for (int n = 0; n < 2000; ++n) differing += other.Draw(n).kind != chaos.Draw(n).kind;
+    EXPECT_GT(differing, 20);
+}
+
+// Each draw as it shows on the wire, request by request, over a fresh connection whenever the
+// simulator closed one.
+TEST(SimulatorTest, ChaosPlaysItsDrawsOnTheWire) {
+    const uint32_t seed = SeedWithEveryKindEarly();
+    const sim::Chaos chaos(seed);
+    auto simulator = Start(ChaosEgret(seed));
+    simulator->SetFault(0x07, sim::Fault{});  // removing a fault that is not there changes nothing
+    auto client = std::make_unique<RawClient>(simulator->Port());
+    for (int n = 0; n < kChaosRequests; ++n) {
+        const sim::Fault expected = chaos.Draw(n);
+        const auto start = std::chrono::steady_clock::now();
+        ASSERT_TRUE(client->SendFrame(0x08)) << n;
+        bool closed = false;
+        vrc::Frame reply;
+        switch (expected.kind) {
+            case ChaosKind::kCloseMidReply: {
+                const Bytes partial = client->ReadAll(&closed);
+                ASSERT_TRUE(closed && !partial.empty() && partial.size() < 8u + 23u) << n;
+                break;
+            }
+            case ChaosKind::kDrop:
+                ASSERT_TRUE(client->ClosedByPeer()) << n;
+                closed = true;
+                break;
+            default:
+                ASSERT_EQ(client->Read(reply), RawClient::Outcome::kFrame) << n;
+                const bool busy = expected.kind == ChaosKind::kStatus;
+                ASSERT_EQ(reply.status, busy ? vrc::kStatusBusy : 0) << n;
+                ASSERT_EQ(reply.payload.size(), busy ? 0u : 23u) << n;
+                ASSERT_GE(std::chrono::steady_clock::now() - start,
+                          std::chrono::milliseconds(expected.delayMs))
+                    << n;
+        }
+        if (closed) client = std::make_unique<RawClient>(simulator->Port());
+    }
+}
+
+// The same seed through the SDK client on another simulator: the same outcomes in the same order,
+// and the simulator's own tally of what it played. A fault set on a command wins over chaos.
+TEST(SimulatorTest, ChaosRepeatsItsSequenceForTheSameSeedThroughTheClient) {
+    const uint32_t seed = SeedWithEveryKindEarly();
+    const sim::Chaos chaos(seed);
+    auto simulator = Start(ChaosEgret(seed));
+    sim::Fault status5;
+    ASSERT_TRUE(sim::Fault::Parse("status=5", status5));
+    simulator->SetFault(0x07, status5);
+    auto connect = [&] {
+        return std::make_unique<lidar::VrcClient>("127.0.0.1", simulator->Port(), false,
+                                                  lidar::VrcMode::kTcp, 1, "", "", "", 4000,
+                                                  4000, 0.0f, 0);
+    };
+    auto client = connect();
+    sim::ChaosTally drawn;
+    u8vec reply;
+    for (int n = 0; n < kChaosRequests; ++n) {
+        // Every tenth request asks for 0x07, whose own fault always plays; it still takes its
+        // number in the sequence.
+        if (n % 10 == 9) {
+            ASSERT_EQ(client->QueryCommand({}, reply, 0x07, false), 5) << n;
+            continue;
+        }
+        int wanted = 0;
+        switch (chaos.Draw(n).kind) {
+            case ChaosKind::kDelay: ++drawn.slow; break;
+            case ChaosKind::kStatus: ++drawn.busy; wanted = vrc::kStatusBusy; break;
+            case ChaosKind::kCloseMidReply: ++drawn.cut; wanted = -2; break;
+            case ChaosKind::kDrop: ++drawn.drop; wanted = -2; break;
+            default: break;
+        }
+        ASSERT_EQ(client->QueryCommand({}, reply, 0x08, false), wanted) << n;
+        if (!client->IsOpen()) client = connect();
+    }
+    const sim::ChaosTally played = simulator->ChaosPlayed();
+    EXPECT_EQ(played.slow, drawn.slow);
+    EXPECT_EQ(played.busy, drawn.busy);
+    EXPECT_EQ(played.cut, drawn.cut);
+    EXPECT_EQ(played.drop, drawn.drop);
+    EXPECT_GT(drawn.cut + drawn.drop, 0u);
+}

@@ -47,6 +47,7 @@ bool Fault::Parse(const std::string& text, Fault& out) {
                   {"bad-magic", Kind::kBadMagic},
                   {"oversized-length", Kind::kOversizedLength},
                   {"wrong-echo", Kind::kWrongEcho},
+                  {"drop", Kind::kDrop},
                   {"crc-mismatch", Kind::kCrcMismatch},
                   {"garbage-before-reply", Kind::kGarbageBeforeReply},
                   {"bad-crc", Kind::kBadCrc}};

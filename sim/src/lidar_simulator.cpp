@@ -126,6 +126,7 @@ bool LidarSimulator::Impl::Start(std::string* error) {
     device.Heron().SetRunningPartition(options.partition == 'A' ? 0 : 1);
     device.SetRequiredToken(options.requiredToken);
     device.SetLogBytes(options.logBytes);
+    if (options.chaosSeed) requests.SetChaos(Chaos(*options.chaosSeed));
     if (::pipe2(wakeFds_, O_CLOEXEC | O_NONBLOCK) != 0) {
         if (error) *error = SystemError("pipe");
         return false;
@@ -341,6 +342,7 @@ bool LidarSimulator::Impl::HandleRequest(Connection& conn, const vrc::Frame& req
     if (fault.kind == Fault::Kind::kStatus) {
         return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
     }
+    if (fault.kind == Fault::Kind::kDrop) return false;
     // Any fault may also be slow: its reply waits delayMs first.
     if (fault.delayMs > 0 && !SleepUnlessStopped(fault.delayMs)) return false;
     if (const std::optional<bool> faulted = ApplyTransferFault(conn, request, fault))
@@ -469,6 +471,10 @@ void LidarSimulator::SetFault(uint8_t command, Fault fault) {
 
 void LidarSimulator::ClearFaults() {
     impl_->requests.ClearFaults();
+}
+
+ChaosTally LidarSimulator::ChaosPlayed() const {
+    return impl_->requests.ChaosPlayed();
 }
 
 std::vector<uint8_t> LidarSimulator::Block(uint8_t command,

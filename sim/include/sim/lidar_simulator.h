@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ struct Fault {
         kOversizedLength,  // reply header announcing more than the protocol's limit
         kWrongEcho,        // reply carrying another command code
         kStatus,           // reply with status `status` and no payload
+        kDrop,             // close the connection; the request is neither answered nor carried out
         // Transfers (0x83, 0xB7, 0xC3):
         kDropAfterChunks,  // close the connection, unanswered, on the data chunk after `count`
         kFailChunk,        // answer data chunk number `count` (from 1) with `status`
@@ -40,10 +42,39 @@ struct Fault {
     int count = 0;
 
     // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
-    // "wrong-echo", "status=N", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch",
+    // "wrong-echo", "status=N", "drop", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch",
     // "garbage-before-reply", "bad-crc",
     // "refuse-component=N:STATUS", "refuse-component-type=T:STATUS"; false for anything else.
     static bool Parse(const std::string& text, Fault& out);
+};
+
+// Seeded random faults at low rates, for soak runs and tests: request number n (from 0, counted
+// over every connection in the order they arrive) meets Draw(n), which depends on the seed and n
+// alone, so that a run repeats. docs/simulator.md, "Chaos".
+class Chaos {
+  public:
+    // Per 100 000 requests.
+    static constexpr int kSlowRate = 2000;  // the reply kMinDelayMs to kMaxDelayMs late
+    static constexpr int kBusyRate = 1500;  // status 4 (busy); the command is not carried out
+    static constexpr int kCutRate = 500;    // half of the reply, then the connection closes
+    static constexpr int kDropRate = 500;   // the connection closes, the request unanswered
+    static constexpr int kMinDelayMs = 50;
+    static constexpr int kMaxDelayMs = 2000;  // well inside the clients' receive time-outs
+
+    explicit Chaos(uint32_t seed) : seed_(seed) {}
+    // kNone for most requests; kDelay, kStatus (4), kCloseMidReply or kDrop for the others.
+    Fault Draw(uint64_t request) const;
+
+  private:
+    uint32_t seed_;
+};
+
+// How many faults of each kind a chaos simulator has played.
+struct ChaosTally {
+    uint64_t slow = 0;
+    uint64_t busy = 0;
+    uint64_t cut = 0;
+    uint64_t drop = 0;
 };
 
 // One firmware transfer as the device saw it: what it was told to expect and what it received.
@@ -92,6 +123,8 @@ class LidarSimulator {
         size_t logBytes = 4096;        // size of every log that 0x75 serves
         uint32_t monitorSeed = 1;      // the curves the monitor readings follow
         char partition = 'A';          // application partition running at start: 'A' or 'B'
+        std::optional<uint32_t> chaosSeed;  // set: random faults (Chaos) on every command that
+                                            // has no fault of its own
     };
 
     explicit LidarSimulator(Options options);
@@ -112,6 +145,8 @@ class LidarSimulator {
 
     void SetFault(uint8_t command, Fault fault);
     void ClearFaults();
+    // The faults chaos has played since start (all zero without Options::chaosSeed).
+    ChaosTally ChaosPlayed() const;
 
     // The block a get command (with its request payload) answers with; empty when unknown.
     std::vector<uint8_t> Block(uint8_t command, const std::vector<uint8_t>& payload = {}) const;
