@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -12,6 +14,19 @@
 namespace cli {
 namespace {
 
+// Two names of one device: adapters are usually named through links (/dev/serial/by-id/...), so
+// the devices themselves are compared, not the texts. Names that do not exist (yet) are compared
+// as texts.
+bool sameDevice(const QString& first, const QString& second) {
+    struct stat a {};
+    struct stat b {};
+    if (::stat(first.toLocal8Bit().constData(), &a) != 0 ||
+        ::stat(second.toLocal8Bit().constData(), &b) != 0)
+        return first == second;
+    if (S_ISCHR(a.st_mode) && S_ISCHR(b.st_mode)) return a.st_rdev == b.st_rdev;
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // Cross-checks that need the whole command line.
 QString combinationError(const Options& options) {
     // A real lidar's token is the access configuration's (./Config/auth_config.csv), which the
@@ -23,7 +38,7 @@ QString combinationError(const Options& options) {
         return "--port needs --host (the embedded simulator picks its own port)";
     if (options.rs485.isEmpty() != options.uart.isEmpty())
         return "--rs485 and --uart go together (the serial model uses both lines)";
-    if (!options.rs485.isEmpty() && options.rs485 == options.uart)
+    if (!options.rs485.isEmpty() && sameDevice(options.rs485, options.uart))
         return "--rs485 and --uart name the same device (the serial model uses two lines)";
     if (!options.rs485.isEmpty() && !options.host.isEmpty())
         return "--rs485 and --uart name serial lines; --host names a network lidar";
@@ -195,8 +210,8 @@ void addWrenSubcommand(CLI::App& app, Subcommands& args) {
     add(*wren, "spin-rate", "set the spin rate, in the lidar's own unit (0-255)")
         ->add_option("N", args.rest, "the spin rate")
         ->required();
-    add(*wren, "return-mode", "set the return mode: single (strongest) or dual")
-        ->add_option("single|dual", args.rest, "the return mode")
+    add(*wren, "return-mode", "set the return mode by its catalogue name: strongest or last")
+        ->add_option("strongest|last", args.rest, "the return mode")
         ->required();
     add(*wren, "baud", "read the serial point-cloud baud rate, or set it (Wren-VRC)")
         ->add_option("RATE", args.rest, "the new rate in bit/s");

@@ -279,8 +279,23 @@ bool Session::attemptConnection() {
         return false;
     }
     manager_->waitForWorkers();
-    if (manager_->getIsConnected()) return true;
+    if (manager_->getIsConnected()) return baudRateAnswered();
     if (errors_ == errorsBefore) printDiagnostic("error: could not connect to " + endpoint());
+    return false;
+}
+
+// A VRC-over-serial connect sends the point-cloud baud rate and, as designed, goes on whatever
+// the lidar answers; a lidar that did not answer at all is not one the commands can reach.
+bool Session::baudRateAnswered() {
+    if (manager_->getConnectType() != 2) return true;
+    const int code = manager_->getConnectBaudRateResult();
+    if (code > 0)
+        printDiagnostic("warning: the lidar refused the serial baud rate " + manager_->baud_rate() +
+                        " at connect: " + readFailureText(code));
+    if (code >= 0) return true;
+    printDiagnostic("error: the lidar did not answer at connect (the serial baud-rate command: " +
+                    readFailureText(code) + ")");
+    manager_->Stop();
     return false;
 }
 
@@ -351,7 +366,20 @@ ReadOutcome Session::readModule(int module) {
         printDiagnostic("error: could not read " + variables.join(", ") + " (request " +
                         qs(failure.request) + "): " + readFailureText(failure.code));
     }
+    explainSerialTimeout(failures);
     return failures.empty() ? ReadOutcome::kComplete : ReadOutcome::kIncomplete;
+}
+
+// On the serial lines a time-out has more to say than "no answer": what did arrive instead (a
+// point-cloud stream on swapped lines, late replies, damaged frames).
+void Session::explainSerialTimeout(
+    const std::vector<LidarUtilitiesManager::ReadFailure>& failures) {
+    if (!serialLines()) return;
+    const bool timedOut = std::any_of(failures.begin(), failures.end(), [](const auto& failure) {
+        return failure.code == lidar::kVrcTimeout;
+    });
+    const std::shared_ptr<lidar::SerialClient> client = manager_->getSerialClient();
+    if (timedOut && client) printDiagnostic("error: " + qs(client->LastError()));
 }
 
 bool Session::explainRefusal() const {

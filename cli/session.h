@@ -62,6 +62,7 @@ class Session {
     // After a refused command: when the lidar refused it for want of authorisation, says so in
     // plain words and returns true.
     bool explainRefusal() const;
+    void explainSerialTimeout(const std::vector<LidarUtilitiesManager::ReadFailure>& failures);
     bool connectionAlive() const;
     // The catalogue pages as the manager serves them for the model's kind: the generic lists
     // and variable map for a network model, the serial models' own otherwise.
@@ -98,6 +99,7 @@ class Session {
     bool startSerialSimulator();
     bool chooseSerialLines();
     bool attemptConnection();
+    bool baudRateAnswered();
     QString endpoint() const;
 
     Options options_;

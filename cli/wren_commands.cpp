@@ -82,13 +82,29 @@ int spinRate(Session& session, const QStringList& arguments) {
     });
 }
 
+// The catalogue's names of the two return modes (Return Mode's options, "0:Strongest|1:Last"):
+// the value a name sends is the one `read` shows with that name.
+bool parseReturnMode(Session& session, const QString& text, int& mode, QStringList& names) {
+    const VarPosition* position = session.findVariable("Return Mode");
+    if (position == nullptr) return false;
+    const VarInfo* var = position->var;
+    for (const auto& [value, name] : var->value_to_option) {
+        if (value != 0 && value != 1) continue;
+        names << QString::fromStdString(name).toLower();
+        if (text.compare(QString::fromStdString(name), Qt::CaseInsensitive) == 0) mode = value;
+    }
+    return mode >= 0;
+}
+
 int returnMode(Session& session, const QStringList& arguments) {
-    const QString value = arguments.value(0).toLower();
-    if (arguments.size() != 1 || (value != "single" && value != "dual"))
-        return usageError("wren return-mode takes single or dual");
+    int mode = -1;
+    QStringList names;
+    if (arguments.size() != 1 || !parseReturnMode(session, arguments[0], mode, names))
+        return usageError("wren return-mode takes " + (names.isEmpty()
+                                                           ? QString("a mode the catalogue names")
+                                                           : names.join(" or ")));
     return connected(session, [&] {
-        return outcome(session,
-                       [&] { session.manager().WrenSetReturnMode(value == "dual" ? 1 : 0); });
+        return outcome(session, [&] { session.manager().WrenSetReturnMode(mode); });
     });
 }
 

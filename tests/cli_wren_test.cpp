@@ -4,10 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include "cli_support.h"
+#include "sim/lidar_simulator.h"
+#include "sim/serial_lidar_simulator.h"
 #include "test_support.h"
 
 using testsupport::lidarutil;
@@ -23,6 +26,17 @@ TEST(LidarutilWren, ReadsAndWritesItsPagesOverTheSerialLines) {
                              "Firmware Version=WREN_APP_V1_24.7.30", "Model Name=Wren"})
         EXPECT_TRUE(lines(info.out).contains(line)) << line << "\n" << info.out.toStdString();
     EXPECT_TRUE(info.err.contains("connecting to RS485 /dev/pts/")) << info.err.toStdString();
+    // A healthy lidar (Normal, no fault codes) reads without an error or a warning, on each
+    // serial model.
+    for (const char* model : {"Wren", "Wren-VRC", "Heron-VRC"}) {
+        const Outcome healthy = lidarutil({"--model", model, "--verbose", "info"});
+        EXPECT_EQ(healthy.exitCode, 0) << model;
+        EXPECT_TRUE(lines(healthy.out).contains("Fault State=0")) << model;
+        EXPECT_FALSE(healthy.err.contains("ERROR") || healthy.err.contains("WARNING") ||
+                     healthy.err.contains("warning"))
+            << model << "\n"
+            << healthy.err.toStdString();
+    }
 
     const Outcome set = lidarutil({"--model", "Wren", "set", "Spin Rate=20 Hz", "Standby=On"});
     ASSERT_EQ(set.exitCode, 0) << set.err.toStdString();
@@ -61,6 +75,15 @@ TEST(LidarutilWren, TheWrenCommandsCheckTheirValuesFirst) {
     const Outcome standby = lidarutil({"--model", "Wren", "wren", "standby", "on"});
     EXPECT_EQ(standby.exitCode, 0);
     EXPECT_TRUE(standby.err.contains("set lidar mode successful"));
+    // The return modes carry the catalogue's names: what is set is read back under that name.
+    for (const char* mode : {"Last", "strongest"}) {
+        const Outcome set = lidarutil({"--model", "Wren-VRC", "wren", "return-mode", mode});
+        EXPECT_EQ(set.exitCode, 0) << set.err.toStdString();
+    }
+    const Outcome dual = lidarutil({"--model", "Wren", "wren", "return-mode", "dual"});
+    EXPECT_EQ(dual.exitCode, 2);
+    EXPECT_TRUE(dual.err.contains("wren return-mode takes strongest or last"))
+        << dual.err.toStdString();
 
     // 300 would reach the lidar as 44; an unknown mode or a VRC-only setting on the serial lines
     // is refused before anything connects.
@@ -99,6 +122,61 @@ TEST(LidarutilWren, TheWrenCommandsCheckTheirValuesFirst) {
                                    "255.255.255.0", "192.168.1.1", "--vlan", "12"});
     EXPECT_EQ(net.exitCode, 0) << net.err.toStdString();
     EXPECT_TRUE(net.err.contains("Set Lidar Successfully")) << net.err.toStdString();
+}
+
+TEST(LidarutilWren, SwappedOrDoubleNamedLinesAreNamedAsSuch) {
+    sim::SerialLidarSimulator::Options options;
+    options.configDir = testsupport::SourceDir() + "/Config";
+    sim::SerialLidarSimulator wren(options);
+    std::string error;
+    ASSERT_TRUE(wren.Start(&error)) << error;
+    const QString rs485 = QString::fromStdString(wren.Rs485Path());
+    const QString uart = QString::fromStdString(wren.UartPath());
+
+    // The point-cloud stream comes in where replies are awaited.
+    const Outcome swapped =
+        lidarutil({"--model", "Wren", "--rs485", uart, "--uart", rs485, "read", "Settings"});
+    EXPECT_EQ(swapped.exitCode, 1);
+    EXPECT_TRUE(swapped.err.contains("bytes that were not a reply arrived on " + rs485 +
+                                     ", the UART line: are the two lines swapped?"))
+        << swapped.err.toStdString();
+
+    // One device under two names, one of them a link as /dev/serial/by-id gives.
+    QTemporaryDir dir;
+    const QString link = dir.filePath("usb-adapter-port0");
+    ASSERT_TRUE(QFile::link(rs485, link));
+    const Outcome same =
+        lidarutil({"--model", "Wren", "--rs485", rs485, "--uart", link, "read", "Settings"});
+    EXPECT_EQ(same.exitCode, 2);
+    EXPECT_TRUE(same.err.contains("--rs485 and --uart name the same device"))
+        << same.err.toStdString();
+}
+
+TEST(LidarutilWren, AVrcOverSerialLidarThatDoesNotAnswerAtConnectIsNotConnected) {
+    sim::LidarSimulator::Options options;
+    options.model = "Wren-VRC";
+    options.configDir = testsupport::SourceDir() + "/Config";
+    sim::LidarSimulator lidar(options);
+    std::string error;
+    ASSERT_TRUE(lidar.Start(&error)) << error;
+    const QString port = QString::number(lidar.Port());
+    lidar.SetFault(0xB1, sim::Fault{sim::Fault::Kind::kCloseMidReply, 0, 0, 0});
+    const Outcome silent = lidarutil(
+        {"--model", "Wren-VRC", "--host", "127.0.0.1", "--port", port, "wren", "standby", "on"});
+    EXPECT_EQ(silent.exitCode, 1);
+    EXPECT_TRUE(
+        silent.err.contains("error: the lidar did not answer at connect (the serial "
+                            "baud-rate command: the lidar closed the connection"))
+        << silent.err.toStdString();
+    EXPECT_FALSE(silent.err.contains("ret:")) << silent.err.toStdString();
+
+    // A lidar that answers with a refusal is reachable: a warning, and the command runs.
+    lidar.SetFault(0xB1, sim::Fault{sim::Fault::Kind::kStatus, 0, 1, 0});
+    const Outcome refusing = lidarutil(
+        {"--model", "Wren-VRC", "--host", "127.0.0.1", "--port", port, "wren", "standby", "on"});
+    EXPECT_EQ(refusing.exitCode, 0) << refusing.err.toStdString();
+    EXPECT_TRUE(refusing.err.contains("warning: the lidar refused the serial baud rate"))
+        << refusing.err.toStdString();
 }
 
 TEST(LidarutilWren, TheVrcOverSerialModelsReadSetAndWatchAsTheNetworkOnesDo) {

@@ -274,8 +274,21 @@ TEST(WrenVrc, SettingsAndReadersWithTheirChecks) {
     EXPECT_EQ(m.WrenSetDestinationIPandPort("10.1.2.3", 4000), 1);
     EXPECT_TRUE(session.Shown("success: set destination IP and port successful"));
     EXPECT_EQ(m.WrenGetDestinationConfig(false), (QVariantList{"10.1.2.3", "4000"}));
-    // A port its 16-bit field cannot hold is refused rather than sent as another port.
+    // Values their fields cannot hold are refused rather than sent as other values.
+    const uint64_t destinationSets = lidar->RequestCount(0x20);
+    const uint64_t netSets = lidar->RequestCount(0x21);
     EXPECT_EQ(m.WrenSetDestinationIPandPort("10.1.2.3", 70000), 0);
+    EXPECT_EQ(m.WrenSetDestinationIPandPort("10.1.2.3", -1), 0);
+    EXPECT_EQ(m.WrenSetNet("10.9.8.7", "255.255.0.0", "10.9.0.1", 256, 1), 0);
+    EXPECT_EQ(m.WrenSetNet("10.9.8.7", "255.255.0.0", "10.9.0.1", 1, 65536), 0);
+    EXPECT_EQ(m.WrenSetNet("10.9.8.7", "255.255.0.0", "10.9.0.1", -1, 1), 0);
+    const std::vector<std::string> refusals = session.Messages();
+    EXPECT_EQ(std::count(refusals.begin(), refusals.end(), "error: invalid destination port value"),
+              2);
+    EXPECT_EQ(std::count(refusals.begin(), refusals.end(), "error: invalid VLAN value"), 3);
+    EXPECT_EQ(lidar->RequestCount(0x20), destinationSets);
+    EXPECT_EQ(lidar->RequestCount(0x21), netSets);
+    EXPECT_TRUE(m.getIsConnected());
     EXPECT_EQ(m.WrenGetDestinationConfig(true).value(1), "4000");
 
     // A short 0x08 reply: the reader's failure, quietly or not.
@@ -299,6 +312,30 @@ TEST(WrenVrc, SettingsAndReadersWithTheirChecks) {
               (std::vector<uint8_t>{10, 9, 8, 7}));
     EXPECT_EQ(std::vector<uint8_t>(network.begin() + 20, network.begin() + 23),
               (std::vector<uint8_t>{0, 0, 0}));
+}
+
+TEST(WrenVrc, EveryOperationRefusesWhileNotConnected) {
+    ManagerSession session("Wren-VRC");
+    LidarUtilitiesManager& m = session.m();
+    m.WrenSetStandby(1);
+    m.WrenSetSpinRate(10);
+    m.WrenSetReturnMode(1);
+    EXPECT_TRUE(m.WrenGetLidarFunctionSafety().isEmpty());
+    EXPECT_EQ(m.WrenGetBaudRate(), "");
+    m.WrenSetBaudRateFromUI("921600");
+    EXPECT_EQ(m.WrenSetDestinationIPandPort("10.1.2.3", 4000), 0);
+    EXPECT_EQ(m.WrenSetNet("10.9.8.7", "255.255.0.0", "10.9.0.1", 0, 0), 0);
+    // The readers refuse quietly when asked to.
+    EXPECT_TRUE(m.WrenGetNetConfig(true).isEmpty());
+    EXPECT_TRUE(m.WrenGetDestinationConfig(false).isEmpty());
+    const std::vector<std::string> messages = session.Messages();
+    EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                         "error: lidar is not connected, or lidar is upgrade"),
+              4);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                         "error: lidar is not connected, or lidar is upgrading"),
+              5);
+    EXPECT_EQ(messages.size(), 9u);
 }
 
 TEST(WrenVrc, ModeSettersNeedASerialClientOnTheNetworkKind) {

@@ -1,9 +1,15 @@
 // The serial client against the simulated Wren on two pseudo-terminals: every Wren operation,
 // the transfer, raw commands, each way a reply can go wrong, and concurrent callers.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
 #include <zlib.h>
 
+#include <atomic>
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,6 +25,159 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+namespace serial = lidar::serial;
+
+void Pause(int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+// A device that answers as the test scripts it, on the far side of a pseudo-terminal: each
+// request frame that arrives is handed to the script, which writes what it likes back.
+class ScriptedDevice {
+  public:
+    using Script = std::function<void(const serial::Frame& request, ScriptedDevice& device)>;
+
+    explicit ScriptedDevice(Script script) : script_(std::move(script)) {
+        master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+        ::grantpt(master_);
+        ::unlockpt(master_);
+        uart_ = std::make_unique<lidar::SerialSource>(::ptsname(master_), 9600, 3125000);
+        uart_->SetCommandMode(true);
+        uart_->setNeedRecv(false);
+        opened_ = uart_->Open();
+        client_.SetSerial(uart_.get(), nullptr);
+        thread_ = std::thread([this] { Serve(); });
+    }
+    ~ScriptedDevice() {
+        stop_.store(true);
+        thread_.join();
+        uart_->Close();
+        ::close(master_);
+    }
+    bool opened() const { return opened_; }
+    lidar::SerialClient& client() { return client_; }
+    const std::string& path() const { return uart_->Device(); }
+    void Write(const Bytes& bytes) {
+        [[maybe_unused]] const ssize_t written = ::write(master_, bytes.data(), bytes.size());
+    }
+
+  private:
+    void Serve() {
+        serial::FrameDecoder decoder;
+        uint8_t buffer[4096];
+        while (!stop_.load()) {
+            pollfd fd{master_, POLLIN, 0};
+            if (::poll(&fd, 1, 20) <= 0 || (fd.revents & POLLIN) == 0) continue;
+            const ssize_t got = ::read(master_, buffer, sizeof buffer);
+            if (got <= 0) continue;
+            decoder.Feed(buffer, static_cast<size_t>(got));
+            serial::Frame request;
+            while (decoder.Next(request)) script_(request, *this);
+        }
+    }
+
+    Script script_;
+    int master_ = -1;
+    std::unique_ptr<lidar::SerialSource> uart_;
+    bool opened_ = false;
+    lidar::SerialClient client_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST(SerialClientLine, LateRepliesAreDroppedAndTheRightOneIsWaitedFor) {
+    // Every request is answered first with a late reply to an earlier one (0x01), then with its
+    // own; 0x03 gets only the late one.
+    ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
+        line.Write(serial::EncodeFrame(0x01, 0, {}));
+        if (request.code != 0x03) line.Write(serial::EncodeFrame(request.code, 0, {7}));
+    });
+    ASSERT_TRUE(device.opened());
+    lidar::SerialClient& client = device.client();
+    Bytes reply;
+    EXPECT_EQ(client.QueryCommand(0x09, {}, reply, 1000), 0) << client.LastError();
+    EXPECT_EQ(reply, (Bytes{0xA5, 0x5A, 0x09, 0, 0, 0, 0, 1, 7}));
+    EXPECT_EQ(client.StaleReplies(), 1u);
+    EXPECT_EQ(client.QueryCommand(0x03, {1}, reply, 300), lidar::kVrcTimeout);
+    EXPECT_EQ(client.LastError(),
+              "no complete valid reply to 0x03 within 300 ms (1 late reply(ies) to earlier "
+              "requests dropped)");
+    EXPECT_EQ(client.StaleReplies(), 2u);
+}
+
+TEST(SerialClientLine, ALongReplyAtTheUartRateHasItsOwnTimeOnTheWire) {
+    // 1200 payload bytes take 1.26 s at 9600 baud; they come in pieces, as a slow line brings
+    // them, well after the 300 ms the client waits for a reply to begin.
+    const Bytes payload(1200, 0x33);
+    ScriptedDevice device([&payload](const serial::Frame&, ScriptedDevice& line) {
+        const Bytes frame = serial::EncodeFrame(0x09, 0, payload);
+        for (size_t at = 0; at < frame.size(); at += 100) {
+            line.Write(Bytes(frame.begin() + at, frame.begin() + std::min(at + 100, frame.size())));
+            Pause(80);
+        }
+    });
+    ASSERT_TRUE(device.opened());
+    Bytes reply;
+    ASSERT_EQ(device.client().QueryCommand(0x09, {}, reply, 300), 0) << device.client().LastError();
+    EXPECT_EQ(reply.size(), 8u + payload.size());
+}
+
+TEST(SerialClientLine, FalseStartMarkersDoNotSwallowTheReply) {
+    // Noise that looks like the start of a frame of plausible length, then the real reply.
+    ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
+        const bool faultState = request.code == 0x04;
+        line.Write(serial::EncodeHeader(faultState ? 0x04 : 0x7E, 0, 1000));
+        line.Write(serial::EncodeFrame(request.code, 0, faultState ? Bytes{2} : Bytes{}));
+    });
+    ASSERT_TRUE(device.opened());
+    lidar::SerialClient& client = device.client();
+    // A setting's reply is empty: a header announcing a payload cannot be its reply, at once.
+    Bytes reply;
+    EXPECT_EQ(client.QueryCommand(0x01, {1}, reply, 150), 0) << client.LastError();
+    // A reply that may be long, and the false start even carries its code: the frame begun is
+    // given up when the line goes quiet.
+    Bytes state;
+    EXPECT_EQ(client.GetLidarFaultState(state), 0) << client.LastError();
+    EXPECT_EQ(state, Bytes{2});
+}
+
+TEST(SerialClientLine, APointCloudOnTheCommandLineIsNamedAsSwappedLines) {
+    // The lines swapped: what comes back on the UART line is a stream that holds no reply.
+    ScriptedDevice device(
+        [](const serial::Frame&, ScriptedDevice& line) { line.Write(Bytes(500, 0x11)); });
+    ASSERT_TRUE(device.opened());
+    Bytes reply;
+    EXPECT_EQ(device.client().QueryCommand(0x01, {1}, reply, 300), lidar::kVrcTimeout);
+    EXPECT_EQ(device.client().LastError(),
+              "no complete valid reply to 0x01 within 300 ms: 500 bytes that were not a reply "
+              "arrived on " +
+                  device.path() + ", the UART line: are the two lines swapped?");
+}
+
+TEST(SerialClientLine, AfterATimeOutTheLineRunsOutBeforeTheNextRequest) {
+    // The first request's reply comes late, after a while of noise; the second is answered at
+    // once. A client that did not let the line run out would take the late reply for the
+    // second's.
+    std::atomic<int> requests{0};
+    ScriptedDevice device([&requests](const serial::Frame& request, ScriptedDevice& line) {
+        if (requests.fetch_add(1) == 0) {
+            for (int i = 0; i < 8; ++i) {
+                Pause(50);
+                line.Write({0x00});
+            }
+            line.Write(serial::EncodeFrame(request.code, 0, {1}));
+            return;
+        }
+        line.Write(serial::EncodeFrame(request.code, 0, {0}));
+    });
+    ASSERT_TRUE(device.opened());
+    lidar::SerialClient& client = device.client();
+    client.SetReceiveTimeout(200);
+    Bytes state;
+    EXPECT_EQ(client.GetLidarFaultState(state), lidar::kVrcTimeout);
+    EXPECT_EQ(client.GetLidarFaultState(state), 0) << client.LastError();
+    EXPECT_EQ(state, Bytes{0});
+}
 
 class SerialClientDevice : public ::testing::Test {
   protected:

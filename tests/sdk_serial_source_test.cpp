@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "sdk/serial_source.h"
+#include "serial_custom_rate.h"
 #include "test_support.h"
 
 namespace {
@@ -32,6 +33,7 @@ class Pty {
     }
     ~Pty() { ::close(master_); }
     const std::string& path() const { return path_; }
+    int master() const { return master_; }
     void Write(const std::string& bytes) {
         ASSERT_EQ(::write(master_, bytes.data(), bytes.size()), ssize_t(bytes.size()));
     }
@@ -82,11 +84,55 @@ TEST(SerialSource, RefusesWhatIsNotAFreeSerialPortWithAClearReason) {
     ::close(ready[1]);
     EXPECT_TRUE(held.Open()) << held.LastError();
 
-    // And within one process: a second source on an open port.
-    SerialSource second(pty.path(), 9600, 9600);
+    // And within one process: a second source on an open port, named through a link as
+    // /dev/serial/by-id names adapters, is the same device, not another program's.
+    const std::string link = dir.file("by-id-adapter");
+    ASSERT_EQ(::symlink(pty.path().c_str(), link.c_str()), 0);
+    SerialSource second(link, 9600, 9600);
     EXPECT_FALSE(second.Open());
+    EXPECT_EQ(second.LastError(),
+              "serial port " + link + " is already open in this program (as " + pty.path() + ")");
     held.Close();
     EXPECT_TRUE(second.Open()) << second.LastError();
+}
+
+// The line as the device sees it, read through the far side of the pseudo-terminal: raw 8N1
+// without flow control, at the rate of the source's mode.
+TEST(SerialSource, OpensRawWithoutFlowControlAtTheRateOfItsMode) {
+    struct Case {
+        bool commandMode;
+        int rate;
+    };
+    for (const Case& c : {Case{true, 9600}, Case{false, 3125000}, Case{false, 921600}}) {
+        SCOPED_TRACE(c.rate);
+        Pty pty;
+        SerialSource source(pty.path(), 9600, c.commandMode ? 115200 : c.rate);
+        source.SetCommandMode(c.commandMode);
+        ASSERT_TRUE(source.Open()) << source.LastError();
+        termios line{};
+        ASSERT_EQ(::tcgetattr(pty.master(), &line), 0);
+        EXPECT_EQ(line.c_cflag & CRTSCTS, 0u);
+        EXPECT_EQ(line.c_cflag & (CSIZE | PARENB | CSTOPB), tcflag_t{CS8});
+        EXPECT_EQ(line.c_cflag & (CLOCAL | CREAD), tcflag_t{CLOCAL | CREAD});
+        EXPECT_EQ(line.c_iflag & (IXON | IXOFF | ICRNL | ISTRIP), 0u);
+        EXPECT_EQ(line.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0u);
+        EXPECT_EQ(line.c_oflag & OPOST, 0u);
+        EXPECT_EQ(lidar::detail::ReadRate(pty.master()), c.rate);
+    }
+}
+
+TEST(SerialSource, ALineTheDriverRunsAtAnotherRateIsNotOpened) {
+    Pty pty;
+    SerialSource source(pty.path(), 9600, 3125000);
+    source.SetCommandMode(true);
+    source.SetRateReader([](int) { return 115200; });
+    EXPECT_FALSE(source.Open());
+    EXPECT_FALSE(source.IsOpen());
+    EXPECT_EQ(source.LastError(), "serial port " + pty.path() +
+                                      " runs at 115200 baud: the driver could not set 9600 baud");
+    // Nothing is left held, and a rate within a UART's tolerance is the asked one.
+    source.SetRateReader([](int) { return 9700; });
+    EXPECT_TRUE(source.Open()) << source.LastError();
 }
 
 TEST(SerialSource, CommandLineReadsDataLineDrainsAndCloseWakesAReader) {

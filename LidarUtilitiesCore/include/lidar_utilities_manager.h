@@ -221,6 +221,10 @@ class LidarUtilitiesManager : public QObject {
         int code = 0;
     };
     std::vector<ReadFailure> getLastModuleReadFailures() const;
+    // The client's result of the baud-rate command a VRC-over-serial connect sends (0 before
+    // any). The connect goes on whatever it is, as designed; a front end may still tell the user
+    // that the lidar did not answer it.
+    int getConnectBaudRateResult() const { return connectBaudRateResult_.load(); }
     // The page timer's latest refresh of the timer variables: its number (from 1), whether every
     // request failed (then no myTimerMapChanged follows), and the requests that failed.
     struct TimerRefresh {
@@ -561,6 +565,8 @@ class LidarUtilitiesManager : public QObject {
     static constexpr std::array<float, 10> kDefaultFovTable = {0,   0,   0,   0,   0,
                                                                360, 360, 360, 360, 360};
     std::array<float, 10> fovTable = kDefaultFovTable;  // guarded by fieldsMutex_
+
+    std::atomic<int> connectBaudRateResult_{0};
 
   public:
     std::atomic<bool> isConnected{false};

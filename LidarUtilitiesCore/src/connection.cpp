@@ -326,7 +326,7 @@ bool LidarUtilitiesManager::InitVrcForSerial() {
         }
         authorized->SetSerialBaudRate(baudRate);
         setVrcClientLogCallback();
-        authorized->WrenSetBaudRate(baudRate);
+        connectBaudRateResult_.store(authorized->WrenSetBaudRate(baudRate));
 
         if (!commitConnection(attempt, &LidarUtilitiesManager::WrenVrcUpdatePagesTimer, false)) {
             abandonAttempt(authorized);

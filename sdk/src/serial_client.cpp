@@ -27,6 +27,25 @@ constexpr size_t kReceiveRoom = 4096;
 // next query first waits until the line has been quiet this long, at most kSettleMaxMs.
 constexpr int kSettleQuietMs = 100;
 constexpr int kSettleMaxMs = 1000;
+// A frame begun and then left incomplete for this long while waiting for a reply was a false
+// start marker in noise: the device writes a reply in one go.
+constexpr uint32_t kResyncQuietMs = 200;
+// This many bytes that formed no reply while waiting for one suggest the point-cloud line.
+constexpr uint64_t kSwapHintBytes = 64;
+
+// The largest payload a reply to `code` may carry: the settings and the transfer's phases are
+// answered with an empty payload; the fault state and catalogue reads up to the frame limit.
+uint32_t MaxReplyPayload(uint8_t code) {
+    switch (code) {
+        case kSetStandby:
+        case kSetSpinRate:
+        case kSetReturnMode:
+        case kFirmwareUpgrade:
+            return 0;
+        default:
+            return serial::kMaxPayload;
+    }
+}
 
 uint32_t OrDefault(uint32_t timeoutMs) {
     return timeoutMs == 0 ? kDefaultTimeoutMs : timeoutMs;
@@ -151,11 +170,6 @@ int SerialClient::QueryLocked(const Request& request, u8Array_t& reply, uint32_t
     const int received = AwaitReply(*line, request.code, timeoutMs, onTheWire, answer);
     if (received != kVrcOk) return received;
     if (HasLogCallback()) LogReceived(answer);
-    if (answer.code != request.code) {
-        unsettled_ = true;
-        return Refuse(kVrcMalformed,
-                      "malformed reply to " + name + ": it carries " + CommandText(answer.code));
-    }
     reply = serial::EncodeHeader(answer.code, answer.status,
                                  static_cast<uint32_t>(answer.payload.size()));
     reply.insert(reply.end(), answer.payload.begin(), answer.payload.end());
@@ -181,48 +195,79 @@ void SerialClient::LogReceived(const serial::Frame& answer) {
     Log(detail::FrameLine("RECV", answer.code, frame, nullptr, 0, nullptr, 0));
 }
 
-// Reads until one whole valid frame is decoded or the deadline passes. Noise is skipped and a
-// frame with a bad CRC dropped by the decoder; neither ends the wait.
+// Reads until the reply to `code` is decoded or the deadline passes. Noise is skipped and a frame
+// with a bad CRC dropped by the decoder; a valid frame carrying another code is a late reply to an
+// earlier request (the device sends nothing unasked) and is dropped too. None of them ends the
+// wait. The deadline counts the request's time on the wire and, once its header is in, the
+// reply's; a frame begun and then left incomplete while the line stays quiet was a false start.
 int SerialClient::AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs,
                              uint32_t onTheWireMs, serial::Frame& frame) {
-    const std::string name = CommandText(code);
-    const auto deadline =
-        Clock::now() + std::chrono::milliseconds(SaturatingSum(timeoutMs, onTheWireMs));
+    decoder_.SetMaxPayload(MaxReplyPayload(code));
+    const auto started = Clock::now();
+    const uint32_t waitMs = SaturatingSum(timeoutMs, onTheWireMs);
+    uint64_t stale = 0;
     uint8_t buffer[kReceiveRoom];
     for (;;) {
-        if (decoder_.Next(frame)) return kVrcOk;
+        while (decoder_.Next(frame)) {
+            if (frame.code == code) return kVrcOk;
+            ++stale;
+            staleReplies_.fetch_add(1);
+            if (HasLogCallback()) LogReceived(frame);
+        }
+        const uint32_t replyMs = ReplyOnTheWireMs(code, line.Rate());
+        const auto deadline = started + std::chrono::milliseconds(SaturatingSum(waitMs, replyMs));
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return TimedOut(line, code, timeoutMs, stale);
+        const bool watchQuiet = decoder_.Buffered() > 0 && left.count() > kResyncQuietMs;
+        const uint32_t wait = watchQuiet ? kResyncQuietMs : static_cast<uint32_t>(left.count());
         size_t got = 0;
-        const SerialSource::ReceiveStatus status =
-            left.count() <= 0
-                ? SerialSource::ReceiveStatus::kTimeout
-                : line.Receive(buffer, sizeof buffer, got, static_cast<uint32_t>(left.count()));
-        switch (status) {
+        switch (line.Receive(buffer, sizeof buffer, got, wait)) {
             case SerialSource::ReceiveStatus::kData:
                 decoder_.Feed(buffer, got);
                 continue;
-            case SerialSource::ReceiveStatus::kTimeout: {
-                unsettled_ = true;
-                std::string why = "no complete valid reply to " + name + " within " +
-                                  std::to_string(timeoutMs) + " ms";
-                if (decoder_.DroppedFrames() > 0) {
-                    why += " (" + std::to_string(decoder_.DroppedFrames()) +
-                           " damaged frame(s) dropped)";
-                }
-                return Refuse(kVrcTimeout, why);
-            }
+            case SerialSource::ReceiveStatus::kTimeout:
+                if (watchQuiet) decoder_.DropPending();
+                continue;
             case SerialSource::ReceiveStatus::kClosed:
                 return Refuse(kVrcClosedByPeer, "serial line " + line.Device() +
-                                                    " hung up before the reply of " + name +
-                                                    " was complete");
+                                                    " hung up before the reply of " +
+                                                    CommandText(code) + " was complete");
             case SerialSource::ReceiveStatus::kCancelled:
                 return Refuse(kVrcNotConnected, "serial port " + line.Device() +
-                                                    " was closed while waiting for " + name);
+                                                    " was closed while waiting for " +
+                                                    CommandText(code));
             case SerialSource::ReceiveStatus::kError:
-                return Refuse(kVrcNotConnected,
-                              "cannot receive the reply of " + name + ": " + line.LastError());
+                return Refuse(kVrcNotConnected, "cannot receive the reply of " + CommandText(code) +
+                                                    ": " + line.LastError());
         }
     }
+}
+
+// The reply's own time on the wire, once its header is in and it looks like the reply awaited:
+// a false start in noise rarely carries the awaited code, and its length is bounded by the reply
+// the code may have.
+uint32_t SerialClient::ReplyOnTheWireMs(uint8_t code, int rate) const {
+    const size_t pending = decoder_.PendingFrameSize();
+    if (pending == 0 || decoder_.PendingCode() != code) return 0;
+    return TransmitMs(pending, rate);
+}
+
+int SerialClient::TimedOut(const SerialSource& line, uint8_t code, uint32_t timeoutMs,
+                           uint64_t stale) {
+    unsettled_ = true;
+    std::string why = "no complete valid reply to " + CommandText(code) + " within " +
+                      std::to_string(timeoutMs) + " ms";
+    if (decoder_.DroppedFrames() > 0)
+        why += " (" + std::to_string(decoder_.DroppedFrames()) + " damaged frame(s) dropped)";
+    if (stale > 0)
+        why += " (" + std::to_string(stale) + " late reply(ies) to earlier requests dropped)";
+    // A line full of bytes that never form a reply is usually the point-cloud line.
+    const uint64_t notReplies = decoder_.SkippedBytes() + decoder_.Buffered();
+    if (notReplies >= kSwapHintBytes) {
+        why += ": " + std::to_string(notReplies) + " bytes that were not a reply arrived on " +
+               line.Device() + ", the UART line: are the two lines swapped?";
+    }
+    return Refuse(kVrcTimeout, why);
 }
 
 // A serial line cannot be reconnected to shed a late reply; instead the client lets it run out:

@@ -17,4 +17,10 @@ bool SetCustomRate(int fd, int rate) {
     return ioctl(fd, TCSETS2, &settings) == 0;
 }
 
+int ReadRate(int fd) {
+    termios2 settings{};
+    if (ioctl(fd, TCGETS2, &settings) != 0) return -1;
+    return static_cast<int>(settings.c_ospeed);
+}
+
 }  // namespace lidar::detail

@@ -86,7 +86,7 @@ bool FrameDecoder::Next(Frame& out) {
         if (available < kHeaderSize) return false;
         const uint8_t* p = buffer_.data() + readPos_;
         const uint32_t length = ReadLength(p);
-        if (length > kMaxPayload) {  // noise that happens to hold a marker
+        if (length > maxPayload_) {  // noise that happens to hold a marker
             ++droppedFrames_;
             Skip(2);
             continue;
@@ -106,6 +106,30 @@ bool FrameDecoder::Next(Frame& out) {
         return true;
     }
     return false;
+}
+
+void FrameDecoder::SetMaxPayload(uint32_t limit) {
+    maxPayload_ = std::min(limit, kMaxPayload);
+}
+
+size_t FrameDecoder::PendingFrameSize() const {
+    if (Buffered() < kHeaderSize) return 0;
+    const uint8_t* p = buffer_.data() + readPos_;
+    if (p[0] != kStart0 || p[1] != kStart1) return 0;
+    return kHeaderSize + ReadLength(p) + kCrcSize;
+}
+
+uint8_t FrameDecoder::PendingCode() const {
+    return PendingFrameSize() > 0 ? buffer_[readPos_ + 2] : 0;
+}
+
+bool FrameDecoder::DropPending() {
+    if (Buffered() < 2) return false;
+    const uint8_t* p = buffer_.data() + readPos_;
+    if (p[0] != kStart0 || p[1] != kStart1) return false;
+    ++droppedFrames_;
+    Skip(2);
+    return true;
 }
 
 void FrameDecoder::Reset() {

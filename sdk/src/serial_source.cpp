@@ -13,7 +13,10 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <utility>
 
 #include "serial_custom_rate.h"
 
@@ -67,6 +70,24 @@ int RemainingMs(Clock::time_point deadline) {
     return static_cast<int>(std::min<long long>(ms, INT_MAX));
 }
 
+// The devices this process holds, by the device itself (a link such as /dev/serial/by-id/...
+// names the same one), with the name each was opened by: a second open of one of them is told
+// apart from another program's.
+using DeviceKey = std::pair<uint64_t, uint64_t>;
+std::mutex heldMutex;
+std::map<DeviceKey, std::string> held;
+
+DeviceKey KeyOf(const struct stat& info) {
+    if (S_ISCHR(info.st_mode)) return {uint64_t{info.st_rdev}, 0};
+    return {uint64_t{info.st_dev}, uint64_t{info.st_ino}};
+}
+
+std::string HeldAs(const DeviceKey& key) {
+    std::lock_guard<std::mutex> lock(heldMutex);
+    const auto found = held.find(key);
+    return found == held.end() ? std::string() : found->second;
+}
+
 bool HungUpEvents(int revents) {
     return (revents & (POLLHUP | POLLERR)) != 0 && (revents & POLLIN) == 0;
 }
@@ -74,7 +95,15 @@ bool HungUpEvents(int revents) {
 }  // namespace
 
 SerialSource::SerialSource(std::string device, int lineRate, int secondRate)
-    : device_(std::move(device)), lineRate_(lineRate), secondRate_(secondRate) {}
+    : device_(std::move(device)),
+      lineRate_(lineRate),
+      secondRate_(secondRate),
+      rateReader_(detail::ReadRate) {}
+
+void SerialSource::SetRateReader(RateReader reader) {
+    std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
+    rateReader_ = reader ? std::move(reader) : RateReader(detail::ReadRate);
+}
 
 SerialSource::~SerialSource() {
     Close();
@@ -136,7 +165,8 @@ int SerialSource::OpenDevice() {
         return -1;
     }
     struct stat info {};
-    if (::fstat(fd, &info) == 0 && !S_ISCHR(info.st_mode)) {
+    if (::fstat(fd, &info) != 0) info.st_mode = S_IFCHR;
+    if (!S_ISCHR(info.st_mode)) {
         SetError(device_ + " is not a serial port (" +
                  (S_ISREG(info.st_mode) ? "it is a regular file" : "not a character device") + ")");
         ::close(fd);
@@ -151,9 +181,16 @@ int SerialSource::OpenDevice() {
     // TIOCEXCL alone does not stop root from a second open; the advisory lock does, whoever
     // asks, as long as the other program locks too (every program built on this SDK does).
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        SetError(errno == EWOULDBLOCK
-                     ? "serial port " + device_ + " is in use by another program"
-                     : "cannot lock serial port " + device_ + ": " + std::strerror(errno));
+        const int error = errno;
+        const std::string heldAs = HeldAs(KeyOf(info));
+        if (!heldAs.empty()) {
+            SetError("serial port " + device_ + " is already open in this program (as " + heldAs +
+                     ")");
+        } else {
+            SetError(error == EWOULDBLOCK
+                         ? "serial port " + device_ + " is in use by another program"
+                         : "cannot lock serial port " + device_ + ": " + std::strerror(error));
+        }
         ::close(fd);
         return -1;
     }
@@ -162,6 +199,9 @@ int SerialSource::OpenDevice() {
         ::close(fd);
         return -1;
     }
+    std::lock_guard<std::mutex> lock(heldMutex);
+    heldKey_ = KeyOf(info);
+    held[heldKey_] = device_;
     return fd;
 }
 
@@ -191,8 +231,22 @@ bool SerialSource::Configure(int fd) {
                  " baud, 8N1: " + std::strerror(errno));
         return false;
     }
+    if (!RateTookEffect(fd, rate)) return false;
     ::tcflush(fd, TCIOFLUSH);
     return true;
+}
+
+// A driver may accept the settings and still run the line at another rate (one it can make
+// from its clock, or its default): every byte would then be garbage on both sides. A rate within
+// kRateTolerancePercent of the asked one is what a UART runs at anyway.
+bool SerialSource::RateTookEffect(int fd, int rate) {
+    constexpr int64_t kRateTolerancePercent = 2;
+    const int actual = rateReader_(fd);
+    if (actual < 0) return true;  // a driver that cannot tell: nothing to compare
+    if (std::llabs(int64_t{actual} - rate) * 100 <= rate * kRateTolerancePercent) return true;
+    SetError("serial port " + device_ + " runs at " + std::to_string(actual) +
+             " baud: the driver could not set " + std::to_string(rate) + " baud");
+    return false;
 }
 
 void SerialSource::Close() {
@@ -218,6 +272,8 @@ void SerialSource::CloseLocked() {
         // The exclusive mode belongs to the tty, not to this descriptor: left set, it would
         // refuse the next open of anyone but root.
         ::ioctl(fd, TIOCNXCL);
+        std::lock_guard<std::mutex> heldLock(heldMutex);
+        held.erase(heldKey_);
         ::close(fd);  // also releases the lock
     }
     if (wakeFd_ >= 0) ::close(wakeFd_);

@@ -36,8 +36,9 @@ class SerialClient {
     // Sends one frame and waits at most timeoutMs (0: the default) for its reply. 0 or the
     // device's status (1..255) with `reply` = the reply's 8-byte header and payload, without the
     // CRC; -1 not open or the write failed, -2 the line hung up before a complete reply, -3 no
-    // complete valid reply in time, -4 a reply carrying another code. Several threads may call;
-    // one request is on the line at a time.
+    // complete valid reply in time. A reply carrying another code is a late one to an earlier
+    // request: it is dropped (StaleReplies) and the wait goes on. Several threads may call; one
+    // request is on the line at a time.
     int QueryCommand(uint8_t code, const u8Array_t& payload, u8Array_t& reply, uint32_t timeoutMs);
 
     // The Wren's serial commands; the time-out is the client's (SetReceiveTimeout).
@@ -54,6 +55,9 @@ class SerialClient {
     // The typed operations' reply time-out in ms (0: the default, 3000).
     void SetReceiveTimeout(uint32_t timeoutMs);
     int GetLastReturnCode() const { return lastReturnCode_.load(); }
+    // Late replies to earlier requests dropped while waiting for a reply, since the client was
+    // made.
+    uint64_t StaleReplies() const { return staleReplies_.load(); }
     std::string LastError() const;
     // Point-cloud bytes drained from the second line (0 without one).
     uint64_t PointCloudBytes() const;
@@ -76,6 +80,8 @@ class SerialClient {
     // Waits timeoutMs plus the time the request needs on the wire.
     int AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs, uint32_t onTheWireMs,
                    serial::Frame& frame);
+    uint32_t ReplyOnTheWireMs(uint8_t code, int rate) const;
+    int TimedOut(const SerialSource& line, uint8_t code, uint32_t timeoutMs, uint64_t stale);
     void SettleLine(SerialSource& line);
     static std::vector<uint8_t> EncodeRequest(const Request& request);
     void LogReceived(const serial::Frame& answer);
@@ -92,6 +98,7 @@ class SerialClient {
     bool unsettled_ = false;        // under queryMutex_: the last query may have left bytes coming
     std::atomic<uint32_t> receiveTimeoutMs_{3000};
     std::atomic<int> lastReturnCode_{0};
+    std::atomic<uint64_t> staleReplies_{0};
     mutable std::mutex stateMutex_;  // lastError_, logCallback_
     std::string lastError_;
     LogCallback logCallback_;

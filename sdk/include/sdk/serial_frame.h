@@ -30,10 +30,10 @@ std::vector<uint8_t> EncodeHeader(uint8_t code, uint8_t status, uint32_t payload
 std::vector<uint8_t> EncodeFrame(uint8_t code, uint8_t status, const std::vector<uint8_t>& payload);
 
 // Incremental decoder for a byte stream that may carry noise. Bytes before a start marker are
-// skipped; a header announcing more than kMaxPayload is not a frame start; a frame whose CRC does
-// not match is dropped and the scan goes on from the byte after its start marker, so a real frame
-// hidden inside the dropped bytes is still found. Nothing is reserved for a length before the
-// bytes themselves are in.
+// skipped; a header announcing more than the limit (SetMaxPayload) is not a frame start; a frame
+// whose CRC does not match is dropped and the scan goes on from the byte after its start marker, so
+// a real frame hidden inside the dropped bytes is still found. Nothing is reserved for a length
+// before the bytes themselves are in.
 class FrameDecoder {
   public:
     void Feed(const uint8_t* data, size_t size);
@@ -41,6 +41,17 @@ class FrameDecoder {
     bool Next(Frame& out);
     // Bytes held that may still begin a frame.
     size_t Buffered() const { return buffer_.size() - readPos_; }
+    // The largest payload a frame may announce (at most kMaxPayload); a header announcing more
+    // is not a frame start. Kept across Reset.
+    void SetMaxPayload(uint32_t limit);
+    // The whole size on the wire of the frame whose header is held and whose rest is still to
+    // come; 0 when no header is held.
+    size_t PendingFrameSize() const;
+    // The code of that frame (0 when none is held).
+    uint8_t PendingCode() const;
+    // Gives up the frame begun at the held start marker (its rest is not coming): it counts as
+    // dropped and the scan goes on from the byte after the marker. False when none is held.
+    bool DropPending();
     // Noise skipped and frames dropped (bad CRC or length over the limit) since the last Reset.
     uint64_t SkippedBytes() const { return skippedBytes_; }
     uint64_t DroppedFrames() const { return droppedFrames_; }
@@ -55,6 +66,7 @@ class FrameDecoder {
 
     std::vector<uint8_t> buffer_;
     size_t readPos_ = 0;
+    uint32_t maxPayload_ = kMaxPayload;
     uint64_t skippedBytes_ = 0;
     uint64_t droppedFrames_ = 0;
 };

@@ -19,9 +19,11 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace lidar {
 
@@ -50,6 +52,11 @@ class SerialSource {
     // input dropped, the device locked (flock) against a second open by any process, root
     // included. False with LastError() set; an open source is closed and opened again.
     bool Open();
+    // Reads the rate the driver set on the opened descriptor, in baud (-1: unknown). The default
+    // asks the driver; a test may stand in for a driver that cannot set the asked rate. Takes
+    // effect at the next Open().
+    using RateReader = std::function<int(int fd)>;
+    void SetRateReader(RateReader reader);
     // Open and not hung up.
     bool IsOpen() const;
     void Close();
@@ -72,6 +79,7 @@ class SerialSource {
   private:
     int OpenDevice();
     bool Configure(int fd);
+    bool RateTookEffect(int fd, int rate);
     void StartDrain();
     void CloseLocked();
     void Drain(int fd, int wakeFd);
@@ -97,6 +105,8 @@ class SerialSource {
     std::thread drainThread_;
     std::atomic<uint64_t> bytesReceived_{0};
     std::string lastError_;
+    RateReader rateReader_;                  // under lifecycleMutex_
+    std::pair<uint64_t, uint64_t> heldKey_;  // this line's entry among the devices held
 };
 
 }  // namespace lidar
