@@ -30,7 +30,9 @@ int commandLog(Session& session);
 int commandOperationLog(Session& session);
 // Draws an upgrade's progress until its worker reports the end (the second change of
 // isUpgrading); the first Ctrl-C warns, the second abandons the transfer.
-void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges);
+// With totalSet, the bar waits for it: its total and rate start when the transfer itself does.
+void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
+                   const std::atomic<bool>* totalSet = nullptr);
 // monitor_commands.cpp
 int commandMonitor(Session& session);
 // heron_commands.cpp
@@ -39,5 +41,8 @@ int commandHeron(Session& session);
 int commandWren(Session& session);
 // ota_commands.cpp: needs neither a lidar nor a model
 int commandOta(const Options& options);
+// Why the Heron upgrade would refuse the package at path (empty when it takes it), as
+// `ota inspect` says it.
+QString otaPackageRefusal(const QString& path);
 
 }  // namespace cli

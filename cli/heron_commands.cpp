@@ -148,12 +148,30 @@ bool isUpgradeStep(const QString& line) {
            line == "No component found in package";
 }
 
+// The manager's error said what failed (printed once); the lidar's own answer, when the client
+// has one, follows as a detail.
+void explainUpgradeFailure(LidarUtilitiesManager& manager, bool managerSaidWhy) {
+    if (!managerSaidWhy) printDiagnostic("error: the upgrade did not complete");
+    const auto client = manager.getAuthorizedClient();
+    if (!client || client->GetLastReturnCode() == 0) return;
+    const std::string why = client->GetClient().LastError();
+    const int code = client->GetLastReturnCode();
+    printDiagnostic("  the lidar's last answer: " + readFailureText(code) +
+                    (why.empty() || code > 0 ? QString() : ": " + qs(why)));
+}
+
 int heronUpgrade(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("heron upgrade takes one package file");
     const QFileInfo package(arguments.front());
     if (!package.isFile() || !package.isReadable())
         return usageError("cannot read the package " + arguments.front());
+    // Judged before the lidar is touched: a package the upgrade refuses never costs a connection.
+    if (const QString refusal = otaPackageRefusal(package.absoluteFilePath()); !refusal.isEmpty()) {
+        printDiagnostic("error: " + arguments.front() +
+                        " is not a valid Heron OTA package (the upgrade refuses it): " + refusal);
+        return kExitFailed;
+    }
     if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
@@ -161,6 +179,8 @@ int heronUpgrade(Session& session) {
     // then restarts the lidar and stops, so completion is told by its success message.
     std::atomic<int> upgradingChanges{0};
     std::atomic<bool> completed{false};
+    // The worker sets the plan's total before it logs the first component it sends.
+    std::atomic<bool> planTotalSet{false};
     QObject context;
     QObject::connect(
         &manager, &LidarUtilitiesManager::isUpgradingChanged, &context,
@@ -171,31 +191,24 @@ int heronUpgrade(Session& session) {
             if (manager.getSuccessMessage().startsWith(kUpgradeCompleted)) completed.store(true);
         },
         Qt::DirectConnection);
-    if (!session.options().verbose) {
-        // --verbose prints every log line already.
-        QObject::connect(
-            &manager, &LidarUtilitiesManager::sendLogMessage, &context,
-            [](const QString& line, const QString& level) {
-                if (level == "INFO" && isUpgradeStep(line)) printDiagnostic(line);
-            },
-            Qt::DirectConnection);
-    }
+    const bool verbose = session.options().verbose;
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::sendLogMessage, &context,
+        [verbose, &planTotalSet](const QString& line, const QString& level) {
+            if (line.startsWith("Heron upgrade: sending ")) planTotalSet.store(true);
+            // --verbose prints every log line already.
+            if (!verbose && level == "INFO" && isUpgradeStep(line)) printDiagnostic(line);
+        },
+        Qt::DirectConnection);
+    const int errorsBefore = session.errorCount();
     if (manager.HeronUpgradeLidar(QUrl::fromLocalFile(package.absoluteFilePath())) != 0)
         return kExitFailed;  // the manager has said why
     printDiagnostic("upgrading with " + package.fileName() + " (" +
                     QString::number(package.size()) + " bytes) ...");
-    followUpgrade(manager, upgradingChanges);
+    followUpgrade(manager, upgradingChanges, &planTotalSet);
     // The worker ends after the restart request and the stop.
     manager.waitForWorkers();
-    if (!completed.load()) {
-        const auto client = manager.getAuthorizedClient();
-        if (client && client->GetLastReturnCode() != 0) {
-            const std::string why = client->GetClient().LastError();
-            const int code = client->GetLastReturnCode();
-            printDiagnostic("error: the lidar's last answer: " + readFailureText(code) +
-                            (why.empty() || code > 0 ? QString() : ": " + qs(why)));
-        }
-    }
+    if (!completed.load()) explainUpgradeFailure(manager, session.errorCount() != errorsBefore);
     if (session.options().json)
         printJson(QJsonDocument(
             QJsonObject{{"package", package.absoluteFilePath()}, {"upgraded", completed.load()}}));

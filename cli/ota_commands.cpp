@@ -181,6 +181,14 @@ int otaInspect(const Options& options) {
 
 }  // namespace
 
+QString otaPackageRefusal(const QString& path) {
+    QString why;
+    const std::optional<u8Array_t> package = readFile(path, why);
+    if (!package) return why;
+    const Verdict verdict = judge(*package);
+    return verdict.valid ? QString() : verdict.reason;
+}
+
 int commandOta(const Options& options) {
     if (options.action == "pack") return otaPack(options);
     if (options.action == "inspect") return otaInspect(options);

@@ -8,6 +8,7 @@
 #include <QThread>
 #include <QUrl>
 #include <atomic>
+#include <optional>
 
 #include "commands.h"
 #include "interrupt.h"
@@ -137,12 +138,18 @@ int commandUpgrade(Session& session) {
     return transferred.seen() ? kExitOk : kExitFailed;
 }
 
-void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges) {
+void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
+                   const std::atomic<bool>* totalSet) {
     // A lidar left with part of a package may not start again: the first Ctrl-C only warns, the
     // second abandons the transfer by closing the connection.
     InterruptGuard guard;
     int interrupts = 0;
-    ProgressRenderer progress("upgrade", "KiB");
+    std::optional<ProgressRenderer> progress;
+    const auto drawOnceTheTotalIsSet = [&progress, totalSet] {
+        if (!progress && (totalSet == nullptr || totalSet->load()))
+            progress.emplace("upgrade", "KiB");
+        return progress.has_value();
+    };
     while (upgradingChanges.load() < 2) {
         if (interrupted.exchange(false) && ++interrupts == 1) {
             printDiagnostic(
@@ -153,10 +160,12 @@ void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgra
             manager.Stop();
             ++interrupts;
         }
-        progress.update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+        if (drawOnceTheTotalIsSet())
+            progress->update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
         QThread::msleep(kPollMs);
     }
-    progress.finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+    if (drawOnceTheTotalIsSet())
+        progress->finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
 }
 
 namespace {

@@ -1,11 +1,13 @@
 // lidar-sim: runs the simulated lidar (over TCP, or with --serial on two pseudo-terminals) until
-// SIGINT or SIGTERM, then prints its request counters.
+// SIGINT or SIGTERM, then prints what it received (every transfer with its size and CRC-32, the
+// running partition) and its request counters, and with --report writes the same as JSON.
 
 #include <pthread.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -24,7 +26,7 @@ const char* const kUsage =
     "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
     "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
     "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
-    "                 [--partition A|B] [--seed N] [--chaos SEED]\n"
+    "                 [--partition A|B] [--seed N] [--chaos SEED] [--report FILE]\n"
     "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
     "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
     "  --port N               TCP port, 0 picks a free one (default 0)\n"
@@ -49,7 +51,8 @@ const char* const kUsage =
     "  --seed N               the curves the monitor readings follow (default 1)\n"
     "  --chaos SEED           random faults at low rates on every command without its own\n"
     "                         --fault: slow replies, busy statuses, cut replies, dropped\n"
-    "                         connections; the same SEED repeats them (TCP only)\n";
+    "                         connections; the same SEED repeats them (TCP only)\n"
+    "  --report FILE          at exit, also write what was received and the counters as JSON\n";
 
 struct UsageError {
     std::string message;
@@ -60,6 +63,7 @@ struct Arguments {
     std::vector<std::pair<uint8_t, sim::Fault>> faults;
     bool serial = false;
     std::optional<sim::SerialState> faultState;
+    std::string reportFile;
 };
 
 bool ParseNumber(const std::string& text, unsigned long max, int base, unsigned long& out) {
@@ -145,6 +149,9 @@ Arguments ParseArguments(int argc, char** argv) {
             const std::string text = next();
             if (text != "A" && text != "B") throw UsageError{"bad --partition " + text};
             args.options.partition = text[0];
+        } else if (name == "--report") {
+            args.reportFile = next();
+            if (args.reportFile.empty()) throw UsageError{"--report needs a file name"};
         } else if (name == "--fault") {
             args.faults.push_back(ParseFaultArgument(next()));
         } else if (name == "--serial" && !inlineValue) {
@@ -165,15 +172,87 @@ Arguments ParseArguments(int argc, char** argv) {
     return args;
 }
 
-std::string CountersLine(const std::map<uint8_t, uint64_t>& counts) {
-    std::string line = "requests:";
-    char code[8];
-    for (const auto& [command, count] : counts) {
-        std::snprintf(code, sizeof code, "0x%02X", command);
-        line += std::string(" ") + code + "=" + std::to_string(count);
+// What the simulated lidar received, for whoever tests a package or an upgrade against it.
+struct Received {
+    std::vector<sim::Transfer> transfers;
+    std::optional<char> partition;  // Heron-VRC only
+    std::map<uint8_t, uint64_t> requests;
+};
+
+std::string Hex(uint32_t value, int digits) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%0*X", digits, value);
+    return text;
+}
+
+// The component a 0xC3 transfer carried ("" for the other transfers).
+std::string ComponentName(const sim::Transfer& transfer) {
+    static const char* const kNames[] = {"TMB FPGA", "BMB FPGA", "BMB application",
+                                         "TMB parameters"};
+    if (transfer.command != 0xC3) return "";
+    if (transfer.beginByte >= 0 && transfer.beginByte < 4) return kNames[transfer.beginByte];
+    return "type " + std::to_string(transfer.beginByte);
+}
+
+std::string JsonText(const std::string& text) {
+    std::string quoted = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') quoted += '\\';
+        if (static_cast<unsigned char>(c) >= 0x20) quoted += c;
     }
-    if (counts.empty()) line += " none";
-    return line;
+    return quoted + "\"";
+}
+
+std::string TransferJson(const sim::Transfer& t) {
+    return "{\"command\":\"" + Hex(t.command, 2) +
+           "\",\"begin_byte\":" + std::to_string(t.beginByte) +
+           ",\"component\":" + JsonText(ComponentName(t)) +
+           ",\"announced_size\":" + std::to_string(t.announcedSize) +
+           ",\"size\":" + std::to_string(t.receivedSize) + ",\"crc32\":\"" + Hex(t.receivedCrc, 8) +
+           "\",\"chunks\":" + std::to_string(t.chunks) +
+           ",\"completed\":" + (t.completed ? "true" : "false") + "}";
+}
+
+// The counters line first (as it always came), then a line per transfer and the partition on
+// standard output; with a file, the same as one JSON object. False, with the reason printed,
+// when the file cannot be written.
+bool ReportReceived(const Received& received, const std::string& model,
+                    const std::string& reportFile) {
+    std::string line = "requests:";
+    std::string json = "{\"model\":" + JsonText(model) + ",\"requests\":{";
+    for (const auto& [command, count] : received.requests) {
+        if (json.back() != '{') json += ",";
+        json += "\"" + Hex(command, 2) + "\":" + std::to_string(count);
+        line += " " + Hex(command, 2) + "=" + std::to_string(count);
+    }
+    if (received.requests.empty()) line += " none";
+    std::cout << line << "\n";
+    json += "},\"received\":[";
+    for (size_t i = 0; i < received.transfers.size(); ++i) {
+        const sim::Transfer& t = received.transfers[i];
+        const std::string component = ComponentName(t);
+        std::cout << "received " << Hex(t.command, 2) << " "
+                  << (component.empty() ? "package" : component) << ": " << t.receivedSize << " of "
+                  << t.announcedSize << " bytes, CRC-32 " << Hex(t.receivedCrc, 8) << ", "
+                  << t.chunks << (t.chunks == 1 ? " chunk, " : " chunks, ")
+                  << (t.completed ? "completed" : "incomplete") << "\n";
+        json += (i == 0 ? "" : ",") + TransferJson(t);
+    }
+    if (received.transfers.empty()) std::cout << "received: no transfer\n";
+    json += "]";
+    if (received.partition) {
+        std::cout << "running partition: " << *received.partition << "\n";
+        json += ",\"running_partition\":\"" + std::string(1, *received.partition) + "\"";
+    }
+    json += "}\n";
+    std::cout << std::flush;
+    if (reportFile.empty()) return true;
+    std::ofstream out(reportFile, std::ios::trunc);
+    if (!(out << json) || !out.flush()) {
+        std::cerr << "lidar-sim: cannot write the report " << reportFile << "\n";
+        return false;
+    }
+    return true;
 }
 
 std::string ChaosLine(const sim::ChaosTally& played) {
@@ -202,9 +281,13 @@ int RunTcp(const Arguments& args, sigset_t& stopSignals) {
     int received = 0;
     sigwait(&stopSignals, &received);
     simulator.Stop();
-    std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
+    std::optional<char> partition;
+    if (args.options.model == "Heron-VRC") partition = simulator.RunningPartition();
+    const bool reported = ReportReceived(
+        {simulator.Transfers(), partition, simulator.RequestCounts()}, args.options.model,
+        args.reportFile);
     if (args.options.chaosSeed) std::cout << ChaosLine(simulator.ChaosPlayed()) << std::endl;
-    return 0;
+    return reported ? 0 : 1;
 }
 
 int RunSerial(const Arguments& args, sigset_t& stopSignals) {
@@ -234,8 +317,10 @@ int RunSerial(const Arguments& args, sigset_t& stopSignals) {
         std::cout << "uart " << uartPath << std::endl;
     }
     simulator.Stop();
-    std::cout << CountersLine(simulator.RequestCounts()) << std::endl;
-    return 0;
+    return ReportReceived({simulator.Transfers(), std::nullopt, simulator.RequestCounts()},
+                          args.options.model, args.reportFile)
+               ? 0
+               : 1;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // checked without a lidar, and the Heron upgrade and IMU range against the embedded simulator.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <zlib.h>
 
 #include <QFileInfo>
@@ -116,16 +117,16 @@ TEST(LidarutilHeron, UpgradeAndImuRangeAgainstTheEmbeddedSimulator) {
     EXPECT_TRUE(err.contains("upgrade: 100% (6/6 KiB)")) << err.toStdString();
     EXPECT_TRUE(err.contains("Heron upgrade completed. Restart command has been sent."));
 
-    // A package the lidar's upgrade refuses: the manager's message and a failure status.
+    // A package the upgrade refuses: said with the parser's reason before any connection.
     std::string broken = testsupport::ReadFile(dir.file("heron.ota"));
     broken[8] = static_cast<char>(0x20);  // an unknown component flag
     testsupport::WriteFile(dir.file("broken.ota"), broken);
     const Outcome refused =
         lidarutil({"--model", "Heron-VRC", "heron", "upgrade", Path(dir, "broken.ota")});
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_TRUE(refused.err.contains("error: Invalid Heron OTA upgrade package"))
+    EXPECT_TRUE(refused.err.contains("(the upgrade refuses it): Invalid OTA component flags"))
         << refused.err.toStdString();
-    EXPECT_TRUE(refused.err.contains("Invalid OTA component flags"));  // the parser's reason
+    EXPECT_FALSE(refused.err.contains("connecting"));
 
     const Outcome imu = lidarutil({"--model", "Heron-VRC", "heron", "imu", "5", "3"});
     EXPECT_EQ(imu.exitCode, 0) << imu.err.toStdString();
@@ -158,6 +159,117 @@ TEST(LidarutilHeron, UpgradeAndImuRangeAgainstTheEmbeddedSimulator) {
     const Outcome otherModel = lidarutil({"heron", "versions"});
     EXPECT_EQ(otherModel.exitCode, 2);
     EXPECT_TRUE(otherModel.err.contains("heron commands need --model Heron-VRC"));
+}
+
+// lidar-sim as a separate lidar with faults, writing its report of what it received at exit.
+class ReportingSimulator {
+  public:
+    ReportingSimulator(const QStringList& faults, const QString& report) {
+        QStringList arguments{"--model", "Heron-VRC", "--port", "0", "--report", report};
+        for (const QString& fault : faults) arguments << "--fault" << fault;
+        process_.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+        process_.start(LIDAR_BINARY_DIR "/sim/lidar-sim", arguments);
+        process_.waitForReadyRead(10000);
+        port_ = QString::fromUtf8(process_.readLine()).trimmed().section(':', -1);
+    }
+    ~ReportingSimulator() {
+        process_.kill();
+        process_.waitForFinished();
+    }
+    const QString& port() const { return port_; }
+    // Interrupts it as a person does; its exit status and what it printed.
+    std::pair<int, QString> Interrupt() {
+        ::kill(static_cast<pid_t>(process_.processId()), SIGINT);
+        process_.waitForFinished(10000);
+        return {process_.exitCode(), QString::fromUtf8(process_.readAllStandardOutput())};
+    }
+
+  private:
+    QProcess process_;
+    QString port_;
+};
+
+TEST(LidarutilHeron, AFailedComponentIsToldOnceWithWhatTheLidarHoldsAndTheSimulatorShowsIt) {
+    testsupport::TempDir dir;
+    const std::string appB = Bytes(5000, 'b');
+    testsupport::WriteFile(dir.file("app-b"), appB);
+    testsupport::WriteFile(dir.file("fpga"), Bytes(3000, 'f'));
+    testsupport::WriteFile(dir.file("param"), Bytes(100, 'p'));
+    ASSERT_EQ(lidarutil({"ota", "pack", "--bmb-app-b", Path(dir, "app-b"), "--bmb-fpga",
+                         Path(dir, "fpga"), "--tmb-param", Path(dir, "param"), "-o",
+                         Path(dir, "heron.ota")})
+                  .exitCode,
+              0);
+    ReportingSimulator lidar({"0xC3:refuse-component=2:5"}, Path(dir, "report.json"));
+    ASSERT_FALSE(lidar.port().isEmpty());
+    const Outcome upgrade = lidarutil({"--model", "Heron-VRC", "--host", "127.0.0.1", "--port",
+                                       lidar.port(), "heron", "upgrade", Path(dir, "heron.ota")});
+    EXPECT_EQ(upgrade.exitCode, 1);
+    const QString& err = upgrade.err;
+    EXPECT_EQ(err.count("error: "), 1) << err.toStdString();
+    EXPECT_TRUE(err.contains("error: Heron upgrade: BMB_FPGA failed, error=5"));
+    EXPECT_TRUE(
+        err.contains("Heron upgrade: the lidar is left in upgrade mode with BMB_APP_B "
+                     "completed, not BMB_FPGA, TMB_PARAM; run the same upgrade again"))
+        << err.toStdString();
+    // The bar's total is the plan's from its first line: 5 + 2 + 1 KiB, not the file's 7.
+    const QRegularExpression progressLine("upgrade: \\d+% \\(\\d+/(\\d+) KiB\\)");
+    int progressLines = 0;
+    for (auto match = progressLine.globalMatch(err); match.hasNext(); ++progressLines)
+        EXPECT_EQ(match.next().captured(1), "8") << err.toStdString();
+    EXPECT_GT(progressLines, 0) << err.toStdString();
+
+    const auto [status, printed] = lidar.Interrupt();
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(printed.contains("received 0xC3 BMB application: 5000 of 5000 bytes, CRC-32 " +
+                                 Crc(appB) + ", 1 chunk, completed\n"))
+        << printed.toStdString();
+    EXPECT_TRUE(printed.contains("running partition: A\n"));
+    EXPECT_TRUE(printed.contains(QRegularExpression("^requests: .*0xB6=1 .*0xC3=\\d+",
+                                                    QRegularExpression::MultilineOption)));
+    const QJsonObject report =
+        QJsonDocument::fromJson(
+            QByteArray::fromStdString(testsupport::ReadFile(dir.file("report.json"))))
+            .object();
+    const QJsonArray received = report["received"].toArray();
+    ASSERT_EQ(received.size(), 1) << testsupport::ReadFile(dir.file("report.json"));
+    EXPECT_EQ(received[0].toObject()["crc32"].toString(), Crc(appB));
+    EXPECT_EQ(received[0].toObject()["size"].toInt(), 5000);
+    EXPECT_EQ(report["running_partition"].toString(), "A");
+    EXPECT_EQ(report["requests"].toObject()["0xB6"].toInt(), 1);
+}
+
+TEST(LidarutilHeron, CtrlCTwiceInThePauseBeforeTheFirstComponentAbandonsTheUpgrade) {
+    testsupport::TempDir dir;
+    testsupport::WriteFile(dir.file("param"), Bytes(100, 'p'));
+    ASSERT_EQ(
+        lidarutil({"ota", "pack", "--tmb-param", Path(dir, "param"), "-o", Path(dir, "heron.ota")})
+            .exitCode,
+        0);
+    QProcess upgrade;
+    upgrade.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    upgrade.start(LIDAR_BINARY_DIR "/cli/lidarutil",
+                  {"--model", "Heron-VRC", "heron", "upgrade", Path(dir, "heron.ota")});
+    QString err;
+    const auto waitFor = [&](const QString& text) {
+        for (int waited = 0; !err.contains(text) && waited < 100; ++waited) {
+            upgrade.waitForReadyRead(100);
+            err += QString::fromUtf8(upgrade.readAllStandardError());
+        }
+        return err.contains(text);
+    };
+    ASSERT_TRUE(waitFor("Heron upgrade: current partition=A")) << err.toStdString();
+    ::kill(static_cast<pid_t>(upgrade.processId()), SIGINT);
+    ASSERT_TRUE(waitFor("press Ctrl-C again")) << err.toStdString();
+    ::kill(static_cast<pid_t>(upgrade.processId()), SIGINT);
+    ASSERT_TRUE(upgrade.waitForFinished(10000));
+    err += QString::fromUtf8(upgrade.readAllStandardError());
+    EXPECT_EQ(upgrade.exitCode(), 1);
+    EXPECT_TRUE(
+        err.contains("error: Heron upgrade abandoned: no component was sent, and the "
+                     "lidar is still in upgrade mode."))
+        << err.toStdString();
+    EXPECT_FALSE(err.contains("sending")) << err.toStdString();
 }
 
 }  // namespace

@@ -132,7 +132,7 @@ TEST_F(HeronTest, VersionTextsAndTheirPlaceholders) {
     EXPECT_EQ(simulator_->RequestCount(0xC0), 18u);
 }
 
-TEST_F(HeronTest, OtherModelsRefreshOnlyTheModelVersionText) {
+TEST_F(HeronTest, OtherModelsRefreshOnlyTheModelVersionTextAndRefuseTheHeronOperations) {
     Start('A');
     m().HeronGetVersionInfo();
     ASSERT_EQ(m().getHeronTmbFpgaVersion(), "TF-1.9.0");
@@ -151,6 +151,13 @@ TEST_F(HeronTest, OtherModelsRefreshOnlyTheModelVersionText) {
     m().HeronSetIMURange(0, 0);
     EXPECT_TRUE(
         session_->Shown("error: Heron IMU range setting is only supported in VRC_SERIAL mode"));
+    // So is the component upgrade, before the lidar is asked anything.
+    Parts parts;
+    parts[4] = Bytes(100, 16);
+    EXPECT_EQ(Upgrade(Package("param.ota", parts)), -1);
+    EXPECT_TRUE(session_->Shown("error: lidar is not connected, or lidar is upgrading"));
+    EXPECT_EQ(egret->RequestCount(0xB1) + egret->RequestCount(0xB6), 0u);
+    EXPECT_FALSE(m().getIsUpgrading());
 }
 
 TEST_F(HeronTest, ImuRangeSendsTheTablesCodesAndRefusesInOrder) {
@@ -261,7 +268,9 @@ TEST_F(HeronTest, OnPartitionAUpgradeSendsApplicationBThenTheImagesThenRestarts)
 }
 
 TEST_F(HeronTest, OnPartitionBUpgradeSendsApplicationAAndTotalsRoundUpPerComponent) {
-    Start('B');
+    Start('A');
+    simulator_->SetRunningPartitionByte(2);  // B, as a device may report it
+    simulator_->SetFault(0xC2, sim::Fault{sim::Fault::Kind::kStatus, 0, 4, 0});
     Parts parts;
     parts[0] = Bytes(1, 6);     // BMB_APP_A
     parts[1] = Bytes(100, 7);   // BMB_APP_B
@@ -282,7 +291,13 @@ TEST_F(HeronTest, OnPartitionBUpgradeSendsApplicationAAndTotalsRoundUpPerCompone
     EXPECT_EQ(lines[3], "Heron upgrade: skip TMB_FPGA, not found in package|INFO");
     EXPECT_EQ(m().getUpgradeProgressTotalLen(), 1 + 2);
     EXPECT_EQ(m().getUpgradeProgress(), 3);
-    EXPECT_EQ(simulator_->RunningPartition(), 'A');
+    // The restart refused: the upgrade is done, and the message says the restart was not.
+    EXPECT_EQ(session_->Messages(),
+              std::vector<std::string>{
+                  "success: Heron upgrade completed. The restart command was not acknowledged; "
+                  "please power-cycle or reconnect the lidar if it does not respond."});
+    EXPECT_FALSE(m().getIsConnected());
+    EXPECT_EQ(simulator_->RunningPartition(), 'B');
 }
 
 TEST_F(HeronTest, AFailedComponentStopsThePlanAndKeepsTheConnection) {
@@ -296,6 +311,9 @@ TEST_F(HeronTest, AFailedComponentStopsThePlanAndKeepsTheConnection) {
     UpgradeToTheEnd(path);
     EXPECT_TRUE(session_->Shown("error: Heron upgrade: BMB_FPGA failed, error=5"));
     EXPECT_TRUE(session_->LogHas("Heron upgrade: BMB_FPGA failed, error=5|INFO"));
+    EXPECT_TRUE(session_->LogHas(
+        "Heron upgrade: the lidar is left in upgrade mode with BMB_APP_B completed, not BMB_FPGA, "
+        "TMB_FPGA; run the same upgrade again to finish it|WARNING"));
     EXPECT_FALSE(session_->LogHas("Heron upgrade: sending TMB_FPGA (type=0x00, size=976)|INFO"));
     ASSERT_EQ(simulator_->Components().size(), 1u);  // BMB_FPGA refused, TMB_FPGA never begun
     EXPECT_EQ(simulator_->RequestCount(0xC2), 0u);
@@ -315,6 +333,42 @@ TEST_F(HeronTest, AFailedComponentStopsThePlanAndKeepsTheConnection) {
     EXPECT_EQ(received[1].bytes.size(), 65536u);
     EXPECT_EQ(Upgrade(path), -1);  // the client is closed now
     EXPECT_TRUE(session_->Shown("error: lidar is not connected, or lidar is upgrading"));
+}
+
+TEST_F(HeronTest, AStopAbandonsTheUpgradeInThePauseOrBetweenComponents) {
+    Start('A');
+    Parts parts;
+    parts[1] = Bytes(3000, 14);
+    parts[4] = Bytes(500, 15);
+    const std::string path = Package("stop.ota", parts);
+    // In the pause the lidar is given in upgrade mode: nothing is sent after it.
+    ASSERT_EQ(Upgrade(path), 0);
+    ASSERT_TRUE(
+        WaitFor([this] { return session_->LogHas("Heron upgrade: current partition=A|INFO"); }));
+    m().Stop();
+    m().waitForWorkers();
+    EXPECT_EQ(session_->Messages(),
+              std::vector<std::string>{"error: Heron upgrade abandoned: no component was sent, "
+                                       "and the lidar is still in upgrade mode. Connect and run "
+                                       "the same upgrade again."});
+    EXPECT_EQ(simulator_->RequestCount(0xC3), 0u);
+    EXPECT_FALSE(m().getIsUpgrading());
+
+    // During the first component (its chunks answered slowly): the rest is not sent.
+    session_->ClearSpies();
+    ASSERT_TRUE(session_->Connect(simulator_->Port()));
+    simulator_->SetFault(0xC3, sim::Fault{sim::Fault::Kind::kDelay, 1000, 0, 0});
+    ASSERT_EQ(Upgrade(path), 0);
+    ASSERT_TRUE(WaitFor([this] { return simulator_->RequestCount(0xC3) > 0; }, 10000));
+    m().Stop();
+    m().waitForWorkers();
+    EXPECT_EQ(session_->Messages(),
+              std::vector<std::string>{"error: Heron upgrade abandoned during BMB_APP_B"});
+    EXPECT_TRUE(session_->LogHas(
+        "Heron upgrade: the lidar is left in upgrade mode with no component completed, not "
+        "BMB_APP_B, TMB_PARAM; run the same upgrade again to finish it|WARNING"));
+    EXPECT_EQ(simulator_->RequestCount(0xC3), 1u);  // the first component's begin, no more
+    EXPECT_EQ(simulator_->RequestCount(0xC2), 0u);
 }
 
 TEST_F(HeronTest, RefusalsBeforeAnyComponentAndTheStartChecks) {

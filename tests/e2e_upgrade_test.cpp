@@ -124,6 +124,21 @@ TEST_F(UpgradeTest, TransferFailuresLeaveTheManagerReadyToRetry) {
     EXPECT_EQ(simulator_->RequestCount(0x10), 0u);
 }
 
+TEST_F(UpgradeTest, AStopDuringThePauseBeforeTheRestartAbandonsIt) {
+    const std::string path = dir_.file("firmware.bin");
+    WritePackage(path, 4 * 1024);
+    ASSERT_EQ(Upgrade(path), 0);
+    ASSERT_TRUE(WaitUntilIdle());
+    ASSERT_TRUE(WaitFor([this] { return !session_->Messages().empty(); }, 2000));
+    m().Stop();
+    m().waitForWorkers();
+    EXPECT_EQ(session_->Messages().back(),
+              "error: Upgrade abandoned before the automatic reboot: the package was transmitted, "
+              "but the lidar was not restarted. Please reboot lidar manually.");
+    EXPECT_EQ(simulator_->RequestCount(0x10), 0u);
+    EXPECT_TRUE(simulator_->RebootPending());
+}
+
 TEST_F(UpgradeTest, StartChecksAndTotals) {
     // Whole units of 1024 bytes: 1023 bytes make a total of 0, 1024 one. The transfers fail at
     // their end, so that no restart follows them, and slowly, so that the first one still runs

@@ -492,8 +492,12 @@ class LidarUtilitiesManager : public QObject {
                           const std::atomic<bool>& running);
     // Upgrade and log workers: started after the checks, joined by the destructor.
     bool startPackageTransfer(QFile& file, std::string command);
-    // Sleeps ms unless the manager is being destroyed; false when it is.
-    bool sleepUnlessClosing(long ms);
+    // Marks the start of an upgrade: a Stop from here on abandons it.
+    void markUpgradeStart();
+    // The upgrade marked last was stopped (Stop since its start), or the manager is closing.
+    bool upgradeStopped() const;
+    // Sleeps ms unless the upgrade is stopped meanwhile; false when it is (at once).
+    bool pauseUnlessStopped(long ms);
     void deviceLogOutcome(const QString& name, int result, int lastCode, const QString& path,
                           const u8Array_t& reply);
     static bool runTar(const QString& workFolder, const QString& archivePath,
@@ -618,11 +622,17 @@ class LidarUtilitiesManager : public QObject {
                                                       uint8_t partition);
     bool sendHeronPlan(AuthorizedVrcClient& client, const u8Array_t& package,
                        const std::vector<HeronUpgradePlanEntry>& plan);
+    // Tells a Heron upgrade ended before its plan was through: what the lidar holds and what to do.
+    void reportHeronUpgradeCut(const std::vector<HeronUpgradePlanEntry>& plan, size_t completed);
 
     // Command history, newest first, at most ten (UI thread only).
     QList<SendCmdRecord> sendCmdHistory;
     // Set by the destructor: wakes the workers' waits so that they end at once.
     std::atomic<bool> closing_{false};
+    // Counts the calls of Stop (under closingMutex_, which wakes the upgrade's pauses); the
+    // upgrade running keeps the count at its start.
+    std::atomic<uint64_t> stops_{0};
+    std::atomic<uint64_t> stopsAtUpgradeStart_{0};
     std::mutex closingMutex_;
     std::condition_variable closingWake_;
     // Wakes the monitor threads' waits when their flag is cleared.

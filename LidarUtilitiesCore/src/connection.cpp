@@ -525,6 +525,12 @@ void LidarUtilitiesManager::clearMonitorFlags() {
 }
 
 void LidarUtilitiesManager::Stop() {
+    // An upgrade pausing (in upgrade mode, or before the restart) is abandoned now, not after.
+    {
+        std::lock_guard<std::mutex> lock(closingMutex_);
+        stops_.fetch_add(1);
+    }
+    closingWake_.notify_all();
     try {
         // An attempt in flight leaves nothing connected behind, and a query waiting for a lidar
         // that stopped answering is woken now rather than at its time-out.

@@ -19,6 +19,8 @@ namespace {
 
 // clang-format off
 const char* const kRestartNotAcknowledged = "Heron upgrade completed. The restart command was not acknowledged; please power-cycle or reconnect the lidar if it does not respond.";
+const char* const kAbandonedInUpgradeMode = "Heron upgrade abandoned: no component was sent, and the lidar is still in upgrade mode. Connect and run the same upgrade again.";
+const char* const kAbandonedBeforeRestart = "Heron upgrade abandoned: every component was sent, but the lidar was not restarted. Restart it (power-cycle) to run the new firmware.";
 // clang-format on
 
 constexpr long kPauseBeforeTransferMs = 300;
@@ -163,11 +165,16 @@ bool LidarUtilitiesManager::startHeronPackageTransfer(QFile& file) {
     auto bytes = std::make_shared<u8Array_t>(
         reinterpret_cast<const uint8_t*>(read.constData()),
         reinterpret_cast<const uint8_t*>(read.constData()) + read.size());
+    markUpgradeStart();
     isUpgrading.store(true);
     upgradeProgress.store(0);
     upgradeProgressTotalLen.store(static_cast<int32_t>(bytes->size() >> 10));
     emit isUpgradingChanged();
-    std::this_thread::sleep_for(std::chrono::milliseconds(kPauseBeforeTransferMs));
+    if (!pauseUnlessStopped(kPauseBeforeTransferMs)) {
+        writeLogMessage("Heron upgrade abandoned before it began; nothing was sent", "WARNING");
+        endHeronUpgrade();
+        return false;
+    }
     try {
         startWorker([this, bytes] { GetLidarUpgradeInfoHeron(*bytes); });
     } catch (const std::system_error& e) {
@@ -211,6 +218,13 @@ void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
         }
         if (!sendHeronPlan(*client, package, plan)) return;
         endHeronUpgrade();
+        if (upgradeStopped()) {
+            if (!closing_.load()) {
+                showErrorMessage(kAbandonedBeforeRestart);
+                writeLogMessage(kAbandonedBeforeRestart, "INFO");
+            }
+            return;
+        }
         if (HeronSendRestartCommand() != 0) {
             showSuccessMessage(kRestartNotAcknowledged);
         } else {
@@ -240,7 +254,12 @@ bool LidarUtilitiesManager::prepareHeronUpgrade(AuthorizedVrcClient* client, uin
         return false;
     }
     writeLogMessage("Heron upgrade: current partition=" + partitionName(partition), "INFO");
-    if (!sleepUnlessClosing(kPauseAfterUpgradeModeMs)) {
+    if (!pauseUnlessStopped(kPauseAfterUpgradeModeMs)) {
+        // A manager being destroyed tells nobody; a Stop was the user's, who is told.
+        if (!closing_.load()) {
+            showErrorMessage(kAbandonedInUpgradeMode);
+            writeLogMessage(kAbandonedInUpgradeMode, "INFO");
+        }
         endHeronUpgrade();
         return false;
     }
@@ -275,7 +294,17 @@ bool LidarUtilitiesManager::sendHeronPlan(AuthorizedVrcClient& client, const u8A
     upgradeProgressTotalLen.store(static_cast<int32_t>(std::min<uint64_t>(total, INT32_MAX)));
     upgradeProgress.store(0);
 
-    for (const HeronUpgradePlanEntry& entry : plan) {
+    for (size_t sent = 0; sent < plan.size(); ++sent) {
+        const HeronUpgradePlanEntry& entry = plan[sent];
+        if (upgradeStopped()) {
+            if (!closing_.load()) {
+                showErrorMessage("Heron upgrade abandoned before " +
+                                 QString::fromStdString(entry.name));
+                reportHeronUpgradeCut(plan, sent);
+            }
+            endHeronUpgrade();
+            return false;
+        }
         u8Array_t bytes = HeronExtractComponentData(package, entry.info, entry.name);
         if (bytes.empty()) {
             showErrorMessage(
@@ -289,14 +318,35 @@ bool LidarUtilitiesManager::sendHeronPlan(AuthorizedVrcClient& client, const u8A
                         "INFO");
         const int ret = client.HeronSendComponentData(bytes, entry.type, upgradeProgress);
         if (ret != 0) {
-            const std::string text =
+            std::string text =
                 "Heron upgrade: " + entry.name + " failed, error=" + std::to_string(ret);
-            showErrorMessage(QString::fromStdString(text));
-            writeLogMessage(text, "INFO");
+            // Stopped meanwhile: the transfer failed because the connection was closed.
+            if (upgradeStopped()) text = "Heron upgrade abandoned during " + entry.name;
+            if (!closing_.load()) {
+                showErrorMessage(QString::fromStdString(text));
+                writeLogMessage(text, "INFO");
+                reportHeronUpgradeCut(plan, sent);
+            }
             endHeronUpgrade();
             return false;
         }
         writeLogMessage("Heron upgrade: " + entry.name + " completed", "INFO");
     }
     return true;
+}
+
+// What a lidar whose plan was cut holds: it stays in upgrade mode with the components before the
+// cut written; the same package sends them all again.
+void LidarUtilitiesManager::reportHeronUpgradeCut(const std::vector<HeronUpgradePlanEntry>& plan,
+                                                  size_t completed) {
+    const auto names = [&plan](size_t from, size_t to) {
+        std::string list;
+        for (size_t i = from; i < to; ++i) list += (list.empty() ? "" : ", ") + plan[i].name;
+        return list;
+    };
+    const std::string done = completed == 0 ? "no component" : names(0, completed);
+    writeLogMessage("Heron upgrade: the lidar is left in upgrade mode with " + done +
+                        " completed, not " + names(completed, plan.size()) +
+                        "; run the same upgrade again to finish it",
+                    "WARNING");
 }

@@ -18,6 +18,7 @@ constexpr int kSerialModeUsingVrcUpgrade = 2;
 const char* const kVrcUpgradeCommand = "0x83";
 // clang-format off
 const char* const kRebootWithinTenSeconds = "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 seconds.";
+const char* const kAbandonedBeforeRestart = "Upgrade abandoned before the automatic reboot: the package was transmitted, but the lidar was not restarted. Please reboot lidar manually.";
 // clang-format on
 
 // The whole file; nullopt when it is larger than a signed 32-bit count can say.
@@ -74,11 +75,17 @@ bool LidarUtilitiesManager::startPackageTransfer(QFile& file, std::string comman
                         "ERROR");
         return false;
     }
+    markUpgradeStart();
     isUpgrading.store(true);
     upgradeProgress.store(0);
     upgradeProgressTotalLen.store(static_cast<int32_t>(package->size() >> 10));
     emit isUpgradingChanged();
-    std::this_thread::sleep_for(std::chrono::milliseconds(kPauseBeforeTransferMs));
+    if (!pauseUnlessStopped(kPauseBeforeTransferMs)) {
+        writeLogMessage("Upgrade abandoned before the transfer; nothing was sent", "WARNING");
+        isUpgrading.store(false);
+        emit isUpgradingChanged();
+        return false;
+    }
     auto bytes = std::make_shared<u8Array_t>(std::move(*package));
     try {
         startWorker([this, bytes, command = std::move(command)]() mutable {
@@ -137,12 +144,28 @@ void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string 
         return;
     }
     showSuccessMessage(kRebootWithinTenSeconds);
-    if (!sleepUnlessClosing(kRestartDelayMs)) return;
+    if (!pauseUnlessStopped(kRestartDelayMs)) {
+        // A manager being destroyed tells nobody; a Stop was the user's, who is told.
+        if (!closing_.load()) {
+            showErrorMessage(kAbandonedBeforeRestart);
+            writeLogMessage(kAbandonedBeforeRestart, "INFO");
+        }
+        return;
+    }
     if (Restart() != 0) showErrorMessage("Auto reboot failed. Please reboot lidar manually.");
 }
 
-bool LidarUtilitiesManager::sleepUnlessClosing(long ms) {
+void LidarUtilitiesManager::markUpgradeStart() {
+    std::lock_guard<std::mutex> lock(closingMutex_);
+    stopsAtUpgradeStart_.store(stops_.load());
+}
+
+bool LidarUtilitiesManager::upgradeStopped() const {
+    return closing_.load() || stops_.load() != stopsAtUpgradeStart_.load();
+}
+
+bool LidarUtilitiesManager::pauseUnlessStopped(long ms) {
     std::unique_lock<std::mutex> lock(closingMutex_);
     return !closingWake_.wait_for(lock, std::chrono::milliseconds(ms),
-                                  [this] { return closing_.load(); });
+                                  [this] { return upgradeStopped(); });
 }

@@ -12,7 +12,7 @@ constexpr uint8_t kLastAccelerationCode = 3;
 
 void HeronState::SetRunningPartition(uint8_t partition) {
     std::lock_guard<std::mutex> lock(mutex_);
-    running_ = partition == 0 ? 0 : 1;
+    running_ = partition;
 }
 
 uint8_t HeronState::RunningPartition() const {

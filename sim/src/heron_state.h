@@ -15,7 +15,7 @@ namespace sim::detail {
 
 class HeronState {
   public:
-    // 0 runs partition A, 1 partition B.
+    // 0 runs partition A, any other byte partition B; upgrade mode reports the byte as it is.
     void SetRunningPartition(uint8_t partition);
     uint8_t RunningPartition() const;
 

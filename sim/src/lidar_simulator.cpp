@@ -520,6 +520,10 @@ char LidarSimulator::RunningPartition() const {
     return impl_->device.Heron().RunningPartition() == 0 ? 'A' : 'B';
 }
 
+void LidarSimulator::SetRunningPartitionByte(uint8_t partition) {
+    impl_->device.Heron().SetRunningPartition(partition);
+}
+
 uint16_t LidarSimulator::LastClientPort() const {
     return impl_->lastClientPort.load();
 }

@@ -173,6 +173,9 @@ class LidarSimulator {
     // The application partition running now, 'A' or 'B': a completed application component
     // (type 2) followed by a restart switches it.
     char RunningPartition() const;
+    // Runs partition A (0) or B (any other byte) from now on; upgrade mode (0xB6) reports the byte
+    // as it is, for a device that reports B as 2.
+    void SetRunningPartitionByte(uint8_t partition);
 
     // Local port of the most recent client connection (to check local-port binding).
     uint16_t LastClientPort() const;
