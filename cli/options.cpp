@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <array>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -65,14 +66,23 @@ struct Subcommands {
     int vlan = -1;  // wren net
 };
 
-// A whole number of 1 or more (counts, seconds).
+// A whole number of 1 or more (counts, seconds), one that an int holds.
 const CLI::Validator kPositiveWhole(
     [](std::string& value) {
         bool ok = false;
-        const int number = QString::fromStdString(value).toInt(&ok, 10);
+        const qlonglong number = QString::fromStdString(value).toLongLong(&ok, 10);
+        if (ok && number > std::numeric_limits<int>::max())
+            return "is too large (at most " + std::to_string(std::numeric_limits<int>::max()) + ")";
         return ok && number >= 1 ? std::string() : "needs a whole number of 1 or more";
     },
     "N");
+
+// A text option that must not be empty: `what` says what it names.
+CLI::Validator notEmpty(const std::string& what, const std::string& name) {
+    return CLI::Validator(
+        [what](std::string& value) { return value.empty() ? "needs " + what : std::string(); },
+        name);
+}
 
 void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
     CLI::App* monitor = app.add_subcommand(
@@ -80,18 +90,14 @@ void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
         "the monitor values: the model's hardware variants, then a table refreshed every second "
         "until Ctrl-C or N refreshes; or, with --record, a recording to a CSV file");
     monitor->fallthrough();
-    monitor->add_option("--variant", args.variant, "apply this hardware variant first");
+    monitor->add_option("--variant", args.variant, "apply this hardware variant first")
+        ->check(notEmpty("a variant's label", "LABEL"));
     CLI::Option* count =
         monitor->add_option("--count", args.count, "stop after N refreshes")->check(kPositiveWhole);
-    CLI::Option* record =
-        monitor
-            ->add_option("--record", args.recordDir,
-                         "record to Monitor_<variant>_<time>.csv in this folder")
-            ->check(CLI::Validator(
-                [](std::string& value) {
-                    return value.empty() ? std::string("needs a folder") : std::string();
-                },
-                "DIR"));
+    CLI::Option* record = monitor
+                              ->add_option("--record", args.recordDir,
+                                           "record to Monitor_<variant>_<time>.csv in this folder")
+                              ->check(notEmpty("a folder", "DIR"));
     record->excludes(count);
     monitor->add_option("--duration", args.duration, "length of the recording (default 60)")
         ->check(kPositiveWhole)
