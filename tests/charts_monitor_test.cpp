@@ -86,6 +86,7 @@ TEST(MonitorCharts, TickLabelsAreDistinctAndAsPreciseAsTheReadings) {
               QStringList({"2", "3", "4", "5", "6", "7"}));
     // The time axis: seconds from the first row, distinct also within the first second.
     auto quick = std::make_unique<MonitorChartSet>(QStringList{"Frame Drops"});
+    EXPECT_EQ(axisOf(quick->chart(0), Qt::Horizontal)->titleText(), "s");  // before any reading
     const QDateTime start = QDateTime::currentDateTime();
     for (int ms : {0, 400, 800}) quick->appendRow(start.addMSecs(ms), {"1"});
     const QValueAxis* time = axisOf(quick->chart(0), Qt::Horizontal);
@@ -153,8 +154,18 @@ TEST(MonitorCharts, ARecordingGivesAChartPerNumericColumnWithItsGaps) {
     EXPECT_EQ(runsOf(set->chart(0)), (QVector<QVector<QPointF>>{{{0, 12.1}}, {{2, 12.3}}}));
     EXPECT_EQ(set->chart(1)->title(), "Frame Drops");
     EXPECT_EQ(runsOf(set->chart(1)).size(), 2);
-    std::remove(path.c_str());
+    QString saveError;
+    EXPECT_FALSE(set->savePng("/nonexistent-folder/chart.png", "title", &saveError));
+    EXPECT_EQ(saveError, "cannot write /nonexistent-folder/chart.png");
 
+    // Not a recording; no file at all.
+    file = std::fopen(path.c_str(), "w");
+    std::fputs("time,value\n2026-03-01 10:00:00.000,1\n", file);
+    std::fclose(file);
+    EXPECT_EQ(MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error), nullptr);
+    EXPECT_TRUE(error.endsWith(" is not a monitor recording (no \"timestamp\" header)"))
+        << error.toStdString();
+    std::remove(path.c_str());
     EXPECT_EQ(MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error), nullptr);
     EXPECT_TRUE(error.startsWith("cannot read ")) << error.toStdString();
 }
