@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -66,6 +67,15 @@ void printVariants(LidarUtilitiesManager& manager, const QString& model, bool as
     print("monitor variants of " + model + " (* applied):");
     for (const QString& variant : variants)
         print(QString(variant == applied ? "  * " : "    ") + variant);
+    if (applied.isEmpty())
+        print("none of them could be applied: the catalogue's own monitor page is used");
+}
+
+// Why the latest reading brought no value: each request it lost, with the cause.
+void reportUnreadValues(LidarUtilitiesManager& manager) {
+    for (const auto& failure : manager.getLastModuleReadFailures())
+        printDiagnostic("error: could not read the monitor values (request " + qs(failure.request) +
+                        "): " + readFailureText(failure.code));
 }
 
 // ---- the live table ----
@@ -87,14 +97,46 @@ QString tableText(Session& session, const std::vector<const VarPosition*>& varia
 
 QString refreshJson(Session& session, const std::vector<const VarPosition*>& variables,
                     int refresh) {
-    QJsonObject values;
-    for (const VarPosition* position : variables)
-        values[qs(position->var->var_name)] = session.manager().currentValueOf(position->var);
+    // One entry per variable, in table order: two variables may share a name.
+    QJsonArray values;
+    for (const VarPosition* position : variables) {
+        const VarInfo& var = *position->var;
+        values.append(QJsonObject{
+            {"id", qs(var.var_id)},
+            {"name", qs(var.var_name)},
+            {"value", session.manager().currentValueOf(&var)},
+            {"unit", monitorcharts::splitColumnLabel(qs(var.var_name + var.name_suffix)).unit}});
+    }
     const QJsonObject line{{"refresh", refresh},
                            {"time", QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
                            {"variant", session.manager().getCurrentMonitorHwVersion()},
                            {"values", values}};
     return QString::fromUtf8(QJsonDocument(line).toJson(QJsonDocument::Compact));
+}
+
+// The screen rows that `lines` take on a terminal `columns` wide: a longer line wraps.
+int screenRows(const QStringList& lines, int columns) {
+    int rows = 0;
+    for (const QString& line : lines)
+        rows +=
+            columns > 0 ? std::max(1, (static_cast<int>(line.size()) + columns - 1) / columns) : 1;
+    return rows;
+}
+
+// The table cut to what the terminal shows above the cursor's line. A taller table would scroll,
+// and the next redraw, which cannot move above the top of the screen, would repeat its first
+// lines below the ones scrolled away.
+QStringList fitToScreen(const QStringList& lines, TerminalSize terminal) {
+    const int available = terminal.rows - 1;
+    if (terminal.rows <= 0 || screenRows(lines, terminal.columns) <= available) return lines;
+    QStringList shown;
+    for (const QString& line : lines) {
+        if (screenRows(shown + QStringList{line}, terminal.columns) > available - 1) break;
+        shown << line;
+    }
+    shown << "(" + QString::number(lines.size() - shown.size()) +
+                 " more lines: the terminal is too short for the whole table)";
+    return shown;
 }
 
 // Prints one refresh: on a terminal the table replaces the previous one in place; otherwise
@@ -112,11 +154,17 @@ class RefreshPrinter {
             return;
         }
         const QString table = tableText(session_, variables_, refresh);
+        if (!inPlace_) {
+            printResult(table);
+            return;
+        }
+        const TerminalSize terminal = resultsTerminalSize();
+        const QStringList shown = fitToScreen(table.split('\n'), terminal);
         // Cursor up over the previous table, then clear to the end of the screen.
         const QString redraw =
-            inPlace_ && linesShown_ > 0 ? "\x1b[" + QString::number(linesShown_) + "F\x1b[J" : "";
-        printResult(redraw + table);
-        linesShown_ = table.count('\n') + 1;
+            linesShown_ > 0 ? "\x1b[" + QString::number(linesShown_) + "F\x1b[J" : "";
+        printResult(redraw + shown.join('\n'));
+        linesShown_ = screenRows(shown, terminal.columns);
     }
 
   private:
@@ -161,9 +209,7 @@ int watchMonitor(Session& session, const std::vector<const VarPosition*>& variab
             printDiagnostic("error: the connection to the lidar was lost");
             loop.exit(kExitFailed);
         } else if (nothingRead) {
-            for (const auto& failure : manager.getLastModuleReadFailures())
-                printDiagnostic("error: could not read the monitor values (request " +
-                                qs(failure.request) + "): " + readFailureText(failure.code));
+            reportUnreadValues(manager);
             loop.exit(kExitFailed);
         }
     });
@@ -238,6 +284,20 @@ int plotRecording(const QString& model, const QString& csvPath) {
     return kExitOk;
 }
 
+// Whether any row of the record file holds a value: a recording in which every reading failed
+// has rows of empty cells only.
+bool recordHoldsValues(const QString& path) {
+    QFile file(path);
+    monitorcharts::Recording recording;
+    if (!file.open(QIODevice::ReadOnly) ||
+        !monitorcharts::parseRecording(file.readAll(), recording, nullptr))
+        return false;
+    for (const QStringList& row : recording.rows)
+        for (const QString& cell : row)
+            if (!cell.trimmed().isEmpty()) return true;
+    return false;
+}
+
 int record(Session& session) {
     const Options& options = session.options();
     LidarUtilitiesManager& manager = session.manager();
@@ -254,6 +314,11 @@ int record(Session& session) {
     const QString path = manager.getMonitorRecordFilePath();
     // The file could not be created: the manager said so and wrote nothing.
     if (session.errorCount() > errorsBefore && !QFileInfo::exists(path)) status = kExitFailed;
+    // Rows were written, but not one reading brought a value: told as the live table tells it.
+    if (status == kExitOk && manager.getMonitorRecordRowCount() > 0 && !recordHoldsValues(path)) {
+        reportUnreadValues(manager);
+        status = kExitFailed;
+    }
     manager.Stop();
     if (!QFileInfo::exists(path)) return kExitFailed;
     printResult(path);

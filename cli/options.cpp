@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -82,11 +83,13 @@ struct Subcommands {
     int vlan = -1;  // wren net
 };
 
-// A whole number of 1 or more (counts, seconds).
+// A whole number of 1 or more (counts, seconds), one that an int holds.
 const CLI::Validator kPositiveWhole(
     [](std::string& value) {
         bool ok = false;
-        const int number = QString::fromStdString(value).toInt(&ok, 10);
+        const qlonglong number = QString::fromStdString(value).toLongLong(&ok, 10);
+        if (ok && number > std::numeric_limits<int>::max())
+            return "is too large (at most " + std::to_string(std::numeric_limits<int>::max()) + ")";
         return ok && number >= 1 ? std::string() : "needs a whole number of 1 or more";
     },
     "");
@@ -114,6 +117,13 @@ void nameValuesForPeople(CLI::App& app) {
     for (CLI::App* command : app.get_subcommands({})) nameValuesForPeople(*command);
 }
 
+// A text option that must not be empty: `what` says what it names. The validator has no
+// description of its own, so the help shows only the value's name.
+CLI::Validator notEmpty(const std::string& what) {
+    return CLI::Validator(
+        [what](std::string& value) { return value.empty() ? "needs " + what : std::string(); }, "");
+}
+
 void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
     CLI::App* monitor = app.add_subcommand(
         "monitor",
@@ -121,20 +131,16 @@ void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
         "until Ctrl-C or N refreshes; or, with --record, a recording to a CSV file");
     monitor->fallthrough();
     monitor->add_option("--variant", args.variant, "apply this hardware variant first")
-        ->type_name("LABEL");
+        ->type_name("LABEL")
+        ->check(notEmpty("a variant's label"));
     CLI::Option* count = monitor->add_option("--count", args.count, "stop after N refreshes")
                              ->type_name("N")
                              ->check(kPositiveWhole);
-    CLI::Option* record =
-        monitor
-            ->add_option("--record", args.recordDir,
-                         "record to Monitor_<variant>_<time>.csv in this folder")
-            ->check(CLI::Validator(
-                [](std::string& value) {
-                    return value.empty() ? std::string("needs a folder") : std::string();
-                },
-                ""))
-            ->type_name("DIR");
+    CLI::Option* record = monitor
+                              ->add_option("--record", args.recordDir,
+                                           "record to Monitor_<variant>_<time>.csv in this folder")
+                              ->check(notEmpty("a folder"))
+                              ->type_name("DIR");
     record->excludes(count);
     monitor->add_option("--duration", args.duration, "length of the recording (default 60)")
         ->type_name("SECONDS")

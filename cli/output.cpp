@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <QByteArray>
@@ -78,6 +79,12 @@ void routeOutput(bool verbose) {
 
 bool resultsAreTerminal() {
     return ::isatty(::fileno(resultStream)) == 1;
+}
+
+TerminalSize resultsTerminalSize() {
+    struct winsize size = {};
+    if (::ioctl(::fileno(resultStream), TIOCGWINSZ, &size) != 0) return {};
+    return {size.ws_row, size.ws_col};
 }
 
 void printResult(const QString& line) {

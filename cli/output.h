@@ -22,6 +22,12 @@ void routeOutput(bool verbose);
 void printResult(const QString& line);
 // True when the results go to a terminal (a table may then be redrawn in place).
 bool resultsAreTerminal();
+// The size of that terminal in character cells; zeros when it is not one or does not say.
+struct TerminalSize {
+    int rows = 0;
+    int columns = 0;
+};
+TerminalSize resultsTerminalSize();
 // A JSON document, indented, on the results stream.
 void printJson(const QJsonDocument& document);
 // One line on standard error. A progress line left open on a terminal is cleared first.

@@ -139,32 +139,7 @@ TEST(Lidarutil, WritesTheFieldOfViewAndWatchesTimerValues) {
     EXPECT_FALSE(watch.out.contains("refresh 2"));
 }
 
-namespace {
-
-// A lidar-sim process with faults, on a free port: lidarutil --host reaches it like a lidar.
-class SimulatorProcess {
-  public:
-    SimulatorProcess(const QString& model, const QStringList& faults) {
-        QStringList arguments{"--model", model, "--port", "0"};
-        for (const QString& fault : faults) arguments << "--fault" << fault;
-        process_.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
-        process_.start(LIDAR_BINARY_DIR "/sim/lidar-sim", arguments);
-        process_.waitForReadyRead(10000);
-        const QString banner = QString::fromUtf8(process_.readLine()).trimmed();
-        port_ = banner.section(':', -1);  // "listening on 127.0.0.1:PORT"
-    }
-    ~SimulatorProcess() {
-        process_.kill();
-        process_.waitForFinished();
-    }
-    const QString& port() const { return port_; }
-
-  private:
-    QProcess process_;
-    QString port_;
-};
-
-}  // namespace
+using testsupport::SimulatorProcess;
 
 TEST(Lidarutil, InfoShowsIdentityAndNamesWhatTheLidarRefused) {
     const Outcome info = lidarutil({"info"});

@@ -1,15 +1,21 @@
 // lidarutil monitor against its embedded simulator: the variants, the refreshed table, and
 // recordings with their chart.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
+#include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <csignal>
+#include <cstdlib>
 
 #include "cli_support.h"
 #include "test_support.h"
@@ -17,11 +23,24 @@
 using testsupport::lidarutil;
 using testsupport::lines;
 using testsupport::Outcome;
+using testsupport::SimulatorProcess;
 
 namespace {
 
 QStringList fileLines(const QString& path) {
     return lines(QString::fromStdString(testsupport::ReadFile(path.toStdString())));
+}
+
+// The values of a --json refresh line that carry `name`, as "id=value unit".
+QStringList valuesNamed(const QJsonObject& refresh, const QString& name) {
+    QStringList found;
+    for (const QJsonValue& value : refresh["values"].toArray()) {
+        const QJsonObject entry = value.toObject();
+        if (entry["name"].toString() == name)
+            found << entry["id"].toString() + "=" + entry["value"].toString() + " " +
+                         entry["unit"].toString();
+    }
+    return found;
 }
 
 TEST(LidarutilMonitor, ListsTheVariantsThenRefreshesTheTable) {
@@ -43,7 +62,7 @@ TEST(LidarutilMonitor, ListsTheVariantsThenRefreshesTheTable) {
     EXPECT_EQ(variants["variants"].toArray().size(), 2);
     const QJsonObject refresh = QJsonDocument::fromJson(lines(chosen.out).last().toUtf8()).object();
     EXPECT_EQ(refresh["variant"].toString(), "HW1.0");
-    EXPECT_EQ(refresh["values"].toObject()["Board Temperature"].toString(), "41.50");
+    EXPECT_EQ(valuesNamed(refresh, "Board Temperature"), QStringList({"m1_board_temp=41.50 °C"}));
 
     const Outcome unknown = lidarutil({"monitor", "--variant", "HW9"});
     EXPECT_EQ(unknown.exitCode, 2);
@@ -60,13 +79,91 @@ TEST(LidarutilMonitor, ListsTheVariantsThenRefreshesTheTable) {
     const Outcome needsRecord = lidarutil({"monitor", "--duration", "5"});
     EXPECT_EQ(needsRecord.exitCode, 2);
     EXPECT_TRUE(needsRecord.err.contains("--record")) << needsRecord.err.toStdString();
+    const Outcome noVariant = lidarutil({"monitor", "--variant", ""});
+    EXPECT_EQ(noVariant.exitCode, 2);
+    EXPECT_TRUE(noVariant.err.contains("needs a variant's label")) << noVariant.err.toStdString();
+    for (const char* option : {"--duration", "--interval"}) {
+        const Outcome huge = lidarutil({"monitor", "--record", "/tmp", option, "99999999999"});
+        EXPECT_EQ(huge.exitCode, 2);
+        EXPECT_TRUE(huge.err.contains("is too large (at most 2147483647)"))
+            << huge.err.toStdString();
+        const Outcome zero = lidarutil({"monitor", "--record", "/tmp", option, "0"});
+        EXPECT_TRUE(zero.err.contains("needs a whole number of 1 or more"))
+            << zero.err.toStdString();
+    }
+}
+
+// A copy of ./Config in a temporary folder, for catalogues a test changes.
+class ConfigCopy {
+  public:
+    ConfigCopy() {
+        const std::string copy =
+            "cp -r '" + testsupport::SourceDir() + "/Config' '" + root_.path() + "/'";
+        if (std::system(copy.c_str()) != 0) ADD_FAILURE() << "could not copy Config/";
+    }
+    QString root() const { return QString::fromStdString(root_.path()); }
+    // Replaces `from` by `to` in a file of the Egret's folder.
+    void edit(const std::string& file, const std::string& from, const std::string& to) {
+        const std::string path = root_.file("Config/varID/Egret/" + file);
+        std::string text = testsupport::ReadFile(path);
+        const size_t at = text.find(from);
+        if (at == std::string::npos)
+            ADD_FAILURE() << "not in " << file << ": " << from;
+        else
+            text.replace(at, from.size(), to);
+        testsupport::WriteFile(path, text);
+    }
+
+  private:
+    testsupport::TempDir root_;
+};
+
+TEST(LidarutilMonitor, SaysWhenNoVariantCouldBeApplied) {
+    ConfigCopy config;
+    config.edit("Monitor_HW2.0_2.csv", "var_id", "identifier");  // not a catalogue's header
+    const Outcome shown = lidarutil({"monitor", "--count", "1"}, config.root());
+    EXPECT_EQ(shown.exitCode, 0) << shown.err.toStdString();
+    EXPECT_EQ(lines(shown.out).mid(0, 4).join('\n').toStdString(),
+              "monitor variants of Egret (* applied):\n    HW2.0\n    HW1.0\n"
+              "none of them could be applied: the catalogue's own monitor page is used");
+}
+
+TEST(LidarutilMonitor, TwoValuesOfOneNameKeepTheirOwnValues) {
+    // The board temperature (read with 0x40) renamed after the laser's (0x41).
+    ConfigCopy config;
+    config.edit("Monitor_HW1.0_1.csv", "Board Temperature", "Laser Temperature");
+    const Outcome json =
+        lidarutil({"monitor", "--variant", "HW1.0", "--count", "1", "--json"}, config.root());
+    ASSERT_EQ(json.exitCode, 0) << json.err.toStdString();
+    const QJsonObject refresh = QJsonDocument::fromJson(lines(json.out).last().toUtf8()).object();
+    const QStringList laser = valuesNamed(refresh, "Laser Temperature");
+    ASSERT_EQ(laser.size(), 2) << json.out.toStdString();
+    EXPECT_TRUE(laser[0].startsWith("m1_laser_temp=4")) << laser[0].toStdString();
+    EXPECT_EQ(laser[1], "m1_board_temp=41.50 °C");
+
+    // The lidar refuses 0x41: in the record only the values read with it are empty.
+    const SimulatorProcess refusing("Egret", {"0x41:status=4"}, config.root());
+    testsupport::TempDir folder;
+    const Outcome recorded =
+        lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "monitor", "--variant",
+                   "HW1.0", "--record", QString::fromStdString(folder.path()), "--duration", "1"},
+                  config.root());
+    ASSERT_EQ(recorded.exitCode, 0) << recorded.err.toStdString();
+    const QStringList rows = fileLines(lines(recorded.out).last());
+    ASSERT_EQ(rows.size(), 2) << rows.join('\n').toStdString();
+    EXPECT_EQ(rows[0].section(',', 1),
+              "Laser Temperature (°C),Receiver Temperature (°C),Input Voltage (V),"
+              "Laser Temperature (°C),Motor Speed (rpm)");
+    EXPECT_TRUE(
+        QRegularExpression("^,,,\\d+\\.\\d\\d,\\d+$").match(rows[1].section(',', 1)).hasMatch())
+        << rows[1].toStdString();
 }
 
 TEST(LidarutilMonitor, RecordsRowsAndDrawsAChartOfEveryColumn) {
     testsupport::TempDir folder;
     const QString dir = QString::fromStdString(folder.path());
     const Outcome recorded =
-        lidarutil({"monitor", "--record", dir, "--duration", "3", "--interval", "1", "--plot"});
+        lidarutil({"monitor", "--record", dir, "--duration", "5", "--interval", "2", "--plot"});
     ASSERT_EQ(recorded.exitCode, 0) << recorded.err.toStdString();
     const QStringList paths = lines(recorded.out).filter(QRegularExpression("\\.(csv|png)$"));
     ASSERT_EQ(paths.size(), 2) << recorded.out.toStdString();
@@ -78,7 +175,15 @@ TEST(LidarutilMonitor, RecordsRowsAndDrawsAChartOfEveryColumn) {
     EXPECT_TRUE(recorded.err.contains("Monitor record saved:\n" + paths[0]));
 
     const QStringList rows = fileLines(paths[0]);
-    ASSERT_EQ(rows.size(), 4) << rows.join('\n').toStdString();  // header and three rows
+    ASSERT_EQ(rows.size(), 4) << rows.join('\n').toStdString();  // header, rows at 0, 2 and 4 s
+    for (int row = 2; row < rows.size(); ++row) {
+        const auto timeOf = [&](int r) {
+            return QDateTime::fromString(rows[r].section(',', 0, 0), "yyyy-MM-dd HH:mm:ss.zzz");
+        };
+        const qint64 apart = timeOf(row - 1).msecsTo(timeOf(row));
+        EXPECT_GT(apart, 1500);
+        EXPECT_LT(apart, 2500);
+    }
     const int columns = rows[0].count(',');
     EXPECT_EQ(columns, 10);
     // The simulated readings move: the rows differ beyond their time.
@@ -88,6 +193,128 @@ TEST(LidarutilMonitor, RecordsRowsAndDrawsAChartOfEveryColumn) {
     const QImage chart(paths[1]);
     ASSERT_FALSE(chart.isNull()) << paths[1].toStdString();
     EXPECT_EQ(chart.size(), QSize(2 * 480, 40 + (columns + 1) / 2 * 300));
+}
+
+TEST(LidarutilMonitor, ARecordingEndsAfterItsDurationWhateverTheInterval) {
+    testsupport::TempDir folder;
+    QElapsedTimer clock;
+    clock.start();
+    const Outcome recorded =
+        lidarutil({"monitor", "--record", QString::fromStdString(folder.path()), "--duration", "2",
+                   "--interval", "60"});
+    ASSERT_EQ(recorded.exitCode, 0) << recorded.err.toStdString();
+    EXPECT_LT(clock.elapsed(), 30000);                           // not the 60 s of the interval
+    EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 2);  // the header and the first row
+}
+
+TEST(LidarutilMonitor, ARecordingWithoutAValueOrWithTheLidarLostFails) {
+    // Every reading refused: the rows keep their times with empty cells, told as an error.
+    {
+        const SimulatorProcess refusing("Egret", {"0x41:status=4"});
+        testsupport::TempDir folder;
+        const Outcome recorded =
+            lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "monitor", "--record",
+                       QString::fromStdString(folder.path()), "--duration", "2"});
+        EXPECT_EQ(recorded.exitCode, 1);
+        EXPECT_TRUE(
+            recorded.err.contains("error: could not read the monitor values (request 0x41)"))
+            << recorded.err.toStdString();
+        const QStringList rows = fileLines(lines(recorded.out).last());
+        ASSERT_EQ(rows.size(), 3) << rows.join('\n').toStdString();
+        EXPECT_EQ(rows[2].section(',', 1), QString(9, ','));
+    }
+    // The lidar lost in the middle of the first reading: that reading writes no row.
+    {
+        const SimulatorProcess closing("Egret", {"0x41:close-mid-reply"});
+        testsupport::TempDir folder;
+        const Outcome recorded =
+            lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--record",
+                       QString::fromStdString(folder.path()), "--duration", "5"});
+        EXPECT_EQ(recorded.exitCode, 1);
+        EXPECT_TRUE(recorded.err.contains("error: the connection to the lidar was lost"))
+            << recorded.err.toStdString();
+        EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 1);  // the header alone
+    }
+}
+
+// lidarutil with its results on a pseudo-terminal `rows` high and `columns` wide: its status and
+// what the terminal received.
+Outcome onTerminal(const QStringList& arguments, unsigned short rows, unsigned short columns) {
+    Outcome run;
+    const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0) {
+        ADD_FAILURE() << "no pseudo-terminal";
+        return run;
+    }
+    const QString slavePath = QString::fromLocal8Bit(::ptsname(master));
+    // Held open here too, so that what the program wrote stays readable after it ends.
+    const int slave = ::open(slavePath.toLocal8Bit().constData(), O_RDWR | O_NOCTTY);
+    struct winsize size = {rows, columns, 0, 0};
+    ::ioctl(master, TIOCSWINSZ, &size);
+    ::fcntl(master, F_SETFL, O_NONBLOCK);
+    QByteArray received;
+    const auto drain = [&] {
+        char buffer[4096];
+        ssize_t n = 0;
+        while ((n = ::read(master, buffer, sizeof buffer)) > 0) received.append(buffer, n);
+    };
+    QProcess process;
+    process.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    process.setStandardOutputFile(slavePath);
+    process.start(LIDAR_BINARY_DIR "/cli/lidarutil", arguments);
+    QElapsedTimer clock;
+    clock.start();
+    while (process.state() != QProcess::NotRunning && clock.elapsed() < 60000) {
+        process.waitForFinished(50);
+        drain();
+    }
+    drain();
+    ::close(slave);
+    ::close(master);
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(received).remove('\r');
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
+TEST(LidarutilMonitor, OnATerminalTheTableIsRedrawnWithinTheScreen) {
+    // Each redraw moves up over the lines of the previous one and clears below.
+    const QRegularExpression redraw("\x1b\\[(\\d+)F\x1b\\[J");
+    const auto tables = [&](const QString& out, QVector<int>* movedUp) {
+        QStringList blocks;
+        int from = 0;
+        for (auto match = redraw.globalMatch(out); match.hasNext();) {
+            const QRegularExpressionMatch next = match.next();
+            blocks << out.mid(from, next.capturedStart() - from);
+            movedUp->push_back(next.captured(1).toInt());
+            from = next.capturedEnd();
+        }
+        blocks << out.mid(from);
+        return blocks;
+    };
+    // Tall enough: the whole table (a heading, the column titles, ten values), redrawn in place.
+    const Outcome tall = onTerminal({"monitor", "--count", "2"}, 40, 100);
+    ASSERT_EQ(tall.exitCode, 0) << tall.err.toStdString();
+    QVector<int> movedUp;
+    QStringList blocks = tables(tall.out, &movedUp);
+    ASSERT_EQ(blocks.size(), 2) << tall.out.toStdString();
+    EXPECT_EQ(movedUp, QVector<int>({12}));
+    EXPECT_EQ(lines(blocks[1]).size(), 12);
+    EXPECT_TRUE(blocks[1].contains("Frame Drops"));
+
+    // Eight rows: seven lines at most, the last one saying what is left out; each redraw moves
+    // up over exactly what the previous one showed.
+    const Outcome shortOne = onTerminal({"monitor", "--count", "3"}, 8, 100);
+    ASSERT_EQ(shortOne.exitCode, 0) << shortOne.err.toStdString();
+    movedUp.clear();
+    blocks = tables(shortOne.out, &movedUp);
+    ASSERT_EQ(blocks.size(), 3) << shortOne.out.toStdString();
+    EXPECT_EQ(movedUp, QVector<int>({7, 7}));
+    for (const QString& block : blocks.mid(1)) {
+        EXPECT_EQ(lines(block).size(), 7) << block.toStdString();
+        EXPECT_EQ(lines(block).last(),
+                  "(6 more lines: the terminal is too short for the whole table)");
+    }
 }
 
 TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {

@@ -42,6 +42,32 @@ inline Outcome lidarutil(
     return run;
 }
 
+// A lidar-sim process with faults, on a free port: lidarutil --host reaches it like a lidar. It
+// reads the catalogues of `workingDirectory`/Config.
+class SimulatorProcess {
+  public:
+    SimulatorProcess(
+        const QString& model, const QStringList& faults,
+        const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir())) {
+        QStringList arguments{"--model", model, "--port", "0"};
+        for (const QString& fault : faults) arguments << "--fault" << fault;
+        process_.setWorkingDirectory(workingDirectory);
+        process_.start(LIDAR_BINARY_DIR "/sim/lidar-sim", arguments);
+        process_.waitForReadyRead(10000);
+        const QString banner = QString::fromUtf8(process_.readLine()).trimmed();
+        port_ = banner.section(':', -1);  // "listening on 127.0.0.1:PORT"
+    }
+    ~SimulatorProcess() {
+        process_.kill();
+        process_.waitForFinished();
+    }
+    const QString& port() const { return port_; }
+
+  private:
+    QProcess process_;
+    QString port_;
+};
+
 inline QStringList lines(const QString& text) {
     return text.split('\n', Qt::SkipEmptyParts);
 }

@@ -10,6 +10,7 @@
 #include <optional>
 #include <set>
 
+#include "command_text.h"
 #include "lidar_utilities_manager.h"
 
 namespace {
@@ -181,7 +182,8 @@ void LidarUtilitiesManager::stopMonitorRecord() {
 }
 
 // Rows fall on start + n × interval (not "interval after the last row"), so the time a reading
-// takes does not accumulate; while the lidar is busy a row is skipped and the clock runs on.
+// takes does not accumulate; while the lidar is busy a row is skipped and the clock runs on. It
+// ends at start + duration, not at the first slot after it.
 void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int duration) {
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
@@ -194,14 +196,13 @@ void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int du
     stream.setCodec("UTF-8");
     writeMonitorRecordHeader(stream);
     const auto start = Clock::now();
-    while (monitorRecording.load()) {
-        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
-        if (elapsed.count() >= duration) break;
+    // The recording lasts the duration asked for, also when the interval is longer.
+    const auto end = start + std::chrono::seconds(duration);
+    while (monitorRecording.load() && Clock::now() < end) {
         if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load())
             recordOneRow(stream);
-        if (!monitorWaitUntil(nextSlot(start, std::chrono::seconds(interval), Clock::now()),
-                              monitorRecording))
-            break;
+        const auto next = nextSlot(start, std::chrono::seconds(interval), Clock::now());
+        if (!monitorWaitUntil(std::min(next, end), monitorRecording)) break;
     }
     file.close();
     monitorRecording.store(false);
@@ -217,10 +218,12 @@ void LidarUtilitiesManager::recordOneRow(QTextStream& stream) {
         readModuleAndAnnounce(monitorModuleIndex.load(), &monitorRecording);
     // Stopped in the middle of a reading: nothing more is written.
     if (!failures || !monitorRecording.load()) return;
-    std::set<std::string> unread;
-    for (const ReadFailure& failure : *failures)
-        unread.insert(failure.names.begin(), failure.names.end());
-    writeMonitorRecordRow(stream, unread);
+    // A failure that closed the connection (the lidar was lost): the reading was not made.
+    if (!failures->empty() && !deviceChannelOpen()) return;
+    // Keyed by request, not by name: two variables may share a name, not a request.
+    std::set<std::string> failedRequests;
+    for (const ReadFailure& failure : *failures) failedRequests.insert(failure.request);
+    writeMonitorRecordRow(stream, failedRequests);
     stream.flush();
     monitorRecordRows.fetch_add(1);
 }
@@ -251,14 +254,15 @@ void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream) {
 }
 
 void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream,
-                                                  const std::set<std::string>& unread) {
+                                                  const std::set<std::string>& failedRequests) {
     if (!currentParser || monitorModuleIndex.load() < 0) return;
     stream << QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss.zzz");
     // One reading's values together: a read on another thread does not slip in between them.
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     for (const VarInfo* var : monitorRecordVariables()) {
         stream << ",";
-        if (unread.count(var->var_name) == 0) stream << QString::fromStdString(var->current_val);
+        if (failedRequests.count(readRequestKey(*var)) == 0)
+            stream << QString::fromStdString(var->current_val);
     }
     stream << "\n";
 }

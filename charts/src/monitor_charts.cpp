@@ -19,6 +19,26 @@ namespace {
 
 const char* const kTimestampColumn = "timestamp";
 const char* const kRowTimeFormat = "yyyy-MM-dd HH:mm:ss.zzz";
+// Beyond this a reading's digits are noise, and printf labels get unwieldy.
+constexpr int kMaxDecimals = 6;
+
+// The digits after the point that a tick step needs to be written exactly: 0.25 needs 2, 5 none.
+int decimalsOfStep(double step) {
+    for (int decimals = 0; decimals < kMaxDecimals; ++decimals) {
+        const double scaled = step * std::pow(10.0, decimals);
+        if (std::fabs(scaled - std::round(scaled)) < 1e-6 * scaled) return decimals;
+    }
+    return kMaxDecimals;
+}
+
+// The printf format of an axis's tick labels: at least `decimals` digits after the point, and as
+// many as its tick step needs, so that no two ticks read the same.
+QString tickLabelFormat(const QValueAxis& axis, int decimals) {
+    const int ticks = axis.tickCount();
+    const double step = ticks > 1 ? (axis.max() - axis.min()) / (ticks - 1) : 0;
+    const int needed = step > 0 ? std::max(decimals, decimalsOfStep(step)) : decimals;
+    return "%." + QString::number(std::min(needed, kMaxDecimals)) + "f";
+}
 
 }  // namespace
 
@@ -78,6 +98,17 @@ bool parseReading(const QString& text, double& value) {
     return result.ec == std::errc() && result.ptr == end && std::isfinite(value);
 }
 
+int decimalsOf(const QString& text) {
+    const QString trimmed = text.trimmed();
+    const int exponentAt = trimmed.indexOf(QRegularExpression("[eE]"));
+    const QString mantissa = exponentAt < 0 ? trimmed : trimmed.left(exponentAt);
+    const int point = mantissa.indexOf('.');
+    const int fraction = point < 0 ? 0 : mantissa.size() - point - 1;
+    const int exponent =
+        exponentAt < 0 ? 0 : std::clamp(trimmed.mid(exponentAt + 1).toInt(), -1000, 1000);
+    return std::clamp(fraction - exponent, 0, kMaxDecimals);
+}
+
 MonitorChartSet::MonitorChartSet(const QStringList& labels) {
     for (const QString& label : labels) {
         Column column;
@@ -86,8 +117,6 @@ MonitorChartSet::MonitorChartSet(const QStringList& labels) {
         column.chart->setTitle(column.label.name);
         column.chart->legend()->hide();
         column.chart->setMargins(QMargins(4, 4, 4, 4));
-        column.series = new QLineSeries(column.chart);
-        column.chart->addSeries(column.series);
         column.timeAxis = new QValueAxis(column.chart);
         column.timeAxis->setLabelFormat("%.0f");
         column.timeAxis->setTitleText("s");
@@ -95,8 +124,6 @@ MonitorChartSet::MonitorChartSet(const QStringList& labels) {
         column.valueAxis->setTitleText(column.label.unit.isEmpty() ? "value" : column.label.unit);
         column.chart->addAxis(column.timeAxis, Qt::AlignBottom);
         column.chart->addAxis(column.valueAxis, Qt::AlignLeft);
-        column.series->attachAxis(column.timeAxis);
-        column.series->attachAxis(column.valueAxis);
         charts_.push_back(column);
     }
 }
@@ -137,37 +164,57 @@ void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values
     }
     ++rows_;
     const double seconds = static_cast<double>(first_.msecsTo(time)) / 1000.0;
-    for (int i = 0; i < charts_.size() && i < values.size(); ++i) {
+    for (int i = 0; i < charts_.size(); ++i) {
+        Column& column = charts_[i];
         double value = 0;
-        if (!parseReading(values[i], value)) continue;
-        charts_[i].series->append(seconds, value);
-        fitAxes(charts_[i], seconds, value);
+        if (i >= values.size() || !parseReading(values[i], value)) {
+            column.run = nullptr;  // a failed reading: the line breaks here
+            continue;
+        }
+        column.decimals = std::max(column.decimals, decimalsOf(values[i]));
+        addPoint(column, seconds, value);
+        fitAxes(column, seconds);
     }
 }
 
-// The vertical range follows the readings with a margin; a flat line gets a narrow band around
-// it. Counters and other whole numbers get whole-number ticks.
-void MonitorChartSet::fitAxes(Column& column, double seconds, double value) {
+// A reading joins the current run of its chart, or starts a new one (drawn in the first run's
+// colour) after a gap. A run of one reading shows its point, as it has no line yet.
+void MonitorChartSet::addPoint(Column& column, double seconds, double value) {
+    if (column.run == nullptr) {
+        const QList<QAbstractSeries*> runs = column.chart->series();
+        column.run = new QLineSeries(column.chart);
+        column.chart->addSeries(column.run);
+        if (!runs.isEmpty()) column.run->setColor(static_cast<QLineSeries*>(runs.front())->color());
+        column.run->attachAxis(column.timeAxis);
+        column.run->attachAxis(column.valueAxis);
+    }
+    column.run->append(seconds, value);
+    column.run->setPointsVisible(column.run->count() == 1);
     column.low = column.hasValue ? std::min(column.low, value) : value;
     column.high = column.hasValue ? std::max(column.high, value) : value;
     column.hasValue = true;
-    column.wholeNumbers = column.wholeNumbers && value == std::floor(value);
+}
+
+// The vertical range follows the readings with a margin; a flat line gets a narrow band around
+// it. Counters and other whole numbers get whole-number ticks. Tick labels carry as many
+// decimals as the readings do, and more when the tick step needs them to stay distinct.
+void MonitorChartSet::fitAxes(Column& column, double seconds) {
     const double span = column.high - column.low;
-    if (column.wholeNumbers && span <= 4) {
+    if (column.decimals == 0 && span <= 4) {
         const double low = std::floor(column.low) - 1;
         const double high = std::ceil(column.high) + 1;
         column.valueAxis->setRange(low, high);
         column.valueAxis->setTickCount(static_cast<int>(high - low) + 1);
-        column.valueAxis->setLabelFormat("%.0f");
     } else {
-        const double margin = span > 0 ? span * 0.1 : std::max(std::fabs(value) * 0.02, 0.01);
+        const double margin = span > 0 ? span * 0.1 : std::max(std::fabs(column.high) * 0.02, 0.01);
         column.valueAxis->setRange(column.low - margin, column.high + margin);
         column.valueAxis->setTickCount(5);
         column.valueAxis->applyNiceNumbers();
-        if (column.wholeNumbers) column.valueAxis->setLabelFormat("%.0f");
     }
+    column.valueAxis->setLabelFormat(tickLabelFormat(*column.valueAxis, column.decimals));
     column.timeAxis->setRange(0, std::max(seconds, 1.0));
     column.timeAxis->applyNiceNumbers();
+    column.timeAxis->setLabelFormat(tickLabelFormat(*column.timeAxis, 0));
 }
 
 QChart* MonitorChartSet::chart(int i) const {

@@ -35,6 +35,8 @@ ColumnLabel splitColumnLabel(const QString& label);
 
 // Reads numbers as a recording writes them: C-locale decimals, nothing else around them.
 bool parseReading(const QString& text, double& value);
+// The digits after the decimal point of a reading as written ("44.50": 2, "7": 0).
+int decimalsOf(const QString& text);
 
 // A monitor record file: its column labels (after "timestamp"), and per row its time and values.
 // Rows whose field count or time does not fit (a line cut short by a crash) are left out.
@@ -61,7 +63,8 @@ class MonitorChartSet {
     static std::unique_ptr<MonitorChartSet> fromRecordFile(const QString& path, QString* error);
 
     // Adds one reading; values[i] belongs to the i-th label. A value that is not a number (an
-    // empty cell: that reading failed) leaves a gap in that chart's points.
+    // empty cell: that reading failed) leaves a gap in that chart's line: the readings on either
+    // side of it are not joined. Each unbroken run of readings is a series of its own.
     void appendRow(const QDateTime& time, const QStringList& values);
 
     int chartCount() const { return charts_.size(); }
@@ -85,15 +88,17 @@ class MonitorChartSet {
     struct Column {
         ColumnLabel label;
         QtCharts::QChart* chart = nullptr;
-        QtCharts::QLineSeries* series = nullptr;
+        // The run of readings the next value joins; null before the first value and after a gap.
+        QtCharts::QLineSeries* run = nullptr;
         QtCharts::QValueAxis* timeAxis = nullptr;
         QtCharts::QValueAxis* valueAxis = nullptr;
         double low = 0;
         double high = 0;
         bool hasValue = false;
-        bool wholeNumbers = true;
+        int decimals = 0;  // the most digits after the point of any reading
     };
-    void fitAxes(Column& column, double seconds, double value);
+    void addPoint(Column& column, double seconds, double value);
+    void fitAxes(Column& column, double seconds);
 
     QVector<Column> charts_;
     QDateTime first_;

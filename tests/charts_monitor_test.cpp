@@ -1,0 +1,181 @@
+// The monitor charts as a front end and lidarutil monitor --plot meet them: their axes (titles,
+// ranges, tick labels) and their lines (where a failed reading breaks them), read through the
+// chart objects rather than from pixels.
+
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QDateTime>
+#include <QSet>
+#include <QtCharts/QChart>
+#include <QtCharts/QLineSeries>
+#include <QtCharts/QValueAxis>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "charts/monitor_charts.h"
+
+using namespace QtCharts;
+using monitorcharts::MonitorChartSet;
+
+namespace {
+
+QValueAxis* axisOf(const QChart* chart, Qt::Orientation orientation) {
+    const QList<QAbstractAxis*> axes = chart->axes(orientation);
+    return axes.size() == 1 ? qobject_cast<QValueAxis*>(axes.front()) : nullptr;
+}
+
+// The labels the axis draws: its printf format applied to each of its evenly spaced ticks.
+QStringList tickLabels(const QValueAxis& axis) {
+    QStringList labels;
+    const QByteArray format = axis.labelFormat().toLatin1();
+    for (int tick = 0; tick < axis.tickCount(); ++tick) {
+        const double value = axis.min() + tick * (axis.max() - axis.min()) / (axis.tickCount() - 1);
+        labels << QString::asprintf(format.constData(), value);
+    }
+    return labels;
+}
+
+int decimalsOfLabel(const QString& label) {
+    const int point = label.indexOf('.');
+    return point < 0 ? 0 : label.size() - point - 1;
+}
+
+// One chart fed one reading a second.
+std::unique_ptr<MonitorChartSet> chartOf(const QStringList& readings) {
+    auto set = std::make_unique<MonitorChartSet>(QStringList{"Laser Temperature (°C)"});
+    const QDateTime start =
+        QDateTime::fromString("2026-03-01 10:00:00.000", "yyyy-MM-dd HH:mm:ss.zzz");
+    for (int i = 0; i < readings.size(); ++i) set->appendRow(start.addSecs(i), {readings[i]});
+    return set;
+}
+
+TEST(MonitorCharts, TickLabelsAreDistinctAndAsPreciseAsTheReadings) {
+    struct Case {
+        const char* what;
+        QStringList readings;
+        int decimals;  // at least this many digits after the point
+    };
+    const Case cases[] = {
+        {"a fall from a whole first reading", {"15.00", "14.90", "14.80", "14.70", "14.50"}, 2},
+        {"a whole number, then a half", {"15", "14.5"}, 1},
+        {"a flat line", {"44.75", "44.75", "44.75"}, 2},
+        {"a wide swing", {"0.125", "1000.5"}, 3},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto set = chartOf(c.readings);
+        const QValueAxis* values = axisOf(set->chart(0), Qt::Vertical);
+        ASSERT_NE(values, nullptr);
+        const QStringList labels = tickLabels(*values);
+        EXPECT_GE(labels.size(), 3);
+        EXPECT_EQ(QSet<QString>(labels.begin(), labels.end()).size(), labels.size())
+            << labels.join(", ").toStdString();
+        for (const QString& label : labels)
+            EXPECT_GE(decimalsOfLabel(label), c.decimals) << label.toStdString();
+        for (const QString& reading : c.readings) {
+            EXPECT_LE(values->min(), reading.toDouble());
+            EXPECT_GE(values->max(), reading.toDouble());
+        }
+    }
+
+    // A counter gets a whole-number tick at each step.
+    const auto counter = chartOf({"3", "4", "6"});
+    EXPECT_EQ(tickLabels(*axisOf(counter->chart(0), Qt::Vertical)),
+              QStringList({"2", "3", "4", "5", "6", "7"}));
+    // The time axis: seconds from the first row, distinct also within the first second.
+    auto quick = std::make_unique<MonitorChartSet>(QStringList{"Frame Drops"});
+    EXPECT_EQ(axisOf(quick->chart(0), Qt::Horizontal)->titleText(), "s");  // before any reading
+    const QDateTime start = QDateTime::currentDateTime();
+    for (int ms : {0, 400, 800}) quick->appendRow(start.addMSecs(ms), {"1"});
+    const QValueAxis* time = axisOf(quick->chart(0), Qt::Horizontal);
+    const QStringList seconds = tickLabels(*time);
+    EXPECT_EQ(QSet<QString>(seconds.begin(), seconds.end()).size(), seconds.size())
+        << seconds.join(", ").toStdString();
+    EXPECT_EQ(time->titleText(), "s from " + start.toString("HH:mm:ss"));
+    EXPECT_EQ(axisOf(quick->chart(0), Qt::Vertical)->titleText(), "value");
+    EXPECT_EQ(axisOf(counter->chart(0), Qt::Vertical)->titleText(), "°C");
+    EXPECT_EQ(counter->chart(0)->title(), "Laser Temperature");
+}
+
+// The points of each line of a chart, in order: one line per unbroken run of readings.
+QVector<QVector<QPointF>> runsOf(const QChart* chart) {
+    QVector<QVector<QPointF>> runs;
+    for (QAbstractSeries* series : chart->series())
+        runs.push_back(static_cast<QLineSeries*>(series)->pointsVector());
+    return runs;
+}
+
+TEST(MonitorCharts, AFailedReadingIsAGapNotAPoint) {
+    const auto set = chartOf({"", "101.5", "", "103.5", "104.5", "", "", "107.5", "108.5"});
+    const QVector<QVector<QPointF>> runs = runsOf(set->chart(0));
+    EXPECT_EQ(runs, (QVector<QVector<QPointF>>{
+                        {{1, 101.5}}, {{3, 103.5}, {4, 104.5}}, {{7, 107.5}, {8, 108.5}}}));
+    // One line in one colour; a run of a single reading shows its point.
+    const QList<QAbstractSeries*> series = set->chart(0)->series();
+    for (QAbstractSeries* run : series) {
+        EXPECT_EQ(static_cast<QLineSeries*>(run)->color(),
+                  static_cast<QLineSeries*>(series.front())->color());
+        EXPECT_EQ(static_cast<QLineSeries*>(run)->pointsVisible(),
+                  static_cast<QLineSeries*>(run)->count() == 1);
+    }
+    // The axes are fitted to the readings only: no failed reading counted as zero.
+    EXPECT_GT(axisOf(set->chart(0), Qt::Vertical)->min(), 90.0);
+
+    // A row cut short counts as failed for the columns it lacks.
+    MonitorChartSet two(QStringList{"A", "B"});
+    const QDateTime start = QDateTime::currentDateTime();
+    two.appendRow(start, {"1", "2"});
+    two.appendRow(start.addSecs(1), {"1"});
+    two.appendRow(start.addSecs(2), {"1", "2"});
+    EXPECT_EQ(runsOf(two.chart(0)).size(), 1);
+    EXPECT_EQ(runsOf(two.chart(1)).size(), 2);
+}
+
+TEST(MonitorCharts, ARecordingGivesAChartPerNumericColumnWithItsGaps) {
+    const std::string path = ::testing::TempDir() + "charts_recording.csv";
+    FILE* file = std::fopen(path.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    std::fputs(
+        "timestamp,Input Voltage (V),Mode,Frame Drops\n"
+        "2026-03-01 10:00:00.000,12.10,run,0\n"
+        "2026-03-01 10:00:01.000,,run,\n"
+        "2026-03-01 10:00:02.000,12.30,idle,2\n"
+        "2026-03-01 10:00:03.0\n",
+        file);
+    std::fclose(file);
+    QString error;
+    const auto set = MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error);
+    ASSERT_NE(set, nullptr) << error.toStdString();
+    ASSERT_EQ(set->chartCount(), 2);  // the text column is left out
+    EXPECT_EQ(set->rowCount(), 3);    // the row cut short is skipped
+    EXPECT_EQ(set->chart(0)->title(), "Input Voltage");
+    EXPECT_EQ(runsOf(set->chart(0)), (QVector<QVector<QPointF>>{{{0, 12.1}}, {{2, 12.3}}}));
+    EXPECT_EQ(set->chart(1)->title(), "Frame Drops");
+    EXPECT_EQ(runsOf(set->chart(1)).size(), 2);
+    QString saveError;
+    EXPECT_FALSE(set->savePng("/nonexistent-folder/chart.png", "title", &saveError));
+    EXPECT_EQ(saveError, "cannot write /nonexistent-folder/chart.png");
+
+    // Not a recording; no file at all.
+    file = std::fopen(path.c_str(), "w");
+    std::fputs("time,value\n2026-03-01 10:00:00.000,1\n", file);
+    std::fclose(file);
+    EXPECT_EQ(MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error), nullptr);
+    EXPECT_TRUE(error.endsWith(" is not a monitor recording (no \"timestamp\" header)"))
+        << error.toStdString();
+    std::remove(path.c_str());
+    EXPECT_EQ(MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error), nullptr);
+    EXPECT_TRUE(error.startsWith("cannot read ")) << error.toStdString();
+}
+
+}  // namespace
+
+// The charts draw through the widget module: a QApplication, on the offscreen platform.
+int main(int argc, char** argv) {
+    setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    QApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
