@@ -126,8 +126,8 @@ class Session {
     bool variablesBuilt_ = false;
     std::atomic<int> errors_{0};
     std::mutex heldMutex_;
-    bool holding_ = false;        // guarded by heldMutex_
-    QStringList heldMessages_;    // guarded by heldMutex_
+    bool holding_ = false;      // guarded by heldMutex_
+    QStringList heldMessages_;  // guarded by heldMutex_
 };
 
 }  // namespace cli

@@ -93,8 +93,9 @@ void explainTransferFailure(LidarUtilitiesManager& manager) {
         code = client->GetLastReturnCode();
         why = client->GetClient().LastError();
     }
-    printDiagnostic("error: the transfer failed: " + readFailureText(code) +
-                    (why.empty() || code > 0 ? QString() : " (" + QString::fromStdString(why) + ")"));
+    printDiagnostic(
+        "error: the transfer failed: " + readFailureText(code) +
+        (why.empty() || code > 0 ? QString() : " (" + QString::fromStdString(why) + ")"));
 }
 
 // Why a download cannot write into `folder` (checked before connecting: the manager would fetch
@@ -104,8 +105,10 @@ QString unwritableTarget(const QString& folder) {
     if (!info.exists()) return "no such folder: " + folder;
     if (!info.isDir()) return folder + " is not a folder";
     // Asked of the file system itself: permission bits say nothing of a read-only mount or /proc.
-    QFile probe(folder + "/.lidarutil-write-probe-" + QString::number(QCoreApplication::applicationPid()));
-    if (!probe.open(QIODevice::WriteOnly)) return "cannot write into " + folder + ": " + probe.errorString();
+    QFile probe(folder + "/.lidarutil-write-probe-" +
+                QString::number(QCoreApplication::applicationPid()));
+    if (!probe.open(QIODevice::WriteOnly))
+        return "cannot write into " + folder + ": " + probe.errorString();
     probe.close();
     probe.remove();
     return QString();
@@ -301,8 +304,8 @@ void setAsideIncompleteArchive(const QString& archive) {
     const QString workFolder = LidarUtilitiesManager::operationLogWorkFolder();
     if (QDir(workFolder).exists() && !QDir(workFolder).isEmpty()) {
         QFile::remove(archive);
-        printDiagnostic("error: no archive was kept at " + archive + "; the parts that came are in " +
-                        workFolder);
+        printDiagnostic("error: no archive was kept at " + archive +
+                        "; the parts that came are in " + workFolder);
         return;
     }
     if (!QFileInfo(archive).isFile()) {

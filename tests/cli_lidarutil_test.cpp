@@ -355,7 +355,8 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     testsupport::WriteFile(dir.file("empty.bin"), "");
     const Outcome empty = lidarutil({"upgrade", QString::fromStdString(dir.file("empty.bin"))});
     EXPECT_EQ(empty.exitCode, 2);
-    EXPECT_TRUE(empty.err.contains("empty.bin is empty; nothing was sent")) << empty.err.toStdString();
+    EXPECT_TRUE(empty.err.contains("empty.bin is empty; nothing was sent"))
+        << empty.err.toStdString();
     EXPECT_FALSE(empty.err.contains("connecting"));
     // Only a firmware upgrade variable starts a transfer: Reset's command would reset the lidar.
     const Outcome reset =
@@ -409,10 +410,12 @@ TEST(Lidarutil, LogsThatCannotBeKeptWholeAreFailures) {
     for (const char* part : {"bsw_warning", "asw_warning", "bsw_error", "asw_error"})
         EXPECT_TRUE(refused.err.contains(QString("error: part not given, ") + part +
                                          ": the lidar answered with status 2 (unknown command)"))
-            << part << "\n" << refused.err.toStdString();
-    EXPECT_TRUE(lines(refused.err).last().contains(
-        "the archive is incomplete; the parts that came are kept as " +
-        QString::fromStdString(dir.file("ops.incomplete.tar"))))
+            << part << "\n"
+            << refused.err.toStdString();
+    EXPECT_TRUE(lines(refused.err)
+                    .last()
+                    .contains("the archive is incomplete; the parts that came are kept as " +
+                              QString::fromStdString(dir.file("ops.incomplete.tar"))))
         << refused.err.toStdString();
     EXPECT_FALSE(testsupport::FileExists(dir.file("ops.tar")));
     EXPECT_TRUE(testsupport::FileExists(dir.file("ops.incomplete.tar")));
@@ -508,7 +511,8 @@ TEST(Lidarutil, TransferOutcomesComeLastAndSayWhy) {
     const SerialSimulatorProcess wren({"0x05:status=4"});
     const Outcome serial = lidarutil(wren.lines() + QStringList{"upgrade", package});
     EXPECT_EQ(serial.exitCode, 1);
-    EXPECT_TRUE(serial.err.contains("error: Upgrade package transfer failed or is terminated. error:4"))
+    EXPECT_TRUE(
+        serial.err.contains("error: Upgrade package transfer failed or is terminated. error:4"))
         << serial.err.toStdString();
     EXPECT_EQ(lines(serial.err).last(),
               "error: the transfer failed: the lidar answered with status 4 (busy)");
@@ -521,7 +525,8 @@ TEST(Lidarutil, SendNamesARefusalAndTheHistoryFileIsNeverLost) {
     const Outcome refused =
         lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "send", "07"}, folder.path());
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_EQ(lines(refused.err).last(), "error: the lidar answered with status 2 (unknown command)")
+    EXPECT_EQ(lines(refused.err).last(),
+              "error: the lidar answered with status 2 (unknown command)")
         << refused.err.toStdString();
 
     // A history file with a quote never closed: named with its line, kept aside, not rewritten.

@@ -114,9 +114,8 @@ TEST_F(ConsoleTest, BadTextAndRefusedCommandsAddNoRecordAndSendNothing) {
 }
 
 TEST_F(ConsoleTest, RestartAndResetCommandsStopTheConnection) {
-    for (const auto& [header, code, message] :
-         {std::tuple{"0x10", 0x10, "success: Lidar restart."},
-          std::tuple{"25", 0x25, "success: Lidar reset."}}) {
+    for (const auto& [header, code, message] : {std::tuple{"0x10", 0x10, "success: Lidar restart."},
+                                                std::tuple{"25", 0x25, "success: Lidar reset."}}) {
         auto simulator = StartSimulator("Egret");
         ManagerSession session("Egret", root_.root());
         ASSERT_TRUE(session.Connect(simulator->Port()));
@@ -196,9 +195,9 @@ TEST_F(ConsoleTest, HistoryFileQuotingLimitAndMissingColumn) {
     m.GetLocalCommandFileLog();
     EXPECT_EQ(m.getCommandLogCnt(), 0);
     EXPECT_FALSE(m.commandHistoryLoaded());
-    EXPECT_TRUE(session.LogHas(
-        "Command history not loaded: Can't find a column named Payload (line 1 of "
-        "./Config/command_log_file.csv)|ERROR"));
+    EXPECT_TRUE(
+        session.LogHas("Command history not loaded: Can't find a column named Payload (line 1 of "
+                       "./Config/command_log_file.csv)|ERROR"));
 
     // A missing file is created empty and adds nothing.
     QFile::remove(QString::fromStdString(file));
@@ -217,15 +216,15 @@ TEST_F(ConsoleTest, AnUnreadableHistoryFileIsMovedAsideNotOverwritten) {
         "2026-01-02 03:04:07,09,\n";
     ManagerSession session("Egret", root_.root());
     LidarUtilitiesManager& m = session.m();
-    for (const char* aside : {"Config/command_log_file.csv.unreadable",
-                              "Config/command_log_file.csv.unreadable-2"}) {
+    for (const char* aside :
+         {"Config/command_log_file.csv.unreadable", "Config/command_log_file.csv.unreadable-2"}) {
         WriteFile(file, unclosed);
         m.GetLocalCommandFileLog();
         EXPECT_EQ(m.getCommandLogCnt(), 1);
         EXPECT_FALSE(m.commandHistoryLoaded());
-        EXPECT_TRUE(session.LogHas(
-            "Command history not loaded: a quote opened on line 3 of "
-            "./Config/command_log_file.csv is never closed|ERROR"));
+        EXPECT_TRUE(
+            session.LogHas("Command history not loaded: a quote opened on line 3 of "
+                           "./Config/command_log_file.csv is never closed|ERROR"));
         m.WriteCommandLogToLocalCommandFile();
         EXPECT_EQ(ReadFile(root_.file(aside)), unclosed) << aside;
         EXPECT_TRUE(session.LogHas(

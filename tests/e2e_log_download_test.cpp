@@ -65,7 +65,8 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
     session.ClearSpies();
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
     ASSERT_TRUE(WaitFor([&] { return finished.load() == 3; }, 10000));
-    EXPECT_EQ(session.Messages(), std::vector<std::string>{"success: Device Log download successful."});
+    EXPECT_EQ(session.Messages(),
+              std::vector<std::string>{"success: Device Log download successful."});
     QDir(QString::fromStdString(folder.path())).removeRecursively();
     QDir().mkpath(QString::fromStdString(folder.path()));
 
