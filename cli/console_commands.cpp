@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "sdk/serial_client.h"
 #include "session.h"
 
 namespace cli {
@@ -20,6 +21,16 @@ QJsonArray historyJson(const QVariantList& history) {
                                 {"payload", record["send_payload_history"].toString()}});
     }
     return rows;
+}
+
+// The last result of the client the console used: the lidar's status, or the client's failure.
+int lastResult(LidarUtilitiesManager& manager) {
+    if (manager.getConnectType() == 1) {
+        const std::shared_ptr<lidar::SerialClient> serial = manager.getSerialClient();
+        return serial ? serial->GetLastReturnCode() : lidar::kVrcNotConnected;
+    }
+    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
+    return client ? client->GetLastReturnCode() : lidar::kVrcNotConnected;
 }
 
 }  // namespace
@@ -40,6 +51,8 @@ int commandSend(Session& session) {
         const bool parsing = manager.getErrorMessage().endsWith("Parsing failed.");
         if (session.errorCount() == errorsBefore)
             printDiagnostic("error: the command was not sent (the lidar is busy)");
+        else if (!parsing)
+            printDiagnostic("error: " + readFailureText(lastResult(manager)));
         return parsing ? kExitUsage : kExitFailed;
     }
     const QString payload = manager.getSendVrcCommandReturnPayload();
@@ -63,14 +76,16 @@ int commandHistory(Session& session) {
     if (!session.options().arguments.isEmpty()) return usageError("history takes no arguments");
     LidarUtilitiesManager& manager = session.manager();
     manager.GetLocalCommandFileLog();
+    // The manager has said why the file could not be read; the records before the fault show.
+    const int status = manager.commandHistoryLoaded() ? kExitOk : kExitFailed;
     const QVariantList history = manager.getSendCommandHistory();
     if (session.options().json) {
         printJson(QJsonDocument(historyJson(history)));
-        return kExitOk;
+        return status;
     }
     if (history.isEmpty()) {
-        printDiagnostic("no commands sent yet");
-        return kExitOk;
+        if (status == kExitOk) printDiagnostic("no commands sent yet");
+        return status;
     }
     QVector<QStringList> rows;
     for (const QVariant& entry : history) {
@@ -79,7 +94,7 @@ int commandHistory(Session& session) {
                      record["send_payload_history"].toString()});
     }
     printResult(formatTable({"TIME", "CODE", "PAYLOAD"}, rows));
-    return kExitOk;
+    return status;
 }
 
 }  // namespace cli

@@ -30,7 +30,7 @@ QString ProgressRenderer::terminalLine(qint64 done, qint64 total) const {
     const int filled = static_cast<int>(fraction * kBarWidth);
     const double rate = done / seconds;
     const QString left = rate > 0 ? duration(static_cast<qint64>((total - done) / rate)) : "?";
-    return QString("%1 [%2%3] %4%  %5/%6 %7  %8 %7/s  %9 left")
+    return QString("%1 [%2%3] %4%  %5/%6 %7  %8  %9 left")
         .arg(label_)
         .arg(QString(filled, '#'))
         .arg(QString(kBarWidth - filled, '-'))
@@ -38,7 +38,7 @@ QString ProgressRenderer::terminalLine(qint64 done, qint64 total) const {
         .arg(done)
         .arg(total)
         .arg(unit_)
-        .arg(rate, 0, 'f', 0)
+        .arg(rateText(rate, unit_))
         .arg(left);
 }
 

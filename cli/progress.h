@@ -10,6 +10,15 @@
 
 namespace cli {
 
+// A rate of `perSecond` units: whole units, or MiB/s with one decimal once a KiB rate passes
+// 10 MiB/s (five digits of KiB are hard to read at a glance).
+inline QString rateText(double perSecond, const QString& unit) {
+    constexpr double kKiBPerMiB = 1024;
+    if (unit == "KiB" && perSecond > 10 * kKiBPerMiB)
+        return QString::number(perSecond / kKiBPerMiB, 'f', 1) + " MiB/s";
+    return QString::number(perSecond, 'f', 0) + " " + unit + "/s";
+}
+
 class ProgressRenderer {
   public:
     // label starts every line; unit names what done and total count ("KiB").

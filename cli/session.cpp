@@ -86,14 +86,14 @@ void Session::wireMessages() {
     const bool verbose = options_.verbose;
     QObject::connect(
         m, &LidarUtilitiesManager::sendLogMessage, r,
-        [verbose](const QString& message, const QString& level) {
+        [this, verbose](const QString& message, const QString& level) {
             // Warnings and errors explain failures, and so does a refused authorisation: always
             // shown.
             const bool authorisationFailed = message.startsWith("Authorisation refused") ||
                                              message.startsWith("Authorisation probe failed") ||
                                              message.contains("requires authorisation but");
             if (verbose || level == "WARNING" || level == "ERROR" || authorisationFailed)
-                printDiagnostic(level + ": " + message);
+                tell(level + ": " + message);
         },
         Qt::DirectConnection);
     QObject::connect(
@@ -102,16 +102,36 @@ void Session::wireMessages() {
             // The console's long-reply notice comes through the error channel but is a warning.
             const QString text = manager_->getErrorMessage();
             if (text.startsWith("WARNING: ")) {
-                printDiagnostic(text);
+                tell(text);
                 return;
             }
             ++errors_;
-            printDiagnostic("error: " + text);
+            tell("error: " + text);
         },
         Qt::DirectConnection);
     QObject::connect(
         m, &LidarUtilitiesManager::successMessageChanged, r,
-        [this] { printDiagnostic(manager_->getSuccessMessage()); }, Qt::DirectConnection);
+        [this] { tell(manager_->getSuccessMessage()); }, Qt::DirectConnection);
+}
+
+void Session::tell(const QString& line) {
+    std::lock_guard<std::mutex> lock(heldMutex_);
+    if (holding_)
+        heldMessages_ << line;
+    else
+        printDiagnostic(line);
+}
+
+void Session::holdMessages() {
+    std::lock_guard<std::mutex> lock(heldMutex_);
+    holding_ = true;
+}
+
+void Session::releaseMessages() {
+    std::lock_guard<std::mutex> lock(heldMutex_);
+    holding_ = false;
+    for (const QString& line : heldMessages_) printDiagnostic(line);
+    heldMessages_.clear();
 }
 
 int Session::loadModel() {

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "lidar_utilities_manager.h"
@@ -77,6 +78,10 @@ class Session {
     const Options& options() const { return options_; }
     // Error messages the manager has shown since the start.
     int errorCount() const { return errors_.load(); }
+    // While a progress line runs, the manager's messages wait (counted at once) and are printed
+    // by releaseMessages, after the progress line's last update: the outcome is the last word.
+    void holdMessages();
+    void releaseMessages();
 
     // Module names of the loaded model, as the manager lists them.
     QStringList moduleNames();
@@ -95,6 +100,8 @@ class Session {
     void isolateSettings();
     void reportCatalogueProblems() const;
     void wireMessages();
+    // Prints a message of the manager now, or keeps it while messages are held.
+    void tell(const QString& line);
     bool startSimulator();
     bool startSerialSimulator();
     bool chooseSerialLines();
@@ -120,6 +127,9 @@ class Session {
     std::vector<VarPosition> variables_;
     bool variablesBuilt_ = false;
     std::atomic<int> errors_{0};
+    std::mutex heldMutex_;
+    bool holding_ = false;      // guarded by heldMutex_
+    QStringList heldMessages_;  // guarded by heldMutex_
 };
 
 }  // namespace cli

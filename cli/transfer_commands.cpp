@@ -1,19 +1,23 @@
 // upgrade, log and oplog: the manager's transfers from the command line. Each polls the
 // manager's counters and flags while its worker runs and draws them with the progress line.
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QThread>
 #include <QUrl>
 #include <atomic>
 #include <optional>
+#include <iterator>
 
 #include "commands.h"
 #include "interrupt.h"
 #include "output.h"
 #include "progress.h"
+#include "sdk/serial_client.h"
 #include "sdk/text_fields.h"
 #include "session.h"
 
@@ -74,14 +78,41 @@ class SuccessWatch {
     std::atomic<bool> seen_{false};
 };
 
-// The transfer's own failure in words: the client's last result and its reason.
+// The transfer's own failure in words: the last result of the client that carried it (the
+// serial client on the Wren's lines, the VRC client otherwise) and its reason.
 void explainTransferFailure(LidarUtilitiesManager& manager) {
-    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
-    if (!client) return;
-    const int code = client->GetLastReturnCode();
-    const std::string why = client->GetClient().LastError();
-    printDiagnostic("error: the transfer ended with " + readFailureText(code) +
-                    (why.empty() || code > 0 ? QString() : ": " + QString::fromStdString(why)));
+    int code = 0;
+    std::string why;
+    if (manager.getConnectType() == 1) {
+        const std::shared_ptr<lidar::SerialClient> serial = manager.getSerialClient();
+        if (!serial) return;
+        code = serial->GetLastReturnCode();
+        why = serial->LastError();
+    } else {
+        const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
+        if (!client) return;
+        code = client->GetLastReturnCode();
+        why = client->GetClient().LastError();
+    }
+    printDiagnostic(
+        "error: the transfer failed: " + readFailureText(code) +
+        (why.empty() || code > 0 ? QString() : " (" + QString::fromStdString(why) + ")"));
+}
+
+// Why a download cannot write into `folder` (checked before connecting: the manager would fetch
+// the log and then say "successful" after failing to save it); empty when it can.
+QString unwritableTarget(const QString& folder) {
+    const QFileInfo info(folder);
+    if (!info.exists()) return "no such folder: " + folder;
+    if (!info.isDir()) return folder + " is not a folder";
+    // Asked of the file system itself: permission bits say nothing of a read-only mount or /proc.
+    QFile probe(folder + "/.lidarutil-write-probe-" +
+                QString::number(QCoreApplication::applicationPid()));
+    if (!probe.open(QIODevice::WriteOnly))
+        return "cannot write into " + folder + ": " + probe.errorString();
+    probe.close();
+    probe.remove();
+    return QString();
 }
 
 void reportJson(Session& session, const QJsonObject& object) {
@@ -96,6 +127,10 @@ int commandUpgrade(Session& session) {
     const QFileInfo package(arguments.front());
     if (!package.isFile() || !package.isReadable())
         return usageError("cannot read the package " + arguments.front());
+    // The manager hands an empty package to the transfer as designed, and the lidar would then be
+    // restarted for nothing.
+    if (package.size() == 0)
+        return usageError("the package " + arguments.front() + " is empty; nothing was sent");
     const bool serialModel = session.manager().getConnectType() != 0;
     if (serialModel && !session.options().variable.isEmpty())
         return usageError("--variable applies to the network models; " + session.options().model +
@@ -115,10 +150,13 @@ int commandUpgrade(Session& session) {
         &manager, &LidarUtilitiesManager::isUpgradingChanged, &context,
         [&upgradingChanges] { ++upgradingChanges; }, Qt::DirectConnection);
     const QUrl url = QUrl::fromLocalFile(package.absoluteFilePath());
+    // The outcome is shown by the worker while the progress line may still be drawn: it waits.
+    session.holdMessages();
     const int started =
         serialModel ? manager.WrenUpgradeLidar(url)
                     : manager.UpgradeLidar(url, variable->module, variable->page, variable->row);
     if (started != 0 || upgradingChanges.load() == 0) {
+        session.releaseMessages();
         if (session.errorCount() == 0)
             printDiagnostic(started != 0
                                 ? "error: the upgrade did not start (the lidar is busy with an "
@@ -129,6 +167,7 @@ int commandUpgrade(Session& session) {
     printDiagnostic("upgrading with " + package.fileName() + " (" + sizeText(package.size()) +
                     ") ...");
     followUpgrade(manager, upgradingChanges);
+    session.releaseMessages();
     // The worker ends after its outcome: on the network models the restart 10 s later.
     manager.waitForWorkers();
     if (!transferred.seen()) explainTransferFailure(manager);
@@ -196,7 +235,8 @@ int commandLog(Session& session) {
         return usageError(session.options().model + " has no log '" + name +
                           "'; its logs are: " + logs.join(", "));
     const QDir folder(session.options().dir.isEmpty() ? "." : session.options().dir);
-    if (!folder.exists()) return usageError("no such folder: " + folder.path());
+    if (QString problem = unwritableTarget(folder.absolutePath()); !problem.isEmpty())
+        return usageError(problem);
     if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
@@ -241,14 +281,68 @@ int commandLog(Session& session) {
     return kExitOk;
 }
 
+namespace {
+
+// The operation log's parts, in the order the manager fetches them.
+const char* const kOperationLogParts[] = {"bsw_warning", "asw_warning", "bsw_error", "asw_error"};
+
+// The archive path as the manager will write it: absolute, ".tar" added when missing.
+QString archivePathOf(const QString& argument) {
+    QString archive = QFileInfo(argument).absoluteFilePath();
+    if (archive.right(4) != ".tar") archive += ".tar";
+    return archive;
+}
+
+// A part the lidar did not give: its name and the lidar's answer in words.
+QStringList partsNotGiven(const std::vector<int>& results) {
+    QStringList missing;
+    if (results.empty()) return missing;  // no part was asked for: the manager has said why
+    for (size_t n = 0; n < std::size(kOperationLogParts); ++n) {
+        const int result = n < results.size() ? results[n] : -1;
+        if (result == 0) continue;
+        missing << QString(kOperationLogParts[n]) + ": " +
+                       (result < 0 ? QString("no complete reply") : readFailureText(result));
+    }
+    return missing;
+}
+
+// After a failed operation log nothing at the user's path may pass for the whole log. The parts
+// are kept: in the work folder when the manager left it, else in the archive, renamed as
+// incomplete. Says where they are.
+void setAsideIncompleteArchive(const QString& archive) {
+    const QString workFolder = LidarUtilitiesManager::operationLogWorkFolder();
+    if (QDir(workFolder).exists() && !QDir(workFolder).isEmpty()) {
+        QFile::remove(archive);
+        printDiagnostic("error: no archive was kept at " + archive +
+                        "; the parts that came are in " + workFolder);
+        return;
+    }
+    if (!QFileInfo(archive).isFile()) {
+        printDiagnostic("error: no archive was written at " + archive);
+        return;
+    }
+    const QString incomplete = archive.left(archive.size() - 4) + ".incomplete.tar";
+    QFile::remove(incomplete);
+    if (QFile::rename(archive, incomplete))
+        printDiagnostic("error: the archive is incomplete; the parts that came are kept as " +
+                        incomplete);
+    else
+        printDiagnostic("error: the archive at " + archive +
+                        " is incomplete and could not be renamed");
+}
+
+}  // namespace
+
 int commandOperationLog(Session& session) {
     if (overSerialLines(session)) return refuseOverSerialLines(session, "oplog");
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("oplog takes one archive path");
-    QString archive = QFileInfo(arguments.front()).absoluteFilePath();
-    if (!QFileInfo(archive).absoluteDir().exists())
-        return usageError("no such folder: " + QFileInfo(archive).absolutePath());
-    if (archive.right(4) != ".tar") archive += ".tar";
+    if (arguments.front().trimmed().isEmpty())
+        return usageError("oplog needs an archive path (an empty one names no file)");
+    const QString archive = archivePathOf(arguments.front());
+    if (QString problem = unwritableTarget(QFileInfo(archive).absolutePath()); !problem.isEmpty())
+        return usageError(problem);
+    if (QFileInfo(archive).isDir()) return usageError(archive + " is a folder, not an archive");
     if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
@@ -268,11 +362,14 @@ int commandOperationLog(Session& session) {
     }
     progress.finish(0, 0);
     manager.waitForWorkers();
-    if (outcome.load() != 1) return kExitFailed;
+    // The manager counts a part the lidar refused (an empty file) as fetched; here it is not.
+    const QStringList missing = partsNotGiven(manager.getLastOperationLogResults());
     const QFileInfo file(archive);
-    // tar's exit code is not what the manager judges; an archive that is not there is a failure.
-    if (!file.isFile() || file.size() == 0) {
-        printDiagnostic("error: no archive was written at " + archive);
+    // tar's exit code is not what the manager judges: an empty or absent archive is a failure.
+    const bool archived = outcome.load() == 1 && file.isFile() && file.size() > 0;
+    if (!archived || !missing.isEmpty()) {
+        for (const QString& part : missing) printDiagnostic("error: part not given, " + part);
+        setAsideIncompleteArchive(archive);
         return kExitFailed;
     }
     reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "../cli/progress.h"
 #include "cli_support.h"
 #include "test_support.h"
 
@@ -316,8 +318,16 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     EXPECT_EQ(failed.exitCode, 1);
     EXPECT_TRUE(failed.err.contains("error: Upgrade package transfer failed or is terminated."))
         << failed.err.toStdString();
+    EXPECT_EQ(lines(failed.err).last(),
+              "error: the transfer failed: the lidar answered with status 4 (busy)");
     const Outcome missing = lidarutil({"upgrade", QString::fromStdString(dir.file("none.bin"))});
     EXPECT_EQ(missing.exitCode, 2);
+    testsupport::WriteFile(dir.file("empty.bin"), "");
+    const Outcome empty = lidarutil({"upgrade", QString::fromStdString(dir.file("empty.bin"))});
+    EXPECT_EQ(empty.exitCode, 2);
+    EXPECT_TRUE(empty.err.contains("empty.bin is empty; nothing was sent"))
+        << empty.err.toStdString();
+    EXPECT_FALSE(empty.err.contains("connecting"));
     // Only a firmware upgrade variable starts a transfer: Reset's command would reset the lidar.
     const Outcome reset =
         lidarutil({"upgrade", QString::fromStdString(dir.file("fw.bin")), "--variable", "Reset"});
@@ -345,11 +355,54 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
     EXPECT_TRUE(oplog.out.contains("/ops.tar (")) << oplog.out.toStdString();
     EXPECT_TRUE(testsupport::FileExists(dir.file("ops.tar")));
-    // tar cannot write there: no archive, whatever the manager concluded.
-    const Outcome nowhere = lidarutil({"oplog", "/proc/no-archive"});
-    EXPECT_EQ(nowhere.exitCode, 1);
-    EXPECT_TRUE(nowhere.err.contains("no archive was written at /proc/no-archive.tar"))
-        << nowhere.err.toStdString();
+}
+
+// A download that cannot be kept whole says so last, and leaves nothing that passes for the log.
+TEST(Lidarutil, LogsThatCannotBeKeptWholeAreFailures) {
+    // A folder nothing can be written into (not even by root): refused before connecting.
+    for (const QStringList& arguments :
+         {QStringList{"log", "Device Log", "--dir", "/proc"}, QStringList{"oplog", "/proc/ops"},
+          QStringList{"oplog", ""}, QStringList{"oplog", "/no/such/folder/ops"}}) {
+        const Outcome refused = lidarutil(arguments);
+        EXPECT_EQ(refused.exitCode, 2) << arguments.join(' ').toStdString();
+        EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
+        EXPECT_FALSE(refused.err.contains("successful")) << refused.err.toStdString();
+    }
+    EXPECT_TRUE(lidarutil({"oplog", "/proc/ops"}).err.contains("cannot write into /proc"));
+    EXPECT_TRUE(lidarutil({"oplog", ""}).err.contains("oplog needs an archive path"));
+
+    // The lidar refuses every part: the manager packs four empty files and calls it a success.
+    testsupport::TempDir dir;
+    const SimulatorProcess refusing("Egret", {"0x75:status=2"});
+    const Outcome refused = lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "oplog",
+                                       QString::fromStdString(dir.file("ops"))});
+    EXPECT_EQ(refused.exitCode, 1);
+    for (const char* part : {"bsw_warning", "asw_warning", "bsw_error", "asw_error"})
+        EXPECT_TRUE(refused.err.contains(QString("error: part not given, ") + part +
+                                         ": the lidar answered with status 2 (unknown command)"))
+            << part << "\n"
+            << refused.err.toStdString();
+    EXPECT_TRUE(lines(refused.err)
+                    .last()
+                    .contains("the archive is incomplete; the parts that came are kept as " +
+                              QString::fromStdString(dir.file("ops.incomplete.tar"))))
+        << refused.err.toStdString();
+    EXPECT_FALSE(testsupport::FileExists(dir.file("ops.tar")));
+    EXPECT_TRUE(testsupport::FileExists(dir.file("ops.incomplete.tar")));
+    EXPECT_TRUE(refused.out.isEmpty());
+
+    // No reply at all: the manager fails and keeps the parts in its work folder; the archive tar
+    // built from them goes.
+    const SimulatorProcess silent("Egret", {"0x75:close-mid-reply"});
+    const Outcome lost = lidarutil({"--host", "127.0.0.1", "--port", silent.port(), "oplog",
+                                    QString::fromStdString(dir.file("lost"))});
+    EXPECT_EQ(lost.exitCode, 1);
+    const QString workFolder = QDir::homePath() + "/Documents/operation_log";
+    EXPECT_TRUE(lines(lost.err).last().endsWith("the parts that came are in " + workFolder))
+        << lost.err.toStdString();
+    EXPECT_FALSE(testsupport::FileExists(dir.file("lost.tar")));
+    EXPECT_EQ(QDir(workFolder).entryList(QDir::Files).size(), 4);
+    QDir(workFolder).removeRecursively();
 }
 
 TEST(Lidarutil, RefusesBadArgumentsBeforeConnectingAndEndsAWatchThatGetsNoValue) {
@@ -507,4 +560,108 @@ TEST(Lidarutil, HelpNamesValuesForPeople) {
         EXPECT_TRUE(top.out.contains(shown)) << shown.toStdString() << "\n" << top.out.toStdString();
     EXPECT_TRUE(lidarutil({"log", "--help"}).out.contains("--dir DIR"));
     EXPECT_TRUE(lidarutil({"monitor", "--help"}).out.contains("--duration SECONDS"));
+
+namespace {
+
+// lidar-sim --serial with faults: the Wren's two lines on pseudo-terminals.
+class SerialSimulatorProcess {
+  public:
+    explicit SerialSimulatorProcess(const QStringList& faults) {
+        QStringList arguments{"--model", "Wren", "--serial"};
+        for (const QString& fault : faults) arguments << "--fault" << fault;
+        process_.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+        process_.start(LIDAR_BINARY_DIR "/sim/lidar-sim", arguments);
+        for (int waited = 0; uart_.isEmpty() && waited < 100; ++waited) {
+            process_.waitForReadyRead(100);
+            while (process_.canReadLine()) {
+                const QString line = QString::fromUtf8(process_.readLine()).trimmed();
+                if (line.startsWith("rs485 ")) rs485_ = line.mid(6);
+                if (line.startsWith("uart ")) uart_ = line.mid(5);
+            }
+        }
+    }
+    ~SerialSimulatorProcess() {
+        process_.kill();
+        process_.waitForFinished();
+    }
+    QStringList lines() const { return {"--model", "Wren", "--rs485", rs485_, "--uart", uart_}; }
+
+  private:
+    QProcess process_;
+    QString rs485_;
+    QString uart_;
+};
+
+}  // namespace
+
+// A transfer's outcome is its last word, with the reason of a failure in a sentence.
+TEST(Lidarutil, TransferOutcomesComeLastAndSayWhy) {
+    testsupport::TempDir dir;
+    testsupport::WriteFile(dir.file("fw.bin"), std::string(20 * 1024, '\x5A'));
+    const QString package = QString::fromStdString(dir.file("fw.bin"));
+
+    // The restart after the transfer is refused: the upgrade is done, the user reboots by hand.
+    const SimulatorProcess noRestart("Egret", {"0x10:status=5"});
+    const Outcome upgraded =
+        lidarutil({"--host", "127.0.0.1", "--port", noRestart.port(), "upgrade", package});
+    EXPECT_EQ(upgraded.exitCode, 0) << upgraded.err.toStdString();
+    const QStringList said = lines(upgraded.err);
+    const int finalProgress = said.indexOf("upgrade: 100% (20/20 KiB)");
+    const int outcome = said.indexOf(
+        "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 "
+        "seconds.");
+    EXPECT_TRUE(finalProgress >= 0 && finalProgress < outcome) << upgraded.err.toStdString();
+    EXPECT_EQ(said.last(), "error: Auto reboot failed. Please reboot lidar manually.");
+
+    // The Wren's serial transfer refused: the design's code, then what it means.
+    const SerialSimulatorProcess wren({"0x05:status=4"});
+    const Outcome serial = lidarutil(wren.lines() + QStringList{"upgrade", package});
+    EXPECT_EQ(serial.exitCode, 1);
+    EXPECT_TRUE(
+        serial.err.contains("error: Upgrade package transfer failed or is terminated. error:4"))
+        << serial.err.toStdString();
+    EXPECT_EQ(lines(serial.err).last(),
+              "error: the transfer failed: the lidar answered with status 4 (busy)");
+}
+
+TEST(Lidarutil, SendNamesARefusalAndTheHistoryFileIsNeverLost) {
+    // A network lidar refuses the command: its status in words.
+    const ConsoleFolder folder;
+    const SimulatorProcess refusing("Egret", {"0x07:status=2"});
+    const Outcome refused =
+        lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "send", "07"}, folder.path());
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(lines(refused.err).last(),
+              "error: the lidar answered with status 2 (unknown command)")
+        << refused.err.toStdString();
+
+    // A history file with a quote never closed: named with its line, kept aside, not rewritten.
+    const std::string file = folder.file("Config/command_log_file.csv");
+    const std::string unclosed =
+        "Time,Command Code,Payload\n2026-01-02 03:04:05,07,01\n2026-01-02 03:04:06,\"08,02\n";
+    testsupport::WriteFile(file, unclosed);
+    const Outcome sent = lidarutil({"send", "0x07"}, folder.path());
+    EXPECT_EQ(sent.exitCode, 0) << sent.err.toStdString();
+    EXPECT_TRUE(sent.err.contains("a quote opened on line 3 of ./Config/command_log_file.csv"))
+        << sent.err.toStdString();
+    EXPECT_TRUE(sent.err.contains("moved aside to ./Config/command_log_file.csv.unreadable"));
+    EXPECT_EQ(testsupport::ReadFile(file + ".unreadable"), unclosed);
+    const Outcome history = lidarutil({"history"}, folder.path());
+    EXPECT_EQ(history.exitCode, 0) << history.err.toStdString();
+    EXPECT_EQ(lines(history.out).size(), 3);  // the heading, the new command, the one kept
+
+    // A folder where the file should be: said about the path, status 1.
+    const ConsoleFolder other;
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(other.file("Config/command_log_file.csv"))));
+    const Outcome folderHistory = lidarutil({"history"}, other.path());
+    EXPECT_EQ(folderHistory.exitCode, 1);
+    EXPECT_TRUE(folderHistory.err.contains("./Config/command_log_file.csv is a folder, not a file"))
+        << folderHistory.err.toStdString();
+}
+
+TEST(Lidarutil, ProgressRatesAboveTenMiBPerSecondAreInMiB) {
+    EXPECT_EQ(cli::rateText(10 * 1024, "KiB"), "10240 KiB/s");
+    EXPECT_EQ(cli::rateText(10 * 1024 + 1, "KiB"), "10.0 MiB/s");
+    EXPECT_EQ(cli::rateText(30 * 1024 + 512, "KiB"), "30.5 MiB/s");
+    EXPECT_EQ(cli::rateText(20000.4, "rows"), "20000 rows/s");
 }

@@ -1,7 +1,10 @@
 // The command console against the simulator: raw commands, their formatted replies, the history
 // and its file.
 
+#include <QDir>
+#include <QFileInfo>
 #include <QRegularExpression>
+#include <tuple>
 
 #include "e2e_support.h"
 #include "sdk/vrc_frame.h"
@@ -110,18 +113,37 @@ TEST_F(ConsoleTest, BadTextAndRefusedCommandsAddNoRecordAndSendNothing) {
     EXPECT_EQ(history.count(), 7);
 }
 
-TEST_F(ConsoleTest, RestartCommandStopsTheConnection) {
+TEST_F(ConsoleTest, RestartAndResetCommandsStopTheConnection) {
+    for (const auto& [header, code, message] : {std::tuple{"0x10", 0x10, "success: Lidar restart."},
+                                                std::tuple{"25", 0x25, "success: Lidar reset."}}) {
+        auto simulator = StartSimulator("Egret");
+        ManagerSession session("Egret", root_.root());
+        ASSERT_TRUE(session.Connect(simulator->Port()));
+        session.m().SendCommand(header, "");
+        EXPECT_FALSE(session.m().getIsConnected()) << header;
+        EXPECT_TRUE(session.Shown(message)) << header;
+        EXPECT_EQ(simulator->RequestCount(code), 1u);
+        // Not connected any more: the console says nothing and sends nothing.
+        const size_t shown = session.Messages().size();
+        session.m().SendCommand("0x07", "");
+        EXPECT_EQ(session.Messages().size(), shown);
+    }
+}
+
+TEST_F(ConsoleTest, APayloadOfExactly1024BytesIsShownWholeWithoutAWarning) {
     auto simulator = StartSimulator("Egret");
     ManagerSession session("Egret", root_.root());
     ASSERT_TRUE(session.Connect(simulator->Port()));
-    session.m().SendCommand("0x10", "");
-    EXPECT_FALSE(session.m().getIsConnected());
-    EXPECT_TRUE(session.Shown("success: Lidar restart."));
-    EXPECT_EQ(simulator->RequestCount(0x10), 1u);
-    // Not connected any more: the console says nothing and sends nothing.
-    const size_t shown = session.Messages().size();
-    session.m().SendCommand("0x07", "");
-    EXPECT_EQ(session.Messages().size(), shown);
+    for (const size_t size : {size_t{1024}, size_t{1025}}) {
+        std::vector<uint8_t> block(size);
+        for (size_t n = 0; n < size; ++n) block[n] = static_cast<uint8_t>(n * 13);
+        simulator->ReplaceBlock(0x07, {}, block);
+        session.ClearSpies();
+        session.m().SendCommand("07", "");
+        EXPECT_EQ(session.m().getSendVrcCommandReturnPayload().toStdString(), Hex(block, 0, 1024))
+            << size;
+        EXPECT_EQ(session.Messages().size(), size > 1024 ? 1u : 0u) << size;
+    }
 }
 
 TEST_F(ConsoleTest, HistoryKeepsTenAndSurvivesItsFile) {
@@ -172,14 +194,59 @@ TEST_F(ConsoleTest, HistoryFileQuotingLimitAndMissingColumn) {
     WriteFile(file, "Time,Command Code\n2026-01-02 03:04:05,07\n");
     m.GetLocalCommandFileLog();
     EXPECT_EQ(m.getCommandLogCnt(), 0);
+    EXPECT_FALSE(m.commandHistoryLoaded());
     EXPECT_TRUE(
-        session.LogHas("Command history not loaded: Can't find a column named Payload|ERROR"));
+        session.LogHas("Command history not loaded: Can't find a column named Payload (line 1 of "
+                       "./Config/command_log_file.csv)|ERROR"));
 
     // A missing file is created empty and adds nothing.
     QFile::remove(QString::fromStdString(file));
     m.GetLocalCommandFileLog();
     EXPECT_EQ(m.getCommandLogCnt(), 0);
+    EXPECT_TRUE(m.commandHistoryLoaded());
     EXPECT_TRUE(FileExists(file));
+}
+
+// A file that cannot be read whole is named with its line and moved aside before the next write,
+// under a name no earlier file has: the records it may hold are never overwritten.
+TEST_F(ConsoleTest, AnUnreadableHistoryFileIsMovedAsideNotOverwritten) {
+    const std::string file = root_.file("Config/command_log_file.csv");
+    const std::string unclosed =
+        "Time,Command Code,Payload\n2026-01-02 03:04:05,07,01\n2026-01-02 03:04:06,\"08,02\n"
+        "2026-01-02 03:04:07,09,\n";
+    ManagerSession session("Egret", root_.root());
+    LidarUtilitiesManager& m = session.m();
+    for (const char* aside :
+         {"Config/command_log_file.csv.unreadable", "Config/command_log_file.csv.unreadable-2"}) {
+        WriteFile(file, unclosed);
+        m.GetLocalCommandFileLog();
+        EXPECT_EQ(m.getCommandLogCnt(), 1);
+        EXPECT_FALSE(m.commandHistoryLoaded());
+        EXPECT_TRUE(
+            session.LogHas("Command history not loaded: a quote opened on line 3 of "
+                           "./Config/command_log_file.csv is never closed|ERROR"));
+        m.WriteCommandLogToLocalCommandFile();
+        EXPECT_EQ(ReadFile(root_.file(aside)), unclosed) << aside;
+        EXPECT_TRUE(session.LogHas(
+            "Command history file ./Config/command_log_file.csv could not be read whole; it was "
+            "moved aside to ./Config/" +
+            std::string(aside).substr(7) + "|WARNING"));
+        m.GetLocalCommandFileLog();
+        EXPECT_TRUE(m.commandHistoryLoaded());
+        EXPECT_EQ(m.getCommandLogCnt(), 1);
+    }
+
+    // A folder in the file's place: named as such, left alone, and nothing written.
+    QFile::remove(QString::fromStdString(file));
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(file)));
+    m.GetLocalCommandFileLog();
+    EXPECT_FALSE(m.commandHistoryLoaded());
+    EXPECT_TRUE(session.LogHas(
+        "Command history not loaded: ./Config/command_log_file.csv is a folder, not a file|ERROR"));
+    m.WriteCommandLogToLocalCommandFile();
+    EXPECT_TRUE(session.LogHas(
+        "Command history not saved: cannot write ./Config/command_log_file.csv|ERROR"));
+    EXPECT_TRUE(QFileInfo(QString::fromStdString(file)).isDir());
 }
 
 }  // namespace

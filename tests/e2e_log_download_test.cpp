@@ -60,10 +60,20 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
     EXPECT_TRUE(session.Shown("error: Crash Log download error: Can not find Crash Log name"));
     EXPECT_FALSE(m.getIsDownloadLog());
 
+    // A status answer is the device's answer: saved (empty here) and reported successful.
+    simulator->SetFault(0x75, sim::Fault{sim::Fault::Kind::kStatus, 0, 1, 0});
+    session.ClearSpies();
+    ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 3; }, 10000));
+    EXPECT_EQ(session.Messages(),
+              std::vector<std::string>{"success: Device Log download successful."});
+    QDir(QString::fromStdString(folder.path())).removeRecursively();
+    QDir().mkpath(QString::fromStdString(folder.path()));
+
     // No complete reply: the failure names the client's code.
     simulator->SetFault(0x75, sim::Fault{sim::Fault::Kind::kCloseMidReply, 0, 0, 0});
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
-    ASSERT_TRUE(WaitFor([&] { return finished.load() == 3; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 4; }, 10000));
     EXPECT_TRUE(session.Shown("error: Device Log download failed. return code: -2"));
     EXPECT_FALSE(m.getIsDownloadLog());
     // The connection is gone with the broken reply: refused, without a word or a signal.
@@ -71,7 +81,7 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
     EXPECT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), -1);
     EXPECT_EQ(m.DownloadOperationLog(Url(folder.file("ops"))), -1);
     EXPECT_EQ(session.Messages().size(), shown);
-    EXPECT_EQ(finished.load(), 3);
+    EXPECT_EQ(finished.load(), 4);
 }
 
 TEST(DeviceLog, CommandFromSetCommandAndLowerCaseOperationLog) {
@@ -163,7 +173,19 @@ TEST(OperationLog, AFailingPartOrAMissingTarLeavesTheWorkFolder) {
     EXPECT_FALSE(session.lastOperationLogOk.load());
     EXPECT_TRUE(FileExists(folder.file("ops.tar")));
     EXPECT_EQ(QDir(WorkFolder()).entryList(QDir::Files).size(), 4);
+    EXPECT_EQ(QDir(WorkFolder()).path(), LidarUtilitiesManager::operationLogWorkFolder());
     EXPECT_FALSE(session.m().getIsDownloadLog());
+    // Each part's result is kept: the first met the broken reply, the others a closed connection.
+    EXPECT_EQ(session.m().getLastOperationLogResults(), std::vector<int>(4, -1));
+    QDir(WorkFolder()).removeRecursively();
+
+    // Refused parts: a success as designed, but each part's status is kept.
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    simulator->SetFault(0x75, sim::Fault{sim::Fault::Kind::kStatus, 0, 3, 0});
+    ASSERT_EQ(session.m().DownloadOperationLog(Url(folder.file("refused"))), 0);
+    ASSERT_TRUE(WaitFor([&] { return archived.load() == 3; }, 20000));
+    EXPECT_TRUE(session.lastOperationLogOk.load());
+    EXPECT_EQ(session.m().getLastOperationLogResults(), std::vector<int>(4, 3));
 }
 
 }  // namespace

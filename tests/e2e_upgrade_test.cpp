@@ -209,6 +209,24 @@ TEST(WrenUpgrade, VrcOverSerialSendsTheModeAndStopsAfterSuccess) {
     EXPECT_EQ(transfers[0].beginByte, 1);
     EXPECT_EQ(transfers[0].receivedCrc, Crc(package));
     EXPECT_EQ(session.m().getUpgradeProgress(), 68);
+
+    // Mode 2 takes the firmware command 0x83 through the VRC transfer, and the VRC outcome: a
+    // restart ten seconds later (not waited for: the manager's end cancels it). The lidar is
+    // rebooting after the first package for a while.
+    ASSERT_TRUE(WaitFor([&] { return session.Connect(simulator->Port()); }, 10000));
+    session.m().WrenSetUpgradeMode(2);
+    ASSERT_EQ(session.m().WrenUpgradeLidar(
+                  QUrl::fromLocalFile(QString::fromStdString(dir.file("wren.bin")))),
+              0);
+    ASSERT_TRUE(WaitFor([&] { return session.upgradingChanges.load() >= 4; }, 20000));
+    ASSERT_TRUE(WaitFor([&] { return session.Messages().size() >= 2; }, 2000));
+    EXPECT_EQ(session.Messages().back(),
+              "success: Upgrade package transmitted successfully. The lidar will automatically "
+              "reboot within 10 seconds.");
+    ASSERT_EQ(simulator->Transfers().size(), 2u);
+    EXPECT_EQ(simulator->Transfers()[1].command, 0x83);
+    EXPECT_EQ(simulator->Transfers()[1].receivedCrc, Crc(package));
+    EXPECT_TRUE(session.m().getIsConnected());
 }
 
 }  // namespace

@@ -298,6 +298,10 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE void SendVrcSerialCommand(QString header, QString payload);
     Q_INVOKABLE void WriteCommandLogToLocalCommandFile();
     Q_INVOKABLE void GetLocalCommandFileLog();
+    // False when the last GetLocalCommandFileLog could not read the history file whole.
+    bool commandHistoryLoaded() const;
+    // Renames an unreadable history file to a name not in use; false when it could not.
+    bool moveHistoryFileAside();
     Q_INVOKABLE QVariantList getSendCommandHistory() const;
     Q_INVOKABLE int getCommandLogCnt() const;
 
@@ -361,6 +365,12 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE int DownloadOperationLog(QUrl archive);
     void DownloadLogThread(QUrl folder, QString name);
     void DownloadOperationLogThread(QUrl archive);
+    // The four results of the latest operation-log download, in part order: 0 the part came,
+    // 1..255 the lidar answered with that status (and no log), -1 no complete reply. The design
+    // judges only -1 a failure; a front end that reports the parts needs the statuses too.
+    std::vector<int> getLastOperationLogResults() const;
+    // Where the operation log's parts wait for tar, and stay when the download fails.
+    static QString operationLogWorkFolder();
 
     // The SDK client of kinds 0 and 2, or null.
     std::shared_ptr<AuthorizedVrcClient> getAuthorizedClient() const;
@@ -600,6 +610,7 @@ class LidarUtilitiesManager : public QObject {
     std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
 
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
+    std::vector<int> lastOperationLogResults;         // guarded by fieldsMutex_
     TimerRefresh lastTimerRefresh;                    // guarded by fieldsMutex_
     uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
 
@@ -627,6 +638,10 @@ class LidarUtilitiesManager : public QObject {
 
     // Command history, newest first, at most ten (UI thread only).
     QList<SendCmdRecord> sendCmdHistory;
+    // The history file's last load could not read it whole: the next write moves it aside first,
+    // so that records it may still hold are never overwritten (UI thread only).
+    bool historyFileUnreadable = false;
+    bool historyLoaded = true;  // the last load read the file whole (UI thread only)
     // Set by the destructor: wakes the workers' waits so that they end at once.
     std::atomic<bool> closing_{false};
     // Counts the calls of Stop (under closingMutex_, which wakes the upgrade's pauses); the

@@ -1,6 +1,8 @@
 // Command console: raw commands typed as hexadecimal text, their formatted replies, and the
 // history of the last ten commands kept in ./Config/command_log_file.csv.
 
+#include <QFile>
+#include <QFileInfo>
 #include <QVariantMap>
 #include <algorithm>
 #include <cctype>
@@ -232,7 +234,13 @@ void LidarUtilitiesManager::setConsoleReply(const std::string& header, const std
 // ---- History ----
 
 void LidarUtilitiesManager::WriteCommandLogToLocalCommandFile() {
+    if (historyFileUnreadable && !moveHistoryFileAside()) return;
     std::ofstream file(kHistoryFile, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!file.is_open()) {
+        writeLogMessage(std::string("Command history not saved: cannot write ") + kHistoryFile,
+                        "ERROR");
+        return;
+    }
     csv::DelimWriter writer(file);
     writer.WriteRow({kTimeColumn, kCodeColumn, kPayloadColumn});
     file.flush();
@@ -243,11 +251,41 @@ void LidarUtilitiesManager::WriteCommandLogToLocalCommandFile() {
     }
 }
 
+bool LidarUtilitiesManager::moveHistoryFileAside() {
+    QString aside = QString(kHistoryFile) + ".unreadable";
+    for (int n = 2; QFileInfo::exists(aside); ++n)
+        aside = QString(kHistoryFile) + ".unreadable-" + QString::number(n);
+    if (!QFile::rename(kHistoryFile, aside)) {
+        writeLogMessage(std::string("Command history not saved: ") + kHistoryFile +
+                            " could not be read whole and could not be moved aside",
+                        "ERROR");
+        return false;
+    }
+    historyFileUnreadable = false;
+    writeLogMessage(std::string("Command history file ") + kHistoryFile +
+                        " could not be read whole; it was moved aside to " + aside.toStdString(),
+                    "WARNING");
+    return true;
+}
+
 void LidarUtilitiesManager::GetLocalCommandFileLog() {
-    if (!std::ifstream(kHistoryFile).is_open()) std::ofstream(kHistoryFile).close();
     sendCmdHistory.clear();
+    historyFileUnreadable = false;
+    historyLoaded = true;
+    const auto notLoaded = [this](const std::string& why, bool moveAside = true) {
+        historyLoaded = false;
+        historyFileUnreadable = moveAside;
+        writeLogMessage("Command history not loaded: " + why, "ERROR");
+        emit sendCommandHistoryChanged();
+    };
+    // A folder holds no records to keep; it is named rather than read.
+    if (QFileInfo(kHistoryFile).isDir())
+        return notLoaded(std::string(kHistoryFile) + " is a folder, not a file", false);
+    if (!std::ifstream(kHistoryFile).is_open()) std::ofstream(kHistoryFile).close();
+    int line = 0;
     try {
         const csv::CSVReader reader(kHistoryFile);
+        line = 1;  // the header: where a missing column is found
         for (const csv::CSVRow& row : reader) {
             if (sendCmdHistory.size() >= kHistoryLimit) break;
             SendCmdRecord record;
@@ -256,11 +294,18 @@ void LidarUtilitiesManager::GetLocalCommandFileLog() {
             record.payload = QString::fromStdString(row[kPayloadColumn]);
             sendCmdHistory.append(record);
         }
+        // The rows after a quote that is never closed are lost in its field.
+        if (reader.UnclosedQuoteLine() != 0 && sendCmdHistory.size() < kHistoryLimit)
+            return notLoaded("a quote opened on line " +
+                             std::to_string(reader.UnclosedQuoteLine()) + " of " + kHistoryFile +
+                             " is never closed");
     } catch (const std::exception& e) {
         // The reader's own text ("Can't find a column named Payload"); the rows taken so far
         // stay in the list.
         std::cout << e.what() << std::endl;
-        writeLogMessage(std::string("Command history not loaded: ") + e.what(), "ERROR");
+        return notLoaded(std::string(e.what()) +
+                         (line > 0 ? " (line " + std::to_string(line) + " of " + kHistoryFile + ")"
+                                   : std::string(" (") + kHistoryFile + ")"));
     }
     emit sendCommandHistoryChanged();
 }
@@ -275,6 +320,10 @@ QVariantList LidarUtilitiesManager::getSendCommandHistory() const {
         list.append(entry);
     }
     return list;
+}
+
+bool LidarUtilitiesManager::commandHistoryLoaded() const {
+    return historyLoaded;
 }
 
 int LidarUtilitiesManager::getCommandLogCnt() const {

@@ -116,9 +116,12 @@ void LidarUtilitiesManager::DownloadOperationLogThread(QUrl archive) {
     QString archivePath = QFileInfo(archive.toLocalFile()).absoluteFilePath();
     if (archivePath.right(4) != ".tar") archivePath += ".tar";
     const QString stamp = QDateTime::currentDateTime().toString("yyyy_MM_dd_hh_mm_ss");
-    const QString workFolder =
-        QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/operation_log";
+    const QString workFolder = operationLogWorkFolder();
     QDir().mkpath(workFolder);
+    {
+        std::lock_guard<std::mutex> lock(fieldsMutex_);
+        lastOperationLogResults.clear();
+    }
     try {
         const VarInfo* var = searchVarPtr("Operation Log", "var_name");
         if (!var) var = searchVarPtr("operation log", "var_name");
@@ -131,15 +134,21 @@ void LidarUtilitiesManager::DownloadOperationLogThread(QUrl archive) {
         const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
         bool everyPartAnswered = true;
         QStringList names;
+        std::vector<int> results;
         for (const OperationLogPart& part : kOperationLogParts) {
             payload[at] = part.kind;
             payload[at + 1] = part.part;
             u8Array_t reply;
             const int result = client ? client->DownloadLog(payload, reply, command) : -1;
             everyPartAnswered = everyPartAnswered && result != -1;
+            results.push_back(result);
             names << part.prefix + stamp + ".bin";
             QFile file(workFolder + "/" + names.back());
             if (file.open(QIODevice::ReadWrite | QIODevice::Truncate)) writeFile(file, reply);
+        }
+        {
+            std::lock_guard<std::mutex> lock(fieldsMutex_);
+            lastOperationLogResults = results;
         }
         const bool packed = runTar(workFolder, archivePath, names);
         if (packed && everyPartAnswered) {
@@ -159,6 +168,15 @@ void LidarUtilitiesManager::DownloadOperationLogThread(QUrl archive) {
         showErrorMessage("Operation log download failed.");
         emit downloadOperationLogFinished(false);
     }
+}
+
+std::vector<int> LidarUtilitiesManager::getLastOperationLogResults() const {
+    std::lock_guard<std::mutex> lock(fieldsMutex_);
+    return lastOperationLogResults;
+}
+
+QString LidarUtilitiesManager::operationLogWorkFolder() {
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/operation_log";
 }
 
 // tar runs in the work folder so that the archive holds the bare file names. Its working
