@@ -560,6 +560,7 @@ TEST(Lidarutil, HelpNamesValuesForPeople) {
         EXPECT_TRUE(top.out.contains(shown)) << shown.toStdString() << "\n" << top.out.toStdString();
     EXPECT_TRUE(lidarutil({"log", "--help"}).out.contains("--dir DIR"));
     EXPECT_TRUE(lidarutil({"monitor", "--help"}).out.contains("--duration SECONDS"));
+}
 
 namespace {
 
