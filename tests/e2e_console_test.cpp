@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QUrl>
 #include <tuple>
 
 #include "e2e_support.h"
@@ -247,6 +248,28 @@ TEST_F(ConsoleTest, AnUnreadableHistoryFileIsMovedAsideNotOverwritten) {
     EXPECT_TRUE(session.LogHas(
         "Command history not saved: cannot write ./Config/command_log_file.csv|ERROR"));
     EXPECT_TRUE(QFileInfo(QString::fromStdString(file)).isDir());
+}
+
+// The serial consoles refuse, with the design's words, while an upgrade runs over the same client.
+TEST_F(ConsoleTest, TheVrcSerialConsoleRefusesWhileAnUpgradeRuns) {
+    auto simulator = StartSimulator("Wren-VRC");
+    ManagerSession session("Wren-VRC", root_.root());
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    LidarUtilitiesManager& m = session.m();
+    // The transfer waits before it fails at its end: the upgrade still runs when the command comes.
+    simulator->SetFault(0xB7, sim::Fault{sim::Fault::Kind::kCrcMismatch, 1500, 0, 0});
+    TempDir dir;
+    WriteFile(dir.file("wren.bin"), std::string(4096, 'W'));
+    m.WrenSetUpgradeMode(1);
+    ASSERT_EQ(m.WrenUpgradeLidar(QUrl::fromLocalFile(QString::fromStdString(dir.file("wren.bin")))),
+              0);
+    ASSERT_TRUE(m.getIsUpgrading());
+    m.SendCommand("0x07", "");
+    EXPECT_TRUE(session.Shown("error: lidar is not connected, or lidar is upgrade"));
+    EXPECT_EQ(m.getCommandLogCnt(), 0);
+    EXPECT_EQ(simulator->RequestCount(0xB8), 0u);
+    ASSERT_TRUE(WaitFor([&] { return !m.getIsUpgrading(); }, 10000));
+    m.waitForWorkers();
 }
 
 }  // namespace

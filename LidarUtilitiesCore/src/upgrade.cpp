@@ -54,7 +54,7 @@ int LidarUtilitiesManager::UpgradeLidar(QUrl file, int i, int j, int k) {
 int LidarUtilitiesManager::WrenUpgradeLidar(QUrl file) {
     bool ready = isConnected.load() && !isUpgrading.load();
     if (connectType.load() == 1) ready = ready && getSerialClient();
-    if (connectType.load() != 2) ready = ready && clientIsOpen();
+    if (connectType.load() == 2) ready = ready && clientIsOpen();
     if (!ready) {
         showErrorMessage("lidar is not connected, or lidar is upgrade");
         return -1;
