@@ -201,9 +201,14 @@ TEST(Lidarutil, OptionsAreValuesOrTextsAndRefusalsAreExplained) {
     EXPECT_EQ(index.exitCode, 2);
     EXPECT_TRUE(index.err.contains("Spin Rate: '1' is not one of 300=300 rpm, 600=600 rpm"))
         << index.err.toStdString();
-    const Outcome text = lidarutil({"set", "Return Mode=dUAL"});
+    // Two modules over one connection: nothing closes it, so nothing connects again.
+    const Outcome text = lidarutil({"set", "Return Mode=dUAL", "Data Port=2400"});
     EXPECT_EQ(text.exitCode, 0) << text.err.toStdString();
-    EXPECT_EQ(lines(text.out), QStringList({"Return Mode=2 (Dual)"}));
+    EXPECT_EQ(lines(text.out), QStringList({"Return Mode=2 (Dual)", "Data Port=2400"}));
+    EXPECT_FALSE(text.err.contains("connecting again")) << text.err.toStdString();
+    const Outcome first = lidarutil({"set", "Sync Source=#0", "Return Mode=#2"});
+    EXPECT_EQ(lines(first.out), QStringList({"Sync Source=0 (Internal)", "Return Mode=2 (Dual)"}))
+        << first.err.toStdString();
 
     // The lidar wants another token than the access profile's: said in plain words.
     const Outcome refused =
