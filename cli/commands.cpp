@@ -333,10 +333,10 @@ QString parseFovEdits(const QStringList& arguments, FovEdits& edits) {
         if (!ok || index < 0 || index >= 2 * kFovRegions)
             return "fov: '" + argument + "': there is no bound '" + key + "'; " + kFovChannels;
         if (QString problem = fovBoundProblem(argument, value); !problem.isEmpty()) return problem;
-        const bool repeated = std::any_of(edits.bounds.begin(), edits.bounds.end(),
-                                          [index](const auto& bound) { return bound.first == index; });
-        if (repeated)
-            return "fov: bound " + key + " is given twice; nothing was sent";
+        const bool repeated =
+            std::any_of(edits.bounds.begin(), edits.bounds.end(),
+                        [index](const auto& bound) { return bound.first == index; });
+        if (repeated) return "fov: bound " + key + " is given twice; nothing was sent";
         edits.bounds.append({index, value});
     }
     return QString();

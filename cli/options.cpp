@@ -103,8 +103,7 @@ void nameValuesForPeople(CLI::App& app) {
     for (CLI::Option* option : app.get_options()) {
         if (option->get_type_size() == 0) continue;  // a flag
         const std::string typeName = option->get_type_name();
-        if (std::find(kTypeNames.begin(), kTypeNames.end(), typeName) == kTypeNames.end())
-            continue;
+        if (std::find(kTypeNames.begin(), kTypeNames.end(), typeName) == kTypeNames.end()) continue;
         if (option->get_positional()) {
             option->type_name("");
         } else {
@@ -285,9 +284,10 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
             "push a firmware package to the lidar with a progress bar (the serial-line models "
             "take their own transfer)");
     upgrade->add_option("FILE", args.rest, "the firmware package")->required();
-    upgrade->add_option("--variable", args.variable,
-                        "the catalogue variable whose set command starts the upgrade (default: "
-                        "the one whose set command is 0x83)")
+    upgrade
+        ->add_option("--variable", args.variable,
+                     "the catalogue variable whose set command starts the upgrade (default: "
+                     "the one whose set command is 0x83)")
         ->type_name("NAME");
     CLI::App* log = add("log", "download a device log (a log variable of the catalogue)");
     log->add_option("NAME", args.rest, "the log's name, e.g. \"Device Log\"")->required();

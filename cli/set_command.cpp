@@ -80,8 +80,7 @@ QString encodingProblem(const VarInfo& var, const QString& value) {
         parser->parse(value.toStdString(), var.scale);
     } catch (const std::exception& e) {
         const QString refusal = name + ": '" + value + "' is not accepted (" + e.what() + ")";
-        const std::string range =
-            typeRangeIfOutside(var.var_type, value.toStdString(), var.scale);
+        const std::string range = typeRangeIfOutside(var.var_type, value.toStdString(), var.scale);
         if (range.empty()) return refusal;
         return refusal + "; it is beyond what a " + qs(var.var_type) + " holds: " + qs(range);
     }
@@ -186,9 +185,8 @@ class SetCommand {
             return "unknown variable '" + name + "' (lidarutil show lists the variables)";
         for (const VarPosition& position : session_.variables())
             if (!position.var->hidden && position.var->switch_var == hidden)
-                return qs(hidden->var_name) + " is written through " +
-                       qs(position.var->var_name) + ": set '" + qs(position.var->var_name) +
-                       "=VALUE'";
+                return qs(hidden->var_name) + " is written through " + qs(position.var->var_name) +
+                       ": set '" + qs(position.var->var_name) + "=VALUE'";
         return qs(hidden->var_name) + " is kept hidden by the catalogue and cannot be set";
     }
 

@@ -178,9 +178,14 @@ TEST(Lidarutil, OptionsAreValuesOrTextsAndRefusalsAreExplained) {
     EXPECT_EQ(index.exitCode, 2);
     EXPECT_TRUE(index.err.contains("Spin Rate: '1' is not one of 300=300 rpm, 600=600 rpm"))
         << index.err.toStdString();
-    const Outcome text = lidarutil({"set", "Return Mode=dUAL"});
+    // Two modules over one connection: nothing closes it, so nothing connects again.
+    const Outcome text = lidarutil({"set", "Return Mode=dUAL", "Data Port=2400"});
     EXPECT_EQ(text.exitCode, 0) << text.err.toStdString();
-    EXPECT_EQ(lines(text.out), QStringList({"Return Mode=2 (Dual)"}));
+    EXPECT_EQ(lines(text.out), QStringList({"Return Mode=2 (Dual)", "Data Port=2400"}));
+    EXPECT_FALSE(text.err.contains("connecting again")) << text.err.toStdString();
+    const Outcome first = lidarutil({"set", "Sync Source=#0", "Return Mode=#2"});
+    EXPECT_EQ(lines(first.out), QStringList({"Sync Source=0 (Internal)", "Return Mode=2 (Dual)"}))
+        << first.err.toStdString();
 
     // The lidar wants another token than the access profile's: said in plain words.
     const Outcome refused =
@@ -406,9 +411,9 @@ TEST(Lidarutil, LogsThatCannotBeKeptWholeAreFailures) {
 }
 
 TEST(Lidarutil, RefusesBadArgumentsBeforeConnectingAndEndsAWatchThatGetsNoValue) {
-    for (const QStringList& arguments : {QStringList{"fov", "0=361"}, QStringList{"fov", "0=-1"},
-                                         QStringList{"fov", "mode="},
-                                         QStringList{"--token", "", "info"}}) {
+    for (const QStringList& arguments :
+         {QStringList{"fov", "0=361"}, QStringList{"fov", "0=-1"}, QStringList{"fov", "mode="},
+          QStringList{"--token", "", "info"}}) {
         const Outcome refused = lidarutil(arguments);
         EXPECT_EQ(refused.exitCode, 2) << arguments.join(' ').toStdString();
         EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
@@ -443,8 +448,9 @@ TEST(Lidarutil, SetRefusalsNameTheLimitsAndTheRealReason) {
 
     const Outcome tooLarge = lidarutil({"set", "Data Port=70000"});
     EXPECT_EQ(tooLarge.exitCode, 2);
-    EXPECT_TRUE(tooLarge.err.contains("(UintParser: contains an illegal number, error:70000); it "
-                                      "is beyond what a uint16 holds: 0 to 65535"))
+    EXPECT_TRUE(
+        tooLarge.err.contains("(UintParser: contains an illegal number, error:70000); it "
+                              "is beyond what a uint16 holds: 0 to 65535"))
         << tooLarge.err.toStdString();
     const Outcome scaled = lidarutil({"--model", "Plover", "set", "Azimuth Offset=-2147483.649"});
     EXPECT_EQ(scaled.exitCode, 2);
@@ -456,7 +462,8 @@ TEST(Lidarutil, SetRefusalsNameTheLimitsAndTheRealReason) {
 
     const Outcome readOnly = lidarutil({"set", "FOV Region Count=5"});
     EXPECT_EQ(readOnly.exitCode, 2);
-    EXPECT_TRUE(readOnly.err.contains("FOV Region Count is read-only")) << readOnly.err.toStdString();
+    EXPECT_TRUE(readOnly.err.contains("FOV Region Count is read-only"))
+        << readOnly.err.toStdString();
     const Outcome hidden = lidarutil({"set", "vlan flag=1"});
     EXPECT_EQ(hidden.exitCode, 2);
     EXPECT_TRUE(hidden.err.contains("VLAN Flag is written through VLAN: set 'VLAN=VALUE'"))
@@ -470,8 +477,9 @@ TEST(Lidarutil, SetExplainsAValueTheLidarHoldsOutsideItsLimits) {
     const ConsoleFolder folder;
     const QStringList host{"--host", "127.0.0.1", "--port", lidar.port()};
     // Spin Rate 600, Return Mode 0, Standby 0, Phase Lock Angle 0, Sync Source 0, Noise Filter 9.
-    const Outcome other = lidarutil(host + QStringList{"send", "0x31", "02", "58", "00", "00", "00", "00", "00", "09"},
-                                    folder.path());
+    const Outcome other = lidarutil(
+        host + QStringList{"send", "0x31", "02", "58", "00", "00", "00", "00", "00", "09"},
+        folder.path());
     ASSERT_EQ(other.exitCode, 0) << other.err.toStdString();
 
     const Outcome blocked = lidarutil(host + QStringList{"set", "Return Mode=Dual"}, folder.path());
@@ -480,8 +488,10 @@ TEST(Lidarutil, SetExplainsAValueTheLidarHoldsOutsideItsLimits) {
     const int warning = static_cast<int>(
         err.indexOf("WARNING: Detected that the user set Noise Filter Level is out of range"));
     ASSERT_GE(warning, 0) << blocked.err.toStdString();
-    EXPECT_TRUE(err.value(warning + 1).startsWith(
-        "lidarutil: the lidar holds Noise Filter Level=9, outside its limits -5 to 5"))
+    EXPECT_TRUE(
+        err.value(warning + 1)
+            .startsWith(
+                "lidarutil: the lidar holds Noise Filter Level=9, outside its limits -5 to 5"))
         << blocked.err.toStdString();
     EXPECT_TRUE(err.value(warning + 1).contains("'Noise Filter Level=VALUE'"));
 
@@ -501,8 +511,8 @@ TEST(Lidarutil, SetComparesTheReadBackByTheStoredValue) {
 }
 
 TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
-    for (const QStringList& arguments : {QStringList{"fov", "mode=0"},
-                                         QStringList{"fov", "mode=Full Circle", "5=360"}}) {
+    for (const QStringList& arguments :
+         {QStringList{"fov", "mode=0"}, QStringList{"fov", "mode=Full Circle", "5=360"}}) {
         const Outcome held = lidarutil(arguments);
         EXPECT_EQ(held.exitCode, 0) << held.err.toStdString();
         EXPECT_TRUE(held.err.contains("the lidar holds these values already; nothing was sent"))
@@ -542,22 +552,37 @@ TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
 // Help names values as a person reads them, for every option and argument of every command.
 TEST(Lidarutil, HelpNamesValuesForPeople) {
     const QRegularExpression typeName("\\b(TEXT|INT|UINT|FLOAT|BOOLEAN)\\b| in \\[");
-    const QList<QStringList> commands = {
-        {},           {"models"},  {"show"},         {"info"},           {"read"},
-        {"set"},      {"fov"},     {"watch"},        {"send"},           {"history"},
-        {"upgrade"},  {"log"},     {"oplog"},        {"monitor"},        {"heron", "imu"},
-        {"heron", "upgrade"},      {"ota", "pack"},  {"ota", "inspect"}, {"wren", "net"},
-        {"wren", "spin-rate"}};
+    const QList<QStringList> commands = {{},
+                                         {"models"},
+                                         {"show"},
+                                         {"info"},
+                                         {"read"},
+                                         {"set"},
+                                         {"fov"},
+                                         {"watch"},
+                                         {"send"},
+                                         {"history"},
+                                         {"upgrade"},
+                                         {"log"},
+                                         {"oplog"},
+                                         {"monitor"},
+                                         {"heron", "imu"},
+                                         {"heron", "upgrade"},
+                                         {"ota", "pack"},
+                                         {"ota", "inspect"},
+                                         {"wren", "net"},
+                                         {"wren", "spin-rate"}};
     for (const QStringList& command : commands) {
         const Outcome help = lidarutil(command + QStringList{"--help"});
         EXPECT_EQ(help.exitCode, 0) << command.join(' ').toStdString();
-        EXPECT_FALSE(help.out.contains(typeName))
-            << command.join(' ').toStdString() << ":\n" << help.out.toStdString();
+        EXPECT_FALSE(help.out.contains(typeName)) << command.join(' ').toStdString() << ":\n"
+                                                  << help.out.toStdString();
     }
     const Outcome top = lidarutil({"--help"});
-    for (const QString shown : {"--host HOST", "--port PORT", "--local-port PORT|ANY",
-                                "--model NAME", "--token TOKEN"})
-        EXPECT_TRUE(top.out.contains(shown)) << shown.toStdString() << "\n" << top.out.toStdString();
+    for (const QString shown :
+         {"--host HOST", "--port PORT", "--local-port PORT|ANY", "--model NAME", "--token TOKEN"})
+        EXPECT_TRUE(top.out.contains(shown)) << shown.toStdString() << "\n"
+                                             << top.out.toStdString();
     EXPECT_TRUE(lidarutil({"log", "--help"}).out.contains("--dir DIR"));
     EXPECT_TRUE(lidarutil({"monitor", "--help"}).out.contains("--duration SECONDS"));
 }

@@ -143,3 +143,25 @@ TEST(Apply, FieldOfViewEditsSurviveApplyAndReadBack) {
     EXPECT_EQ(s.m().getFovList()[5].toString(), "350.0");
     EXPECT_EQ(s.m().currentValueOf(s.m().searchVarPtr("Region 1 Start", "var_name")), "10.00");
 }
+
+// A payload field that is neither read from the lidar nor raw is a catalogue fault: it is shown,
+// and neither its command nor the network command after it is sent.
+TEST(Apply, AFieldWithoutAReadCommandStopsTheRunBeforeSending) {
+    const testsupport::CraftedConfig crafted(
+        "Egret", {{",Auxiliary Port,,uint16,0x08,", ",Auxiliary Port,,uint16,,"}});
+    auto lidar = StartSimulator("Egret");
+    ManagerSession s("Egret", crafted.root());
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    s.m().GetLidarModuleInfo(kNetwork);
+    lidar->ResetCounters();
+
+    s.m().SetText(1, kNetwork, 0, 0, "10.0.0.7");  // IP Address, 0x21
+    s.m().SetText(1, kNetwork, 1, 1, "2400");      // Data Port, 0x20
+    s.m().Run(kNetwork);
+    EXPECT_EQ(s.m().getErrorMessage().toStdString(),
+              "There are undefined cases in the csv config file where there is a line with 'set' "
+              "and no 'get', but the var_type is not 'raw'.");
+    EXPECT_EQ(lidar->RequestCount(0x20), 0u);
+    EXPECT_EQ(lidar->RequestCount(0x21), 0u);
+    EXPECT_TRUE(s.m().getIsConnected());
+}
