@@ -157,6 +157,9 @@ TEST(MonitorCharts, ARecordingGivesAChartPerNumericColumnWithItsGaps) {
     QString saveError;
     EXPECT_FALSE(set->savePng("/nonexistent-folder/chart.png", "title", &saveError));
     EXPECT_EQ(saveError, "cannot write /nonexistent-folder/chart.png");
+    const MonitorChartSet none{QStringList()};
+    EXPECT_FALSE(none.savePng(QString::fromStdString(path + ".png"), "title", &saveError));
+    EXPECT_EQ(saveError, "nothing to plot: the recording has no numeric values");
 
     // Not a recording; no file at all.
     file = std::fopen(path.c_str(), "w");

@@ -207,7 +207,7 @@ TEST(LidarutilMonitor, ARecordingEndsAfterItsDurationWhateverTheInterval) {
     EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 2);  // the header and the first row
 }
 
-TEST(LidarutilMonitor, ARecordingWithoutAValueOrWithTheLidarLostFails) {
+TEST(LidarutilMonitor, EveryReadingRefusedOrTheLidarLostFails) {
     // Every reading refused: the rows keep their times with empty cells, told as an error.
     {
         const SimulatorProcess refusing("Egret", {"0x41:status=4"});
@@ -234,6 +234,11 @@ TEST(LidarutilMonitor, ARecordingWithoutAValueOrWithTheLidarLostFails) {
         EXPECT_TRUE(recorded.err.contains("error: the connection to the lidar was lost"))
             << recorded.err.toStdString();
         EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 1);  // the header alone
+        const Outcome watched =
+            lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--count", "3"});
+        EXPECT_EQ(watched.exitCode, 1);
+        EXPECT_TRUE(watched.err.contains("error: the connection to the lidar was lost"))
+            << watched.err.toStdString();
     }
 }
 
@@ -292,8 +297,9 @@ TEST(LidarutilMonitor, OnATerminalTheTableIsRedrawnWithinTheScreen) {
         blocks << out.mid(from);
         return blocks;
     };
-    // Tall enough: the whole table (a heading, the column titles, ten values), redrawn in place.
-    const Outcome tall = onTerminal({"monitor", "--count", "2"}, 40, 100);
+    // Just tall enough: the whole table (a heading, the column titles, ten values) and the
+    // cursor's line, redrawn in place.
+    const Outcome tall = onTerminal({"monitor", "--count", "2"}, 13, 100);
     ASSERT_EQ(tall.exitCode, 0) << tall.err.toStdString();
     QVector<int> movedUp;
     QStringList blocks = tables(tall.out, &movedUp);
