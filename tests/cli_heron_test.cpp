@@ -138,6 +138,8 @@ TEST(LidarutilHeron, UpgradeAndImuRangeAgainstTheEmbeddedSimulator) {
         const Outcome foreign = lidarutil({"--model", "Heron-VRC", "heron", "imu", digit, "0"});
         EXPECT_EQ(foreign.exitCode, 2) << foreign.out.toStdString();
     }
+    for (const QString& index : {QString(""), QString("99999999999")})
+        EXPECT_EQ(lidarutil({"--model", "Heron-VRC", "heron", "imu", "0", index}).exitCode, 2);
     const Outcome badIndex = lidarutil({"--model", "Heron-VRC", "heron", "imu", "6", "0"});
     EXPECT_EQ(badIndex.exitCode, 2);
     EXPECT_TRUE(badIndex.err.contains("0 to 5 (0 = 125 dps,") &&
