@@ -48,10 +48,10 @@ QString indexMeanings(Session& session, const char* variable, const std::array<u
 }
 
 // A whole number from 0 to count - 1, in ASCII decimal digits only: another script's digits
-// would convert to 0 and set a range nobody asked for.
+// would convert to 0 and set a range nobody asked for. An empty text or one too long for an int
+// does not convert.
 bool parseIndex(const QString& text, int count, int& index) {
-    if (text.isEmpty() || text.size() > 3 ||
-        !std::all_of(text.begin(), text.end(), [](QChar c) { return c >= '0' && c <= '9'; }))
+    if (!std::all_of(text.begin(), text.end(), [](QChar c) { return c >= '0' && c <= '9'; }))
         return false;
     bool ok = false;
     index = text.toInt(&ok, 10);

@@ -153,6 +153,11 @@ TEST_F(HeronOtaPackageTest, ExtractionDropsTheFpgaLeadingBlockOnlyFromLargerImag
         manager_
             .HeronExtractComponentData(package, At(1, uint32_t(package.size() - 56)), "BMB_APP_A")
             .empty());
+    // At the very end of the data and empty: inside the file, so nothing is said.
+    EXPECT_TRUE(
+        manager_
+            .HeronExtractComponentData(package, At(uint32_t(package.size() - 56), 0), "TMB_PARAM")
+            .empty());
     EXPECT_EQ(Logged(), (std::vector<std::string>{"Component TMB_PARAM package too small|INFO",
                                                   "Component BMB_FPGA data out of range|INFO",
                                                   "Component BMB_APP_A data out of range|INFO"}));

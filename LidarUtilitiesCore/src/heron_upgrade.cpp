@@ -20,7 +20,6 @@ namespace {
 // clang-format off
 const char* const kRestartNotAcknowledged = "Heron upgrade completed. The restart command was not acknowledged; please power-cycle or reconnect the lidar if it does not respond.";
 const char* const kAbandonedInUpgradeMode = "Heron upgrade abandoned: no component was sent, and the lidar is still in upgrade mode. Connect and run the same upgrade again.";
-const char* const kAbandonedBeforeRestart = "Heron upgrade abandoned: every component was sent, but the lidar was not restarted. Restart it (power-cycle) to run the new firmware.";
 // clang-format on
 
 constexpr long kPauseBeforeTransferMs = 300;
@@ -218,13 +217,6 @@ void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
         }
         if (!sendHeronPlan(*client, package, plan)) return;
         endHeronUpgrade();
-        if (upgradeStopped()) {
-            if (!closing_.load()) {
-                showErrorMessage(kAbandonedBeforeRestart);
-                writeLogMessage(kAbandonedBeforeRestart, "INFO");
-            }
-            return;
-        }
         if (HeronSendRestartCommand() != 0) {
             showSuccessMessage(kRestartNotAcknowledged);
         } else {
