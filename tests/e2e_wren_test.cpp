@@ -312,6 +312,10 @@ TEST(WrenVrc, SettingsAndReadersWithTheirChecks) {
               (std::vector<uint8_t>{10, 9, 8, 7}));
     EXPECT_EQ(std::vector<uint8_t>(network.begin() + 20, network.begin() + 23),
               (std::vector<uint8_t>{0, 0, 0}));
+    // VLAN id 0 with the flag on is a value its field holds: sent.
+    ASSERT_TRUE(session.Connect(lidar->Port()));
+    EXPECT_EQ(m.WrenSetNet("10.9.8.7", "255.255.0.0", "10.9.0.1", 1, 0), 1);
+    EXPECT_EQ(lidar->Block(0x08)[20], 1);
 }
 
 TEST(WrenVrc, EveryOperationRefusesWhileNotConnected) {

@@ -101,4 +101,34 @@ TEST(SerialFrame, OverLongLengthIsNoFrameAndReservesNothing) {
     EXPECT_EQ(decoder.Buffered(), 8u);
 }
 
+TEST(SerialFrame, AFrameBegunCanBeGivenUpAndTheLengthBounded) {
+    const Bytes good = serial::EncodeFrame(0x01, 0, {});
+    const Bytes falseStart = serial::EncodeHeader(0x04, 0, 1000);
+    serial::FrameDecoder decoder;
+    serial::Frame frame;
+    // A lone marker is given up too.
+    decoder.Feed(falseStart.data(), 2);
+    EXPECT_EQ(decoder.PendingFrameSize(), 0u);
+    EXPECT_TRUE(decoder.DropPending());
+    EXPECT_EQ(decoder.Buffered(), 0u);
+    EXPECT_FALSE(decoder.DropPending());
+    // A plausible length swallows the real frame until the frame begun is given up.
+    decoder.Feed(falseStart.data(), falseStart.size());
+    decoder.Feed(good.data(), good.size());
+    EXPECT_FALSE(decoder.Next(frame));
+    EXPECT_EQ(decoder.PendingFrameSize(), 1010u);
+    EXPECT_EQ(decoder.PendingCode(), 0x04);
+    EXPECT_TRUE(decoder.DropPending());
+    ASSERT_TRUE(decoder.Next(frame));
+    EXPECT_EQ(frame.code, 0x01);
+    EXPECT_EQ(decoder.DroppedFrames(), 2u);
+    // With the limit of a reply without payload, the same false start is no frame start.
+    decoder.Reset();
+    decoder.SetMaxPayload(0);
+    decoder.Feed(falseStart.data(), falseStart.size());
+    decoder.Feed(good.data(), good.size());
+    ASSERT_TRUE(decoder.Next(frame));
+    EXPECT_EQ(frame.code, 0x01);
+}
+
 }  // namespace

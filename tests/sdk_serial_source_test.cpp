@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -188,6 +189,20 @@ TEST(SerialSource, CloseLeavesThePortOpenableByAnyone) {
     ASSERT_EQ(::ioctl(fd, TIOCGEXCL, &exclusive), 0);
     EXPECT_EQ(exclusive, 0);
     ::close(fd);
+}
+
+TEST(SerialSource, AWriteToALineWhoseFarSideIsGoneMarksItHungUp) {
+    auto pty = std::make_unique<Pty>();
+    const std::string path = pty->path();
+    SerialSource source(path, 9600, 9600);
+    source.SetCommandMode(true);
+    source.setNeedRecv(false);
+    ASSERT_TRUE(source.Open()) << source.LastError();
+    pty.reset();  // the adapter is gone
+    const uint8_t byte = 0x55;
+    EXPECT_FALSE(source.Send(&byte, 1, 200));
+    EXPECT_FALSE(source.IsOpen());
+    EXPECT_EQ(source.LastError(), "serial line " + path + " hung up");
 }
 
 }  // namespace
