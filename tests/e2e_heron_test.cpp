@@ -53,7 +53,8 @@ class HeronTest : public ::testing::Test {
   protected:
     void Start(char partition) {
         simulator_ = StartHeron(partition);
-        session_ = std::make_unique<ManagerSession>("Heron-VRC");
+        // No spies: a Stop here logs on this thread while a woken worker logs on its own.
+        session_ = std::make_unique<ManagerSession>("Heron-VRC", SourceDir(), false);
         ASSERT_TRUE(session_->Connect(simulator_->Port()));
         ASSERT_EQ(m().getConnectType(), 2);
     }

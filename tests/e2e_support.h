@@ -113,14 +113,24 @@ inline bool FindVarPosition(LidarUtilitiesManager& manager, const std::string& n
 class ManagerSession {
   public:
     // `root` holds the ./Config the manager reads: the shipped one unless a test crafts its own.
-    explicit ManagerSession(const std::string& model, const std::string& root = SourceDir())
+    // `withSpies` false leaves out the QSignalSpy recorders (log(), errors(), successes(),
+    // connectedSignals()) for a test in which two threads show messages at once: a spy is not
+    // safe to append to from two threads. Messages() and LogLines() record in either case.
+    explicit ManagerSession(const std::string& model, const std::string& root = SourceDir(),
+                            bool withSpies = true)
         : cwd_(root),
           settingsRemoved_(RemoveSettingsFile()),
-          manager_(std::make_unique<LidarUtilitiesManager>(0, "")),
-          log_(manager_.get(), &LidarUtilitiesManager::sendLogMessage),
-          errors_(manager_.get(), &LidarUtilitiesManager::errorMessageChanged),
-          successes_(manager_.get(), &LidarUtilitiesManager::successMessageChanged),
-          connected_(manager_.get(), &LidarUtilitiesManager::isConnectedChanged) {
+          manager_(std::make_unique<LidarUtilitiesManager>(0, "")) {
+        if (withSpies) {
+            log_ = std::make_unique<QSignalSpy>(manager_.get(),
+                                                &LidarUtilitiesManager::sendLogMessage);
+            errors_ = std::make_unique<QSignalSpy>(manager_.get(),
+                                                   &LidarUtilitiesManager::errorMessageChanged);
+            successes_ = std::make_unique<QSignalSpy>(
+                manager_.get(), &LidarUtilitiesManager::successMessageChanged);
+            connected_ = std::make_unique<QSignalSpy>(manager_.get(),
+                                                      &LidarUtilitiesManager::isConnectedChanged);
+        }
         // Workers show messages from their own threads: record each text as it is shown.
         // The raw pointer, not manager_: the destructor resets manager_ while a worker may still
         // be showing a message.
@@ -188,10 +198,10 @@ class ManagerSession {
     }
 
     LidarUtilitiesManager& m() { return *manager_; }
-    QSignalSpy& log() { return log_; }
-    QSignalSpy& errors() { return errors_; }
-    QSignalSpy& successes() { return successes_; }
-    QSignalSpy& connectedSignals() { return connected_; }
+    QSignalSpy& log() { return *log_; }
+    QSignalSpy& errors() { return *errors_; }
+    QSignalSpy& successes() { return *successes_; }
+    QSignalSpy& connectedSignals() { return *connected_; }
 
     // Starts a connect and waits for the worker to end; true when the lidar is connected.
     bool Connect(uint16_t port) {
@@ -230,10 +240,8 @@ class ManagerSession {
             logLines_.clear();
             messages_.clear();
         }
-        log_.clear();
-        errors_.clear();
-        successes_.clear();
-        connected_.clear();
+        for (QSignalSpy* spy : {log_.get(), errors_.get(), successes_.get(), connected_.get()})
+            if (spy) spy->clear();
     }
 
   private:
@@ -252,10 +260,10 @@ class ManagerSession {
     std::vector<std::string> messages_;
     std::vector<std::string> logLines_;
     std::unique_ptr<LidarUtilitiesManager> manager_;
-    QSignalSpy log_;
-    QSignalSpy errors_;
-    QSignalSpy successes_;
-    QSignalSpy connected_;
+    std::unique_ptr<QSignalSpy> log_;
+    std::unique_ptr<QSignalSpy> errors_;
+    std::unique_ptr<QSignalSpy> successes_;
+    std::unique_ptr<QSignalSpy> connected_;
 };
 
 }  // namespace testsupport

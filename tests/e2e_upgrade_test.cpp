@@ -34,7 +34,8 @@ class UpgradeTest : public ::testing::Test {
   protected:
     void SetUp() override {
         simulator_ = StartSimulator("Egret");
-        session_ = std::make_unique<ManagerSession>("Egret");
+        // No spies: a Stop here logs on this thread while a woken worker logs on its own.
+        session_ = std::make_unique<ManagerSession>("Egret", SourceDir(), false);
         ASSERT_TRUE(session_->Connect(simulator_->Port()));
         ASSERT_TRUE(FindVarPosition(m(), "Firmware Upgrade", i_, j_, k_));
     }
