@@ -14,7 +14,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,8 +42,6 @@
 
 #include "lidar_utilities_manager.h"
 #include "sdk/vrc_client.h"
-
-extern char** environ;
 
 namespace {
 
@@ -178,16 +176,17 @@ class Simulator {
         argv.push_back(nullptr);
         int out[2];
         if (::pipe2(out, O_CLOEXEC) != 0) return false;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        const int failed = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(),
-                                       environ);
-        posix_spawn_file_actions_destroy(&actions);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            // It goes when this program goes, whatever ends it.
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+            ::dup2(out[1], STDOUT_FILENO);
+            ::execv(program.c_str(), argv.data());
+            std::_Exit(127);
+        }
         ::close(out[1]);
-        if (failed) {
+        if (pid_ < 0) {
             ::close(out[0]);
-            pid_ = -1;
             return false;
         }
         output_ = ::fdopen(out[0], "r");
@@ -541,6 +540,7 @@ class BareChild {
         pid_ = ::fork();
         if (pid_ < 0) return false;
         if (pid_ == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::close(pipeFds[0]);
             const Resources resources = BareSoak(port, runSeconds);
             const Sample samples[2] = {resources.Warm(), resources.End()};
@@ -635,6 +635,10 @@ int Report(const Arguments& args, ManagerFigures& figures, bool bareComplete,
 
 int main(int argc, char** argv) {
     Arguments args;
+    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     if (!ParseArguments(argc, argv, args)) {
         std::fputs(kUsage, stderr);
         return 2;
