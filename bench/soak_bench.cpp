@@ -14,7 +14,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,8 +42,6 @@
 
 #include "lidar_utilities_manager.h"
 #include "sdk/vrc_client.h"
-
-extern char** environ;
 
 namespace {
 
@@ -171,23 +169,24 @@ class Simulator {
         const std::string program = ExecutableFolder() + "/../sim/lidar-sim";
         const std::string config = RepositoryRoot() + "/Config";
         const std::string seedText = std::to_string(seed);
-        std::vector<std::string> words = {program,        "--model", "Egret", "--config-dir",
-                                          config,         "--chaos", seedText};
+        std::vector<std::string> words = {program, "--model", "Egret", "--config-dir",
+                                          config,  "--chaos", seedText};
         std::vector<char*> argv;
         for (auto& word : words) argv.push_back(word.data());
         argv.push_back(nullptr);
         int out[2];
         if (::pipe2(out, O_CLOEXEC) != 0) return false;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        const int failed = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(),
-                                       environ);
-        posix_spawn_file_actions_destroy(&actions);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            // It goes when this program goes, whatever ends it.
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+            ::dup2(out[1], STDOUT_FILENO);
+            ::execv(program.c_str(), argv.data());
+            std::_Exit(127);
+        }
         ::close(out[1]);
-        if (failed) {
+        if (pid_ < 0) {
             ::close(out[0]);
-            pid_ = -1;
             return false;
         }
         output_ = ::fdopen(out[0], "r");
@@ -275,8 +274,8 @@ class Operations {
             if (Clock::now() - Clock::time_point(Clock::duration(started)) < seconds(kHungSeconds))
                 continue;
             std::lock_guard<std::mutex> lock(mutex_);
-            ::dprintf(reportFd_, "FAIL: %s hung for %d s; the soak ends here\n",
-                      current_.c_str(), kHungSeconds);
+            ::dprintf(reportFd_, "FAIL: %s hung for %d s; the soak ends here\n", current_.c_str(),
+                      kHungSeconds);
             onHung_();
             std::_Exit(1);
         }
@@ -447,8 +446,8 @@ class ManagerSoak {
     // Every thread in its steady state: connected, no recording; then the sample.
     void QuietPoint(const QString& records, double elapsedSeconds) {
         // A recording ends by itself after its duration (a reconnect ends it sooner).
-        const auto recordingLimit = Clock::now() + seconds(kRecordSeconds) +
-                                    milliseconds(kReceiveTimeoutMs + 5000);
+        const auto recordingLimit =
+            Clock::now() + seconds(kRecordSeconds) + milliseconds(kReceiveTimeoutMs + 5000);
         while (manager_.getIsMonitorRecording() && Clock::now() < recordingLimit)
             std::this_thread::sleep_for(milliseconds(100));
         if (manager_.getIsMonitorRecording()) {
@@ -462,7 +461,9 @@ class ManagerSoak {
             manager_.waitForWorkers();
             CheckFlags("a quiet point");
             figures_.resources.Take(elapsedSeconds);
-        } while (!Open() && Clock::now() < giveUp_);  // the sample is taken again when the connection dropped meanwhile
+        } while (!Open() &&
+                 Clock::now() <
+                     giveUp_);  // the sample is taken again when the connection dropped meanwhile
     }
 
     void CheckFlags(const std::string& when) {
@@ -472,8 +473,8 @@ class ManagerSoak {
             {"downloading a log", manager_.getIsDownloadLog()},
             {"recording", manager_.getIsMonitorRecording()}};
         for (const auto& [name, set] : flags) {
-            if (set) figures_.failures.push_back(std::string("busy flag '") + name + "' set at " +
-                                                 when);
+            if (set)
+                figures_.failures.push_back(std::string("busy flag '") + name + "' set at " + when);
         }
     }
 
@@ -495,9 +496,9 @@ Resources BareSoak(uint16_t port, int runSeconds) {
     Resources resources(runSeconds);
     const uint8_t reads[] = {0x07, 0x08, 0x30, 0x23, 0x40, 0x41};
     auto connect = [port] {
-        return std::make_unique<lidar::VrcClient>("127.0.0.1", port, false, lidar::VrcMode::kTcp,
-                                                  1, "", "", "", kReceiveTimeoutMs,
-                                                  kReceiveTimeoutMs, 0.0f, 0);
+        return std::make_unique<lidar::VrcClient>("127.0.0.1", port, false, lidar::VrcMode::kTcp, 1,
+                                                  "", "", "", kReceiveTimeoutMs, kReceiveTimeoutMs,
+                                                  0.0f, 0);
     };
     std::unique_ptr<lidar::VrcClient> client;
     const auto start = Clock::now();
@@ -541,6 +542,7 @@ class BareChild {
         pid_ = ::fork();
         if (pid_ < 0) return false;
         if (pid_ == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::close(pipeFds[0]);
             const Resources resources = BareSoak(port, runSeconds);
             const Sample samples[2] = {resources.Warm(), resources.End()};
@@ -600,10 +602,11 @@ int Report(const Arguments& args, ManagerFigures& figures, bool bareComplete,
     std::printf("soak: %d s against lidar-sim --chaos %lu (Egret), %d samples, warm-up %d s\n",
                 args.seconds, args.seed, figures.resources.Samples(),
                 std::min(kWarmUpSeconds, args.seconds / 2));
-    std::printf("operations: %d connects (%d failed), %d module reads, %d applies, %d console "
-                "sends, %d recordings, %d refreshes announced\n",
-                figures.connects, figures.failedConnects, figures.moduleReads, figures.applies,
-                figures.consoleSends, figures.recordings, figures.refreshes);
+    std::printf(
+        "operations: %d connects (%d failed), %d module reads, %d applies, %d console "
+        "sends, %d recordings, %d refreshes announced\n",
+        figures.connects, figures.failedConnects, figures.moduleReads, figures.applies,
+        figures.consoleSends, figures.recordings, figures.refreshes);
     std::printf("simulator: %s", simulatorLines.c_str());
     std::printf("%-12s %10s %10s %10s   %10s %10s %10s\n", "resource", "warm-up", "end", "growth",
                 "bare w-up", "bare end", "bare grw");
@@ -622,12 +625,11 @@ int Report(const Arguments& args, ManagerFigures& figures, bool bareComplete,
     if (figures.resources.Samples() < 2) figures.failures.push_back("fewer than two samples");
     if (end.rssKib - warm.rssKib > kRssNoiseKib)
         figures.failures.push_back("resident memory grew by more than 2 MiB");
-    if (end.descriptors != warm.descriptors)
-        figures.failures.push_back("open descriptors changed");
+    if (end.descriptors != warm.descriptors) figures.failures.push_back("open descriptors changed");
     if (end.threads != warm.threads) figures.failures.push_back("threads changed");
     for (const std::string& failure : figures.failures) std::printf("FAIL: %s\n", failure.c_str());
-    std::printf("%s\n", figures.failures.empty() ? "soak passed: no growth, nothing stuck"
-                                                 : "soak failed");
+    std::printf("%s\n",
+                figures.failures.empty() ? "soak passed: no growth, nothing stuck" : "soak failed");
     return figures.failures.empty() ? 0 : 1;
 }
 
@@ -635,6 +637,10 @@ int Report(const Arguments& args, ManagerFigures& figures, bool bareComplete,
 
 int main(int argc, char** argv) {
     Arguments args;
+    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     if (!ParseArguments(argc, argv, args)) {
         std::fputs(kUsage, stderr);
         return 2;
@@ -667,10 +673,13 @@ int main(int argc, char** argv) {
     ManagerFigures figures(args.seconds);
     {
         QCoreApplication app(argc, argv);
-        ManagerSoak soak(simulator.Port(), args.seconds, [&] {
-            bare.Kill();
-            simulator.Kill();
-        }, reportFd);
+        ManagerSoak soak(
+            simulator.Port(), args.seconds,
+            [&] {
+                bare.Kill();
+                simulator.Kill();
+            },
+            reportFd);
         figures = soak.Run();
     }
     std::fflush(stdout);

@@ -27,7 +27,9 @@ mkdir -p "$dir/varID/Smoke"
 printf '%s\n%s\n' \
     'module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,default_val' \
     'M,P,v,V,uint16,0x40,,0,0,2,513' >"$dir/varID/Smoke/Smoke.csv"
-"$sim" --model Smoke --config-dir "$dir" --port 0 --fault 0x41:status=4 >"$dir/out" 2>"$dir/err" &
+# Chaos seed 1 leaves the first two requests alone; 0x41's own fault wins anyway.
+"$sim" --model Smoke --config-dir "$dir" --port 0 --fault 0x41:status=4 --chaos 1 \
+    >"$dir/out" 2>"$dir/err" &
 pid=$!
 for _ in $(seq 1 100); do
     grep -q '^listening on ' "$dir/out" && break
@@ -55,5 +57,8 @@ pid=
 [ "$status" = 0 ] || { echo "lidar-sim exited with $status"; exit 1; }
 if ! grep -qx 'requests: 0x40=1 0x41=1' "$dir/out"; then
     echo "no request counters in:"; cat "$dir/out"; exit 1
+fi
+if ! grep -qx 'chaos: slow=0 busy=0 cut=0 drop=0' "$dir/out"; then
+    echo "no chaos tally in:"; cat "$dir/out"; exit 1
 fi
 echo "lidar-sim smoke test passed"

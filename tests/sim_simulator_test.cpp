@@ -762,8 +762,8 @@ TEST(SimulatorTest, ChaosRepeatsItsSequenceForTheSameSeedThroughTheClient) {
     simulator->SetFault(0x07, status5);
     auto connect = [&] {
         return std::make_unique<lidar::VrcClient>("127.0.0.1", simulator->Port(), false,
-                                                  lidar::VrcMode::kTcp, 1, "", "", "", 4000,
-                                                  4000, 0.0f, 0);
+                                                  lidar::VrcMode::kTcp, 1, "", "", "", 4000, 4000,
+                                                  0.0f, 0);
     };
     auto client = connect();
     sim::ChaosTally drawn;
@@ -777,11 +777,23 @@ TEST(SimulatorTest, ChaosRepeatsItsSequenceForTheSameSeedThroughTheClient) {
         }
         int wanted = 0;
         switch (chaos.Draw(n).kind) {
-            case ChaosKind::kDelay: ++drawn.slow; break;
-            case ChaosKind::kStatus: ++drawn.busy; wanted = vrc::kStatusBusy; break;
-            case ChaosKind::kCloseMidReply: ++drawn.cut; wanted = -2; break;
-            case ChaosKind::kDrop: ++drawn.drop; wanted = -2; break;
-            default: break;
+            case ChaosKind::kDelay:
+                ++drawn.slow;
+                break;
+            case ChaosKind::kStatus:
+                ++drawn.busy;
+                wanted = vrc::kStatusBusy;
+                break;
+            case ChaosKind::kCloseMidReply:
+                ++drawn.cut;
+                wanted = -2;
+                break;
+            case ChaosKind::kDrop:
+                ++drawn.drop;
+                wanted = -2;
+                break;
+            default:
+                break;
         }
         ASSERT_EQ(client->QueryCommand({}, reply, 0x08, false), wanted) << n;
         if (!client->IsOpen()) client = connect();

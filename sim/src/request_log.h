@@ -65,11 +65,20 @@ class RequestLog {
   private:
     void Tally(Fault::Kind kind) {
         switch (kind) {
-            case Fault::Kind::kDelay: played_[0].fetch_add(1); break;
-            case Fault::Kind::kStatus: played_[1].fetch_add(1); break;
-            case Fault::Kind::kCloseMidReply: played_[2].fetch_add(1); break;
-            case Fault::Kind::kDrop: played_[3].fetch_add(1); break;
-            default: break;
+            case Fault::Kind::kDelay:
+                played_[0].fetch_add(1);
+                break;
+            case Fault::Kind::kStatus:
+                played_[1].fetch_add(1);
+                break;
+            case Fault::Kind::kCloseMidReply:
+                played_[2].fetch_add(1);
+                break;
+            case Fault::Kind::kDrop:
+                played_[3].fetch_add(1);
+                break;
+            default:
+                break;
         }
     }
 

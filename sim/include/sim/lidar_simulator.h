@@ -42,8 +42,8 @@ struct Fault {
     int count = 0;
 
     // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
-    // "wrong-echo", "status=N", "drop", "drop-after-chunks=N", "fail-chunk=N:STATUS", "crc-mismatch",
-    // "garbage-before-reply", "bad-crc",
+    // "wrong-echo", "status=N", "drop", "drop-after-chunks=N", "fail-chunk=N:STATUS",
+    // "crc-mismatch", "garbage-before-reply", "bad-crc",
     // "refuse-component=N:STATUS", "refuse-component-type=T:STATUS"; false for anything else.
     static bool Parse(const std::string& text, Fault& out);
 };
@@ -123,8 +123,8 @@ class LidarSimulator {
         size_t logBytes = 4096;        // size of every log that 0x75 serves
         uint32_t monitorSeed = 1;      // the curves the monitor readings follow
         char partition = 'A';          // application partition running at start: 'A' or 'B'
-        std::optional<uint32_t> chaosSeed;  // set: random faults (Chaos) on every command that
-                                            // has no fault of its own
+        // Set: random faults (Chaos) on every command that has no fault of its own.
+        std::optional<uint32_t> chaosSeed;
     };
 
     explicit LidarSimulator(Options options);
