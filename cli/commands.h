@@ -28,6 +28,9 @@ int commandHistory(Session& session);
 int commandUpgrade(Session& session);
 int commandLog(Session& session);
 int commandOperationLog(Session& session);
+// Why lidarutil cannot write a file into `folder` (missing, not a folder, or the cause the file
+// system gives); empty when it can. Checked before connecting by every command that writes there.
+QString unwritableFolder(const QString& folder);
 // Draws an upgrade's progress until its worker reports the end (the second change of
 // isUpgrading); the first Ctrl-C warns, the second abandons the transfer.
 // With totalSet, the bar waits for it: its total and rate start when the transfer itself does.

@@ -336,8 +336,9 @@ int commandMonitor(Session& session) {
     const int module = manager.getMonitorModuleIndex();
     if (module < 0) return usageError(options.model + " has no Monitor module");
     const bool recording = !options.recordDir.isEmpty();
-    if (recording && !QFileInfo(options.recordDir).isDir())
-        return usageError(options.recordDir + " is not a folder");
+    if (const QString problem = recording ? unwritableFolder(options.recordDir) : QString();
+        !problem.isEmpty())
+        return usageError(problem);
     if (recording && options.json)
         return usageError("--json applies to the live table; a recording is its CSV file");
     if (!options.variant.isEmpty()) {

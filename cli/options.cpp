@@ -56,6 +56,18 @@ const CLI::Validator kHostName(
     },
     "");
 
+// A TCP port: whole decimal digits from 1 to 65535. A text that is no number is said to be
+// one, not "not in range".
+const CLI::Validator kPortNumber(
+    [](std::string& value) {
+        bool ok = false;
+        const uint number = QString::fromStdString(value).toUInt(&ok, 10);
+        if (!ok) return "needs a port number (1-65535), and '" + value + "' is not a number";
+        return number >= 1 && number <= 65535 ? std::string()
+                                              : "needs a port number from 1 to 65535, not " + value;
+    },
+    "");
+
 const CLI::Validator kLocalPort(
     [](std::string& value) {
         uint16_t port = 0;
@@ -283,7 +295,9 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
         add("upgrade",
             "push a firmware package to the lidar with a progress bar (the serial-line models "
             "take their own transfer)");
-    upgrade->add_option("FILE", args.rest, "the firmware package")->required();
+    upgrade->add_option("FILE", args.rest, "the firmware package")
+        ->required()
+        ->check(notEmpty("a package file (an empty name names none)"));
     upgrade
         ->add_option("--variable", args.variable,
                      "the catalogue variable whose set command starts the upgrade (default: "
@@ -362,7 +376,7 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
         ->check(kHostName);
     app.add_option("--port", port, "the lidar's VRC port (with --host; default: the saved port)")
         ->type_name("PORT")
-        ->check(CLI::Range(1, 65535).description(""));
+        ->check(kPortNumber);
     app.add_option("--local-port", localPort,
                    "local port of the VRC client, for models that fix it")
         ->type_name("PORT|ANY")

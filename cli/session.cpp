@@ -134,6 +134,20 @@ void Session::releaseMessages() {
     heldMessages_.clear();
 }
 
+void Session::printHeldMessages() {
+    std::lock_guard<std::mutex> lock(heldMutex_);
+    for (const QString& line : heldMessages_) printDiagnostic(line);
+    heldMessages_.clear();
+}
+
+QStringList Session::takeHeldMessages() {
+    std::lock_guard<std::mutex> lock(heldMutex_);
+    holding_ = false;
+    QStringList held;
+    held.swap(heldMessages_);
+    return held;
+}
+
 int Session::loadModel() {
     const QVariantList models = manager_->getLidarModelList();
     if (!models.contains(options_.model)) {

@@ -82,6 +82,11 @@ class Session {
     // by releaseMessages, after the progress line's last update: the outcome is the last word.
     void holdMessages();
     void releaseMessages();
+    // Prints the waiting messages and goes on holding (a command with a second phase).
+    void printHeldMessages();
+    // Ends the hold and hands the waiting messages over unprinted, for a command that judges
+    // them (an outcome the manager reports in two lines, or a success it cannot see is none).
+    QStringList takeHeldMessages();
 
     // Module names of the loaded model, as the manager lists them.
     QStringList moduleNames();

@@ -1,17 +1,24 @@
 // upgrade, log and oplog: the manager's transfers from the command line. Each polls the
 // manager's counters and flags while its worker runs and draws them with the progress line.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QThread>
 #include <QUrl>
 #include <atomic>
-#include <optional>
+#include <cerrno>
+#include <cstring>
 #include <iterator>
+#include <optional>
+#include <thread>
 
 #include "commands.h"
 #include "interrupt.h"
@@ -99,20 +106,73 @@ void explainTransferFailure(LidarUtilitiesManager& manager) {
         (why.empty() || code > 0 ? QString() : " (" + QString::fromStdString(why) + ")"));
 }
 
-// Why a download cannot write into `folder` (checked before connecting: the manager would fetch
-// the log and then say "successful" after failing to save it); empty when it can.
-QString unwritableTarget(const QString& folder) {
-    const QFileInfo info(folder);
-    if (!info.exists()) return "no such folder: " + folder;
-    if (!info.isDir()) return folder + " is not a folder";
-    // Asked of the file system itself: permission bits say nothing of a read-only mount or /proc.
-    QFile probe(folder + "/.lidarutil-write-probe-" +
-                QString::number(QCoreApplication::applicationPid()));
-    if (!probe.open(QIODevice::WriteOnly))
-        return "cannot write into " + folder + ": " + probe.errorString();
-    probe.close();
-    probe.remove();
-    return QString();
+// Why a folder refuses a new file, in words: the cause, not the C library's text for it (which
+// says "No such file or directory" for /proc).
+QString writeRefusal(int error) {
+    switch (error) {
+        case EACCES:
+        case EPERM:
+            return "permission denied";
+        case EROFS:
+            return "the file system is read-only";
+        case ENOENT:
+            return "the folder takes no new files";
+        case ENOSPC:
+        case EDQUOT:
+            return "no space left";
+        default:
+            return QString::fromLocal8Bit(std::strerror(error));
+    }
+}
+
+// The worker ends after its outcome: on the network models with the restart 10 s after the
+// transfer. A Ctrl-C in that pause warns; a second one calls the manager's Stop, which abandons
+// the restart and says so.
+void followRestart(LidarUtilitiesManager& manager) {
+    std::atomic<bool> ended{false};
+    std::thread waiter([&manager, &ended] {
+        manager.waitForWorkers();
+        ended.store(true);
+    });
+    int interrupts = 0;
+    while (!ended.load()) {
+        if (interrupted.exchange(false) && ++interrupts == 1) {
+            printDiagnostic(
+                "the lidar is restarted in a few seconds to finish the upgrade; press Ctrl-C "
+                "again to abandon the restart (the lidar must then be restarted by hand)");
+        } else if (interrupts == 2) {
+            printDiagnostic("abandoning the automatic restart");
+            manager.Stop();
+            ++interrupts;
+        }
+        QThread::msleep(kPollMs);
+    }
+    waiter.join();
+}
+
+// A refused automatic restart is told twice by the manager (the restart's own failure, then the
+// upgrade's "Auto reboot failed. Please reboot lidar manually."): one line here, with the
+// lidar's reason. Every other message of the restart is printed as it came.
+void reportRestartOutcome(const QStringList& messages) {
+    const QString designed = "error: Auto reboot failed. Please reboot lidar manually.";
+    if (!messages.contains(designed)) {
+        for (const QString& line : messages) printDiagnostic(line);
+        return;
+    }
+    static const QRegularExpression kReturnCode("ret_code: (-?\\d+)");
+    QString reason;
+    for (const QString& line : messages) {
+        if (!line.startsWith("error: ")) {
+            printDiagnostic(line);
+        } else if (line != designed && reason.isEmpty()) {
+            const QRegularExpressionMatch code = kReturnCode.match(line);
+            reason = code.hasMatch() ? readFailureText(code.captured(1).toInt()) : line.mid(7);
+        }
+    }
+    printDiagnostic(
+        "error: Auto reboot failed: the package was transmitted, but the lidar was not "
+        "restarted" +
+        (reason.isEmpty() ? QString() : " (" + reason + ")") + ". Please reboot lidar manually.");
 }
 
 void reportJson(Session& session, const QJsonObject& object) {
@@ -120,6 +180,20 @@ void reportJson(Session& session, const QJsonObject& object) {
 }
 
 }  // namespace
+
+QString unwritableFolder(const QString& folder) {
+    const QFileInfo info(folder);
+    if (!info.exists()) return "no such folder: " + folder;
+    if (!info.isDir()) return folder + " is not a folder";
+    // Asked of the file system itself: permission bits say nothing of a read-only mount or /proc.
+    const QByteArray probe = QFile::encodeName(folder + "/.lidarutil-write-probe-" +
+                                               QString::number(QCoreApplication::applicationPid()));
+    const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    if (fd < 0) return "cannot write into " + folder + ": " + writeRefusal(errno);
+    ::close(fd);
+    ::unlink(probe.constData());
+    return QString();
+}
 
 int commandUpgrade(Session& session) {
     const QStringList& arguments = session.options().arguments;
@@ -166,15 +240,20 @@ int commandUpgrade(Session& session) {
     }
     printDiagnostic("upgrading with " + package.fileName() + " (" + sizeText(package.size()) +
                     ") ...");
+    // Covers the restart's pause too: a Ctrl-C there must reach the manager, not end lidarutil.
+    InterruptGuard guard;
     followUpgrade(manager, upgradingChanges);
-    session.releaseMessages();
-    // The worker ends after its outcome: on the network models the restart 10 s later.
-    manager.waitForWorkers();
+    session.printHeldMessages();
+    const int errorsAfterTransfer = session.errorCount();
+    followRestart(manager);
+    reportRestartOutcome(session.takeHeldMessages());
     if (!transferred.seen()) explainTransferFailure(manager);
+    const bool restarted = transferred.seen() && session.errorCount() == errorsAfterTransfer;
     reportJson(session, {{"package", package.absoluteFilePath()},
                          {"bytes", package.size()},
-                         {"transferred", transferred.seen()}});
-    return transferred.seen() ? kExitOk : kExitFailed;
+                         {"transferred", transferred.seen()},
+                         {"restarted", restarted}});
+    return restarted ? kExitOk : kExitFailed;
 }
 
 void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
@@ -235,12 +314,13 @@ int commandLog(Session& session) {
         return usageError(session.options().model + " has no log '" + name +
                           "'; its logs are: " + logs.join(", "));
     const QDir folder(session.options().dir.isEmpty() ? "." : session.options().dir);
-    if (QString problem = unwritableTarget(folder.absolutePath()); !problem.isEmpty())
+    if (QString problem = unwritableFolder(folder.absolutePath()); !problem.isEmpty())
         return usageError(problem);
     if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
-    SuccessWatch saved(manager, name + " download successful.");
+    const QString successLine = name + " download successful.";
+    SuccessWatch saved(manager, successLine);
     // The file's name has a resolution of one second: a download in the same second as an
     // earlier one writes the same file again, so the file is found by its time, not its name.
     const QDateTime started = QDateTime::currentDateTime().addSecs(-1);
@@ -251,7 +331,10 @@ int commandLog(Session& session) {
     QObject::connect(
         &manager, &LidarUtilitiesManager::downloadFinished, &context,
         [&finished] { finished.store(true); }, Qt::DirectConnection);
+    // The manager calls any answer a success: its messages wait until the answer is judged.
+    session.holdMessages();
     if (manager.DownloadLog(QUrl::fromLocalFile(folder.absolutePath()), name) != 0) {
+        session.releaseMessages();
         printDiagnostic("error: the lidar is busy (an upgrade or a log download runs)");
         return kExitFailed;
     }
@@ -264,15 +347,21 @@ int commandLog(Session& session) {
     manager.waitForWorkers();
 
     const QFileInfoList written = folder.entryInfoList({name + "_*.bin"}, QDir::Files, QDir::Time);
-    if (!saved.seen() || session.errorCount() != errorsBefore || written.isEmpty() ||
-        written.front().lastModified() < started)
-        return kExitFailed;
-    const QFileInfo& file = written.front();
-    // Any answer but "no reply" is saved; a refusal is an empty or partial file, not a log.
+    const bool fresh = !written.isEmpty() && written.front().lastModified() >= started;
+    // Any answer but "no reply" is saved; a refusal is a status, not a log.
     const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
-    if (client && client->GetLastReturnCode() > 0) {
-        printDiagnostic("error: " + readFailureText(client->GetLastReturnCode()) +
-                        "; the file holds the reply as it came: " + file.absoluteFilePath());
+    const int refusal = client ? client->GetLastReturnCode() : 0;
+    QStringList messages = session.takeHeldMessages();
+    if (refusal > 0) messages.removeAll(successLine);
+    for (const QString& line : messages) printDiagnostic(line);
+    if (!saved.seen() || session.errorCount() != errorsBefore || !fresh) return kExitFailed;
+    const QFileInfo& file = written.front();
+    if (refusal > 0) {
+        const bool empty = file.size() == 0 && QFile::remove(file.absoluteFilePath());
+        printDiagnostic(
+            "error: " + name + " not downloaded: " + readFailureText(refusal) +
+            (empty ? QString("; no file was kept")
+                   : "; the file holds the reply as it came: " + file.absoluteFilePath()));
         return kExitFailed;
     }
     reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
@@ -306,29 +395,54 @@ QStringList partsNotGiven(const std::vector<int>& results) {
     return missing;
 }
 
-// After a failed operation log nothing at the user's path may pass for the whole log. The parts
-// are kept: in the work folder when the manager left it, else in the archive, renamed as
-// incomplete. Says where they are.
-void setAsideIncompleteArchive(const QString& archive) {
-    const QString workFolder = LidarUtilitiesManager::operationLogWorkFolder();
-    if (QDir(workFolder).exists() && !QDir(workFolder).isEmpty()) {
-        QFile::remove(archive);
-        printDiagnostic("error: no archive was kept at " + archive +
-                        "; the parts that came are in " + workFolder);
+// Where the manager packs: beside the archive, under a hidden name of this run (".tar" at the
+// end, so that the manager adds nothing). The archive itself is replaced only by a whole log.
+QString packingPathOf(const QString& archive) {
+    const QFileInfo target(archive);
+    return target.absolutePath() + "/." + target.fileName() + ".lidarutil-" +
+           QString::number(QCoreApplication::applicationPid()) + ".tar";
+}
+
+// Moves `from` to `to` in one step, replacing a file there; a reason when it could not.
+QString moveIntoPlace(const QString& from, const QString& to) {
+    if (::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0)
+        return QString();
+    return QString::fromLocal8Bit(std::strerror(errno));
+}
+
+// After a failed operation log nothing at the user's path may pass for the whole log, and an
+// archive already there stays as it was. The parts that came are kept in NAME.incomplete.tar
+// (which holds only this run's parts); says where they are, or that none is kept.
+void keepPartsThatCame(const QString& packing, const QString& archive,
+                       const std::vector<int>& results) {
+    QStringList came;
+    for (size_t n = 0; n < results.size() && n < std::size(kOperationLogParts); ++n)
+        if (results[n] == 0) came << kOperationLogParts[n];
+    const QFileInfo packed(packing);
+    if (!came.isEmpty() && packed.isFile() && packed.size() > 0) {
+        const QString incomplete = archive.left(archive.size() - 4) + ".incomplete.tar";
+        const QString problem = moveIntoPlace(packing, incomplete);
+        if (problem.isEmpty()) {
+            printDiagnostic("error: the operation log is incomplete; the parts that came (" +
+                            came.join(", ") + ") are kept in " + incomplete);
+            return;
+        }
+        printDiagnostic("error: the operation log is incomplete; the parts that came (" +
+                        came.join(", ") + ") are kept in " + packing + " (not moved to " +
+                        incomplete + ": " + problem + ")");
         return;
     }
-    if (!QFileInfo(archive).isFile()) {
+    QFile::remove(packing);
+    if (results.empty())
         printDiagnostic("error: no archive was written at " + archive);
-        return;
-    }
-    const QString incomplete = archive.left(archive.size() - 4) + ".incomplete.tar";
-    QFile::remove(incomplete);
-    if (QFile::rename(archive, incomplete))
-        printDiagnostic("error: the archive is incomplete; the parts that came are kept as " +
-                        incomplete);
+    else if (came.isEmpty())
+        printDiagnostic("error: no part of the operation log came; no archive was written at " +
+                        archive);
     else
-        printDiagnostic("error: the archive at " + archive +
-                        " is incomplete and could not be renamed");
+        printDiagnostic(
+            "error: the parts were not packed (tar failed or could not be started); "
+            "no archive was written at " +
+            archive);
 }
 
 }  // namespace
@@ -337,12 +451,16 @@ int commandOperationLog(Session& session) {
     if (overSerialLines(session)) return refuseOverSerialLines(session, "oplog");
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("oplog takes one archive path");
-    if (arguments.front().trimmed().isEmpty())
+    const QString& argument = arguments.front();
+    if (argument.trimmed().isEmpty())
         return usageError("oplog needs an archive path (an empty one names no file)");
-    const QString archive = archivePathOf(arguments.front());
-    if (QString problem = unwritableTarget(QFileInfo(archive).absolutePath()); !problem.isEmpty())
+    // "DIR/" and "DIR" would become DIR/.tar and DIR.tar: a folder is not an archive's name.
+    const QString archive = archivePathOf(argument);
+    if (argument.endsWith('/') || QFileInfo(argument).isDir() || QFileInfo(archive).isDir())
+        return usageError(argument + " is a folder; oplog needs the archive's file name (" +
+                          QDir(argument).filePath("operation-log.tar") + ", for example)");
+    if (QString problem = unwritableFolder(QFileInfo(archive).absolutePath()); !problem.isEmpty())
         return usageError(problem);
-    if (QFileInfo(archive).isDir()) return usageError(archive + " is a folder, not an archive");
     if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
@@ -351,7 +469,12 @@ int commandOperationLog(Session& session) {
     QObject::connect(
         &manager, &LidarUtilitiesManager::downloadOperationLogFinished, &context,
         [&outcome](bool ok) { outcome.store(ok ? 1 : 0); }, Qt::DirectConnection);
-    if (manager.DownloadOperationLog(QUrl::fromLocalFile(archive)) != 0) {
+    const QString packing = packingPathOf(archive);
+    // The manager counts a part the lidar refused as fetched: its outcome waits for the parts
+    // to be judged.
+    session.holdMessages();
+    if (manager.DownloadOperationLog(QUrl::fromLocalFile(packing)) != 0) {
+        session.releaseMessages();
         printDiagnostic("error: the lidar is busy (an upgrade or a log download runs)");
         return kExitFailed;
     }
@@ -362,20 +485,31 @@ int commandOperationLog(Session& session) {
     }
     progress.finish(0, 0);
     manager.waitForWorkers();
-    // The manager counts a part the lidar refused (an empty file) as fetched; here it is not.
-    const QStringList missing = partsNotGiven(manager.getLastOperationLogResults());
-    const QFileInfo file(archive);
+    const std::vector<int> results = manager.getLastOperationLogResults();
+    const QStringList missing = partsNotGiven(results);
+    const QFileInfo packed(packing);
     // tar's exit code is not what the manager judges: an empty or absent archive is a failure.
-    const bool archived = outcome.load() == 1 && file.isFile() && file.size() > 0;
-    if (!archived || !missing.isEmpty()) {
-        for (const QString& part : missing) printDiagnostic("error: part not given, " + part);
-        setAsideIncompleteArchive(archive);
+    const bool whole =
+        outcome.load() == 1 && missing.isEmpty() && packed.isFile() && packed.size() > 0;
+    const QString moveProblem = whole ? moveIntoPlace(packing, archive) : QString();
+    QStringList messages = session.takeHeldMessages();
+    if (!whole || !moveProblem.isEmpty()) messages.removeAll("Operation log download successful.");
+    for (const QString& line : messages) printDiagnostic(line);
+    if (whole && moveProblem.isEmpty()) {
+        const QFileInfo file(archive);
+        reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
+        if (!session.options().json)
+            printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
+        return kExitOk;
+    }
+    if (whole) {
+        printDiagnostic("error: the operation log could not be moved to " + archive + ": " +
+                        moveProblem + "; it is kept as " + packing);
         return kExitFailed;
     }
-    reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
-    if (!session.options().json)
-        printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
-    return kExitOk;
+    for (const QString& part : missing) printDiagnostic("error: part not given, " + part);
+    keepPartsThatCame(packing, archive, results);
+    return kExitFailed;
 }
 
 }  // namespace cli

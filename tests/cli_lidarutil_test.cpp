@@ -360,54 +360,94 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
     EXPECT_TRUE(oplog.out.contains("/ops.tar (")) << oplog.out.toStdString();
     EXPECT_TRUE(testsupport::FileExists(dir.file("ops.tar")));
+    // Packed under a name of its own and moved into place: nothing of that name is left.
+    EXPECT_TRUE(QDir(QString::fromStdString(dir.path()))
+                    .entryList({".*"}, QDir::Files | QDir::Hidden)
+                    .isEmpty());
 }
 
-// A download that cannot be kept whole says so last, and leaves nothing that passes for the log.
-TEST(Lidarutil, LogsThatCannotBeKeptWholeAreFailures) {
-    // A folder nothing can be written into (not even by root): refused before connecting.
-    for (const QStringList& arguments :
-         {QStringList{"log", "Device Log", "--dir", "/proc"}, QStringList{"oplog", "/proc/ops"},
-          QStringList{"oplog", ""}, QStringList{"oplog", "/no/such/folder/ops"}}) {
+// A target that cannot be written, or a path that names no file, is refused before connecting:
+// status 2, the cause in words, the same for every command that writes.
+TEST(Lidarutil, TransferTargetsAndArgumentsAreCheckedBeforeConnecting) {
+    testsupport::TempDir dir;
+    const QString folder = QString::fromStdString(dir.path());
+    testsupport::WriteFile(dir.file("fw.bin"), "firmware");
+    const QString file = QString::fromStdString(dir.file("fw.bin"));
+    const std::pair<QStringList, QString> refusals[] = {
+        {{"log", "Device Log", "--dir", "/proc"},
+         "lidarutil: cannot write into /proc: the folder takes no new files"},
+        {{"oplog", "/proc/ops"},
+         "lidarutil: cannot write into /proc: the folder takes no new files"},
+        {{"monitor", "--record", "/sys"}, "lidarutil: cannot write into /sys: permission denied"},
+        {{"log", "Device Log", "--dir", file}, "lidarutil: " + file + " is not a folder"},
+        {{"monitor", "--record", folder + "/missing"},
+         "lidarutil: no such folder: " + folder + "/missing"},
+        {{"oplog", "/no/such/folder/ops"}, "lidarutil: no such folder: /no/such/folder"},
+        {{"oplog", ""}, "lidarutil: oplog needs an archive path"},
+        {{"oplog", folder}, "lidarutil: " + folder + " is a folder; oplog needs the archive's"},
+        {{"oplog", folder + "/"}, "lidarutil: " + folder + "/ is a folder; oplog needs the"},
+        {{"upgrade", ""}, "needs a package file (an empty name names none)"},
+        {{"--host", "127.0.0.1", "--port", "abc", "info"},
+         "--port: needs a port number (1-65535), and 'abc' is not a number"},
+        {{"--host", "127.0.0.1", "--port", "70000", "info"},
+         "--port: needs a port number from 1 to 65535, not 70000"},
+    };
+    for (const auto& [arguments, said] : refusals) {
         const Outcome refused = lidarutil(arguments);
         EXPECT_EQ(refused.exitCode, 2) << arguments.join(' ').toStdString();
+        EXPECT_TRUE(refused.err.contains(said)) << refused.err.toStdString();
         EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
-        EXPECT_FALSE(refused.err.contains("successful")) << refused.err.toStdString();
     }
-    EXPECT_TRUE(lidarutil({"oplog", "/proc/ops"}).err.contains("cannot write into /proc"));
-    EXPECT_TRUE(lidarutil({"oplog", ""}).err.contains("oplog needs an archive path"));
+    EXPECT_EQ(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              QStringList{"fw.bin"});
+}
 
-    // The lidar refuses every part: the manager packs four empty files and calls it a success.
+// A download that cannot be kept whole says so last, never "successful", and leaves nothing that
+// passes for the log; an archive already at the path stays as it was.
+TEST(Lidarutil, LogsThatCannotBeKeptWholeAreFailures) {
     testsupport::TempDir dir;
+    const QString folder = QString::fromStdString(dir.path());
+    const QString archive = folder + "/ops.tar";
+    testsupport::WriteFile(dir.file("ops.tar"), "an earlier log");
+
+    // The lidar refuses every request of a log: the manager saves or packs the empty answers and
+    // calls them a success.
     const SimulatorProcess refusing("Egret", {"0x75:status=2"});
-    const Outcome refused = lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "oplog",
-                                       QString::fromStdString(dir.file("ops"))});
+    const Outcome refused =
+        lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "oplog", folder + "/ops"});
     EXPECT_EQ(refused.exitCode, 1);
     for (const char* part : {"bsw_warning", "asw_warning", "bsw_error", "asw_error"})
         EXPECT_TRUE(refused.err.contains(QString("error: part not given, ") + part +
                                          ": the lidar answered with status 2 (unknown command)"))
             << part << "\n"
             << refused.err.toStdString();
-    EXPECT_TRUE(lines(refused.err)
-                    .last()
-                    .contains("the archive is incomplete; the parts that came are kept as " +
-                              QString::fromStdString(dir.file("ops.incomplete.tar"))))
-        << refused.err.toStdString();
-    EXPECT_FALSE(testsupport::FileExists(dir.file("ops.tar")));
-    EXPECT_TRUE(testsupport::FileExists(dir.file("ops.incomplete.tar")));
-    EXPECT_TRUE(refused.out.isEmpty());
+    EXPECT_EQ(lines(refused.err).last(),
+              "error: no part of the operation log came; no archive was written at " + archive);
+    const Outcome log = lidarutil(
+        {"--host", "127.0.0.1", "--port", refusing.port(), "log", "Device Log", "--dir", folder});
+    EXPECT_EQ(log.exitCode, 1);
+    EXPECT_EQ(lines(log.err).last(),
+              "error: Device Log not downloaded: the lidar answered with status 2 (unknown "
+              "command); no file was kept");
+    for (const Outcome& failed : {refused, log}) {
+        EXPECT_FALSE(failed.err.contains("successful")) << failed.err.toStdString();
+        EXPECT_TRUE(failed.out.isEmpty());
+    }
 
-    // No reply at all: the manager fails and keeps the parts in its work folder; the archive tar
-    // built from them goes.
+    // No complete reply: the manager fails and keeps its work folder, which is not named (the
+    // next successful run deletes it).
     const SimulatorProcess silent("Egret", {"0x75:close-mid-reply"});
-    const Outcome lost = lidarutil({"--host", "127.0.0.1", "--port", silent.port(), "oplog",
-                                    QString::fromStdString(dir.file("lost"))});
+    const Outcome lost =
+        lidarutil({"--host", "127.0.0.1", "--port", silent.port(), "oplog", folder + "/ops"});
     EXPECT_EQ(lost.exitCode, 1);
-    const QString workFolder = QDir::homePath() + "/Documents/operation_log";
-    EXPECT_TRUE(lines(lost.err).last().endsWith("the parts that came are in " + workFolder))
-        << lost.err.toStdString();
-    EXPECT_FALSE(testsupport::FileExists(dir.file("lost.tar")));
-    EXPECT_EQ(QDir(workFolder).entryList(QDir::Files).size(), 4);
-    QDir(workFolder).removeRecursively();
+    EXPECT_TRUE(lost.err.contains("error: Operation log download failed.\n"));
+    EXPECT_EQ(lines(lost.err).last(),
+              "error: no part of the operation log came; no archive was written at " + archive);
+    QDir(QDir::homePath() + "/Documents/operation_log").removeRecursively();
+
+    EXPECT_EQ(testsupport::ReadFile(dir.file("ops.tar")), "an earlier log");
+    EXPECT_EQ(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              QStringList{"ops.tar"});
 }
 
 TEST(Lidarutil, RefusesBadArgumentsBeforeConnectingAndEndsAWatchThatGetsNoValue) {
@@ -626,18 +666,54 @@ TEST(Lidarutil, TransferOutcomesComeLastAndSayWhy) {
     testsupport::WriteFile(dir.file("fw.bin"), std::string(20 * 1024, '\x5A'));
     const QString package = QString::fromStdString(dir.file("fw.bin"));
 
-    // The restart after the transfer is refused: the upgrade is done, the user reboots by hand.
+    // The restart after the transfer is refused: one error line says so, and the upgrade is not
+    // the success it would be with a restarted lidar.
     const SimulatorProcess noRestart("Egret", {"0x10:status=5"});
-    const Outcome upgraded =
-        lidarutil({"--host", "127.0.0.1", "--port", noRestart.port(), "upgrade", package});
-    EXPECT_EQ(upgraded.exitCode, 0) << upgraded.err.toStdString();
+    const QStringList upgrade{"--host",         "127.0.0.1", "--port",
+                              noRestart.port(), "upgrade",   package};
+    const Outcome upgraded = lidarutil(upgrade);
+    EXPECT_EQ(upgraded.exitCode, 1) << upgraded.err.toStdString();
     const QStringList said = lines(upgraded.err);
     const int finalProgress = said.indexOf("upgrade: 100% (20/20 KiB)");
     const int outcome = said.indexOf(
         "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 "
         "seconds.");
     EXPECT_TRUE(finalProgress >= 0 && finalProgress < outcome) << upgraded.err.toStdString();
-    EXPECT_EQ(said.last(), "error: Auto reboot failed. Please reboot lidar manually.");
+    EXPECT_EQ(said.filter(QRegularExpression("^error: ")),
+              QStringList{"error: Auto reboot failed: the package was transmitted, but the lidar "
+                          "was not restarted (the lidar answered with status 5 (device "
+                          "failure)). Please reboot lidar manually."});
+    EXPECT_EQ(said.last(), said.filter(QRegularExpression("^error: ")).value(0));
+
+    // Ctrl-C in the pause before the restart warns; a second one stops the manager, which says
+    // that it sent no restart (the refusing lidar's answer would have said otherwise). A lidar
+    // holding a package that waits for its restart takes no other: a fresh one.
+    const SimulatorProcess fresh("Egret", {"0x10:status=5"});
+    QProcess interrupted;
+    interrupted.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    interrupted.start(LIDAR_BINARY_DIR "/cli/lidarutil",
+                      {"--host", "127.0.0.1", "--port", fresh.port(), "upgrade", package});
+    QString err;
+    const auto waitFor = [&](const QString& text) {
+        for (int waited = 0; !err.contains(text) && waited < 100; ++waited) {
+            interrupted.waitForReadyRead(100);
+            err += QString::fromUtf8(interrupted.readAllStandardError());
+        }
+        return err.contains(text);
+    };
+    ASSERT_TRUE(waitFor("within 10 seconds.")) << err.toStdString();
+    ::kill(static_cast<pid_t>(interrupted.processId()), SIGINT);
+    ASSERT_TRUE(waitFor("press Ctrl-C again to abandon the restart")) << err.toStdString();
+    ::kill(static_cast<pid_t>(interrupted.processId()), SIGINT);
+    ASSERT_TRUE(interrupted.waitForFinished(5000));
+    err += QString::fromUtf8(interrupted.readAllStandardError());
+    EXPECT_EQ(interrupted.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(interrupted.exitCode(), 1);
+    EXPECT_EQ(lines(err).last(),
+              "error: Upgrade abandoned before the automatic reboot: the package was transmitted, "
+              "but the lidar was not restarted. Please reboot lidar manually.")
+        << err.toStdString();
+    EXPECT_FALSE(err.contains("Auto reboot failed")) << err.toStdString();
 
     // The Wren's serial transfer refused: the design's code, then what it means.
     const SerialSimulatorProcess wren({"0x05:status=4"});

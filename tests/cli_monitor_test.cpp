@@ -344,14 +344,6 @@ TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {
     const QString err = QString::fromUtf8(recording.readAllStandardError());
     EXPECT_TRUE(err.contains("Monitor record saved:\n" + path)) << err.toStdString();
     EXPECT_GE(fileLines(path).size(), 3);
-
-    const Outcome missing = lidarutil({"monitor", "--record", dir + "/missing"});
-    EXPECT_EQ(missing.exitCode, 2);
-    EXPECT_TRUE(missing.err.contains("is not a folder"));
-    const Outcome unwritable = lidarutil({"monitor", "--record", "/proc", "--duration", "2"});
-    EXPECT_EQ(unwritable.exitCode, 1);
-    EXPECT_TRUE(unwritable.err.contains("error: Failed to create monitor record file"))
-        << unwritable.err.toStdString();
 }
 
 }  // namespace
