@@ -387,6 +387,7 @@ TEST(Lidarutil, TransferTargetsAndArgumentsAreCheckedBeforeConnecting) {
         {{"oplog", folder}, "lidarutil: " + folder + " is a folder; oplog needs the archive's"},
         {{"oplog", folder + "/"}, "lidarutil: " + folder + "/ is a folder; oplog needs the"},
         {{"upgrade", ""}, "needs a package file (an empty name names none)"},
+        {{"upgrade", folder}, "lidarutil: cannot read the package " + folder},
         {{"--host", "127.0.0.1", "--port", "abc", "info"},
          "--port: needs a port number (1-65535), and 'abc' is not a number"},
         {{"--host", "127.0.0.1", "--port", "70000", "info"},
