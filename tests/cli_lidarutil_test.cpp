@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <tuple>
 
 #include "../cli/progress.h"
 #include "cli_support.h"
@@ -456,6 +457,19 @@ TEST(Lidarutil, SetRefusalsNameTheLimitsAndTheRealReason) {
     EXPECT_EQ(scaled.exitCode, 2);
     EXPECT_TRUE(scaled.err.contains("beyond what a int32 holds: -2147483.648 to 2147483.647"))
         << scaled.err.toStdString();
+    // The writer would cut a fraction toward zero: lidarutil refuses it before connecting.
+    for (const auto& [model, edit, reason] :
+         {std::tuple<QString, QString, QString>{
+              "Egret", "Data Port=1.5",
+              "Data Port: '1.5' has a fraction; a uint16 holds whole numbers"},
+          {"Plover", "Azimuth Offset=1.0005",
+           "Azimuth Offset: '1.0005' has a fraction; a int32 holds whole steps of 0.001"}}) {
+        const Outcome cut = lidarutil({"--model", model, "set", edit});
+        EXPECT_EQ(cut.exitCode, 2) << edit.toStdString();
+        EXPECT_TRUE(cut.err.contains(reason)) << cut.err.toStdString();
+        EXPECT_TRUE(cut.err.contains("nothing was sent")) << cut.err.toStdString();
+        EXPECT_FALSE(cut.err.contains("connecting")) << cut.err.toStdString();
+    }
     const Outcome notANumber = lidarutil({"set", "Data Port=abc"});
     EXPECT_EQ(notANumber.exitCode, 2);
     EXPECT_FALSE(notANumber.err.contains("beyond")) << notANumber.err.toStdString();

@@ -234,4 +234,16 @@ TEST(ValueParsers, TypeRangeIsNamedForNumbersTheTypeCannotHold) {
     for (const char* text : {"12.25", "abc", "1e30"}) EXPECT_FALSE(decimalInTenths(text, tenths));
 }
 
+// The front end refuses what the integer writer would cut: a fraction of the variable's step.
+TEST(ValueParsers, AFractionOfAnIntegerStepIsNamedWithTheStep) {
+    EXPECT_EQ(stepIfFractionCut("uint16", "1.5", 1), "1");
+    EXPECT_EQ(stepIfFractionCut("int32", "1.0005", 0.001f), "0.001");
+    EXPECT_EQ(stepIfFractionCut("int16", "0.05", -0.1f), "0.1");
+    for (const auto& [type, text] : {std::pair<const char*, const char*>{"uint16", "2.0e3"},
+                                     {"float32", "1.5"},
+                                     {"int8", "abc"},
+                                     {"int8", "-12.3e1"}})
+        EXPECT_EQ(stepIfFractionCut(type, text, 0.1f), "") << type << " " << text;
+}
+
 }  // namespace
