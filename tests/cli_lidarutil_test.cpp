@@ -550,6 +550,17 @@ TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
         EXPECT_TRUE(inverted.err.contains("region 1 would start at")) << inverted.err.toStdString();
         EXPECT_FALSE(inverted.err.contains("field of view written"));
     }
+    // The report tells what changed from what the lidar held already, mode and bounds alike.
+    for (const auto& [arguments, report] :
+         {std::pair<QStringList, QString>{{"fov", "mode=0", "0=15"},
+                                          "written: region 1 start 15.0; already so, unchanged: "
+                                          "mode 0; the lidar confirms it"},
+          {{"fov", "mode=Regions", "5=360"},
+           "written: mode 1; already so, unchanged: region 1 end 360.0; the lidar confirms it"}}) {
+        const Outcome partly = lidarutil(arguments);
+        EXPECT_EQ(partly.exitCode, 0) << partly.err.toStdString();
+        EXPECT_TRUE(partly.err.contains("field of view " + report)) << partly.err.toStdString();
+    }
     const Outcome onePoint = lidarutil({"fov", "0=90", "5=90"});
     EXPECT_EQ(onePoint.exitCode, 0) << onePoint.err.toStdString();
 
