@@ -391,13 +391,23 @@ QVector<int64_t> boundsAfterEdits(LidarUtilitiesManager& manager, const FovEdits
     return tenths;
 }
 
-// A region must not start after its end: the first region that would, in words.
+// A region must not start after its end: the first region that would, in words, with how to
+// write it. The wire format has no wrap-around, so a region across 0° is two regions.
 QString invertedRegion(const QVector<int64_t>& tenths) {
-    for (int r = 0; r < kFovRegions; ++r)
-        if (tenths[r] > tenths[kFovRegions + r])
-            return "fov: region " + QString::number(r + 1) + " would start at " +
-                   tenthsText(tenths[r]) + ", after its end " +
-                   tenthsText(tenths[kFovRegions + r]) + "; nothing was sent";
+    for (int r = 0; r < kFovRegions; ++r) {
+        if (tenths[r] <= tenths[kFovRegions + r]) continue;
+        const int other = (r + 1) % kFovRegions;
+        const QString start = tenthsText(tenths[r]);
+        const QString end = tenthsText(tenths[kFovRegions + r]);
+        return "fov: region " + QString::number(r + 1) + " would start at " + start +
+               ", after its end " + end +
+               "; a region runs up from its start, so one that crosses 0 degrees is two "
+               "regions, " +
+               start + " to 360.0 and 0.0 to " + end + " (for instance fov " + QString::number(r) +
+               "=" + start + " " + QString::number(kFovRegions + r) + "=360.0 " +
+               QString::number(other) + "=0.0 " + QString::number(kFovRegions + other) + "=" + end +
+               "); nothing was sent";
+    }
     return QString();
 }
 

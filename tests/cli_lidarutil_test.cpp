@@ -550,6 +550,19 @@ TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
         EXPECT_TRUE(inverted.err.contains("region 1 would start at")) << inverted.err.toStdString();
         EXPECT_FALSE(inverted.err.contains("field of view written"));
     }
+    // A region across 0 is two regions; the refusal says how, and its example is accepted.
+    for (const auto& [arguments, advice] :
+         {std::pair<QStringList, QString>{{"fov", "0=350", "5=10"},
+                                          "two regions, 350.0 to 360.0 and 0.0 to 10.0 (for "
+                                          "instance fov 0=350.0 5=360.0 1=0.0 6=10.0)"},
+          {{"fov", "4=300", "9=5"}, "(for instance fov 4=300.0 9=360.0 0=0.0 5=5.0)"}}) {
+        const Outcome across = lidarutil(arguments);
+        EXPECT_EQ(across.exitCode, 2);
+        EXPECT_TRUE(across.err.contains(advice + "; nothing was sent")) << across.err.toStdString();
+    }
+    const Outcome split = lidarutil({"fov", "0=350.0", "5=360.0", "1=0.0", "6=10.0"});
+    EXPECT_EQ(split.exitCode, 0) << split.err.toStdString();
+
     // The report tells what changed from what the lidar held already, mode and bounds alike.
     for (const auto& [arguments, report] :
          {std::pair<QStringList, QString>{{"fov", "mode=0", "0=15"},
