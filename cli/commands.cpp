@@ -391,48 +391,73 @@ QVector<int64_t> boundsAfterEdits(LidarUtilitiesManager& manager, const FovEdits
     return tenths;
 }
 
-// A region must not start after its end: the first region that would, in words.
+// A region must not start after its end: the first region that would, in words, with how to
+// write it. The wire format has no wrap-around, so a region across 0° is two regions.
 QString invertedRegion(const QVector<int64_t>& tenths) {
-    for (int r = 0; r < kFovRegions; ++r)
-        if (tenths[r] > tenths[kFovRegions + r])
-            return "fov: region " + QString::number(r + 1) + " would start at " +
-                   tenthsText(tenths[r]) + ", after its end " +
-                   tenthsText(tenths[kFovRegions + r]) + "; nothing was sent";
+    for (int r = 0; r < kFovRegions; ++r) {
+        if (tenths[r] <= tenths[kFovRegions + r]) continue;
+        const int other = (r + 1) % kFovRegions;
+        const QString start = tenthsText(tenths[r]);
+        const QString end = tenthsText(tenths[kFovRegions + r]);
+        return "fov: region " + QString::number(r + 1) + " would start at " + start +
+               ", after its end " + end +
+               "; a region runs up from its start, so one that crosses 0 degrees is two "
+               "regions, " +
+               start + " to 360.0 and 0.0 to " + end + " (for instance fov " + QString::number(r) +
+               "=" + start + " " + QString::number(kFovRegions + r) + "=360.0 " +
+               QString::number(other) + "=0.0 " + QString::number(kFovRegions + other) + "=" + end +
+               "); nothing was sent";
+    }
     return QString();
 }
 
-// True when the lidar already holds every bound and the mode asked for.
-bool fovAlreadyHeld(LidarUtilitiesManager& manager, const FovEdits& edits, int expectedMode) {
-    const QVariantList held = manager.getFovList();
-    for (const auto& [index, value] : edits.bounds)
-        if (held.value(index).toString() != value) return false;
-    const VarInfo* mode = fovModeVariable(manager);
-    return expectedMode < 0 ||
-           (mode != nullptr && manager.currentValueOf(mode) == QString::number(expectedMode));
+// The edits in words ("region 1 start 15.0", "mode 1"), split by whether the lidar held them.
+struct FovChanges {
+    QStringList changed;
+    QStringList alreadyHeld;
+};
+
+QString fovBoundText(int index, const QString& value) {
+    return "region " + QString::number(index % kFovRegions + 1) +
+           (index < kFovRegions ? " start " : " end ") + value;
 }
 
-// What the write changed, checked against what the lidar reports after it.
-QString fovWriteReport(LidarUtilitiesManager& manager, const FovEdits& edits, int expectedMode) {
-    const QVariantList bounds = manager.getFovList();
-    QStringList written;
-    QStringList differing;
-    for (const auto& [index, value] : edits.bounds) {
-        const QString bound = QString::number(value.toDouble(), 'f', 1);
-        const QString what = "region " + QString::number(index % kFovRegions + 1) +
-                             (index < kFovRegions ? " start " : " end ") + bound;
-        written << what;
-        if (bounds.value(index).toString() != bound)
-            differing << what + " (the lidar reports " + bounds.value(index).toString() + ")";
-    }
+FovChanges fovChanges(LidarUtilitiesManager& manager, const FovEdits& edits, int expectedMode) {
+    const QVariantList held = manager.getFovList();
+    FovChanges changes;
+    for (const auto& [index, value] : edits.bounds)
+        (held.value(index).toString() == value ? changes.alreadyHeld : changes.changed)
+            << fovBoundText(index, value);
     if (expectedMode >= 0) {
         const VarInfo* mode = fovModeVariable(manager);
-        written << "mode " + QString::number(expectedMode);
-        if (mode == nullptr || manager.currentValueOf(mode) != QString::number(expectedMode))
-            differing << "mode (the lidar reports " + fovModeText(manager) + ")";
+        const bool held =
+            mode != nullptr && manager.currentValueOf(mode) == QString::number(expectedMode);
+        (held ? changes.alreadyHeld : changes.changed) << "mode " + QString::number(expectedMode);
     }
-    return "field of view written: " + written.join(", ") +
-           (differing.isEmpty() ? "; the lidar confirms it"
-                                : "; the lidar does not confirm " + differing.join(", "));
+    return changes;
+}
+
+// What the write changed and what the lidar held already, checked against what the lidar
+// reports after it.
+QString fovWriteReport(LidarUtilitiesManager& manager, const FovEdits& edits, int expectedMode,
+                       const FovChanges& changes) {
+    const QVariantList bounds = manager.getFovList();
+    QStringList differing;
+    for (const auto& [index, value] : edits.bounds)
+        if (bounds.value(index).toString() != value)
+            differing << fovBoundText(index, value) + " (the lidar reports " +
+                             bounds.value(index).toString() + ")";
+    if (expectedMode >= 0) {
+        const VarInfo* mode = fovModeVariable(manager);
+        if (mode == nullptr || manager.currentValueOf(mode) != QString::number(expectedMode))
+            differing << "mode " + QString::number(expectedMode) + " (the lidar reports " +
+                             fovModeText(manager) + ")";
+    }
+    QString report = "field of view written: " + changes.changed.join(", ");
+    if (!changes.alreadyHeld.isEmpty())
+        report += "; already so, unchanged: " + changes.alreadyHeld.join(", ");
+    return report + (differing.isEmpty() ? "; the lidar confirms it"
+                                         : "; the lidar does not confirm " + differing.join(", "));
 }
 
 // ---- watch ----
@@ -631,7 +656,8 @@ int commandFov(Session& session) {
         if (QString problem = invertedRegion(boundsAfterEdits(manager, edits)); !problem.isEmpty())
             return usageError(problem);
     }
-    if (!edits.empty() && fovAlreadyHeld(manager, edits, expectedMode)) {
+    const FovChanges changes = fovChanges(manager, edits, expectedMode);
+    if (!edits.empty() && changes.changed.isEmpty()) {
         printDiagnostic("the lidar holds these values already; nothing was sent");
     } else if (!edits.empty()) {
         const int errorsBefore = session.errorCount();
@@ -650,7 +676,7 @@ int commandFov(Session& session) {
             return kExitFailed;
         }
         if (session.readModule(readModule) != ReadOutcome::kComplete) return kExitFailed;
-        printDiagnostic(fovWriteReport(manager, edits, expectedMode));
+        printDiagnostic(fovWriteReport(manager, edits, expectedMode, changes));
     }
     printFovTable(manager, session.options().json);
     return kExitOk;

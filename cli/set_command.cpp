@@ -84,7 +84,14 @@ QString encodingProblem(const VarInfo& var, const QString& value) {
         if (range.empty()) return refusal;
         return refusal + "; it is beyond what a " + qs(var.var_type) + " holds: " + qs(range);
     }
-    return QString();
+    // The manager's writer truncates a fraction toward zero, as designed; a person who types
+    // 1.5 for a port made a mistake, so lidarutil refuses it rather than write 1.
+    const std::string step = stepIfFractionCut(var.var_type, value.toStdString(), var.scale);
+    if (step.empty()) return QString();
+    const QString kept =
+        step == "1" ? QString("whole numbers") : "whole steps of " + qs(step) + " (its scale)";
+    return name + ": '" + value + "' has a fraction; a " + qs(var.var_type) + " holds " + kept +
+           " and would be written cut toward zero";
 }
 
 // "1 to 4094": the catalogue's limits of a variable.

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <tuple>
 
 #include "../cli/progress.h"
 #include "cli_support.h"
@@ -497,6 +498,19 @@ TEST(Lidarutil, SetRefusalsNameTheLimitsAndTheRealReason) {
     EXPECT_EQ(scaled.exitCode, 2);
     EXPECT_TRUE(scaled.err.contains("beyond what a int32 holds: -2147483.648 to 2147483.647"))
         << scaled.err.toStdString();
+    // The writer would cut a fraction toward zero: lidarutil refuses it before connecting.
+    for (const auto& [model, edit, reason] :
+         {std::tuple<QString, QString, QString>{
+              "Egret", "Data Port=1.5",
+              "Data Port: '1.5' has a fraction; a uint16 holds whole numbers"},
+          {"Plover", "Azimuth Offset=1.0005",
+           "Azimuth Offset: '1.0005' has a fraction; a int32 holds whole steps of 0.001"}}) {
+        const Outcome cut = lidarutil({"--model", model, "set", edit});
+        EXPECT_EQ(cut.exitCode, 2) << edit.toStdString();
+        EXPECT_TRUE(cut.err.contains(reason)) << cut.err.toStdString();
+        EXPECT_TRUE(cut.err.contains("nothing was sent")) << cut.err.toStdString();
+        EXPECT_FALSE(cut.err.contains("connecting")) << cut.err.toStdString();
+    }
     const Outcome notANumber = lidarutil({"set", "Data Port=abc"});
     EXPECT_EQ(notANumber.exitCode, 2);
     EXPECT_FALSE(notANumber.err.contains("beyond")) << notANumber.err.toStdString();
@@ -576,6 +590,30 @@ TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
         EXPECT_EQ(inverted.exitCode, 2) << arguments.join(' ').toStdString();
         EXPECT_TRUE(inverted.err.contains("region 1 would start at")) << inverted.err.toStdString();
         EXPECT_FALSE(inverted.err.contains("field of view written"));
+    }
+    // A region across 0 is two regions; the refusal says how, and its example is accepted.
+    for (const auto& [arguments, advice] :
+         {std::pair<QStringList, QString>{{"fov", "0=350", "5=10"},
+                                          "two regions, 350.0 to 360.0 and 0.0 to 10.0 (for "
+                                          "instance fov 0=350.0 5=360.0 1=0.0 6=10.0)"},
+          {{"fov", "4=300", "9=5"}, "(for instance fov 4=300.0 9=360.0 0=0.0 5=5.0)"}}) {
+        const Outcome across = lidarutil(arguments);
+        EXPECT_EQ(across.exitCode, 2);
+        EXPECT_TRUE(across.err.contains(advice + "; nothing was sent")) << across.err.toStdString();
+    }
+    const Outcome split = lidarutil({"fov", "0=350.0", "5=360.0", "1=0.0", "6=10.0"});
+    EXPECT_EQ(split.exitCode, 0) << split.err.toStdString();
+
+    // The report tells what changed from what the lidar held already, mode and bounds alike.
+    for (const auto& [arguments, report] :
+         {std::pair<QStringList, QString>{{"fov", "mode=0", "0=15"},
+                                          "written: region 1 start 15.0; already so, unchanged: "
+                                          "mode 0; the lidar confirms it"},
+          {{"fov", "mode=Regions", "5=360"},
+           "written: mode 1; already so, unchanged: region 1 end 360.0; the lidar confirms it"}}) {
+        const Outcome partly = lidarutil(arguments);
+        EXPECT_EQ(partly.exitCode, 0) << partly.err.toStdString();
+        EXPECT_TRUE(partly.err.contains("field of view " + report)) << partly.err.toStdString();
     }
     const Outcome onePoint = lidarutil({"fov", "0=90", "5=90"});
     EXPECT_EQ(onePoint.exitCode, 0) << onePoint.err.toStdString();

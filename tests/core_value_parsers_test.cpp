@@ -61,6 +61,9 @@ TEST(ValueParsers, IntParserRangeTruncationScaleAndWidths) {
     EXPECT_EQ(rejection(IntParser(1), "nan"), "IntParser: contains an illegal number, error:nan");
     // Qt accepts a subnormal number that stof reports as out of range.
     EXPECT_EQ(rejection(IntParser(1), "1e-40"), "IntParser: stof() failed, error:stof");
+    // Below even a subnormal, Qt's conversion fails too: not numeric, as designed.
+    EXPECT_EQ(rejection(IntParser(1), "1e-50"),
+              "IntParser: contains an illegal number, error:1e-50");
     // A zero scale makes every value infinite.
     EXPECT_EQ(rejection(IntParser(1), "1", 0.0f), "IntParser: contains an illegal number, error:1");
     // The range is tested before the width; the width message keeps its lower-case "i".
@@ -171,8 +174,12 @@ TEST(ValueParsers, FloatsRejectWhatTheTypeCannotHold) {
         EXPECT_EQ(rejection(DoubleParser(), text),
                   std::string("DoubleParser: contains an illegal number, error:") + text);
     }
-    EXPECT_EQ(rejection(FloatParser(), "3e38", 0.5f),
-              "FloatParser: stof() out of range, error:stof");
+    for (const float scale : {0.5f, 0.25f})  // 6e38 rounds past the largest float; 1.2e39 is past
+        EXPECT_EQ(rejection(FloatParser(), "3e38", scale),
+                  "FloatParser: stof() out of range, error:stof");
+    // The number test is a float conversion even for a double, as designed.
+    EXPECT_EQ(rejection(DoubleParser(), "1e39"),
+              "DoubleParser: contains an illegal number, error:1e39");
     // Beyond float, within double; the scale is the catalogue's decimal 1e-30, so exactly 3e68.
     const double beyondFloat = 3e68;
     uint64_t bits = 0;
@@ -232,6 +239,18 @@ TEST(ValueParsers, TypeRangeIsNamedForNumbersTheTypeCannotHold) {
     EXPECT_TRUE(decimalInTenths("-0.50", tenths));
     EXPECT_EQ(tenths, -5);
     for (const char* text : {"12.25", "abc", "1e30"}) EXPECT_FALSE(decimalInTenths(text, tenths));
+}
+
+// The front end refuses what the integer writer would cut: a fraction of the variable's step.
+TEST(ValueParsers, AFractionOfAnIntegerStepIsNamedWithTheStep) {
+    EXPECT_EQ(stepIfFractionCut("uint16", "1.5", 1), "1");
+    EXPECT_EQ(stepIfFractionCut("int32", "1.0005", 0.001f), "0.001");
+    EXPECT_EQ(stepIfFractionCut("int16", "0.05", -0.1f), "0.1");
+    for (const auto& [type, text] : {std::pair<const char*, const char*>{"uint16", "2.0e3"},
+                                     {"float32", "1.5"},
+                                     {"int8", "abc"},
+                                     {"int8", "-12.3e1"}})
+        EXPECT_EQ(stepIfFractionCut(type, text, 0.1f), "") << type << " " << text;
 }
 
 }  // namespace

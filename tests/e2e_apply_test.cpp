@@ -52,6 +52,13 @@ TEST(Apply, TwoFieldsOfOneCommandMakeOneRequestAndKeepTheDevicesOtherFields) {
     s.m().GetLidarModuleInfo(kOperation);
     EXPECT_EQ(s.m().currentValueOf(s.m().searchVarPtr("Spin Rate", "var_name")), "1200");
     EXPECT_EQ(s.m().currentValueOf(s.m().searchVarPtr("Noise Filter Level", "var_name")), "-3");
+
+    // A discarded edit stays discarded: the command carries what the lidar holds for it.
+    s.m().SetText(3, kOperation, 0, 0, "0");
+    s.m().ClearSetMap();
+    s.m().SetText(3, kOperation, 0, 1, "0");
+    s.m().Run(kOperation);
+    EXPECT_EQ(lidar->Block(0x30), (std::vector<uint8_t>{0x04, 0xB0, 0, 0, 0, 0, 0, 0xFD}));
 }
 
 TEST(Apply, NetworkCommandGoesLastWithRestartNoteThenStops) {

@@ -82,6 +82,11 @@ bool encodesInteger(const std::string& varType);
 // fits, the text is not a number, the type is not an integer one).
 std::string typeRangeIfOutside(const std::string& varType, const std::string& text, float scale);
 
+// For an integer var_type and a number whose quotient by `scale` is not whole, so that the writer
+// would cut its fraction: the step the variable is kept in, in its display unit ("1", "0.01").
+// Empty otherwise (a whole quotient, a type that keeps fractions, a text that is not a number).
+std::string stepIfFractionCut(const std::string& varType, const std::string& text, float scale);
+
 // The value of `text` (the parsers' number forms) in tenths, when it is a whole number of them
 // that fits; false otherwise ("12.25", "abc").
 bool decimalInTenths(const std::string& text, int64_t& tenths);

@@ -360,6 +360,18 @@ std::string typeRangeIfOutside(const std::string& varType, const std::string& te
     return decimalText(lowShown) + " to " + decimalText(highShown);
 }
 
+std::string stepIfFractionCut(const std::string& varType, const std::string& text, float scale) {
+    mpz_class low;
+    mpz_class high;
+    mpq_class value;
+    mpq_class divisor;
+    if (!integerTypeRange(varType, low, high) || !exactScale(scale, divisor)) return std::string();
+    if (readDecimal(text, value) != DecimalStatus::kOk) return std::string();
+    const mpq_class raw = value / divisor;
+    if (raw.get_den() == 1) return std::string();
+    return decimalText(abs(divisor));
+}
+
 bool decimalInTenths(const std::string& text, int64_t& tenths) {
     mpq_class value;
     if (readDecimal(text, value) != DecimalStatus::kOk) return false;

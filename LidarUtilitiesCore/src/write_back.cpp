@@ -378,10 +378,10 @@ void LidarUtilitiesManager::ClearSetMap() {
 }
 
 void LidarUtilitiesManager::writeSubCmdIntoInput(std::string text, u8Array_t& out) {
-    // Hexadecimal pairs; a "0x" or "0X" pair is a prefix, not a byte.
+    // Hexadecimal pairs; a "0x" or "0X" pair is a prefix, not a byte (ParseCommandCode refuses it,
+    // as it refuses any pair that is not two hexadecimal digits).
     for (size_t i = 0; i + 1 < text.size(); i += 2) {
         const std::string pair = text.substr(i, 2);
-        if (pair == "0x" || pair == "0X") continue;
         uint8_t byte = 0;
         if (lidar::text::ParseCommandCode(pair, byte)) out.push_back(byte);
     }
