@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
@@ -12,6 +13,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTimer>
 #include <QUrl>
 #include <atomic>
@@ -21,6 +23,7 @@
 #include "commands.h"
 #include "interrupt.h"
 #include "output.h"
+#include "sdk/logger.h"
 #include "session.h"
 
 namespace cli {
@@ -49,6 +52,21 @@ size_t requestCount(const std::vector<const VarPosition*>& variables) {
     return requests.size();
 }
 
+// Why the variant `label` could not be applied when the model loaded: the first problem the
+// catalogue parser reported in its file (Monitor_<label>_<number>.csv), else an empty page.
+QString whyVariantRefused(const QString& label) {
+    const QRegularExpression variantFile(
+        "(^|/)Monitor_" + QRegularExpression::escape(label) + "_[^_/]+\\.csv$",
+        QRegularExpression::CaseInsensitiveOption);
+    for (const Logger::Entry& entry : Logger::GetInstance().RecentEntries()) {
+        if (entry.level != Logger::kConfigError || !variantFile.match(qs(entry.file)).hasMatch())
+            continue;
+        return qs(entry.file) + (entry.line > 0 ? ":" + QString::number(entry.line) : "") + ": " +
+               qs(entry.message);
+    }
+    return "its file holds no variables";
+}
+
 void printVariants(LidarUtilitiesManager& manager, const QString& model, bool asDiagnostic,
                    bool json) {
     const QStringList variants = manager.getMonitorHwVersionList();
@@ -67,8 +85,13 @@ void printVariants(LidarUtilitiesManager& manager, const QString& model, bool as
     print("monitor variants of " + model + " (* applied):");
     for (const QString& variant : variants)
         print(QString(variant == applied ? "  * " : "    ") + variant);
-    if (applied.isEmpty())
-        print("none of them could be applied: the catalogue's own monitor page is used");
+    if (applied.isEmpty()) {
+        print("the first variant, " + variants.front() +
+              ", could not be applied: " + whyVariantRefused(variants.front()));
+        print(
+            "only the first is tried when a model loads: the catalogue's own monitor page is "
+            "used (--variant LABEL applies another)");
+    }
 }
 
 // Why the latest reading brought no value: each request it lost, with the cause.
@@ -222,26 +245,46 @@ int watchMonitor(Session& session, const std::vector<const VarPosition*>& variab
 
 // ---- recording ----
 
+// Why a recording cannot write into `folder`, in the words `log` uses for its folder; empty when
+// it can. Checked before connecting: the manager finds out only when its thread opens the file.
+QString unwritableTarget(const QString& folder) {
+    const QFileInfo info(folder);
+    if (!info.exists()) return "no such folder: " + folder;
+    if (!info.isDir()) return folder + " is not a folder";
+    // Asked of the file system itself: permission bits say nothing of a read-only mount or /proc.
+    QFile probe(folder + "/.lidarutil-write-probe-" +
+                QString::number(QCoreApplication::applicationPid()));
+    if (!probe.open(QIODevice::WriteOnly))
+        return "cannot write into " + folder + ": " + probe.errorString();
+    probe.close();
+    probe.remove();
+    return QString();
+}
+
 QString recordProgress(int rows, qint64 secondsLeft) {
     return "recording: " + QString::number(rows) + (rows == 1 ? " row" : " rows") + " written, " +
            QString::number(std::max<qint64>(secondsLeft, 0)) + " s left";
 }
 
+// How a recording's following ended.
+enum class RecordingEnd { kRanItsCourse, kInterrupted, kLidarLost };
+
 // Shows rows written and time left until the recording ends, the user stops it or the lidar is
 // lost (then the recording is stopped; its file keeps what it has).
-int followRecording(Session& session) {
+RecordingEnd followRecording(Session& session) {
     LidarUtilitiesManager& manager = session.manager();
     const int duration = manager.getMonitorRecordDurationSec();
     const bool terminal = ::isatty(STDERR_FILENO) == 1;
     QElapsedTimer clock;
     clock.start();
     int printedRows = -1;
-    int status = kExitOk;
+    RecordingEnd end = RecordingEnd::kRanItsCourse;
     QEventLoop loop;
     QTimer poll;
     QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
         if (interrupted) {
             manager.stopMonitorRecord();
+            end = RecordingEnd::kInterrupted;
             loop.quit();
             return;
         }
@@ -250,9 +293,8 @@ int followRecording(Session& session) {
             return;
         }
         if (!session.connectionAlive()) {
-            printDiagnostic("error: the connection to the lidar was lost; the recording stops");
             manager.stopMonitorRecord();
-            status = kExitFailed;
+            end = RecordingEnd::kLidarLost;
             loop.quit();
             return;
         }
@@ -268,7 +310,37 @@ int followRecording(Session& session) {
     poll.start(kPollMs);
     loop.exec();
     if (terminal) writeProgress("\r\x1b[K", false);
-    return status;
+    return end;
+}
+
+// What the client saw when the connection ended: the request that met a time-out, a closed
+// connection or a broken reply (the monitor reading's, else the page timer's), else the
+// client's own last error.
+QString connectionLossCause(LidarUtilitiesManager& manager) {
+    std::vector<LidarUtilitiesManager::ReadFailure> failures = manager.getLastModuleReadFailures();
+    const std::vector<LidarUtilitiesManager::ReadFailure> timer =
+        manager.getLastTimerRefresh().failures;
+    failures.insert(failures.end(), timer.begin(), timer.end());
+    for (const auto& failure : failures)
+        if (failure.code <= lidar::kVrcClosedByPeer && failure.code >= lidar::kVrcMalformed)
+            return "request " + qs(failure.request) + ": " + readFailureText(failure.code);
+    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
+    if (client && !client->GetClient().LastError().empty())
+        return qs(client->GetClient().LastError());
+    return "the client gave no reason";
+}
+
+// Why a recording wrote no row.
+QString whyNoRow(Session& session, RecordingEnd end) {
+    LidarUtilitiesManager& manager = session.manager();
+    if (end == RecordingEnd::kLidarLost || !session.connectionAlive())
+        return "the connection to the lidar was lost (" + connectionLossCause(manager) + ")";
+    if (end == RecordingEnd::kInterrupted) return "stopped before the first reading ended";
+    QStringList failed;
+    for (const auto& failure : manager.getLastModuleReadFailures())
+        failed << "request " + qs(failure.request) + ": " + readFailureText(failure.code);
+    if (!failed.isEmpty()) return failed.join("; ");
+    return "the recording ended before its first reading did";
 }
 
 int plotRecording(const QString& model, const QString& csvPath) {
@@ -310,19 +382,30 @@ int record(Session& session) {
     if (session.errorCount() > errorsBefore) return kExitFailed;
     printDiagnostic("recording " + QString::number(options.duration) + " s, a row every " +
                     QString::number(options.interval) + " s (Ctrl-C stops early) ...");
-    int status = followRecording(session);
+    const RecordingEnd end = followRecording(session);
     const QString path = manager.getMonitorRecordFilePath();
-    // The file could not be created: the manager said so and wrote nothing.
-    if (session.errorCount() > errorsBefore && !QFileInfo::exists(path)) status = kExitFailed;
-    // Rows were written, but not one reading brought a value: told as the live table tells it.
-    if (status == kExitOk && manager.getMonitorRecordRowCount() > 0 && !recordHoldsValues(path)) {
+    int status = kExitOk;
+    if (session.errorCount() > errorsBefore && !QFileInfo::exists(path)) {
+        // The file could not be created: the manager said so and wrote nothing.
+        status = kExitFailed;
+    } else if (manager.getMonitorRecordRowCount() == 0) {
+        printDiagnostic("error: no reading could be made: " + whyNoRow(session, end));
+        status = kExitFailed;
+    } else if (end == RecordingEnd::kLidarLost) {
+        printDiagnostic("error: the connection to the lidar was lost (" +
+                        connectionLossCause(manager) + "); the recording stops");
+        status = kExitFailed;
+    } else if (!recordHoldsValues(path)) {
+        // Rows were written, but not one reading brought a value: told as the live table tells it.
         reportUnreadValues(manager);
         status = kExitFailed;
     }
     manager.Stop();
     if (!QFileInfo::exists(path)) return kExitFailed;
     printResult(path);
-    if (options.plot && plotRecording(options.model, path) != kExitOk) status = kExitFailed;
+    if (options.plot && manager.getMonitorRecordRowCount() > 0 &&
+        plotRecording(options.model, path) != kExitOk)
+        status = kExitFailed;
     return status;
 }
 
@@ -336,8 +419,10 @@ int commandMonitor(Session& session) {
     const int module = manager.getMonitorModuleIndex();
     if (module < 0) return usageError(options.model + " has no Monitor module");
     const bool recording = !options.recordDir.isEmpty();
-    if (recording && !QFileInfo(options.recordDir).isDir())
-        return usageError(options.recordDir + " is not a folder");
+    if (recording) {
+        if (QString problem = unwritableTarget(options.recordDir); !problem.isEmpty())
+            return usageError(problem);
+    }
     if (recording && options.json)
         return usageError("--json applies to the live table; a recording is its CSV file");
     if (!options.variant.isEmpty()) {

@@ -123,9 +123,25 @@ TEST(LidarutilMonitor, SaysWhenNoVariantCouldBeApplied) {
     config.edit("Monitor_HW2.0_2.csv", "var_id", "identifier");  // not a catalogue's header
     const Outcome shown = lidarutil({"monitor", "--count", "1"}, config.root());
     EXPECT_EQ(shown.exitCode, 0) << shown.err.toStdString();
-    EXPECT_EQ(lines(shown.out).mid(0, 4).join('\n').toStdString(),
+    // Only the first variant is tried: the list says which, why, and what is used instead.
+    EXPECT_EQ(lines(shown.out).mid(0, 5).join('\n').toStdString(),
               "monitor variants of Egret (* applied):\n    HW2.0\n    HW1.0\n"
-              "none of them could be applied: the catalogue's own monitor page is used");
+              "the first variant, HW2.0, could not be applied: "
+              "./Config/varID/Egret/Monitor_HW2.0_2.csv:2: the header has no required column "
+              "\"var_id\"; the row is skipped\n"
+              "only the first is tried when a model loads: the catalogue's own monitor page is "
+              "used (--variant LABEL applies another)");
+
+    // A variant file with its header alone: nothing to report but that.
+    ConfigCopy headerOnly;
+    const std::string variant =
+        headerOnly.root().toStdString() + "/Config/varID/Egret/Monitor_HW2.0_2.csv";
+    const std::string text = testsupport::ReadFile(variant);
+    testsupport::WriteFile(variant, text.substr(0, text.find('\n') + 1));
+    const Outcome empty = lidarutil({"monitor", "--count", "1"}, headerOnly.root());
+    EXPECT_TRUE(lines(empty.out).contains(
+        "the first variant, HW2.0, could not be applied: its file holds no variables"))
+        << empty.out.toStdString();
 }
 
 TEST(LidarutilMonitor, TwoValuesOfOneNameKeepTheirOwnValues) {
@@ -223,23 +239,61 @@ TEST(LidarutilMonitor, EveryReadingRefusedOrTheLidarLostFails) {
         ASSERT_EQ(rows.size(), 3) << rows.join('\n').toStdString();
         EXPECT_EQ(rows[2].section(',', 1), QString(9, ','));
     }
-    // The lidar lost in the middle of the first reading: that reading writes no row.
-    {
-        const SimulatorProcess closing("Egret", {"0x41:close-mid-reply"});
+    // The lidar lost in the first reading, with a broken reply or none at all: no row, and the
+    // line says why, whatever the duration.
+    const struct {
+        const char* fault;
+        const char* duration;
+        const char* seen;
+    } lost[] = {{"0x41:close-mid-reply", "5", "the lidar closed the connection (result -2)"},
+                {"0x41:no-reply", "1", "no answer in time (result -3)"}};
+    for (const auto& c : lost) {
+        SCOPED_TRACE(c.fault);
+        const SimulatorProcess lidar("Egret", {c.fault});
         testsupport::TempDir folder;
         const Outcome recorded =
-            lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--record",
-                       QString::fromStdString(folder.path()), "--duration", "5"});
+            lidarutil({"--host", "127.0.0.1", "--port", lidar.port(), "monitor", "--record",
+                       QString::fromStdString(folder.path()), "--duration", c.duration, "--plot"});
         EXPECT_EQ(recorded.exitCode, 1);
-        EXPECT_TRUE(recorded.err.contains("error: the connection to the lidar was lost"))
+        EXPECT_TRUE(recorded.err.contains(
+            QString("error: no reading could be made: the connection to the lidar was lost "
+                    "(request 0x41: ") +
+            c.seen + ")"))
             << recorded.err.toStdString();
-        EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 1);  // the header alone
-        const Outcome watched =
-            lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--count", "3"});
-        EXPECT_EQ(watched.exitCode, 1);
-        EXPECT_TRUE(watched.err.contains("error: the connection to the lidar was lost"))
-            << watched.err.toStdString();
+        ASSERT_EQ(lines(recorded.out).size(), 1) << recorded.out.toStdString();  // no chart
+        EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 1);              // the header alone
     }
+    const SimulatorProcess closing("Egret", {"0x41:close-mid-reply"});
+    const Outcome watched =
+        lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--count", "3"});
+    EXPECT_EQ(watched.exitCode, 1);
+    EXPECT_TRUE(watched.err.contains("error: the connection to the lidar was lost"))
+        << watched.err.toStdString();
+
+    // The lidar gone after some rows: they are kept, and the line names what the client saw.
+    SimulatorProcess lidar("Egret", {});
+    testsupport::TempDir folder;
+    const QString dir = QString::fromStdString(folder.path());
+    QProcess recording;
+    recording.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    recording.start(LIDAR_BINARY_DIR "/cli/lidarutil",
+                    {"--host", "127.0.0.1", "--port", lidar.port(), "monitor", "--record", dir,
+                     "--duration", "30"});
+    ASSERT_TRUE(testsupport::WaitFor(
+        [&] {
+            const QStringList files = QDir(dir).entryList({"*.csv"}, QDir::Files);
+            return !files.isEmpty() && fileLines(dir + "/" + files[0]).size() >= 3;
+        },
+        10000));
+    lidar.kill();
+    ASSERT_TRUE(recording.waitForFinished(10000));
+    EXPECT_EQ(recording.exitCode(), 1);
+    const QString err = QString::fromUtf8(recording.readAllStandardError());
+    EXPECT_TRUE(
+        err.contains("error: the connection to the lidar was lost (request 0x41: the "
+                     "lidar closed the connection (result -2)); the recording stops"))
+        << err.toStdString();
+    EXPECT_GE(fileLines(QString::fromUtf8(recording.readAllStandardOutput()).trimmed()).size(), 3);
 }
 
 // lidarutil with its results on a pseudo-terminal `rows` high and `columns` wide: its status and
@@ -344,14 +398,25 @@ TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {
     const QString err = QString::fromUtf8(recording.readAllStandardError());
     EXPECT_TRUE(err.contains("Monitor record saved:\n" + path)) << err.toStdString();
     EXPECT_GE(fileLines(path).size(), 3);
+}
 
-    const Outcome missing = lidarutil({"monitor", "--record", dir + "/missing"});
-    EXPECT_EQ(missing.exitCode, 2);
-    EXPECT_TRUE(missing.err.contains("is not a folder"));
-    const Outcome unwritable = lidarutil({"monitor", "--record", "/proc", "--duration", "2"});
-    EXPECT_EQ(unwritable.exitCode, 1);
-    EXPECT_TRUE(unwritable.err.contains("error: Failed to create monitor record file"))
-        << unwritable.err.toStdString();
+TEST(LidarutilMonitor, ATargetThatCannotBeWrittenIsRefusedBeforeConnecting) {
+    testsupport::TempDir folder;
+    const QString dir = QString::fromStdString(folder.path());
+    testsupport::WriteFile(folder.file("plain"), "x");
+    const struct {
+        QString target;
+        QString said;
+    } cases[] = {{dir + "/missing", "lidarutil: no such folder: " + dir + "/missing"},
+                 {dir + "/plain", "lidarutil: " + dir + "/plain is not a folder"},
+                 {"/proc", "lidarutil: cannot write into /proc: "}};
+    for (const auto& c : cases) {
+        const Outcome refused = lidarutil({"monitor", "--record", c.target, "--duration", "2"});
+        EXPECT_EQ(refused.exitCode, 2) << c.target.toStdString();
+        EXPECT_TRUE(refused.err.contains(c.said)) << refused.err.toStdString();
+        EXPECT_FALSE(refused.err.contains("connecting")) << refused.err.toStdString();
+    }
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files | QDir::Hidden), QStringList({"plain"}));
 }
 
 }  // namespace
