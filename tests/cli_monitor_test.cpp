@@ -144,6 +144,17 @@ TEST(LidarutilMonitor, SaysWhenNoVariantCouldBeApplied) {
         << empty.out.toStdString();
 }
 
+TEST(LidarutilMonitor, ACatalogueThatIsItsMonitorModuleAloneIsMonitored) {
+    ConfigCopy config;  // the monitor module is then the catalogue's first, index 0
+    const std::string folder = config.root().toStdString() + "/Config/varID/Egret/";
+    testsupport::WriteFile(folder + "Egret.csv",
+                           testsupport::ReadFile(folder + "Monitor_HW1.0_1.csv"));
+    const Outcome shown = lidarutil({"monitor", "--count", "1"}, config.root());
+    EXPECT_EQ(shown.exitCode, 0) << shown.err.toStdString();
+    EXPECT_EQ(lines(shown.out).filter(QRegularExpression("^  Laser Temperature ")).size(), 1)
+        << shown.out.toStdString();
+}
+
 TEST(LidarutilMonitor, TwoValuesOfOneNameKeepTheirOwnValues) {
     // The board temperature (read with 0x40) renamed after the laser's (0x41).
     ConfigCopy config;
@@ -189,6 +200,8 @@ TEST(LidarutilMonitor, RecordsRowsAndDrawsAChartOfEveryColumn) {
                     .hasMatch())
         << paths[0].toStdString();
     EXPECT_TRUE(recorded.err.contains("Monitor record saved:\n" + paths[0]));
+    // Standard error is a pipe here: plain lines, no terminal redraws.
+    EXPECT_FALSE(recorded.err.contains('\r')) << recorded.err.toStdString();
 
     const QStringList rows = fileLines(paths[0]);
     ASSERT_EQ(rows.size(), 4) << rows.join('\n').toStdString();  // header, rows at 0, 2 and 4 s
@@ -398,6 +411,30 @@ TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {
     const QString err = QString::fromUtf8(recording.readAllStandardError());
     EXPECT_TRUE(err.contains("Monitor record saved:\n" + path)) << err.toStdString();
     EXPECT_GE(fileLines(path).size(), 3);
+
+    // Stopped while the first reading waits for a slow lidar: no row, so not a recording.
+    const SimulatorProcess slow("Egret", {"0x41:delay=3000"});
+    QProcess early;
+    early.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    early.setReadChannel(QProcess::StandardError);
+    early.start(LIDAR_BINARY_DIR "/cli/lidarutil",
+                {"--host", "127.0.0.1", "--port", slow.port(), "monitor", "--record", dir,
+                 "--duration", "60"});
+    QString earlyErr;
+    ASSERT_TRUE(testsupport::WaitFor(
+        [&] {
+            early.waitForReadyRead(50);
+            earlyErr += QString::fromUtf8(early.readAllStandardError());
+            return earlyErr.contains("recording 60 s");
+        },
+        10000));
+    ::kill(static_cast<pid_t>(early.processId()), SIGINT);
+    ASSERT_TRUE(early.waitForFinished(10000));
+    EXPECT_EQ(early.exitCode(), 1);
+    earlyErr += QString::fromUtf8(early.readAllStandardError());
+    EXPECT_TRUE(earlyErr.contains(
+        "error: no reading could be made: stopped before the first reading ended"))
+        << earlyErr.toStdString();
 }
 
 TEST(LidarutilMonitor, ATargetThatCannotBeWrittenIsRefusedBeforeConnecting) {
