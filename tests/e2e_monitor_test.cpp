@@ -322,6 +322,17 @@ TEST(MonitorVariants, OrderSkipsAndSelection) {
     m.selectMonitorHwVersion("C");
     EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version C"));
     EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+    // A variant whose file went away is refused, and applies once the file is back.
+    const std::string aB = folder + "Monitor_A_B_4.csv";
+    const std::string aBText = ReadFile(aB);
+    std::remove(aB.c_str());
+    m.selectMonitorHwVersion("A_B");
+    EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version A_B"));
+    EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+    WriteFile(aB, aBText);
+    m.selectMonitorHwVersion("A_B");
+    EXPECT_EQ(appliedFile(m), "Monitor_A_B_4.csv");
+    m.selectMonitorHwVersion("A");
 
     TempDir records;
     m.setMonitorRecordDurationSec(30);
