@@ -397,20 +397,22 @@ TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {
     recording.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
     recording.start(LIDAR_BINARY_DIR "/cli/lidarutil",
                     {"monitor", "--record", dir, "--duration", "60"});
-    // Wait for the first rows on disk.
+    // Wait for eleven rows on disk: standard error, a pipe, has a progress line every tenth.
     ASSERT_TRUE(testsupport::WaitFor(
         [&] {
             const QStringList files = QDir(dir).entryList({"*.csv"}, QDir::Files);
-            return !files.isEmpty() && fileLines(dir + "/" + files[0]).size() >= 3;
+            return !files.isEmpty() && fileLines(dir + "/" + files[0]).size() >= 12;
         },
-        10000));
+        20000));
     ::kill(static_cast<pid_t>(recording.processId()), SIGINT);
     ASSERT_TRUE(recording.waitForFinished(5000));
     EXPECT_EQ(recording.exitCode(), 0);
     const QString path = QString::fromUtf8(recording.readAllStandardOutput()).trimmed();
     const QString err = QString::fromUtf8(recording.readAllStandardError());
     EXPECT_TRUE(err.contains("Monitor record saved:\n" + path)) << err.toStdString();
-    EXPECT_GE(fileLines(path).size(), 3);
+    EXPECT_TRUE(err.contains(QRegularExpression("\nrecording: 10 rows written, \\d+ s left\n")))
+        << err.toStdString();
+    EXPECT_GE(fileLines(path).size(), 12);
 
     // Stopped while the first reading waits for a slow lidar: no row, so not a recording.
     const SimulatorProcess slow("Egret", {"0x41:delay=3000"});
