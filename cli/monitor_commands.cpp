@@ -12,6 +12,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTimer>
 #include <QUrl>
 #include <atomic>
@@ -21,6 +22,7 @@
 #include "commands.h"
 #include "interrupt.h"
 #include "output.h"
+#include "sdk/logger.h"
 #include "session.h"
 
 namespace cli {
@@ -49,6 +51,21 @@ size_t requestCount(const std::vector<const VarPosition*>& variables) {
     return requests.size();
 }
 
+// Why the variant `label` could not be applied when the model loaded: the first problem the
+// catalogue parser reported in its file (Monitor_<label>_<number>.csv), else an empty page.
+QString whyVariantRefused(const QString& label) {
+    const QRegularExpression variantFile(
+        "(^|/)Monitor_" + QRegularExpression::escape(label) + "_[^_/]+\\.csv$",
+        QRegularExpression::CaseInsensitiveOption);
+    for (const Logger::Entry& entry : Logger::GetInstance().RecentEntries()) {
+        if (entry.level != Logger::kConfigError || !variantFile.match(qs(entry.file)).hasMatch())
+            continue;
+        return qs(entry.file) + (entry.line > 0 ? ":" + QString::number(entry.line) : "") + ": " +
+               qs(entry.message);
+    }
+    return "its file holds no variables";
+}
+
 void printVariants(LidarUtilitiesManager& manager, const QString& model, bool asDiagnostic,
                    bool json) {
     const QStringList variants = manager.getMonitorHwVersionList();
@@ -67,8 +84,13 @@ void printVariants(LidarUtilitiesManager& manager, const QString& model, bool as
     print("monitor variants of " + model + " (* applied):");
     for (const QString& variant : variants)
         print(QString(variant == applied ? "  * " : "    ") + variant);
-    if (applied.isEmpty())
-        print("none of them could be applied: the catalogue's own monitor page is used");
+    if (applied.isEmpty()) {
+        print("the first variant, " + variants.front() +
+              ", could not be applied: " + whyVariantRefused(variants.front()));
+        print(
+            "only the first is tried when a model loads: the catalogue's own monitor page is "
+            "used (--variant LABEL applies another)");
+    }
 }
 
 // Why the latest reading brought no value: each request it lost, with the cause.
@@ -227,21 +249,25 @@ QString recordProgress(int rows, qint64 secondsLeft) {
            QString::number(std::max<qint64>(secondsLeft, 0)) + " s left";
 }
 
+// How a recording's following ended.
+enum class RecordingEnd { kRanItsCourse, kInterrupted, kLidarLost };
+
 // Shows rows written and time left until the recording ends, the user stops it or the lidar is
 // lost (then the recording is stopped; its file keeps what it has).
-int followRecording(Session& session) {
+RecordingEnd followRecording(Session& session) {
     LidarUtilitiesManager& manager = session.manager();
     const int duration = manager.getMonitorRecordDurationSec();
     const bool terminal = ::isatty(STDERR_FILENO) == 1;
     QElapsedTimer clock;
     clock.start();
     int printedRows = -1;
-    int status = kExitOk;
+    RecordingEnd end = RecordingEnd::kRanItsCourse;
     QEventLoop loop;
     QTimer poll;
     QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
         if (interrupted) {
             manager.stopMonitorRecord();
+            end = RecordingEnd::kInterrupted;
             loop.quit();
             return;
         }
@@ -250,9 +276,8 @@ int followRecording(Session& session) {
             return;
         }
         if (!session.connectionAlive()) {
-            printDiagnostic("error: the connection to the lidar was lost; the recording stops");
             manager.stopMonitorRecord();
-            status = kExitFailed;
+            end = RecordingEnd::kLidarLost;
             loop.quit();
             return;
         }
@@ -268,7 +293,37 @@ int followRecording(Session& session) {
     poll.start(kPollMs);
     loop.exec();
     if (terminal) writeProgress("\r\x1b[K", false);
-    return status;
+    return end;
+}
+
+// What the client saw when the connection ended: the request that met a time-out, a closed
+// connection or a broken reply (the monitor reading's, else the page timer's), else the
+// client's own last error.
+QString connectionLossCause(LidarUtilitiesManager& manager) {
+    std::vector<LidarUtilitiesManager::ReadFailure> failures = manager.getLastModuleReadFailures();
+    const std::vector<LidarUtilitiesManager::ReadFailure> timer =
+        manager.getLastTimerRefresh().failures;
+    failures.insert(failures.end(), timer.begin(), timer.end());
+    for (const auto& failure : failures)
+        if (failure.code <= lidar::kVrcClosedByPeer && failure.code >= lidar::kVrcMalformed)
+            return "request " + qs(failure.request) + ": " + readFailureText(failure.code);
+    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
+    if (client && !client->GetClient().LastError().empty())
+        return qs(client->GetClient().LastError());
+    return "the client gave no reason";
+}
+
+// Why a recording wrote no row.
+QString whyNoRow(Session& session, RecordingEnd end) {
+    LidarUtilitiesManager& manager = session.manager();
+    if (end == RecordingEnd::kLidarLost || !session.connectionAlive())
+        return "the connection to the lidar was lost (" + connectionLossCause(manager) + ")";
+    if (end == RecordingEnd::kInterrupted) return "stopped before the first reading ended";
+    QStringList failed;
+    for (const auto& failure : manager.getLastModuleReadFailures())
+        failed << "request " + qs(failure.request) + ": " + readFailureText(failure.code);
+    if (!failed.isEmpty()) return failed.join("; ");
+    return "the recording ended before its first reading did";
 }
 
 int plotRecording(const QString& model, const QString& csvPath) {
@@ -310,19 +365,30 @@ int record(Session& session) {
     if (session.errorCount() > errorsBefore) return kExitFailed;
     printDiagnostic("recording " + QString::number(options.duration) + " s, a row every " +
                     QString::number(options.interval) + " s (Ctrl-C stops early) ...");
-    int status = followRecording(session);
+    const RecordingEnd end = followRecording(session);
     const QString path = manager.getMonitorRecordFilePath();
-    // The file could not be created: the manager said so and wrote nothing.
-    if (session.errorCount() > errorsBefore && !QFileInfo::exists(path)) status = kExitFailed;
-    // Rows were written, but not one reading brought a value: told as the live table tells it.
-    if (status == kExitOk && manager.getMonitorRecordRowCount() > 0 && !recordHoldsValues(path)) {
+    int status = kExitOk;
+    if (session.errorCount() > errorsBefore && !QFileInfo::exists(path)) {
+        // The file could not be created: the manager said so and wrote nothing.
+        status = kExitFailed;
+    } else if (manager.getMonitorRecordRowCount() == 0) {
+        printDiagnostic("error: no reading could be made: " + whyNoRow(session, end));
+        status = kExitFailed;
+    } else if (end == RecordingEnd::kLidarLost) {
+        printDiagnostic("error: the connection to the lidar was lost (" +
+                        connectionLossCause(manager) + "); the recording stops");
+        status = kExitFailed;
+    } else if (!recordHoldsValues(path)) {
+        // Rows were written, but not one reading brought a value: told as the live table tells it.
         reportUnreadValues(manager);
         status = kExitFailed;
     }
     manager.Stop();
     if (!QFileInfo::exists(path)) return kExitFailed;
     printResult(path);
-    if (options.plot && plotRecording(options.model, path) != kExitOk) status = kExitFailed;
+    if (options.plot && manager.getMonitorRecordRowCount() > 0 &&
+        plotRecording(options.model, path) != kExitOk)
+        status = kExitFailed;
     return status;
 }
 

@@ -97,6 +97,8 @@ TEST(MonitorCharts, TickLabelsAreDistinctAndAsPreciseAsTheReadings) {
     EXPECT_EQ(axisOf(quick->chart(0), Qt::Vertical)->titleText(), "value");
     EXPECT_EQ(axisOf(counter->chart(0), Qt::Vertical)->titleText(), "°C");
     EXPECT_EQ(counter->chart(0)->title(), "Laser Temperature");
+    // One value a chart, named by its title: a legend would list each run of its line.
+    EXPECT_FALSE(counter->chart(0)->legend()->isVisible());
 }
 
 // The points of each line of a chart, in order: one line per unbroken run of readings.

@@ -123,9 +123,36 @@ TEST(LidarutilMonitor, SaysWhenNoVariantCouldBeApplied) {
     config.edit("Monitor_HW2.0_2.csv", "var_id", "identifier");  // not a catalogue's header
     const Outcome shown = lidarutil({"monitor", "--count", "1"}, config.root());
     EXPECT_EQ(shown.exitCode, 0) << shown.err.toStdString();
-    EXPECT_EQ(lines(shown.out).mid(0, 4).join('\n').toStdString(),
+    // Only the first variant is tried: the list says which, why, and what is used instead.
+    EXPECT_EQ(lines(shown.out).mid(0, 5).join('\n').toStdString(),
               "monitor variants of Egret (* applied):\n    HW2.0\n    HW1.0\n"
-              "none of them could be applied: the catalogue's own monitor page is used");
+              "the first variant, HW2.0, could not be applied: "
+              "./Config/varID/Egret/Monitor_HW2.0_2.csv:2: the header has no required column "
+              "\"var_id\"; the row is skipped\n"
+              "only the first is tried when a model loads: the catalogue's own monitor page is "
+              "used (--variant LABEL applies another)");
+
+    // A variant file with its header alone: nothing to report but that.
+    ConfigCopy headerOnly;
+    const std::string variant =
+        headerOnly.root().toStdString() + "/Config/varID/Egret/Monitor_HW2.0_2.csv";
+    const std::string text = testsupport::ReadFile(variant);
+    testsupport::WriteFile(variant, text.substr(0, text.find('\n') + 1));
+    const Outcome empty = lidarutil({"monitor", "--count", "1"}, headerOnly.root());
+    EXPECT_TRUE(lines(empty.out).contains(
+        "the first variant, HW2.0, could not be applied: its file holds no variables"))
+        << empty.out.toStdString();
+}
+
+TEST(LidarutilMonitor, ACatalogueThatIsItsMonitorModuleAloneIsMonitored) {
+    ConfigCopy config;  // the monitor module is then the catalogue's first, index 0
+    const std::string folder = config.root().toStdString() + "/Config/varID/Egret/";
+    testsupport::WriteFile(folder + "Egret.csv",
+                           testsupport::ReadFile(folder + "Monitor_HW1.0_1.csv"));
+    const Outcome shown = lidarutil({"monitor", "--count", "1"}, config.root());
+    EXPECT_EQ(shown.exitCode, 0) << shown.err.toStdString();
+    EXPECT_EQ(lines(shown.out).filter(QRegularExpression("^  Laser Temperature ")).size(), 1)
+        << shown.out.toStdString();
 }
 
 TEST(LidarutilMonitor, TwoValuesOfOneNameKeepTheirOwnValues) {
@@ -173,6 +200,8 @@ TEST(LidarutilMonitor, RecordsRowsAndDrawsAChartOfEveryColumn) {
                     .hasMatch())
         << paths[0].toStdString();
     EXPECT_TRUE(recorded.err.contains("Monitor record saved:\n" + paths[0]));
+    // Standard error is a pipe here: plain lines, no terminal redraws.
+    EXPECT_FALSE(recorded.err.contains('\r')) << recorded.err.toStdString();
 
     const QStringList rows = fileLines(paths[0]);
     ASSERT_EQ(rows.size(), 4) << rows.join('\n').toStdString();  // header, rows at 0, 2 and 4 s
@@ -223,23 +252,61 @@ TEST(LidarutilMonitor, EveryReadingRefusedOrTheLidarLostFails) {
         ASSERT_EQ(rows.size(), 3) << rows.join('\n').toStdString();
         EXPECT_EQ(rows[2].section(',', 1), QString(9, ','));
     }
-    // The lidar lost in the middle of the first reading: that reading writes no row.
-    {
-        const SimulatorProcess closing("Egret", {"0x41:close-mid-reply"});
+    // The lidar lost in the first reading, with a broken reply or none at all: no row, and the
+    // line says why, whatever the duration.
+    const struct {
+        const char* fault;
+        const char* duration;
+        const char* seen;
+    } lost[] = {{"0x41:close-mid-reply", "5", "the lidar closed the connection (result -2)"},
+                {"0x41:no-reply", "1", "no answer in time (result -3)"}};
+    for (const auto& c : lost) {
+        SCOPED_TRACE(c.fault);
+        const SimulatorProcess lidar("Egret", {c.fault});
         testsupport::TempDir folder;
         const Outcome recorded =
-            lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--record",
-                       QString::fromStdString(folder.path()), "--duration", "5"});
+            lidarutil({"--host", "127.0.0.1", "--port", lidar.port(), "monitor", "--record",
+                       QString::fromStdString(folder.path()), "--duration", c.duration, "--plot"});
         EXPECT_EQ(recorded.exitCode, 1);
-        EXPECT_TRUE(recorded.err.contains("error: the connection to the lidar was lost"))
+        EXPECT_TRUE(recorded.err.contains(
+            QString("error: no reading could be made: the connection to the lidar was lost "
+                    "(request 0x41: ") +
+            c.seen + ")"))
             << recorded.err.toStdString();
-        EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 1);  // the header alone
-        const Outcome watched =
-            lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--count", "3"});
-        EXPECT_EQ(watched.exitCode, 1);
-        EXPECT_TRUE(watched.err.contains("error: the connection to the lidar was lost"))
-            << watched.err.toStdString();
+        ASSERT_EQ(lines(recorded.out).size(), 1) << recorded.out.toStdString();  // no chart
+        EXPECT_EQ(fileLines(lines(recorded.out).last()).size(), 1);              // the header alone
     }
+    const SimulatorProcess closing("Egret", {"0x41:close-mid-reply"});
+    const Outcome watched =
+        lidarutil({"--host", "127.0.0.1", "--port", closing.port(), "monitor", "--count", "3"});
+    EXPECT_EQ(watched.exitCode, 1);
+    EXPECT_TRUE(watched.err.contains("error: the connection to the lidar was lost"))
+        << watched.err.toStdString();
+
+    // The lidar gone after some rows: they are kept, and the line names what the client saw.
+    SimulatorProcess lidar("Egret", {});
+    testsupport::TempDir folder;
+    const QString dir = QString::fromStdString(folder.path());
+    QProcess recording;
+    recording.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    recording.start(LIDAR_BINARY_DIR "/cli/lidarutil",
+                    {"--host", "127.0.0.1", "--port", lidar.port(), "monitor", "--record", dir,
+                     "--duration", "30"});
+    ASSERT_TRUE(testsupport::WaitFor(
+        [&] {
+            const QStringList files = QDir(dir).entryList({"*.csv"}, QDir::Files);
+            return !files.isEmpty() && fileLines(dir + "/" + files[0]).size() >= 3;
+        },
+        10000));
+    lidar.kill();
+    ASSERT_TRUE(recording.waitForFinished(10000));
+    EXPECT_EQ(recording.exitCode(), 1);
+    const QString err = QString::fromUtf8(recording.readAllStandardError());
+    EXPECT_TRUE(
+        err.contains("error: the connection to the lidar was lost (request 0x41: the "
+                     "lidar closed the connection (result -2)); the recording stops"))
+        << err.toStdString();
+    EXPECT_GE(fileLines(QString::fromUtf8(recording.readAllStandardOutput()).trimmed()).size(), 3);
 }
 
 // lidarutil with its results on a pseudo-terminal `rows` high and `columns` wide: its status and
@@ -330,20 +397,46 @@ TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {
     recording.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
     recording.start(LIDAR_BINARY_DIR "/cli/lidarutil",
                     {"monitor", "--record", dir, "--duration", "60"});
-    // Wait for the first rows on disk.
+    // Wait for eleven rows on disk: standard error, a pipe, has a progress line every tenth.
     ASSERT_TRUE(testsupport::WaitFor(
         [&] {
             const QStringList files = QDir(dir).entryList({"*.csv"}, QDir::Files);
-            return !files.isEmpty() && fileLines(dir + "/" + files[0]).size() >= 3;
+            return !files.isEmpty() && fileLines(dir + "/" + files[0]).size() >= 12;
         },
-        10000));
+        20000));
     ::kill(static_cast<pid_t>(recording.processId()), SIGINT);
     ASSERT_TRUE(recording.waitForFinished(5000));
     EXPECT_EQ(recording.exitCode(), 0);
     const QString path = QString::fromUtf8(recording.readAllStandardOutput()).trimmed();
     const QString err = QString::fromUtf8(recording.readAllStandardError());
     EXPECT_TRUE(err.contains("Monitor record saved:\n" + path)) << err.toStdString();
-    EXPECT_GE(fileLines(path).size(), 3);
+    EXPECT_TRUE(err.contains(QRegularExpression("\nrecording: 10 rows written, \\d+ s left\n")))
+        << err.toStdString();
+    EXPECT_GE(fileLines(path).size(), 12);
+
+    // Stopped while the first reading waits for a slow lidar: no row, so not a recording.
+    const SimulatorProcess slow("Egret", {"0x41:delay=3000"});
+    QProcess early;
+    early.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    early.setReadChannel(QProcess::StandardError);
+    early.start(LIDAR_BINARY_DIR "/cli/lidarutil",
+                {"--host", "127.0.0.1", "--port", slow.port(), "monitor", "--record", dir,
+                 "--duration", "60"});
+    QString earlyErr;
+    ASSERT_TRUE(testsupport::WaitFor(
+        [&] {
+            early.waitForReadyRead(50);
+            earlyErr += QString::fromUtf8(early.readAllStandardError());
+            return earlyErr.contains("recording 60 s");
+        },
+        10000));
+    ::kill(static_cast<pid_t>(early.processId()), SIGINT);
+    ASSERT_TRUE(early.waitForFinished(10000));
+    EXPECT_EQ(early.exitCode(), 1);
+    earlyErr += QString::fromUtf8(early.readAllStandardError());
+    EXPECT_TRUE(earlyErr.contains(
+        "error: no reading could be made: stopped before the first reading ended"))
+        << earlyErr.toStdString();
 }
 
 }  // namespace

@@ -62,6 +62,11 @@ class SimulatorProcess {
         process_.waitForFinished();
     }
     const QString& port() const { return port_; }
+    // Ends the simulator at once: the system closes its connections.
+    void kill() {
+        process_.kill();
+        process_.waitForFinished();
+    }
 
   private:
     QProcess process_;

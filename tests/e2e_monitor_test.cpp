@@ -230,6 +230,26 @@ TEST(MonitorRecord, AModelWithoutMonitorModuleRefuses) {
     EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version HW2.0"));
 }
 
+TEST(MonitorRecord, AMonitorModuleFirstInItsCatalogueIsRefreshedAndRecorded) {
+    // A catalogue that is its monitor module alone: the module's index is 0.
+    CraftedConfig config("Egret", {{"Egret", "Egret"}});
+    const std::string folder = config.configDir() + "/varID/Egret/";
+    WriteFile(folder + "Egret.csv", ReadFile(folder + "Monitor_HW1.0_1.csv"));
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret", config.root());
+    LidarUtilitiesManager& m = session.m();
+    ASSERT_EQ(m.getMonitorModuleIndex(), 0);
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    m.setMonitorAutoRefresh(true);
+    EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) >= 1; }, 3000));
+    m.setMonitorAutoRefresh(false);
+    m.setMonitorRecordDurationSec(1);
+    TempDir records;
+    m.startMonitorRecord(Url(records.path()));
+    ASSERT_TRUE(WaitFor([&] { return !m.getIsMonitorRecording(); }, 5000));
+    EXPECT_GE(Lines(RecordFile(records)).size(), 2);  // the header and a row
+}
+
 TEST(MonitorRecord, WritesNoRowsWhileTheLidarIsBusyButKeepsTime) {
     auto simulator = StartSimulator("Egret");
     ManagerSession session("Egret");
@@ -302,6 +322,17 @@ TEST(MonitorVariants, OrderSkipsAndSelection) {
     m.selectMonitorHwVersion("C");
     EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version C"));
     EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+    // A variant whose file went away is refused, and applies once the file is back.
+    const std::string aB = folder + "Monitor_A_B_4.csv";
+    const std::string aBText = ReadFile(aB);
+    std::remove(aB.c_str());
+    m.selectMonitorHwVersion("A_B");
+    EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version A_B"));
+    EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
+    WriteFile(aB, aBText);
+    m.selectMonitorHwVersion("A_B");
+    EXPECT_EQ(appliedFile(m), "Monitor_A_B_4.csv");
+    m.selectMonitorHwVersion("A");
 
     TempDir records;
     m.setMonitorRecordDurationSec(30);
