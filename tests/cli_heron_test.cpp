@@ -54,6 +54,7 @@ TEST(LidarutilOta, PackThenInspectListsTheComponentsAndRefusesBrokenPackages) {
     const Outcome inspect = lidarutil({"ota", "inspect", Path(dir, "heron.ota")});
     ASSERT_EQ(inspect.exitCode, 0) << inspect.err.toStdString();
     EXPECT_EQ(inspect.out, pack.out);
+    EXPECT_FALSE(inspect.err.contains("note:")) << inspect.err.toStdString();
     EXPECT_TRUE(inspect.out.contains("flags=0x16, 3 components")) << inspect.out.toStdString();
     const QStringList rows = inspect.out.split('\n');
     ASSERT_GE(rows.size(), 5);
@@ -82,6 +83,16 @@ TEST(LidarutilOta, PackThenInspectListsTheComponentsAndRefusesBrokenPackages) {
     EXPECT_EQ(overlapping.exitCode, 1);
     EXPECT_TRUE(overlapping.err.contains("(the upgrade refuses it): Component overlap"))
         << overlapping.err.toStdString();
+    // A header whose total_size is not the file's is noted, not refused (the upgrade ignores it).
+    std::string resized = testsupport::ReadFile(dir.file("heron.ota"));
+    resized[4] = static_cast<char>(resized[4] + 1);
+    testsupport::WriteFile(dir.file("resized.ota"), resized);
+    const Outcome noted = lidarutil({"ota", "inspect", Path(dir, "resized.ota")});
+    EXPECT_EQ(noted.exitCode, 0);
+    EXPECT_TRUE(noted.err.contains("note: the header's total_size is ")) << noted.err.toStdString();
+    const Outcome missing = lidarutil({"ota", "inspect", Path(dir, "missing.ota")});
+    EXPECT_EQ(missing.exitCode, 2);
+    EXPECT_TRUE(missing.err.contains("cannot read " + Path(dir, "missing.ota")));
     testsupport::WriteFile(dir.file("short.ota"), std::string(55, 'N'));
     const Outcome shortFile = lidarutil({"ota", "inspect", Path(dir, "short.ota")});
     EXPECT_EQ(shortFile.exitCode, 1);
