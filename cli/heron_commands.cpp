@@ -9,8 +9,11 @@
 #include <QUrl>
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <optional>
 
 #include "commands.h"
+#include "interrupt.h"
 #include "output.h"
 #include "progress.h"
 #include "session.h"
@@ -23,6 +26,9 @@ const char* const kHeronModel = "Heron-VRC";
 const char* const kAngularVariable = "IMU Angular Range";
 const char* const kAccelerationVariable = "IMU Acceleration Range";
 const char* const kUpgradeCompleted = "Heron upgrade completed.";
+const char* const kUpgradeCompletedAndRestarted =
+    "Heron upgrade completed. Restart command has been sent.";
+const char* const kRestartRefused = "Heron restart command failed, ret:";
 
 QString qs(const std::string& text) {
     return QString::fromStdString(text);
@@ -148,6 +154,93 @@ bool isUpgradeStep(const QString& line) {
            line == "No component found in package";
 }
 
+// How far the upgrade has gone, as the manager's log lines tell it.
+enum class HeronStage { kPreparing, kInUpgradeMode, kSending };
+
+// What the worker tells of the upgrade, on its own thread.
+struct HeronUpgradeWatch {
+    std::atomic<int> upgradingChanges{0};
+    std::atomic<HeronStage> stage{HeronStage::kPreparing};
+    std::atomic<bool> completed{false};  // every component sent
+    std::atomic<bool> restarted{false};  // the lidar acknowledged the restart
+    std::atomic<int> restartCode{0};     // the lidar's answer to a restart it refused
+};
+
+void watchHeronUpgrade(LidarUtilitiesManager& manager, QObject& context, HeronUpgradeWatch& watch,
+                       bool verbose) {
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::isUpgradingChanged, &context,
+        [&watch] { ++watch.upgradingChanges; }, Qt::DirectConnection);
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::successMessageChanged, &context,
+        [&manager, &watch] {
+            const QString text = manager.getSuccessMessage();
+            if (text.startsWith(kUpgradeCompleted)) watch.completed.store(true);
+            if (text == kUpgradeCompletedAndRestarted) watch.restarted.store(true);
+        },
+        Qt::DirectConnection);
+    QObject::connect(
+        &manager, &LidarUtilitiesManager::sendLogMessage, &context,
+        [verbose, &watch](const QString& line, const QString& level) {
+            if (line.startsWith("Heron upgrade: current partition="))
+                watch.stage.store(HeronStage::kInUpgradeMode);
+            // The worker sets the plan's total before it logs the first component it sends.
+            if (line.startsWith("Heron upgrade: sending ")) watch.stage.store(HeronStage::kSending);
+            if (line.startsWith(kRestartRefused))
+                watch.restartCode.store(line.mid(int(strlen(kRestartRefused))).toInt());
+            // --verbose prints every log line already.
+            if (!verbose && level == "INFO" && isUpgradeStep(line)) printDiagnostic(line);
+        },
+        Qt::DirectConnection);
+}
+
+// The first Ctrl-C's warning, true to what the lidar holds at that moment.
+QString interruptWarning(HeronStage stage) {
+    const QString again = "; press Ctrl-C again to abandon it";
+    switch (stage) {
+        case HeronStage::kPreparing:
+            return "the upgrade is still running: the lidar is being put into upgrade mode and no "
+                   "component has been sent yet" +
+                   again;
+        case HeronStage::kInUpgradeMode:
+            return "the upgrade is still running: no component has been sent yet, but the lidar "
+                   "is in upgrade mode and stays in it if you stop now" +
+                   again;
+        case HeronStage::kSending:
+            break;
+    }
+    return "the upgrade is still running: stopping now leaves the lidar in upgrade mode with "
+           "part of the package" +
+           again;
+}
+
+// Draws the progress until the worker ends the upgrade (the second change of isUpgrading): the
+// first Ctrl-C warns, the second abandons it by closing the connection. The bar starts with the
+// first component: its total is the plan's, not the file's.
+void followHeronUpgrade(LidarUtilitiesManager& manager, const HeronUpgradeWatch& watch) {
+    int interrupts = 0;
+    std::optional<ProgressRenderer> progress;
+    const auto drawOnceSending = [&progress, &watch] {
+        if (!progress && watch.stage.load() == HeronStage::kSending)
+            progress.emplace("upgrade", "KiB");
+        return progress.has_value();
+    };
+    while (watch.upgradingChanges.load() < 2) {
+        if (interrupted.exchange(false) && ++interrupts == 1) {
+            printDiagnostic(interruptWarning(watch.stage.load()));
+        } else if (interrupts == 2) {
+            printDiagnostic("abandoning the upgrade: closing the connection");
+            manager.Stop();
+            ++interrupts;
+        }
+        if (drawOnceSending())
+            progress->update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+        QThread::msleep(kPollMs);
+    }
+    if (drawOnceSending())
+        progress->finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+}
+
 // The manager's error said what failed (printed once); the lidar's own answer, when the client
 // has one, follows as a detail.
 void explainUpgradeFailure(LidarUtilitiesManager& manager, bool managerSaidWhy) {
@@ -177,42 +270,39 @@ int heronUpgrade(Session& session) {
     LidarUtilitiesManager& manager = session.manager();
     // Connected before the worker starts; the worker ends the upgrade with isUpgrading false,
     // then restarts the lidar and stops, so completion is told by its success message.
-    std::atomic<int> upgradingChanges{0};
-    std::atomic<bool> completed{false};
-    // The worker sets the plan's total before it logs the first component it sends.
-    std::atomic<bool> planTotalSet{false};
+    HeronUpgradeWatch watch;
     QObject context;
-    QObject::connect(
-        &manager, &LidarUtilitiesManager::isUpgradingChanged, &context,
-        [&upgradingChanges] { ++upgradingChanges; }, Qt::DirectConnection);
-    QObject::connect(
-        &manager, &LidarUtilitiesManager::successMessageChanged, &context,
-        [&manager, &completed] {
-            if (manager.getSuccessMessage().startsWith(kUpgradeCompleted)) completed.store(true);
-        },
-        Qt::DirectConnection);
-    const bool verbose = session.options().verbose;
-    QObject::connect(
-        &manager, &LidarUtilitiesManager::sendLogMessage, &context,
-        [verbose, &planTotalSet](const QString& line, const QString& level) {
-            if (line.startsWith("Heron upgrade: sending ")) planTotalSet.store(true);
-            // --verbose prints every log line already.
-            if (!verbose && level == "INFO" && isUpgradeStep(line)) printDiagnostic(line);
-        },
-        Qt::DirectConnection);
+    watchHeronUpgrade(manager, context, watch, session.options().verbose);
     const int errorsBefore = session.errorCount();
-    if (manager.HeronUpgradeLidar(QUrl::fromLocalFile(package.absoluteFilePath())) != 0)
+    // The outcome is shown by the worker while the bar may still be drawn: it waits for the bar.
+    session.holdMessages();
+    if (manager.HeronUpgradeLidar(QUrl::fromLocalFile(package.absoluteFilePath())) != 0) {
+        session.releaseMessages();
         return kExitFailed;  // the manager has said why
+    }
     printDiagnostic("upgrading with " + package.fileName() + " (" +
                     QString::number(package.size()) + " bytes) ...");
-    followUpgrade(manager, upgradingChanges, &planTotalSet);
-    // The worker ends after the restart request and the stop.
-    manager.waitForWorkers();
-    if (!completed.load()) explainUpgradeFailure(manager, session.errorCount() != errorsBefore);
+    {
+        InterruptGuard guard;
+        followHeronUpgrade(manager, watch);
+        session.releaseMessages();
+        // The worker ends after the restart request and the stop.
+        manager.waitForWorkers();
+    }
+    const bool restarted = watch.restarted.load();
+    if (!watch.completed.load())
+        explainUpgradeFailure(manager, session.errorCount() != errorsBefore);
+    else if (!restarted)
+        printDiagnostic("error: the components are written but the lidar was not restarted" +
+                        (watch.restartCode.load() != 0
+                             ? ": " + readFailureText(watch.restartCode.load())
+                             : QString()) +
+                        "; power-cycle the lidar to run them");
     if (session.options().json)
-        printJson(QJsonDocument(
-            QJsonObject{{"package", package.absoluteFilePath()}, {"upgraded", completed.load()}}));
-    return completed.load() ? kExitOk : kExitFailed;
+        printJson(QJsonDocument(QJsonObject{{"package", package.absoluteFilePath()},
+                                            {"upgraded", watch.completed.load()},
+                                            {"restarted", restarted}}));
+    return restarted ? kExitOk : kExitFailed;
 }
 
 }  // namespace

@@ -23,6 +23,11 @@ QString hex(uint32_t value, int digits) {
     return "0x" + QString::number(value, 16).toUpper().rightJustified(digits, '0');
 }
 
+// zlib's CRC-32, as "0x" and eight hexadecimal digits.
+QString crcText(const uint8_t* bytes, size_t size) {
+    return hex(static_cast<uint32_t>(crc32(0L, bytes, static_cast<uInt>(size))), 8);
+}
+
 // A package, as the upgrade takes it, is at most 2 GiB (the upgrade refuses a larger file).
 constexpr qint64 kLargestFile = INT32_MAX;
 
@@ -88,17 +93,20 @@ int printPackage(const QString& path, const u8Array_t& package, const Verdict& v
     for (const heron_ota::ComponentKind& kind : heron_ota::kComponents) {
         const HeronOtaComponentInfo& component = verdict.info.*(kind.info);
         if (!component.present) continue;
-        const uint8_t* bytes = package.data() + heron_ota::kHeaderSize + component.offset;
-        const uint32_t crc = static_cast<uint32_t>(crc32(0L, bytes, component.size));
-        const size_t sent = verdict.sent[sentIndex++].size();
+        const QString crc =
+            crcText(package.data() + heron_ota::kHeaderSize + component.offset, component.size);
+        const u8Array_t& sent = verdict.sent[sentIndex++];
+        const QString sentCrc = crcText(sent.data(), sent.size());
         rows.push_back({kind.name, QString::number(kind.type), QString::number(component.offset),
-                        QString::number(component.size), hex(crc, 8), QString::number(sent)});
+                        QString::number(component.size), crc, QString::number(sent.size()),
+                        sentCrc});
         components.append(QJsonObject{{"name", kind.name},
                                       {"type", kind.type},
                                       {"offset", qint64(component.offset)},
                                       {"size", qint64(component.size)},
-                                      {"crc32", hex(crc, 8)},
-                                      {"sent", qint64(sent)}});
+                                      {"crc32", crc},
+                                      {"sent", qint64(sent.size())},
+                                      {"sent_crc32", sentCrc}});
     }
     if (json) {
         printJson(QJsonDocument(QJsonObject{{"file", path},
@@ -110,8 +118,10 @@ int printPackage(const QString& path, const u8Array_t& package, const Verdict& v
         printResult(path + ": " + QString::number(package.size()) +
                     " bytes, flags=" + hex(verdict.info.flags, 2) + ", " +
                     QString::number(rows.size()) + " component" + (rows.size() == 1 ? "" : "s"));
-        // SENT: the bytes the upgrade sends; an FPGA image loses its leading 1024-byte block.
-        printResult(formatTable({"NAME", "TYPE", "OFFSET", "SIZE", "CRC32", "SENT"}, rows, 2));
+        // SENT: the bytes the upgrade sends (an FPGA image loses its leading 1024-byte block) and
+        // their CRC, which is what a lidar, and lidar-sim's report, computes over what it got.
+        printResult(formatTable({"NAME", "TYPE", "OFFSET", "SIZE", "CRC32", "SENT", "SENT-CRC32"},
+                                rows, 2));
     }
     if (verdict.info.total_size != package.size())
         printDiagnostic("note: the header's total_size is " +

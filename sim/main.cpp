@@ -2,11 +2,15 @@
 // SIGINT or SIGTERM, then prints what it received (every transfer with its size and CRC-32, the
 // running partition) and its request counters, and with --report writes the same as JSON.
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -210,7 +214,23 @@ std::string TransferJson(const sim::Transfer& t) {
            ",\"announced_size\":" + std::to_string(t.announcedSize) +
            ",\"size\":" + std::to_string(t.receivedSize) + ",\"crc32\":\"" + Hex(t.receivedCrc, 8) +
            "\",\"chunks\":" + std::to_string(t.chunks) +
-           ",\"completed\":" + (t.completed ? "true" : "false") + "}";
+           ",\"completed\":" + (t.completed ? "true" : "false") +
+           ",\"refused_status\":" + std::to_string(t.refusedStatus) + "}";
+}
+
+// One transfer's line. The CRC-32 is of the bytes received: for an FPGA image that is the image
+// without the leading block the upgrade does not send, what `ota inspect` lists as SENT-CRC32.
+std::string TransferLine(const sim::Transfer& t) {
+    const std::string component = ComponentName(t);
+    const std::string line =
+        "received " + Hex(t.command, 2) + " " + (component.empty() ? "package" : component) + ": ";
+    if (t.refusedStatus != 0)
+        return line + "refused with status " + std::to_string(t.refusedStatus) + " (" +
+               std::to_string(t.announcedSize) + " bytes announced, none taken)";
+    return line + std::to_string(t.receivedSize) + " of " + std::to_string(t.announcedSize) +
+           " bytes, CRC-32 of the bytes received " + Hex(t.receivedCrc, 8) + ", " +
+           std::to_string(t.chunks) + (t.chunks == 1 ? " chunk, " : " chunks, ") +
+           (t.completed ? "completed" : "incomplete");
 }
 
 // The counters line first (as it always came), then a line per transfer and the partition on
@@ -229,14 +249,8 @@ bool ReportReceived(const Received& received, const std::string& model,
     std::cout << line << "\n";
     json += "},\"received\":[";
     for (size_t i = 0; i < received.transfers.size(); ++i) {
-        const sim::Transfer& t = received.transfers[i];
-        const std::string component = ComponentName(t);
-        std::cout << "received " << Hex(t.command, 2) << " "
-                  << (component.empty() ? "package" : component) << ": " << t.receivedSize << " of "
-                  << t.announcedSize << " bytes, CRC-32 " << Hex(t.receivedCrc, 8) << ", "
-                  << t.chunks << (t.chunks == 1 ? " chunk, " : " chunks, ")
-                  << (t.completed ? "completed" : "incomplete") << "\n";
-        json += (i == 0 ? "" : ",") + TransferJson(t);
+        std::cout << TransferLine(received.transfers[i]) << "\n";
+        json += (i == 0 ? "" : ",") + TransferJson(received.transfers[i]);
     }
     if (received.transfers.empty()) std::cout << "received: no transfer\n";
     json += "]";
@@ -253,6 +267,17 @@ bool ReportReceived(const Received& received, const std::string& model,
         return false;
     }
     return true;
+}
+
+// Why the report cannot be written, tried at start-up so that a run is not wasted on a report
+// lost at its end; empty when it can. A file that did not exist is removed again.
+std::string ReportFileProblem(const std::string& path) {
+    const bool existed = ::access(path.c_str(), F_OK) == 0;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return std::strerror(errno);
+    ::close(fd);
+    if (!existed) ::unlink(path.c_str());
+    return "";
 }
 
 std::string ChaosLine(const sim::ChaosTally& played) {
@@ -338,6 +363,13 @@ int main(int argc, char** argv) {
     } catch (const UsageError& e) {
         std::cerr << "lidar-sim: " << e.message << "\n" << kUsage;
         return kUsageError;
+    }
+    if (!args.reportFile.empty()) {
+        if (const std::string problem = ReportFileProblem(args.reportFile); !problem.empty()) {
+            std::cerr << "lidar-sim: cannot write the report " << args.reportFile << ": " << problem
+                      << "\n";
+            return kUsageError;
+        }
     }
 
     // Block the stop signals before any thread exists, so that only sigwait below sees them.

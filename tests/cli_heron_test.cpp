@@ -54,17 +54,22 @@ TEST(LidarutilOta, PackThenInspectListsTheComponentsAndRefusesBrokenPackages) {
     const Outcome inspect = lidarutil({"ota", "inspect", Path(dir, "heron.ota")});
     ASSERT_EQ(inspect.exitCode, 0) << inspect.err.toStdString();
     EXPECT_EQ(inspect.out, pack.out);
+    EXPECT_FALSE(inspect.err.contains("note:")) << inspect.err.toStdString();
     EXPECT_TRUE(inspect.out.contains("flags=0x16, 3 components")) << inspect.out.toStdString();
     const QStringList rows = inspect.out.split('\n');
     ASSERT_GE(rows.size(), 5);
-    EXPECT_EQ(rows[2].simplified(), "BMB_APP_B 2 0 3000 " + Crc(appB) + " 3000");
-    EXPECT_EQ(rows[3].simplified(), "BMB_FPGA 1 3000 1500 " + Crc(fpga) + " 476");
-    EXPECT_EQ(rows[4].simplified(), "TMB_PARAM 3 4500 64 " + Crc(param) + " 64");
+    // An FPGA image is sent without its first 1024 bytes: the sent CRC is of what remains.
+    EXPECT_EQ(rows[2].simplified(), "BMB_APP_B 2 0 3000 " + Crc(appB) + " 3000 " + Crc(appB));
+    EXPECT_EQ(rows[3].simplified(),
+              "BMB_FPGA 1 3000 1500 " + Crc(fpga) + " 476 " + Crc(fpga.substr(1024)));
+    EXPECT_EQ(rows[4].simplified(), "TMB_PARAM 3 4500 64 " + Crc(param) + " 64 " + Crc(param));
 
     const Outcome json = lidarutil({"ota", "inspect", "--json", Path(dir, "heron.ota")});
     const QJsonObject document = QJsonDocument::fromJson(json.out.toUtf8()).object();
     EXPECT_EQ(document["flags"].toInt(), 0x16);
     EXPECT_EQ(document["components"].toArray().at(1).toObject()["crc32"].toString(), Crc(fpga));
+    EXPECT_EQ(document["components"].toArray().at(1).toObject()["sent_crc32"].toString(),
+              Crc(fpga.substr(1024)));
 
     // Overlapping components, a file shorter than the header: refused with the parser's reason.
     HeronOtaPackageInfo overlap;
@@ -78,6 +83,16 @@ TEST(LidarutilOta, PackThenInspectListsTheComponentsAndRefusesBrokenPackages) {
     EXPECT_EQ(overlapping.exitCode, 1);
     EXPECT_TRUE(overlapping.err.contains("(the upgrade refuses it): Component overlap"))
         << overlapping.err.toStdString();
+    // A header whose total_size is not the file's is noted, not refused (the upgrade ignores it).
+    std::string resized = testsupport::ReadFile(dir.file("heron.ota"));
+    resized[4] = static_cast<char>(resized[4] + 1);
+    testsupport::WriteFile(dir.file("resized.ota"), resized);
+    const Outcome noted = lidarutil({"ota", "inspect", Path(dir, "resized.ota")});
+    EXPECT_EQ(noted.exitCode, 0);
+    EXPECT_TRUE(noted.err.contains("note: the header's total_size is ")) << noted.err.toStdString();
+    const Outcome missing = lidarutil({"ota", "inspect", Path(dir, "missing.ota")});
+    EXPECT_EQ(missing.exitCode, 2);
+    EXPECT_TRUE(missing.err.contains("cannot read " + Path(dir, "missing.ota")));
     testsupport::WriteFile(dir.file("short.ota"), std::string(55, 'N'));
     const Outcome shortFile = lidarutil({"ota", "inspect", Path(dir, "short.ota")});
     EXPECT_EQ(shortFile.exitCode, 1);
@@ -114,8 +129,11 @@ TEST(LidarutilHeron, UpgradeAndImuRangeAgainstTheEmbeddedSimulator) {
     // The plan is made (and its skips said) before the first component goes.
     EXPECT_TRUE(partition >= 0 && partition < skip && skip < appB && appB < tmb)
         << err.toStdString();
-    EXPECT_TRUE(err.contains("upgrade: 100% (6/6 KiB)")) << err.toStdString();
-    EXPECT_TRUE(err.contains("Heron upgrade completed. Restart command has been sent."));
+    // Standard error is not a terminal here: the outcome follows the bar's last line.
+    const int lastProgress = err.lastIndexOf("upgrade: 100% (6/6 KiB)");
+    EXPECT_GT(lastProgress, tmb) << err.toStdString();
+    EXPECT_GT(err.indexOf("Heron upgrade completed. Restart command has been sent."), lastProgress)
+        << err.toStdString();
 
     // A package the upgrade refuses: said with the parser's reason before any connection.
     std::string broken = testsupport::ReadFile(dir.file("heron.ota"));
@@ -222,23 +240,35 @@ TEST(LidarutilHeron, AgainstLidarSimAFailedComponentIsToldOnceAndTheSimulatorSho
     const QString& err = upgrade.err;
     EXPECT_EQ(err.count("error: "), 1) << err.toStdString();
     EXPECT_TRUE(err.contains("error: Heron upgrade: BMB_FPGA failed, error=5"));
-    EXPECT_TRUE(
-        err.contains("Heron upgrade: the lidar is left in upgrade mode with BMB_APP_B "
-                     "completed, not BMB_FPGA, TMB_PARAM; run the same upgrade again"))
+    EXPECT_TRUE(err.contains(
+        "Heron upgrade: the lidar is left in upgrade mode with BMB_APP_B "
+        "written; BMB_FPGA and TMB_PARAM were not written; run the same upgrade again"))
         << err.toStdString();
     EXPECT_TRUE(err.contains("  the lidar's last answer: the lidar answered with status 5"));
     EXPECT_FALSE(err.contains("Heron OTA package parsed"));  // the course only, without --verbose
     // The bar's total is the plan's from its first line: 5 + 2 + 1 KiB, not the file's 7.
     const QRegularExpression progressLine("upgrade: \\d+% \\(\\d+/(\\d+) KiB\\)");
     int progressLines = 0;
-    for (auto match = progressLine.globalMatch(err); match.hasNext(); ++progressLines)
-        EXPECT_EQ(match.next().captured(1), "8") << err.toStdString();
+    int lastProgress = -1;
+    for (auto match = progressLine.globalMatch(err); match.hasNext(); ++progressLines) {
+        const QRegularExpressionMatch line = match.next();
+        EXPECT_EQ(line.captured(1), "8") << err.toStdString();
+        lastProgress = line.capturedStart();
+    }
     EXPECT_GT(progressLines, 0) << err.toStdString();
+    EXPECT_GT(err.indexOf("error: Heron upgrade: BMB_FPGA failed"), lastProgress)
+        << err.toStdString();
 
     const auto [status, printed] = lidar.Interrupt();
     EXPECT_EQ(status, 0);
-    EXPECT_TRUE(printed.contains("received 0xC3 BMB application: 5000 of 5000 bytes, CRC-32 " +
-                                 Crc(appB) + ", 1 chunk, completed\n"))
+    EXPECT_TRUE(
+        printed.contains("received 0xC3 BMB application: 5000 of 5000 bytes, CRC-32 of the "
+                         "bytes received " +
+                         Crc(appB) + ", 1 chunk, completed\n"))
+        << printed.toStdString();
+    // The component the lidar refused is listed with its status: 3000 - 1024 bytes offered.
+    EXPECT_TRUE(printed.contains(
+        "received 0xC3 BMB FPGA: refused with status 5 (1976 bytes announced, none taken)\n"))
         << printed.toStdString();
     EXPECT_TRUE(printed.contains("running partition: A\n"));
     EXPECT_TRUE(printed.contains(QRegularExpression("^requests: .*0xB6=1 .*0xC3=\\d+",
@@ -248,11 +278,57 @@ TEST(LidarutilHeron, AgainstLidarSimAFailedComponentIsToldOnceAndTheSimulatorSho
             QByteArray::fromStdString(testsupport::ReadFile(dir.file("report.json"))))
             .object();
     const QJsonArray received = report["received"].toArray();
-    ASSERT_EQ(received.size(), 1) << testsupport::ReadFile(dir.file("report.json"));
+    ASSERT_EQ(received.size(), 2) << testsupport::ReadFile(dir.file("report.json"));
     EXPECT_EQ(received[0].toObject()["crc32"].toString(), Crc(appB));
     EXPECT_EQ(received[0].toObject()["size"].toInt(), 5000);
+    EXPECT_EQ(received[0].toObject()["refused_status"].toInt(), 0);
+    EXPECT_EQ(received[1].toObject()["component"].toString(), "BMB FPGA");
+    EXPECT_EQ(received[1].toObject()["refused_status"].toInt(), 5);
     EXPECT_EQ(report["running_partition"].toString(), "A");
     EXPECT_EQ(report["requests"].toObject()["0xB6"].toInt(), 1);
+}
+
+TEST(LidarutilHeron, AgainstLidarSimARefusedRestartFailsAndTheReportCrcIsTheSentOne) {
+    testsupport::TempDir dir;
+    // A report that cannot be written is refused before the lidar starts, not lost at its end.
+    QProcess unwritable;
+    const QString missing = Path(dir, "missing") + "/report.json";
+    unwritable.start(LIDAR_BINARY_DIR "/sim/lidar-sim",
+                     {"--model", "Heron-VRC", "--port", "0", "--report", missing});
+    ASSERT_TRUE(unwritable.waitForFinished(10000));
+    EXPECT_EQ(unwritable.exitCode(), 2);
+    EXPECT_TRUE(unwritable.readAllStandardError().contains(
+        "lidar-sim: cannot write the report " + missing.toUtf8() + ": No such file or directory"));
+    EXPECT_TRUE(unwritable.readAllStandardOutput().isEmpty());
+
+    testsupport::WriteFile(dir.file("fpga"), Bytes(3000, 'f'));
+    ASSERT_EQ(
+        lidarutil({"ota", "pack", "--bmb-fpga", Path(dir, "fpga"), "-o", Path(dir, "heron.ota")})
+            .exitCode,
+        0);
+    const Outcome inspect = lidarutil({"ota", "inspect", "--json", Path(dir, "heron.ota")});
+    const QString sentCrc = QJsonDocument::fromJson(inspect.out.toUtf8())
+                                .object()["components"]
+                                .toArray()
+                                .at(0)
+                                .toObject()["sent_crc32"]
+                                .toString();
+    ReportingSimulator lidar({"0xC2:status=5"}, Path(dir, "report.json"));
+    ASSERT_FALSE(lidar.port().isEmpty());
+    const Outcome upgrade = lidarutil({"--model", "Heron-VRC", "--host", "127.0.0.1", "--port",
+                                       lidar.port(), "heron", "upgrade", Path(dir, "heron.ota")});
+    EXPECT_EQ(upgrade.exitCode, 1);
+    EXPECT_TRUE(upgrade.err.contains(
+        "error: the components are written but the lidar was not restarted: the lidar answered "
+        "with status 5 (device failure); power-cycle the lidar to run them"))
+        << upgrade.err.toStdString();
+    const auto [status, printed] = lidar.Interrupt();
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(
+        printed.contains("received 0xC3 BMB FPGA: 1976 of 1976 bytes, CRC-32 of the bytes "
+                         "received " +
+                         sentCrc + ", 1 chunk, completed\n"))
+        << printed.toStdString() << inspect.out.toStdString();
 }
 
 TEST(LidarutilHeron, CtrlCTwiceInThePauseBeforeTheFirstComponentAbandonsTheUpgrade) {
@@ -276,7 +352,12 @@ TEST(LidarutilHeron, CtrlCTwiceInThePauseBeforeTheFirstComponentAbandonsTheUpgra
     };
     ASSERT_TRUE(waitFor("Heron upgrade: current partition=A")) << err.toStdString();
     ::kill(static_cast<pid_t>(upgrade.processId()), SIGINT);
-    ASSERT_TRUE(waitFor("press Ctrl-C again")) << err.toStdString();
+    // Nothing was sent yet, and the warning says so.
+    ASSERT_TRUE(
+        waitFor("the upgrade is still running: no component has been sent yet, but the "
+                "lidar is in upgrade mode and stays in it if you stop now; press Ctrl-C "
+                "again to abandon it"))
+        << err.toStdString();
     ::kill(static_cast<pid_t>(upgrade.processId()), SIGINT);
     ASSERT_TRUE(upgrade.waitForFinished(10000));
     err += QString::fromUtf8(upgrade.readAllStandardError());

@@ -313,8 +313,8 @@ TEST_F(HeronTest, AFailedComponentStopsThePlanAndKeepsTheConnection) {
     EXPECT_TRUE(session_->Shown("error: Heron upgrade: BMB_FPGA failed, error=5"));
     EXPECT_TRUE(session_->LogHas("Heron upgrade: BMB_FPGA failed, error=5|INFO"));
     EXPECT_TRUE(session_->LogHas(
-        "Heron upgrade: the lidar is left in upgrade mode with BMB_APP_B completed, not BMB_FPGA, "
-        "TMB_FPGA; run the same upgrade again to finish it|WARNING"));
+        "Heron upgrade: the lidar is left in upgrade mode with BMB_APP_B written; BMB_FPGA and "
+        "TMB_FPGA were not written; run the same upgrade again to finish it|WARNING"));
     EXPECT_FALSE(session_->LogHas("Heron upgrade: sending TMB_FPGA (type=0x00, size=976)|INFO"));
     ASSERT_EQ(simulator_->Components().size(), 1u);  // BMB_FPGA refused, TMB_FPGA never begun
     EXPECT_EQ(simulator_->RequestCount(0xC2), 0u);
@@ -366,8 +366,8 @@ TEST_F(HeronTest, AStopAbandonsTheUpgradeInThePauseOrBetweenComponents) {
     EXPECT_EQ(session_->Messages(),
               std::vector<std::string>{"error: Heron upgrade abandoned during BMB_APP_B"});
     EXPECT_TRUE(session_->LogHas(
-        "Heron upgrade: the lidar is left in upgrade mode with no component completed, not "
-        "BMB_APP_B, TMB_PARAM; run the same upgrade again to finish it|WARNING"));
+        "Heron upgrade: the lidar is left in upgrade mode with no new component: BMB_APP_B and "
+        "TMB_PARAM were not written; run the same upgrade again to finish it|WARNING"));
     EXPECT_EQ(simulator_->RequestCount(0xC3), 1u);  // the first component's begin, no more
     EXPECT_EQ(simulator_->RequestCount(0xC2), 0u);
 }

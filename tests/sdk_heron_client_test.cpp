@@ -160,7 +160,17 @@ TEST(HeronClient, ComponentFaultsByPositionAndTypeAndTheirParsing) {
     simulator->SetFault(0xC3, fault);
     EXPECT_EQ(client->HeronSendComponentData(part, 1, progress), 0);
     EXPECT_EQ(client->HeronSendComponentData(part, 0, progress), 4);
+    EXPECT_EQ(client->HeronSendComponentData(part, 9, progress), 1);  // no such component
     EXPECT_EQ(simulator->Components().size(), 3u);
+    // The transfers keep the refused ones with their status and announced size, for the report.
+    std::vector<std::pair<int, int>> refused;  // type, status
+    for (const sim::Transfer& transfer : simulator->Transfers()) {
+        if (transfer.refusedStatus == 0) continue;
+        refused.emplace_back(transfer.beginByte, transfer.refusedStatus);
+        EXPECT_EQ(transfer.announcedSize, 100u);
+        EXPECT_EQ(transfer.receivedSize, 0u);
+    }
+    EXPECT_EQ(refused, (std::vector<std::pair<int, int>>{{3, 5}, {0, 4}, {9, 1}}));
 }
 
 TEST(HeronClient, TheAccessProfileRefusesEachOperationBeforeTheWire) {

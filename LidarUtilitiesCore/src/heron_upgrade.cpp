@@ -333,12 +333,16 @@ void LidarUtilitiesManager::reportHeronUpgradeCut(const std::vector<HeronUpgrade
                                                   size_t completed) {
     const auto names = [&plan](size_t from, size_t to) {
         std::string list;
-        for (size_t i = from; i < to; ++i) list += (list.empty() ? "" : ", ") + plan[i].name;
+        for (size_t i = from; i < to; ++i)
+            list += (i == from ? "" : i + 1 == to ? " and " : ", ") + plan[i].name;
         return list;
     };
-    const std::string done = completed == 0 ? "no component" : names(0, completed);
-    writeLogMessage("Heron upgrade: the lidar is left in upgrade mode with " + done +
-                        " completed, not " + names(completed, plan.size()) +
+    const size_t left = plan.size() - completed;
+    const std::string notWritten =
+        names(completed, plan.size()) + (left == 1 ? " was not written" : " were not written");
+    const std::string held = completed == 0 ? "no new component: " + notWritten
+                                            : names(0, completed) + " written; " + notWritten;
+    writeLogMessage("Heron upgrade: the lidar is left in upgrade mode with " + held +
                         "; run the same upgrade again to finish it",
                     "WARNING");
 }

@@ -412,7 +412,10 @@ Reply Device::SetBaudRate(const Bytes& payload) {
 Reply Device::Upgrade(uint8_t command, const Bytes& payload, size_t beginExtraBytes,
                       Session& session) {
     if (RebootPending()) return Status(vrc::kStatusBusy);
-    if (RefusesComponent(command, payload)) return Status(vrc::kStatusBadPayload);
+    if (RefusesComponent(command, payload)) {
+        RecordRefusedComponent(command, payload, vrc::kStatusBadPayload);
+        return Status(vrc::kStatusBadPayload);
+    }
     const uint8_t status = session.upgrade.Handle(payload, beginExtraBytes);
     const UpgradeReceiver::Phase phase = UpgradeReceiver::PhaseOf(payload);
     RecordTransfer(command, phase == UpgradeReceiver::Phase::kBegin && status == 0, session);

@@ -59,6 +59,9 @@ class Device {
     SerialDevice& Serial() { return serial_; }
     const SerialDevice& Serial() const { return serial_; }
     std::vector<Transfer> Transfers() const;
+    // A component (0xC3) refused at its begin phase with `status` joins the transfers, so that
+    // the report shows what was offered and refused; other requests are not recorded.
+    void RecordRefusedComponent(uint8_t command, const Bytes& payload, uint8_t status);
     bool RebootPending() const;
     Bytes LogContent(const Bytes& request) const;
     HeronState& Heron() { return heron_; }

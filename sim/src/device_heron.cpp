@@ -58,6 +58,22 @@ void Device::RecordComponent(uint8_t command, const Bytes& payload, uint8_t stat
     }
 }
 
+void Device::RecordRefusedComponent(uint8_t command, const Bytes& payload, uint8_t status) {
+    constexpr size_t kTypeAt = 1;
+    constexpr size_t kSizeAt = 2;
+    if (command != kComponentUpgrade || status == lidar::vrc::kStatusOk ||
+        UpgradeReceiver::PhaseOf(payload) != UpgradeReceiver::Phase::kBegin)
+        return;
+    Transfer refused;
+    refused.command = command;
+    if (payload.size() > kTypeAt) refused.beginByte = payload[kTypeAt];
+    for (size_t i = kSizeAt; i < kSizeAt + 4 && i < payload.size(); ++i)
+        refused.announcedSize = (refused.announcedSize << 8) | payload[i];
+    refused.refusedStatus = status;
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    transfers_.push_back(refused);
+}
+
 // Called after the chunk's reply, while its bytes are still those of the request.
 void Device::KeepComponentChunk(const Session& session) {
     if (session.componentIndex == kNoComponent || session.upgrade.PendingChunk() == nullptr) return;

@@ -94,6 +94,7 @@ class LidarSimulator::Impl {
     bool SendReply(int fd, uint8_t command, const detail::Reply& reply, const Fault& fault);
     std::optional<bool> ApplyTransferFault(Connection& conn, const vrc::Frame& request,
                                            const Fault& fault);
+    bool Refuse(Connection& conn, const vrc::Frame& request, uint8_t status);
     bool SleepUnlessStopped(int ms);
     void BeginDowntime();
     bool InDowntime() const;
@@ -339,9 +340,7 @@ void LidarSimulator::Impl::Serve(Connection& conn) {
 // Returns whether the connection stays open.
 bool LidarSimulator::Impl::HandleRequest(Connection& conn, const vrc::Frame& request) {
     const Fault fault = requests.Received(request.command);
-    if (fault.kind == Fault::Kind::kStatus) {
-        return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
-    }
+    if (fault.kind == Fault::Kind::kStatus) return Refuse(conn, request, fault.status);
     if (fault.kind == Fault::Kind::kDrop) return false;
     // Any fault may also be slow: its reply waits delayMs first.
     if (fault.delayMs > 0 && !SleepUnlessStopped(fault.delayMs)) return false;
@@ -409,17 +408,24 @@ std::optional<bool> LidarSimulator::Impl::ApplyTransferFault(Connection& conn,
         case Fault::Kind::kRefuseComponent:
             if (phase == Phase::kBegin &&
                 device.Heron().ComponentsSinceUpgradeMode() + 1 == fault.count)
-                return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
+                return Refuse(conn, request, fault.status);
             break;
         case Fault::Kind::kRefuseComponentType:
             if (phase == Phase::kBegin && request.payload.size() >= 2 &&
                 request.payload[1] == fault.count)
-                return SendAll(conn.fd, vrc::EncodeFrame(request.command, fault.status, {}));
+                return Refuse(conn, request, fault.status);
             break;
         default:
             break;
     }
     return std::nullopt;
+}
+
+// The request is answered with `status` alone and not carried out; a refused component is kept
+// for the report.
+bool LidarSimulator::Impl::Refuse(Connection& conn, const vrc::Frame& request, uint8_t status) {
+    device.RecordRefusedComponent(request.command, request.payload, status);
+    return SendAll(conn.fd, vrc::EncodeFrame(request.command, status, {}));
 }
 
 bool LidarSimulator::Impl::SleepUnlessStopped(int ms) {

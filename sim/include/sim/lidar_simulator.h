@@ -85,7 +85,8 @@ struct Transfer {
     uint64_t receivedSize = 0;
     uint32_t receivedCrc = 0;  // CRC-32 of the received bytes, in order
     int chunks = 0;
-    bool completed = false;  // the end phase matched size and CRC
+    bool completed = false;     // the end phase matched size and CRC
+    uint8_t refusedStatus = 0;  // a component refused at its begin phase: the status it got
 };
 
 // The Wren's serial-side state, one per simulated device, whichever way it is reached (the UART
