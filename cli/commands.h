@@ -3,6 +3,7 @@
 // lidarutil's subcommands, one function each; every one returns the process exit status.
 
 #include <atomic>
+#include <functional>
 
 #include "lidar_utilities_manager.h"
 #include "options.h"
@@ -31,11 +32,18 @@ int commandOperationLog(Session& session);
 // Why lidarutil cannot write a file into `folder` (missing, not a folder, or the cause the file
 // system gives); empty when it can. Checked before connecting by every command that writes there.
 QString unwritableFolder(const QString& folder);
+// Polls until `ended` is true, calling `eachPoll` each time; the first Ctrl-C prints
+// firstInterruptWarning(), the second prints `abandoning` and stops the manager's worker.
+// Needs an InterruptGuard in scope.
+void followUntil(LidarUtilitiesManager& manager, const std::function<bool()>& ended,
+                 const std::function<QString()>& firstInterruptWarning, const QString& abandoning,
+                 const std::function<void()>& eachPoll = {});
 // Draws an upgrade's progress until its worker reports the end (the second change of
-// isUpgrading); the first Ctrl-C warns, the second abandons the transfer.
-// With totalSet, the bar waits for it: its total and rate start when the transfer itself does.
+// isUpgrading); the bar starts once `sending` is true, so its total and rate start when the
+// transfer itself does. The first Ctrl-C warns, the second abandons the transfer.
 void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
-                   const std::atomic<bool>* totalSet = nullptr);
+                   const std::function<bool()>& sending,
+                   const std::function<QString()>& firstInterruptWarning);
 // monitor_commands.cpp
 int commandMonitor(Session& session);
 // heron_commands.cpp

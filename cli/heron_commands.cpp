@@ -217,30 +217,6 @@ QString interruptWarning(HeronStage stage) {
 // Draws the progress until the worker ends the upgrade (the second change of isUpgrading): the
 // first Ctrl-C warns, the second abandons it by closing the connection. The bar starts with the
 // first component: its total is the plan's, not the file's.
-void followHeronUpgrade(LidarUtilitiesManager& manager, const HeronUpgradeWatch& watch) {
-    int interrupts = 0;
-    std::optional<ProgressRenderer> progress;
-    const auto drawOnceSending = [&progress, &watch] {
-        if (!progress && watch.stage.load() == HeronStage::kSending)
-            progress.emplace("upgrade", "KiB");
-        return progress.has_value();
-    };
-    while (watch.upgradingChanges.load() < 2) {
-        if (interrupted.exchange(false) && ++interrupts == 1) {
-            printDiagnostic(interruptWarning(watch.stage.load()));
-        } else if (interrupts == 2) {
-            printDiagnostic("abandoning the upgrade: closing the connection");
-            manager.Stop();
-            ++interrupts;
-        }
-        if (drawOnceSending())
-            progress->update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
-        QThread::msleep(kPollMs);
-    }
-    if (drawOnceSending())
-        progress->finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
-}
-
 // The manager's error said what failed (printed once); the lidar's own answer, when the client
 // has one, follows as a detail.
 void explainUpgradeFailure(LidarUtilitiesManager& manager, bool managerSaidWhy) {
@@ -284,7 +260,10 @@ int heronUpgrade(Session& session) {
                     QString::number(package.size()) + " bytes) ...");
     {
         InterruptGuard guard;
-        followHeronUpgrade(manager, watch);
+        followUpgrade(
+            manager, watch.upgradingChanges,
+            [&watch] { return watch.stage.load() == HeronStage::kSending; },
+            [&watch] { return interruptWarning(watch.stage.load()); });
         session.releaseMessages();
         // The worker ends after the restart request and the stop.
         manager.waitForWorkers();

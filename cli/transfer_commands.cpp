@@ -134,19 +134,14 @@ void followRestart(LidarUtilitiesManager& manager) {
         manager.waitForWorkers();
         ended.store(true);
     });
-    int interrupts = 0;
-    while (!ended.load()) {
-        if (interrupted.exchange(false) && ++interrupts == 1) {
-            printDiagnostic(
+    followUntil(
+        manager, [&ended] { return ended.load(); },
+        [] {
+            return QString(
                 "the lidar is restarted in a few seconds to finish the upgrade; press Ctrl-C "
                 "again to abandon the restart (the lidar must then be restarted by hand)");
-        } else if (interrupts == 2) {
-            printDiagnostic("abandoning the automatic restart");
-            manager.Stop();
-            ++interrupts;
-        }
-        QThread::msleep(kPollMs);
-    }
+        },
+        "abandoning the automatic restart");
     waiter.join();
 }
 
@@ -242,7 +237,13 @@ int commandUpgrade(Session& session) {
                     ") ...");
     // Covers the restart's pause too: a Ctrl-C there must reach the manager, not end lidarutil.
     InterruptGuard guard;
-    followUpgrade(manager, upgradingChanges);
+    followUpgrade(
+        manager, upgradingChanges, [] { return true; },
+        [] {
+            return QString(
+                "the upgrade is still running: stopping now leaves the lidar with part of the "
+                "package; press Ctrl-C again to abandon it");
+        });
     session.printHeldMessages();
     const int errorsAfterTransfer = session.errorCount();
     followRestart(manager);
@@ -256,33 +257,43 @@ int commandUpgrade(Session& session) {
     return restarted ? kExitOk : kExitFailed;
 }
 
-void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
-                   const std::atomic<bool>* totalSet) {
-    // A lidar left with part of a package may not start again: the first Ctrl-C only warns, the
-    // second abandons the transfer by closing the connection.
-    InterruptGuard guard;
+void followUntil(LidarUtilitiesManager& manager, const std::function<bool()>& ended,
+                 const std::function<QString()>& firstInterruptWarning, const QString& abandoning,
+                 const std::function<void()>& eachPoll) {
     int interrupts = 0;
-    std::optional<ProgressRenderer> progress;
-    const auto drawOnceTheTotalIsSet = [&progress, totalSet] {
-        if (!progress && (totalSet == nullptr || totalSet->load()))
-            progress.emplace("upgrade", "KiB");
-        return progress.has_value();
-    };
-    while (upgradingChanges.load() < 2) {
+    while (!ended()) {
         if (interrupted.exchange(false) && ++interrupts == 1) {
-            printDiagnostic(
-                "the upgrade is still running: stopping now leaves the lidar with part of the "
-                "package; press Ctrl-C again to abandon it");
+            printDiagnostic(firstInterruptWarning());
         } else if (interrupts == 2) {
-            printDiagnostic("abandoning the upgrade: closing the connection");
+            printDiagnostic(abandoning);
             manager.Stop();
             ++interrupts;
         }
-        if (drawOnceTheTotalIsSet())
-            progress->update(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
+        if (eachPoll) eachPoll();
         QThread::msleep(kPollMs);
     }
-    if (drawOnceTheTotalIsSet())
+}
+
+void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
+                   const std::function<bool()>& sending,
+                   const std::function<QString()>& firstInterruptWarning) {
+    // A lidar left with part of a package may not start again: the first Ctrl-C only warns, the
+    // second abandons the transfer by closing the connection.
+    InterruptGuard guard;
+    std::optional<ProgressRenderer> progress;
+    const auto drawOnceSending = [&progress, &sending] {
+        if (!progress && sending()) progress.emplace("upgrade", "KiB");
+        return progress.has_value();
+    };
+    followUntil(
+        manager, [&upgradingChanges] { return upgradingChanges.load() >= 2; },
+        firstInterruptWarning, "abandoning the upgrade: closing the connection",
+        [&] {
+            if (drawOnceSending())
+                progress->update(manager.getUpgradeProgress(),
+                                 manager.getUpgradeProgressTotalLen());
+        });
+    if (drawOnceSending())
         progress->finish(manager.getUpgradeProgress(), manager.getUpgradeProgressTotalLen());
 }
 
