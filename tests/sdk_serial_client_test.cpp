@@ -141,17 +141,29 @@ TEST(SerialClientLine, FalseStartMarkersDoNotSwallowTheReply) {
     EXPECT_EQ(state, Bytes{2});
 }
 
-TEST(SerialClientLine, APointCloudOnTheCommandLineIsNamedAsSwappedLines) {
-    // The lines swapped: what comes back on the UART line is a stream that holds no reply.
-    ScriptedDevice device(
-        [](const serial::Frame&, ScriptedDevice& line) { line.Write(Bytes(500, 0x11)); });
+TEST(SerialClientLine, OnlyBytesOutsideEveryFrameAreNamedAsSwappedLines) {
+    // The lines swapped: what comes back on the UART line is a stream that holds no frame. A
+    // long reply with a bad CRC is a damaged frame, whatever its length, not a swapped line.
+    ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
+        if (request.code == 0x01) {
+            line.Write(Bytes(500, 0x11));
+            return;
+        }
+        Bytes damaged = serial::EncodeFrame(request.code, 0, Bytes(200, 0x11));
+        damaged.back() ^= 0xFF;
+        line.Write(damaged);
+    });
     ASSERT_TRUE(device.opened());
+    lidar::SerialClient& client = device.client();
     Bytes reply;
-    EXPECT_EQ(device.client().QueryCommand(0x01, {1}, reply, 300), lidar::kVrcTimeout);
-    EXPECT_EQ(device.client().LastError(),
-              "no complete valid reply to 0x01 within 300 ms: 500 bytes that were not a reply "
-              "arrived on " +
+    EXPECT_EQ(client.QueryCommand(0x01, {1}, reply, 300), lidar::kVrcTimeout);
+    EXPECT_EQ(client.LastError(),
+              "no complete valid reply to 0x01 within 300 ms: 500 bytes that "
+              "were not a reply arrived on " +
                   device.path() + ", the UART line: are the two lines swapped?");
+    EXPECT_EQ(client.QueryCommand(0x04, {}, reply, 300), lidar::kVrcTimeout);
+    EXPECT_EQ(client.LastError(),
+              "no complete valid reply to 0x04 within 300 ms (1 damaged frame(s) dropped)");
 }
 
 TEST(SerialClientLine, AfterATimeOutTheLineRunsOutBeforeTheNextRequest) {

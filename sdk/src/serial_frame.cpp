@@ -58,8 +58,17 @@ void FrameDecoder::Feed(const uint8_t* data, size_t size) {
 }
 
 void FrameDecoder::Skip(size_t count) {
+    const size_t inFrame = std::min(count, frameBytesLeft_);
+    frameBytesLeft_ -= inFrame;
+    noiseBytes_ += count - inFrame;
     readPos_ += count;
-    skippedBytes_ += count;
+}
+
+// The frame's bytes are no noise even though the scan goes on from the byte after its marker.
+void FrameDecoder::DropFrame(size_t extent) {
+    ++droppedFrames_;
+    frameBytesLeft_ = std::max(frameBytesLeft_, extent);
+    Skip(2);
 }
 
 bool FrameDecoder::SeekStart() {
@@ -95,13 +104,13 @@ bool FrameDecoder::Next(Frame& out) {
         if (available < total) return false;
         const uint16_t expected = static_cast<uint16_t>((p[total - 2] << 8) | p[total - 1]);
         if (Crc16(p + 2, kHeaderSize - 2 + length) != expected) {
-            ++droppedFrames_;
-            Skip(2);
+            DropFrame(total);
             continue;
         }
         out.code = p[2];
         out.status = p[3];
         out.payload.assign(p + kHeaderSize, p + kHeaderSize + length);
+        frameBytesLeft_ -= std::min(total, frameBytesLeft_);
         readPos_ += total;
         return true;
     }
@@ -127,8 +136,7 @@ bool FrameDecoder::DropPending() {
     if (Buffered() < 2) return false;
     const uint8_t* p = buffer_.data() + readPos_;
     if (p[0] != kStart0 || p[1] != kStart1) return false;
-    ++droppedFrames_;
-    Skip(2);
+    DropFrame(Buffered());  // what came of it: the rest never did
     return true;
 }
 
@@ -140,7 +148,8 @@ void FrameDecoder::Reset() {
         buffer_.clear();
     }
     readPos_ = 0;
-    skippedBytes_ = 0;
+    frameBytesLeft_ = 0;
+    noiseBytes_ = 0;
     droppedFrames_ = 0;
 }
 

@@ -52,8 +52,10 @@ class FrameDecoder {
     // Gives up the frame begun at the held start marker (its rest is not coming): it counts as
     // dropped and the scan goes on from the byte after the marker. False when none is held.
     bool DropPending();
-    // Noise skipped and frames dropped (bad CRC or length over the limit) since the last Reset.
-    uint64_t SkippedBytes() const { return skippedBytes_; }
+    // Since the last Reset: bytes that belonged to no frame (skipped outside every frame taken
+    // out, dropped for its CRC or given up), and frames dropped (bad CRC, a length over the
+    // limit, given up).
+    uint64_t NoiseBytes() const { return noiseBytes_; }
     uint64_t DroppedFrames() const { return droppedFrames_; }
     void Reset();
 
@@ -61,13 +63,17 @@ class FrameDecoder {
     // Moves readPos_ to the next start marker (or to a lone 0xA5 at the end); true when a whole
     // marker is there.
     bool SeekStart();
+    // Moves readPos_ `count` bytes on; those outside a frame's extent are noise.
     void Skip(size_t count);
+    // Drops the frame begun at readPos_, whose bytes reach `extent` bytes on: they are no noise.
+    void DropFrame(size_t extent);
     void DropConsumed();
 
     std::vector<uint8_t> buffer_;
     size_t readPos_ = 0;
     uint32_t maxPayload_ = kMaxPayload;
-    uint64_t skippedBytes_ = 0;
+    size_t frameBytesLeft_ = 0;  // bytes from readPos_ on that belong to a frame found or dropped
+    uint64_t noiseBytes_ = 0;
     uint64_t droppedFrames_ = 0;
 };
 
