@@ -87,8 +87,17 @@ class ScriptedDevice {
 
 TEST(SerialClientLine, LateRepliesAreDroppedAndTheRightOneIsWaitedFor) {
     // Every request is answered first with a late reply to an earlier one (0x01), then with its
-    // own; 0x03 gets only the late one.
+    // own; 0x03 gets only the late one. 0x02's late reply is a long catalogue block (0x09) whose
+    // bytes happen to hold a refusal of 0x02: taken whole, it hides nothing.
     ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
+        if (request.code == 0x02) {
+            Bytes block(100, 0x5A);
+            const Bytes inside = serial::EncodeFrame(0x02, 7, {});
+            block.insert(block.begin() + 50, inside.begin(), inside.end());
+            line.Write(serial::EncodeFrame(0x09, 0, block));
+            line.Write(serial::EncodeFrame(0x02, 0, {}));
+            return;
+        }
         line.Write(serial::EncodeFrame(0x01, 0, {}));
         if (request.code != 0x03) line.Write(serial::EncodeFrame(request.code, 0, {7}));
     });
@@ -98,11 +107,13 @@ TEST(SerialClientLine, LateRepliesAreDroppedAndTheRightOneIsWaitedFor) {
     EXPECT_EQ(client.QueryCommand(0x09, {}, reply, 1000), 0) << client.LastError();
     EXPECT_EQ(reply, (Bytes{0xA5, 0x5A, 0x09, 0, 0, 0, 0, 1, 7}));
     EXPECT_EQ(client.StaleReplies(), 1u);
+    EXPECT_EQ(client.WrenSetSpinRate(5), 0) << client.LastError();
+    EXPECT_EQ(client.StaleReplies(), 2u);
     EXPECT_EQ(client.QueryCommand(0x03, {1}, reply, 300), lidar::kVrcTimeout);
     EXPECT_EQ(client.LastError(),
               "no complete valid reply to 0x03 within 300 ms (1 late reply(ies) to earlier "
               "requests dropped)");
-    EXPECT_EQ(client.StaleReplies(), 2u);
+    EXPECT_EQ(client.StaleReplies(), 3u);
 }
 
 TEST(SerialClientLine, ALongReplyAtTheUartRateHasItsOwnTimeOnTheWire) {
@@ -123,19 +134,17 @@ TEST(SerialClientLine, ALongReplyAtTheUartRateHasItsOwnTimeOnTheWire) {
 }
 
 TEST(SerialClientLine, FalseStartMarkersDoNotSwallowTheReply) {
-    // Noise that looks like the start of a frame of plausible length, then the real reply.
+    // Noise that looks like the start of a frame of the code asked, then the real reply.
     ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
-        const bool faultState = request.code == 0x04;
-        line.Write(serial::EncodeHeader(faultState ? 0x04 : 0x7E, 0, 1000));
-        line.Write(serial::EncodeFrame(request.code, 0, faultState ? Bytes{2} : Bytes{}));
+        line.Write(serial::EncodeHeader(request.code, 0, 1000));
+        line.Write(serial::EncodeFrame(request.code, 0, request.code == 0x04 ? Bytes{2} : Bytes{}));
     });
     ASSERT_TRUE(device.opened());
     lidar::SerialClient& client = device.client();
     // A setting's reply is empty: a header announcing a payload cannot be its reply, at once.
     Bytes reply;
     EXPECT_EQ(client.QueryCommand(0x01, {1}, reply, 150), 0) << client.LastError();
-    // A reply that may be long, and the false start even carries its code: the frame begun is
-    // given up when the line goes quiet.
+    // A reply that may be long: the frame begun is given up when the line goes quiet.
     Bytes state;
     EXPECT_EQ(client.GetLidarFaultState(state), 0) << client.LastError();
     EXPECT_EQ(state, Bytes{2});

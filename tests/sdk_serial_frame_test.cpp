@@ -125,13 +125,16 @@ TEST(SerialFrame, AFrameBegunCanBeGivenUpAndTheLengthBounded) {
     EXPECT_EQ(frame.code, 0x01);
     EXPECT_EQ(decoder.DroppedFrames(), 2u);
     EXPECT_EQ(decoder.NoiseBytes(), 0u);  // the frames given up are no noise
-    // With the limit of a reply without payload, the same false start is no frame start.
+    // With its code limited to an empty payload, the same false start is no frame start; a
+    // frame of another code still carries its payload.
     decoder.Reset();
-    decoder.SetMaxPayload(0);
-    decoder.Feed(falseStart.data(), falseStart.size());
-    decoder.Feed(good.data(), good.size());
+    decoder.LimitPayloadOf(0x04, 0);
+    const Bytes block = serial::EncodeFrame(0x09, 0, Bytes(300, 1));
+    for (const Bytes& bytes : {falseStart, good, block}) decoder.Feed(bytes.data(), bytes.size());
     ASSERT_TRUE(decoder.Next(frame));
     EXPECT_EQ(frame.code, 0x01);
+    ASSERT_TRUE(decoder.Next(frame));
+    EXPECT_EQ(frame.payload, Bytes(300, 1));
 }
 
 }  // namespace

@@ -201,9 +201,11 @@ void SerialClient::LogReceived(const serial::Frame& answer) {
 // earlier request (the device sends nothing unasked) and is dropped too. None of them ends the
 // wait. The deadline counts the request's time on the wire and, once its header is in, the
 // reply's; a frame begun and then left incomplete while the line stays quiet was a false start.
+// Only a header of the awaited code is held to that code's bound: a late reply of another code may
+// be long (a catalogue block), and searched for frames inside it could yield a false reply.
 int SerialClient::AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs,
                              uint32_t onTheWireMs, serial::Frame& frame) {
-    decoder_.SetMaxPayload(MaxReplyPayload(code));
+    decoder_.LimitPayloadOf(code, MaxReplyPayload(code));
     const auto started = Clock::now();
     const uint32_t waitMs = SaturatingSum(timeoutMs, onTheWireMs);
     uint64_t stale = 0;

@@ -71,6 +71,10 @@ void FrameDecoder::DropFrame(size_t extent) {
     Skip(2);
 }
 
+uint32_t FrameDecoder::LimitOf(uint8_t code) const {
+    return code == limitedCode_ ? codeLimit_ : kMaxPayload;
+}
+
 bool FrameDecoder::SeekStart() {
     const uint8_t* begin = buffer_.data() + readPos_;
     const uint8_t* end = buffer_.data() + buffer_.size();
@@ -95,7 +99,7 @@ bool FrameDecoder::Next(Frame& out) {
         if (available < kHeaderSize) return false;
         const uint8_t* p = buffer_.data() + readPos_;
         const uint32_t length = ReadLength(p);
-        if (length > maxPayload_) {  // noise that happens to hold a marker
+        if (length > LimitOf(p[2])) {  // noise that happens to hold a marker
             ++droppedFrames_;
             Skip(2);
             continue;
@@ -117,8 +121,9 @@ bool FrameDecoder::Next(Frame& out) {
     return false;
 }
 
-void FrameDecoder::SetMaxPayload(uint32_t limit) {
-    maxPayload_ = std::min(limit, kMaxPayload);
+void FrameDecoder::LimitPayloadOf(uint8_t code, uint32_t limit) {
+    limitedCode_ = code;
+    codeLimit_ = std::min(limit, kMaxPayload);
 }
 
 size_t FrameDecoder::PendingFrameSize() const {
