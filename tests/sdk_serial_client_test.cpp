@@ -138,10 +138,16 @@ TEST(SerialClientLine, FalseStartMarkersDoNotSwallowTheReply) {
     ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
         line.Write(serial::EncodeHeader(request.code, 0, 1000));
         line.Write(serial::EncodeFrame(request.code, 0, request.code == 0x04 ? Bytes{2} : Bytes{}));
+        if (request.code != 0x01) return;
+        for (int i = 0; i < 30; ++i) {  // the line stays busy: it never goes quiet
+            Pause(50);
+            line.Write({0x00});
+        }
     });
     ASSERT_TRUE(device.opened());
     lidar::SerialClient& client = device.client();
-    // A setting's reply is empty: a header announcing a payload cannot be its reply, at once.
+    // A setting's reply is empty: a header announcing a payload cannot be its reply, at once,
+    // busy line or not.
     Bytes reply;
     EXPECT_EQ(client.QueryCommand(0x01, {1}, reply, 150), 0) << client.LastError();
     // A reply that may be long: the frame begun is given up when the line goes quiet.
@@ -338,6 +344,7 @@ TEST_F(SerialClientDevice, EachBrokenReplyEndsWithItsCodeAndTheLineRecovers) {
         reply = {7};
         const auto started = std::chrono::steady_clock::now();
         EXPECT_EQ(client_.QueryCommand(0x04, {}, reply, 300), c.expected);
+        EXPECT_EQ(reply.empty(), c.expected < 0);  // never the reply of an earlier request
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
         EXPECT_EQ(client_.GetLastReturnCode(), c.expected);
         if (c.expected == lidar::kVrcTimeout) {

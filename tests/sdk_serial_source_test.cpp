@@ -162,15 +162,22 @@ TEST(SerialSource, OpensRawWithoutFlowControlAtTheRateOfItsMode) {
     for (const Case& c : {Case{true, 9600}, Case{false, 3125000}, Case{false, 921600}}) {
         SCOPED_TRACE(c.rate);
         Pty pty;
+        // A line left by another program with flow control, parity, two stop bits and VMIN 1.
+        termios line{};
+        ASSERT_EQ(::tcgetattr(pty.master(), &line), 0);
+        line.c_cflag |= CRTSCTS | PARENB | CSTOPB;
+        line.c_iflag |= IXON | IXOFF | IXANY;
+        line.c_cc[VMIN] = 1;
+        ASSERT_EQ(::tcsetattr(pty.master(), TCSANOW, &line), 0);
         SerialSource source(pty.path(), 9600, c.commandMode ? 115200 : c.rate);
         source.SetCommandMode(c.commandMode);
         ASSERT_TRUE(source.Open()) << source.LastError();
-        termios line{};
         ASSERT_EQ(::tcgetattr(pty.master(), &line), 0);
         EXPECT_EQ(line.c_cflag & CRTSCTS, 0u);
         EXPECT_EQ(line.c_cflag & (CSIZE | PARENB | CSTOPB), tcflag_t{CS8});
         EXPECT_EQ(line.c_cflag & (CLOCAL | CREAD), tcflag_t{CLOCAL | CREAD});
-        EXPECT_EQ(line.c_iflag & (IXON | IXOFF | ICRNL | ISTRIP), 0u);
+        EXPECT_EQ(line.c_iflag & (IXON | IXOFF | IXANY | ICRNL | ISTRIP), 0u);
+        EXPECT_EQ(line.c_cc[VMIN], 0);  // reads are driven by poll
         EXPECT_EQ(line.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0u);
         EXPECT_EQ(line.c_oflag & OPOST, 0u);
         EXPECT_EQ(lidar::detail::ReadRate(pty.master()), c.rate);
