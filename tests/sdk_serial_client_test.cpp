@@ -87,8 +87,17 @@ class ScriptedDevice {
 
 TEST(SerialClientLine, LateRepliesAreDroppedAndTheRightOneIsWaitedFor) {
     // Every request is answered first with a late reply to an earlier one (0x01), then with its
-    // own; 0x03 gets only the late one.
+    // own; 0x03 gets only the late one. 0x02's late reply is a long catalogue block (0x09) whose
+    // bytes happen to hold a refusal of 0x02: taken whole, it hides nothing.
     ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
+        if (request.code == 0x02) {
+            Bytes block(100, 0x5A);
+            const Bytes inside = serial::EncodeFrame(0x02, 7, {});
+            block.insert(block.begin() + 50, inside.begin(), inside.end());
+            line.Write(serial::EncodeFrame(0x09, 0, block));
+            line.Write(serial::EncodeFrame(0x02, 0, {}));
+            return;
+        }
         line.Write(serial::EncodeFrame(0x01, 0, {}));
         if (request.code != 0x03) line.Write(serial::EncodeFrame(request.code, 0, {7}));
     });
@@ -98,11 +107,13 @@ TEST(SerialClientLine, LateRepliesAreDroppedAndTheRightOneIsWaitedFor) {
     EXPECT_EQ(client.QueryCommand(0x09, {}, reply, 1000), 0) << client.LastError();
     EXPECT_EQ(reply, (Bytes{0xA5, 0x5A, 0x09, 0, 0, 0, 0, 1, 7}));
     EXPECT_EQ(client.StaleReplies(), 1u);
+    EXPECT_EQ(client.WrenSetSpinRate(5), 0) << client.LastError();
+    EXPECT_EQ(client.StaleReplies(), 2u);
     EXPECT_EQ(client.QueryCommand(0x03, {1}, reply, 300), lidar::kVrcTimeout);
     EXPECT_EQ(client.LastError(),
               "no complete valid reply to 0x03 within 300 ms (1 late reply(ies) to earlier "
               "requests dropped)");
-    EXPECT_EQ(client.StaleReplies(), 2u);
+    EXPECT_EQ(client.StaleReplies(), 3u);
 }
 
 TEST(SerialClientLine, ALongReplyAtTheUartRateHasItsOwnTimeOnTheWire) {
@@ -123,35 +134,51 @@ TEST(SerialClientLine, ALongReplyAtTheUartRateHasItsOwnTimeOnTheWire) {
 }
 
 TEST(SerialClientLine, FalseStartMarkersDoNotSwallowTheReply) {
-    // Noise that looks like the start of a frame of plausible length, then the real reply.
+    // Noise that looks like the start of a frame of the code asked, then the real reply.
     ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
-        const bool faultState = request.code == 0x04;
-        line.Write(serial::EncodeHeader(faultState ? 0x04 : 0x7E, 0, 1000));
-        line.Write(serial::EncodeFrame(request.code, 0, faultState ? Bytes{2} : Bytes{}));
+        line.Write(serial::EncodeHeader(request.code, 0, 1000));
+        line.Write(serial::EncodeFrame(request.code, 0, request.code == 0x04 ? Bytes{2} : Bytes{}));
+        if (request.code != 0x01) return;
+        for (int i = 0; i < 30; ++i) {  // the line stays busy: it never goes quiet
+            Pause(50);
+            line.Write({0x00});
+        }
     });
     ASSERT_TRUE(device.opened());
     lidar::SerialClient& client = device.client();
-    // A setting's reply is empty: a header announcing a payload cannot be its reply, at once.
+    // A setting's reply is empty: a header announcing a payload cannot be its reply, at once,
+    // busy line or not.
     Bytes reply;
     EXPECT_EQ(client.QueryCommand(0x01, {1}, reply, 150), 0) << client.LastError();
-    // A reply that may be long, and the false start even carries its code: the frame begun is
-    // given up when the line goes quiet.
+    // A reply that may be long: the frame begun is given up when the line goes quiet.
     Bytes state;
     EXPECT_EQ(client.GetLidarFaultState(state), 0) << client.LastError();
     EXPECT_EQ(state, Bytes{2});
 }
 
-TEST(SerialClientLine, APointCloudOnTheCommandLineIsNamedAsSwappedLines) {
-    // The lines swapped: what comes back on the UART line is a stream that holds no reply.
-    ScriptedDevice device(
-        [](const serial::Frame&, ScriptedDevice& line) { line.Write(Bytes(500, 0x11)); });
+TEST(SerialClientLine, OnlyBytesOutsideEveryFrameAreNamedAsSwappedLines) {
+    // The lines swapped: what comes back on the UART line is a stream that holds no frame. A
+    // long reply with a bad CRC is a damaged frame, whatever its length, not a swapped line.
+    ScriptedDevice device([](const serial::Frame& request, ScriptedDevice& line) {
+        if (request.code == 0x01) {
+            line.Write(Bytes(500, 0x11));
+            return;
+        }
+        Bytes damaged = serial::EncodeFrame(request.code, 0, Bytes(200, 0x11));
+        damaged.back() ^= 0xFF;
+        line.Write(damaged);
+    });
     ASSERT_TRUE(device.opened());
+    lidar::SerialClient& client = device.client();
     Bytes reply;
-    EXPECT_EQ(device.client().QueryCommand(0x01, {1}, reply, 300), lidar::kVrcTimeout);
-    EXPECT_EQ(device.client().LastError(),
-              "no complete valid reply to 0x01 within 300 ms: 500 bytes that were not a reply "
-              "arrived on " +
+    EXPECT_EQ(client.QueryCommand(0x01, {1}, reply, 300), lidar::kVrcTimeout);
+    EXPECT_EQ(client.LastError(),
+              "no complete valid reply to 0x01 within 300 ms: 500 bytes that "
+              "were not a reply arrived on " +
                   device.path() + ", the UART line: are the two lines swapped?");
+    EXPECT_EQ(client.QueryCommand(0x04, {}, reply, 300), lidar::kVrcTimeout);
+    EXPECT_EQ(client.LastError(),
+              "no complete valid reply to 0x04 within 300 ms (1 damaged frame(s) dropped)");
 }
 
 TEST(SerialClientLine, AfterATimeOutTheLineRunsOutBeforeTheNextRequest) {
@@ -317,6 +344,7 @@ TEST_F(SerialClientDevice, EachBrokenReplyEndsWithItsCodeAndTheLineRecovers) {
         reply = {7};
         const auto started = std::chrono::steady_clock::now();
         EXPECT_EQ(client_.QueryCommand(0x04, {}, reply, 300), c.expected);
+        EXPECT_EQ(reply.empty(), c.expected < 0);  // never the reply of an earlier request
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
         EXPECT_EQ(client_.GetLastReturnCode(), c.expected);
         if (c.expected == lidar::kVrcTimeout) {

@@ -59,7 +59,7 @@ TEST(SerialFrame, DecoderFindsFramesInNoiseInAnyPieces) {
         EXPECT_EQ(frames[1].status, 2);
         EXPECT_EQ(frames[1].payload, Bytes(300, 0x5A));
         EXPECT_EQ(decoder.Buffered(), 1u);  // the trailing 0xA5 may begin a marker
-        EXPECT_GT(decoder.SkippedBytes(), 2 * noise.size() - 1);
+        EXPECT_EQ(decoder.NoiseBytes(), 2 * noise.size() + 1);  // the 0xA5 after `first` too
     }
 }
 
@@ -79,6 +79,8 @@ TEST(SerialFrame, DamagedFrameIsDroppedAndTheScanResumesInsideIt) {
     EXPECT_EQ(frames[0].code, 0x02);
     EXPECT_EQ(frames[0].payload, Bytes{10});
     EXPECT_EQ(decoder.DroppedFrames(), 2u);
+    // The dropped frames' bytes are no noise; only the zeros past the damaged one's extent are.
+    EXPECT_EQ(decoder.NoiseBytes(), 9u);
 }
 
 TEST(SerialFrame, OverLongLengthIsNoFrameAndReservesNothing) {
@@ -122,13 +124,17 @@ TEST(SerialFrame, AFrameBegunCanBeGivenUpAndTheLengthBounded) {
     ASSERT_TRUE(decoder.Next(frame));
     EXPECT_EQ(frame.code, 0x01);
     EXPECT_EQ(decoder.DroppedFrames(), 2u);
-    // With the limit of a reply without payload, the same false start is no frame start.
+    EXPECT_EQ(decoder.NoiseBytes(), 0u);  // the frames given up are no noise
+    // With its code limited to an empty payload, the same false start is no frame start; a
+    // frame of another code still carries its payload.
     decoder.Reset();
-    decoder.SetMaxPayload(0);
-    decoder.Feed(falseStart.data(), falseStart.size());
-    decoder.Feed(good.data(), good.size());
+    decoder.LimitPayloadOf(0x04, 0);
+    const Bytes block = serial::EncodeFrame(0x09, 0, Bytes(300, 1));
+    for (const Bytes& bytes : {falseStart, good, block}) decoder.Feed(bytes.data(), bytes.size());
     ASSERT_TRUE(decoder.Next(frame));
     EXPECT_EQ(frame.code, 0x01);
+    ASSERT_TRUE(decoder.Next(frame));
+    EXPECT_EQ(frame.payload, Bytes(300, 1));
 }
 
 }  // namespace

@@ -4,12 +4,15 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -44,6 +47,35 @@ class Pty {
     std::string path_;
 };
 
+// Another process that holds the port's lock until it is killed.
+class HeldElsewhere {
+  public:
+    explicit HeldElsewhere(const std::string& path) {
+        int ready[2];
+        if (::pipe(ready) != 0) return;
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+            ::flock(fd, LOCK_EX | LOCK_NB);
+            const char done = 'x';
+            [[maybe_unused]] ssize_t ignored = ::write(ready[1], &done, 1);
+            ::pause();
+            ::_exit(0);
+        }
+        char done = 0;
+        [[maybe_unused]] ssize_t ignored = ::read(ready[0], &done, 1);
+        ::close(ready[0]);
+        ::close(ready[1]);
+    }
+    ~HeldElsewhere() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+  private:
+    pid_t pid_ = -1;
+};
+
 TEST(SerialSource, RefusesWhatIsNotAFreeSerialPortWithAClearReason) {
     SerialSource missing("/dev/no-such-serial-port", 9600, 3125000);
     EXPECT_FALSE(missing.Open());
@@ -63,26 +95,12 @@ TEST(SerialSource, RefusesWhatIsNotAFreeSerialPortWithAClearReason) {
 
     // Another process holds the port: root passes TIOCEXCL, the advisory lock still stops it.
     Pty pty;
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t holder = ::fork();
-    if (holder == 0) {
-        const int fd = ::open(pty.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-        ::flock(fd, LOCK_EX | LOCK_NB);
-        const char done = 'x';
-        [[maybe_unused]] ssize_t ignored = ::write(ready[1], &done, 1);
-        ::pause();
-        ::_exit(0);
-    }
-    char done = 0;
-    ASSERT_EQ(::read(ready[0], &done, 1), 1);
     SerialSource held(pty.path(), 9600, 9600);
-    EXPECT_FALSE(held.Open());
-    EXPECT_EQ(held.LastError(), "serial port " + pty.path() + " is in use by another program");
-    ::kill(holder, SIGKILL);
-    ::waitpid(holder, nullptr, 0);
-    ::close(ready[0]);
-    ::close(ready[1]);
+    {
+        HeldElsewhere holder(pty.path());
+        EXPECT_FALSE(held.Open());
+        EXPECT_EQ(held.LastError(), "serial port " + pty.path() + " is in use by another program");
+    }
     EXPECT_TRUE(held.Open()) << held.LastError();
 
     // And within one process: a second source on an open port, named through a link as
@@ -97,6 +115,43 @@ TEST(SerialSource, RefusesWhatIsNotAFreeSerialPortWithAClearReason) {
     EXPECT_TRUE(second.Open()) << second.LastError();
 }
 
+TEST(SerialSource, AnOpenThatFailsPartWayLeavesTheDeviceUnheld) {
+    Pty pty;
+    SerialSource source(pty.path(), 9600, 9600);
+    // One descriptor left for the process: the device or the wake-up descriptor, not both.
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    rlimit tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    const bool opened = source.Open();
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_FALSE(opened);
+    EXPECT_EQ(source.LastError(),
+              "cannot open serial port " + pty.path() + ": " + std::strerror(EMFILE));
+    // Nothing of the failed open is left held: another program's lock reads as such.
+    {
+        HeldElsewhere holder(pty.path());
+        EXPECT_FALSE(source.Open());
+        EXPECT_EQ(source.LastError(),
+                  "serial port " + pty.path() + " is in use by another program");
+    }
+
+    // A device that cannot be identified is refused: it could not be told apart from the others
+    // held, nor its kind checked.
+    source.SetStatReader([](int, struct stat&) {
+        errno = EIO;
+        return -1;
+    });
+    EXPECT_FALSE(source.Open());
+    EXPECT_EQ(source.LastError(), "cannot open serial port " + pty.path() +
+                                      ": cannot tell which device it is: " + std::strerror(EIO));
+    source.SetStatReader(nullptr);
+    EXPECT_TRUE(source.Open()) << source.LastError();
+}
+
 // The line as the device sees it, read through the far side of the pseudo-terminal: raw 8N1
 // without flow control, at the rate of the source's mode.
 TEST(SerialSource, OpensRawWithoutFlowControlAtTheRateOfItsMode) {
@@ -107,15 +162,22 @@ TEST(SerialSource, OpensRawWithoutFlowControlAtTheRateOfItsMode) {
     for (const Case& c : {Case{true, 9600}, Case{false, 3125000}, Case{false, 921600}}) {
         SCOPED_TRACE(c.rate);
         Pty pty;
+        // A line left by another program with flow control, parity, two stop bits and VMIN 1.
+        termios line{};
+        ASSERT_EQ(::tcgetattr(pty.master(), &line), 0);
+        line.c_cflag |= CRTSCTS | PARENB | CSTOPB;
+        line.c_iflag |= IXON | IXOFF | IXANY;
+        line.c_cc[VMIN] = 1;
+        ASSERT_EQ(::tcsetattr(pty.master(), TCSANOW, &line), 0);
         SerialSource source(pty.path(), 9600, c.commandMode ? 115200 : c.rate);
         source.SetCommandMode(c.commandMode);
         ASSERT_TRUE(source.Open()) << source.LastError();
-        termios line{};
         ASSERT_EQ(::tcgetattr(pty.master(), &line), 0);
         EXPECT_EQ(line.c_cflag & CRTSCTS, 0u);
         EXPECT_EQ(line.c_cflag & (CSIZE | PARENB | CSTOPB), tcflag_t{CS8});
         EXPECT_EQ(line.c_cflag & (CLOCAL | CREAD), tcflag_t{CLOCAL | CREAD});
-        EXPECT_EQ(line.c_iflag & (IXON | IXOFF | ICRNL | ISTRIP), 0u);
+        EXPECT_EQ(line.c_iflag & (IXON | IXOFF | IXANY | ICRNL | ISTRIP), 0u);
+        EXPECT_EQ(line.c_cc[VMIN], 0);  // reads are driven by poll
         EXPECT_EQ(line.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0u);
         EXPECT_EQ(line.c_oflag & OPOST, 0u);
         EXPECT_EQ(lidar::detail::ReadRate(pty.master()), c.rate);

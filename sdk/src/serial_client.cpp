@@ -30,7 +30,8 @@ constexpr int kSettleMaxMs = 1000;
 // A frame begun and then left incomplete for this long while waiting for a reply was a false
 // start marker in noise: the device writes a reply in one go.
 constexpr uint32_t kResyncQuietMs = 200;
-// This many bytes that formed no reply while waiting for one suggest the point-cloud line.
+// This many bytes outside every frame while waiting for a reply suggest the point-cloud line; the
+// bytes of a damaged, late or cut-off frame do not count, whatever its length.
 constexpr uint64_t kSwapHintBytes = 64;
 
 // The largest payload a reply to `code` may carry: the settings and the transfer's phases are
@@ -200,9 +201,11 @@ void SerialClient::LogReceived(const serial::Frame& answer) {
 // earlier request (the device sends nothing unasked) and is dropped too. None of them ends the
 // wait. The deadline counts the request's time on the wire and, once its header is in, the
 // reply's; a frame begun and then left incomplete while the line stays quiet was a false start.
+// Only a header of the awaited code is held to that code's bound: a late reply of another code may
+// be long (a catalogue block), and searched for frames inside it could yield a false reply.
 int SerialClient::AwaitReply(SerialSource& line, uint8_t code, uint32_t timeoutMs,
                              uint32_t onTheWireMs, serial::Frame& frame) {
-    decoder_.SetMaxPayload(MaxReplyPayload(code));
+    decoder_.LimitPayloadOf(code, MaxReplyPayload(code));
     const auto started = Clock::now();
     const uint32_t waitMs = SaturatingSum(timeoutMs, onTheWireMs);
     uint64_t stale = 0;
@@ -261,8 +264,8 @@ int SerialClient::TimedOut(const SerialSource& line, uint8_t code, uint32_t time
         why += " (" + std::to_string(decoder_.DroppedFrames()) + " damaged frame(s) dropped)";
     if (stale > 0)
         why += " (" + std::to_string(stale) + " late reply(ies) to earlier requests dropped)";
-    // A line full of bytes that never form a reply is usually the point-cloud line.
-    const uint64_t notReplies = decoder_.SkippedBytes() + decoder_.Buffered();
+    // A line full of bytes that never form a frame is usually the point-cloud line.
+    const uint64_t notReplies = decoder_.NoiseBytes();
     if (notReplies >= kSwapHintBytes) {
         why += ": " + std::to_string(notReplies) + " bytes that were not a reply arrived on " +
                line.Device() + ", the UART line: are the two lines swapped?";

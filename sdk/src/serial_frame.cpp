@@ -58,8 +58,21 @@ void FrameDecoder::Feed(const uint8_t* data, size_t size) {
 }
 
 void FrameDecoder::Skip(size_t count) {
+    const size_t inFrame = std::min(count, frameBytesLeft_);
+    frameBytesLeft_ -= inFrame;
+    noiseBytes_ += count - inFrame;
     readPos_ += count;
-    skippedBytes_ += count;
+}
+
+// The frame's bytes are no noise even though the scan goes on from the byte after its marker.
+void FrameDecoder::DropFrame(size_t extent) {
+    ++droppedFrames_;
+    frameBytesLeft_ = std::max(frameBytesLeft_, extent);
+    Skip(2);
+}
+
+uint32_t FrameDecoder::LimitOf(uint8_t code) const {
+    return code == limitedCode_ ? codeLimit_ : kMaxPayload;
 }
 
 bool FrameDecoder::SeekStart() {
@@ -86,7 +99,7 @@ bool FrameDecoder::Next(Frame& out) {
         if (available < kHeaderSize) return false;
         const uint8_t* p = buffer_.data() + readPos_;
         const uint32_t length = ReadLength(p);
-        if (length > maxPayload_) {  // noise that happens to hold a marker
+        if (length > LimitOf(p[2])) {  // noise that happens to hold a marker
             ++droppedFrames_;
             Skip(2);
             continue;
@@ -95,21 +108,22 @@ bool FrameDecoder::Next(Frame& out) {
         if (available < total) return false;
         const uint16_t expected = static_cast<uint16_t>((p[total - 2] << 8) | p[total - 1]);
         if (Crc16(p + 2, kHeaderSize - 2 + length) != expected) {
-            ++droppedFrames_;
-            Skip(2);
+            DropFrame(total);
             continue;
         }
         out.code = p[2];
         out.status = p[3];
         out.payload.assign(p + kHeaderSize, p + kHeaderSize + length);
+        frameBytesLeft_ -= std::min(total, frameBytesLeft_);
         readPos_ += total;
         return true;
     }
     return false;
 }
 
-void FrameDecoder::SetMaxPayload(uint32_t limit) {
-    maxPayload_ = std::min(limit, kMaxPayload);
+void FrameDecoder::LimitPayloadOf(uint8_t code, uint32_t limit) {
+    limitedCode_ = code;
+    codeLimit_ = std::min(limit, kMaxPayload);
 }
 
 size_t FrameDecoder::PendingFrameSize() const {
@@ -127,8 +141,7 @@ bool FrameDecoder::DropPending() {
     if (Buffered() < 2) return false;
     const uint8_t* p = buffer_.data() + readPos_;
     if (p[0] != kStart0 || p[1] != kStart1) return false;
-    ++droppedFrames_;
-    Skip(2);
+    DropFrame(Buffered());  // what came of it: the rest never did
     return true;
 }
 
@@ -140,7 +153,8 @@ void FrameDecoder::Reset() {
         buffer_.clear();
     }
     readPos_ = 0;
-    skippedBytes_ = 0;
+    frameBytesLeft_ = 0;
+    noiseBytes_ = 0;
     droppedFrames_ = 0;
 }
 

@@ -88,6 +88,10 @@ std::string HeldAs(const DeviceKey& key) {
     return found == held.end() ? std::string() : found->second;
 }
 
+int ReadStat(int fd, struct stat& info) {
+    return ::fstat(fd, &info);
+}
+
 bool HungUpEvents(int revents) {
     return (revents & (POLLHUP | POLLERR)) != 0 && (revents & POLLIN) == 0;
 }
@@ -98,11 +102,17 @@ SerialSource::SerialSource(std::string device, int lineRate, int secondRate)
     : device_(std::move(device)),
       lineRate_(lineRate),
       secondRate_(secondRate),
-      rateReader_(detail::ReadRate) {}
+      rateReader_(detail::ReadRate),
+      statReader_(ReadStat) {}
 
 void SerialSource::SetRateReader(RateReader reader) {
     std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
     rateReader_ = reader ? std::move(reader) : RateReader(detail::ReadRate);
+}
+
+void SerialSource::SetStatReader(StatReader reader) {
+    std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
+    statReader_ = reader ? std::move(reader) : StatReader(ReadStat);
 }
 
 SerialSource::~SerialSource() {
@@ -138,12 +148,16 @@ void SerialSource::SetError(const std::string& text) {
 bool SerialSource::Open() {
     std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
     CloseLocked();
-    const int fd = OpenDevice();
-    if (fd < 0) return false;
+    // The wake-up descriptor first: once OpenDevice holds the device, nothing is left to fail, so
+    // no failure can leave the device among those held.
     const int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wake < 0) {
         SetError("cannot open serial port " + device_ + ": " + std::strerror(errno));
-        ::close(fd);
+        return false;
+    }
+    const int fd = OpenDevice();
+    if (fd < 0) {
+        ::close(wake);
         return false;
     }
     {
@@ -164,8 +178,14 @@ int SerialSource::OpenDevice() {
         SetError(OpenErrorText(device_, errno));
         return -1;
     }
+    // Without it the device could not be told apart from the others held, nor its kind checked.
     struct stat info {};
-    if (::fstat(fd, &info) != 0) info.st_mode = S_IFCHR;
+    if (statReader_(fd, info) != 0) {
+        SetError("cannot open serial port " + device_ +
+                 ": cannot tell which device it is: " + std::strerror(errno));
+        ::close(fd);
+        return -1;
+    }
     if (!S_ISCHR(info.st_mode)) {
         SetError(device_ + " is not a serial port (" +
                  (S_ISREG(info.st_mode) ? "it is a regular file" : "not a character device") + ")");
@@ -199,6 +219,7 @@ int SerialSource::OpenDevice() {
         ::close(fd);
         return -1;
     }
+    // The last step: every failure above returns before the device is held.
     std::lock_guard<std::mutex> lock(heldMutex);
     heldKey_ = KeyOf(info);
     held[heldKey_] = device_;

@@ -16,6 +16,8 @@
 // query lock); Close, IsOpen, BytesReceived and LastError may be called from any thread. Close
 // wakes a thread blocked in Send or Receive at once.
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -57,6 +59,11 @@ class SerialSource {
     // effect at the next Open().
     using RateReader = std::function<int(int fd)>;
     void SetRateReader(RateReader reader);
+    // Tells what the opened descriptor is (fstat: its kind, and the device that tells two names
+    // of one port apart): 0, or -1 with errno set. A test may stand in for a call that fails.
+    // Takes effect at the next Open().
+    using StatReader = std::function<int(int fd, struct stat& info)>;
+    void SetStatReader(StatReader reader);
     // Open and not hung up.
     bool IsOpen() const;
     void Close();
@@ -106,6 +113,7 @@ class SerialSource {
     std::atomic<uint64_t> bytesReceived_{0};
     std::string lastError_;
     RateReader rateReader_;                  // under lifecycleMutex_
+    StatReader statReader_;                  // under lifecycleMutex_
     std::pair<uint64_t, uint64_t> heldKey_;  // this line's entry among the devices held
 };
 
