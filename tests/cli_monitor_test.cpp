@@ -153,6 +153,17 @@ TEST(LidarutilMonitor, ACatalogueThatIsItsMonitorModuleAloneIsMonitored) {
     EXPECT_EQ(shown.exitCode, 0) << shown.err.toStdString();
     EXPECT_EQ(lines(shown.out).filter(QRegularExpression("^  Laser Temperature ")).size(), 1)
         << shown.out.toStdString();
+
+    // Every monitor variable hidden, and no variant to replace them: nothing to monitor.
+    std::string hidden = testsupport::ReadFile(folder + "Egret.csv");
+    for (size_t at = 0; (at = hidden.find(",1,0,0,,", at)) != std::string::npos;)
+        hidden.replace(at, 8, ",1,0,1,,");
+    testsupport::WriteFile(folder + "Egret.csv", hidden);
+    QDir(QString::fromStdString(folder)).remove("Monitor_HW1.0_1.csv");
+    QDir(QString::fromStdString(folder)).remove("Monitor_HW2.0_2.csv");
+    const Outcome empty = lidarutil({"monitor", "--count", "1"}, config.root());
+    EXPECT_EQ(empty.exitCode, 2);
+    EXPECT_TRUE(empty.err.contains("the monitor page of Egret is empty")) << empty.err.toStdString();
 }
 
 TEST(LidarutilMonitor, TwoValuesOfOneNameKeepTheirOwnValues) {

@@ -253,7 +253,7 @@ TEST(SerialSource, CloseLeavesThePortOpenableByAnyone) {
     ::close(fd);
 }
 
-TEST(SerialSource, AWriteToALineWhoseFarSideIsGoneMarksItHungUp) {
+TEST(SerialSource, ALineWhoseFarSideIsGoneIsMarkedHungUp) {
     auto pty = std::make_unique<Pty>();
     const std::string path = pty->path();
     SerialSource source(path, 9600, 9600);
@@ -265,6 +265,15 @@ TEST(SerialSource, AWriteToALineWhoseFarSideIsGoneMarksItHungUp) {
     EXPECT_FALSE(source.Send(&byte, 1, 200));
     EXPECT_FALSE(source.IsOpen());
     EXPECT_EQ(source.LastError(), "serial line " + path + " hung up");
+
+    // A data line is read by its drain thread alone, which must see the hang-up too.
+    auto dataPty = std::make_unique<Pty>();
+    const std::string dataPath = dataPty->path();
+    SerialSource data(dataPath, 115200, 115200);
+    ASSERT_TRUE(data.Open()) << data.LastError();
+    dataPty.reset();
+    EXPECT_TRUE(testsupport::WaitFor([&] { return !data.IsOpen(); }));
+    EXPECT_EQ(data.LastError(), "serial line " + dataPath + " hung up");
 }
 
 }  // namespace
