@@ -163,7 +163,8 @@ TEST(LidarutilMonitor, ACatalogueThatIsItsMonitorModuleAloneIsMonitored) {
     QDir(QString::fromStdString(folder)).remove("Monitor_HW2.0_2.csv");
     const Outcome empty = lidarutil({"monitor", "--count", "1"}, config.root());
     EXPECT_EQ(empty.exitCode, 2);
-    EXPECT_TRUE(empty.err.contains("the monitor page of Egret is empty")) << empty.err.toStdString();
+    EXPECT_TRUE(empty.err.contains("the monitor page of Egret is empty"))
+        << empty.err.toStdString();
 }
 
 TEST(LidarutilMonitor, TwoValuesOfOneNameKeepTheirOwnValues) {
