@@ -308,9 +308,9 @@ int RunTcp(const Arguments& args, sigset_t& stopSignals) {
     simulator.Stop();
     std::optional<char> partition;
     if (args.options.model == "Heron-VRC") partition = simulator.RunningPartition();
-    const bool reported = ReportReceived(
-        {simulator.Transfers(), partition, simulator.RequestCounts()}, args.options.model,
-        args.reportFile);
+    const bool reported =
+        ReportReceived({simulator.Transfers(), partition, simulator.RequestCounts()},
+                       args.options.model, args.reportFile);
     if (args.options.chaosSeed) std::cout << ChaosLine(simulator.ChaosPlayed()) << std::endl;
     return reported ? 0 : 1;
 }
