@@ -18,6 +18,7 @@
 
 using testsupport::lidarutil;
 using testsupport::Outcome;
+using testsupport::RunningLidarutil;
 
 namespace {
 
@@ -338,35 +339,23 @@ TEST(LidarutilHeron, CtrlCTwiceInThePauseBeforeTheFirstComponentAbandonsTheUpgra
         lidarutil({"ota", "pack", "--tmb-param", Path(dir, "param"), "-o", Path(dir, "heron.ota")})
             .exitCode,
         0);
-    QProcess upgrade;
-    upgrade.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
-    upgrade.start(LIDAR_BINARY_DIR "/cli/lidarutil",
-                  {"--model", "Heron-VRC", "heron", "upgrade", Path(dir, "heron.ota")});
-    QString err;
-    const auto waitFor = [&](const QString& text) {
-        for (int waited = 0; !err.contains(text) && waited < 100; ++waited) {
-            upgrade.waitForReadyRead(100);
-            err += QString::fromUtf8(upgrade.readAllStandardError());
-        }
-        return err.contains(text);
-    };
-    ASSERT_TRUE(waitFor("Heron upgrade: current partition=A")) << err.toStdString();
-    ::kill(static_cast<pid_t>(upgrade.processId()), SIGINT);
+    RunningLidarutil upgrade({"--model", "Heron-VRC", "heron", "upgrade", Path(dir, "heron.ota")});
+    ASSERT_TRUE(upgrade.waitForError("Heron upgrade: current partition=A"))
+        << upgrade.err().toStdString();
+    upgrade.interrupt();
     // Nothing was sent yet, and the warning says so.
-    ASSERT_TRUE(
-        waitFor("the upgrade is still running: no component has been sent yet, but the "
-                "lidar is in upgrade mode and stays in it if you stop now; press Ctrl-C "
-                "again to abandon it"))
-        << err.toStdString();
-    ::kill(static_cast<pid_t>(upgrade.processId()), SIGINT);
-    ASSERT_TRUE(upgrade.waitForFinished(10000));
-    err += QString::fromUtf8(upgrade.readAllStandardError());
-    EXPECT_EQ(upgrade.exitCode(), 1);
+    ASSERT_TRUE(upgrade.waitForError(
+        "the upgrade is still running: no component has been sent yet, but the "
+        "lidar is in upgrade mode and stays in it if you stop now; press Ctrl-C "
+        "again to abandon it"))
+        << upgrade.err().toStdString();
+    upgrade.interrupt();
+    EXPECT_EQ(upgrade.finish(), 1);
     EXPECT_TRUE(
-        err.contains("error: Heron upgrade abandoned: no component was sent, and the "
-                     "lidar is still in upgrade mode."))
-        << err.toStdString();
-    EXPECT_FALSE(err.contains("sending")) << err.toStdString();
+        upgrade.err().contains("error: Heron upgrade abandoned: no component was sent, and the "
+                               "lidar is still in upgrade mode."))
+        << upgrade.err().toStdString();
+    EXPECT_FALSE(upgrade.err().contains("sending")) << upgrade.err().toStdString();
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 using testsupport::lidarutil;
 using testsupport::lines;
 using testsupport::Outcome;
+using testsupport::RunningLidarutil;
 
 namespace {
 
@@ -728,26 +729,15 @@ TEST(Lidarutil, TransferOutcomesComeLastAndSayWhy) {
     // that it sent no restart (the refusing lidar's answer would have said otherwise). A lidar
     // holding a package that waits for its restart takes no other: a fresh one.
     const SimulatorProcess fresh("Egret", {"0x10:status=5"});
-    QProcess interrupted;
-    interrupted.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
-    interrupted.start(LIDAR_BINARY_DIR "/cli/lidarutil",
-                      {"--host", "127.0.0.1", "--port", fresh.port(), "upgrade", package});
-    QString err;
-    const auto waitFor = [&](const QString& text) {
-        for (int waited = 0; !err.contains(text) && waited < 100; ++waited) {
-            interrupted.waitForReadyRead(100);
-            err += QString::fromUtf8(interrupted.readAllStandardError());
-        }
-        return err.contains(text);
-    };
-    ASSERT_TRUE(waitFor("within 10 seconds.")) << err.toStdString();
-    ::kill(static_cast<pid_t>(interrupted.processId()), SIGINT);
-    ASSERT_TRUE(waitFor("press Ctrl-C again to abandon the restart")) << err.toStdString();
-    ::kill(static_cast<pid_t>(interrupted.processId()), SIGINT);
-    ASSERT_TRUE(interrupted.waitForFinished(5000));
-    err += QString::fromUtf8(interrupted.readAllStandardError());
-    EXPECT_EQ(interrupted.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(interrupted.exitCode(), 1);
+    RunningLidarutil interrupted(
+        {"--host", "127.0.0.1", "--port", fresh.port(), "upgrade", package});
+    ASSERT_TRUE(interrupted.waitForError("within 10 seconds.")) << interrupted.err().toStdString();
+    interrupted.interrupt();
+    ASSERT_TRUE(interrupted.waitForError("press Ctrl-C again to abandon the restart"))
+        << interrupted.err().toStdString();
+    interrupted.interrupt();
+    EXPECT_EQ(interrupted.finish(5000), 1);
+    const QString& err = interrupted.err();
     EXPECT_EQ(lines(err).last(),
               "error: Upgrade abandoned before the automatic reboot: the package was transmitted, "
               "but the lidar was not restarted. Please reboot lidar manually.")

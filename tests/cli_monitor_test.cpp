@@ -23,6 +23,7 @@
 using testsupport::lidarutil;
 using testsupport::lines;
 using testsupport::Outcome;
+using testsupport::RunningLidarutil;
 using testsupport::SimulatorProcess;
 
 namespace {
@@ -428,27 +429,14 @@ TEST(LidarutilMonitor, CtrlCStopsARecordingAndKeepsItsFile) {
 
     // Stopped while the first reading waits for a slow lidar: no row, so not a recording.
     const SimulatorProcess slow("Egret", {"0x41:delay=3000"});
-    QProcess early;
-    early.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
-    early.setReadChannel(QProcess::StandardError);
-    early.start(LIDAR_BINARY_DIR "/cli/lidarutil",
-                {"--host", "127.0.0.1", "--port", slow.port(), "monitor", "--record", dir,
-                 "--duration", "60"});
-    QString earlyErr;
-    ASSERT_TRUE(testsupport::WaitFor(
-        [&] {
-            early.waitForReadyRead(50);
-            earlyErr += QString::fromUtf8(early.readAllStandardError());
-            return earlyErr.contains("recording 60 s");
-        },
-        10000));
-    ::kill(static_cast<pid_t>(early.processId()), SIGINT);
-    ASSERT_TRUE(early.waitForFinished(10000));
-    EXPECT_EQ(early.exitCode(), 1);
-    earlyErr += QString::fromUtf8(early.readAllStandardError());
-    EXPECT_TRUE(earlyErr.contains(
+    RunningLidarutil early({"--host", "127.0.0.1", "--port", slow.port(), "monitor", "--record",
+                            dir, "--duration", "60"});
+    ASSERT_TRUE(early.waitForError("recording 60 s")) << early.err().toStdString();
+    early.interrupt();
+    EXPECT_EQ(early.finish(), 1);
+    EXPECT_TRUE(early.err().contains(
         "error: no reading could be made: stopped before the first reading ended"))
-        << earlyErr.toStdString();
+        << early.err().toStdString();
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // Runs the built lidarutil as a person or a script does, from the repository root.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <QFileInfo>
 #include <QProcess>
@@ -71,6 +72,39 @@ class SimulatorProcess {
   private:
     QProcess process_;
     QString port_;
+};
+
+// lidarutil left running, for what a person does while it works: wait for a line, press Ctrl-C.
+class RunningLidarutil {
+  public:
+    explicit RunningLidarutil(const QStringList& arguments) {
+        process_.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+        process_.start(LIDAR_BINARY_DIR "/cli/lidarutil", arguments);
+    }
+    ~RunningLidarutil() {
+        process_.kill();
+        process_.waitForFinished();
+    }
+    // Reads standard error until it holds `text` (at most 10 s).
+    bool waitForError(const QString& text) {
+        for (int waited = 0; !err_.contains(text) && waited < 100; ++waited) {
+            process_.waitForReadyRead(100);
+            err_ += QString::fromUtf8(process_.readAllStandardError());
+        }
+        return err_.contains(text);
+    }
+    void interrupt() { ::kill(static_cast<pid_t>(process_.processId()), SIGINT); }
+    // Waits for the end: the exit status (-1 after a crash or a time-out); err() then holds all.
+    int finish(int timeoutMs = 10000) {
+        const bool ended = process_.waitForFinished(timeoutMs);
+        err_ += QString::fromUtf8(process_.readAllStandardError());
+        return ended && process_.exitStatus() == QProcess::NormalExit ? process_.exitCode() : -1;
+    }
+    const QString& err() const { return err_; }
+
+  private:
+    QProcess process_;
+    QString err_;
 };
 
 inline QStringList lines(const QString& text) {
