@@ -324,6 +324,7 @@ TEST_F(SerialClientDevice, UpgradeIsReceivedExactly) {
     EXPECT_EQ(sim_->Transfers().size(), 1u);  // nothing sent
     SetFault(0x05, "status=4");
     EXPECT_EQ(client_.UpgradeLidar(package, 0, progress), 4);
+    EXPECT_EQ(client_.UpgradeLidar(package, 255, progress), 4);  // the byte's ends reach the lidar
     EXPECT_EQ(progress.load(), 0);
 }
 

@@ -89,12 +89,16 @@ TEST(SerialSource, RefusesWhatIsNotAFreeSerialPortWithAClearReason) {
     EXPECT_FALSE(file.Open());
     EXPECT_EQ(file.LastError(), dir.file("port") + " is not a serial port (it is a regular file)");
 
+    Pty pty;
+    SerialSource noRate(pty.path(), 0, 0);
+    EXPECT_FALSE(noRate.Open());
+    EXPECT_EQ(noRate.LastError(), "cannot open serial port " + pty.path() + ": invalid rate 0");
+
     SerialSource null("/dev/null", 9600, 9600);
     EXPECT_FALSE(null.Open());
     EXPECT_EQ(null.LastError(), "/dev/null is not a serial port (not a terminal)");
 
     // Another process holds the port: root passes TIOCEXCL, the advisory lock still stops it.
-    Pty pty;
     SerialSource held(pty.path(), 9600, 9600);
     {
         HeldElsewhere holder(pty.path());
@@ -150,6 +154,7 @@ TEST(SerialSource, AnOpenThatFailsPartWayLeavesTheDeviceUnheld) {
                                       ": cannot tell which device it is: " + std::strerror(EIO));
     source.SetStatReader(nullptr);
     EXPECT_TRUE(source.Open()) << source.LastError();
+    EXPECT_EQ(source.LastError(), "");  // an open that succeeds forgets the failures before it
 }
 
 // The line as the device sees it, read through the far side of the pseudo-terminal: raw 8N1
