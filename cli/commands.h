@@ -47,6 +47,8 @@ void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgra
 // monitor_commands.cpp
 int commandMonitor(Session& session);
 // heron_commands.cpp
+// The model whose firmware is upgraded component by component, by `heron upgrade`.
+inline constexpr char kHeronModel[] = "Heron-VRC";
 int commandHeron(Session& session);
 // wren_commands.cpp
 int commandWren(Session& session);

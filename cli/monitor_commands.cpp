@@ -372,7 +372,11 @@ int record(Session& session) {
         // The file could not be created: the manager said so and wrote nothing.
         status = kExitFailed;
     } else if (manager.getMonitorRecordRowCount() == 0) {
-        printDiagnostic("error: no reading could be made: " + whyNoRow(session, end));
+        // A file of the header alone is no recording: a script reading the path would take it
+        // for one.
+        const bool removed = QFile::remove(path);
+        printDiagnostic("error: no reading could be made: " + whyNoRow(session, end) +
+                        (removed ? "; the record, its header alone, was removed" : QString()));
         status = kExitFailed;
     } else if (end == RecordingEnd::kLidarLost) {
         printDiagnostic("error: the connection to the lidar was lost (" +

@@ -200,6 +200,12 @@ int commandUpgrade(Session& session) {
     // restarted for nothing.
     if (package.size() == 0)
         return usageError("the package " + arguments.front() + " is empty; nothing was sent");
+    // The Heron's firmware comes in components, each with its own transfer: a whole package
+    // sent through the generic one would be taken for a firmware it is not.
+    if (session.options().model == kHeronModel)
+        return usageError(QString(kHeronModel) +
+                          " is upgraded with 'heron upgrade PACKAGE' (an "
+                          "OTA package of components); nothing was sent");
     const bool serialModel = session.manager().getConnectType() != 0;
     if (serialModel && !session.options().variable.isEmpty())
         return usageError("--variable applies to the network models; " + session.options().model +
@@ -250,6 +256,7 @@ int commandUpgrade(Session& session) {
     reportRestartOutcome(session.takeHeldMessages());
     if (!transferred.seen()) explainTransferFailure(manager);
     const bool restarted = transferred.seen() && session.errorCount() == errorsAfterTransfer;
+    if (restarted) printDiagnostic("restart sent: the lidar starts again with the new firmware");
     reportJson(session, {{"package", package.absoluteFilePath()},
                          {"bytes", package.size()},
                          {"transferred", transferred.seen()},
@@ -365,7 +372,12 @@ int commandLog(Session& session) {
     QStringList messages = session.takeHeldMessages();
     if (refusal > 0) messages.removeAll(successLine);
     for (const QString& line : messages) printDiagnostic(line);
-    if (!saved.seen() || session.errorCount() != errorsBefore || !fresh) return kExitFailed;
+    if (!saved.seen() || session.errorCount() != errorsBefore || !fresh) {
+        // The manager's line gives the client's code alone.
+        if (refusal < 0)
+            printDiagnostic("error: " + name + " not downloaded: " + readFailureText(refusal));
+        return kExitFailed;
+    }
     const QFileInfo& file = written.front();
     if (refusal > 0) {
         const bool empty = file.size() == 0 && QFile::remove(file.absoluteFilePath());
@@ -444,16 +456,17 @@ void keepPartsThatCame(const QString& packing, const QString& archive,
         return;
     }
     QFile::remove(packing);
+    // An archive of an earlier run at that path is kept as it was.
+    const QString notWritten = QFileInfo::exists(archive)
+                                   ? "no new archive was written; " + archive + " is left as it was"
+                                   : "no archive was written at " + archive;
     if (results.empty())
-        printDiagnostic("error: no archive was written at " + archive);
+        printDiagnostic("error: " + notWritten);
     else if (came.isEmpty())
-        printDiagnostic("error: no part of the operation log came; no archive was written at " +
-                        archive);
+        printDiagnostic("error: no part of the operation log came; " + notWritten);
     else
-        printDiagnostic(
-            "error: the parts were not packed (tar failed or could not be started); "
-            "no archive was written at " +
-            archive);
+        printDiagnostic("error: the parts were not packed (tar failed or could not be started); " +
+                        notWritten);
 }
 
 }  // namespace

@@ -318,6 +318,8 @@ TEST(Lidarutil, UpgradeLogAndOperationLogEndToEnd) {
     EXPECT_TRUE(
         upgrade.err.contains("Upgrade package transmitted successfully. The lidar will "
                              "automatically reboot within 10 seconds."));
+    EXPECT_EQ(lines(upgrade.err).last(),
+              "restart sent: the lidar starts again with the new firmware");
 
     const SimulatorProcess failing("Egret", {"0x83:fail-chunk=2:4"});
     const Outcome failed = lidarutil({"--host", "127.0.0.1", "--port", failing.port(), "upgrade",
@@ -390,6 +392,8 @@ TEST(Lidarutil, TransferTargetsAndArgumentsAreCheckedBeforeConnecting) {
         {{"oplog", folder + "/"}, "lidarutil: " + folder + "/ is a folder; oplog needs the"},
         {{"upgrade", ""}, "needs a package file (an empty name names none)"},
         {{"upgrade", folder}, "lidarutil: cannot read the package " + folder},
+        {{"--model", "Heron-VRC", "upgrade", file},
+         "lidarutil: Heron-VRC is upgraded with 'heron upgrade PACKAGE'"},
         {{"--host", "127.0.0.1", "--port", "abc", "info"},
          "--port: needs a port number (1-65535), and 'abc' is not a number"},
         {{"--host", "127.0.0.1", "--port", "70000", "info"},
@@ -425,7 +429,8 @@ TEST(Lidarutil, LogsThatCannotBeKeptWholeAreFailures) {
             << part << "\n"
             << refused.err.toStdString();
     EXPECT_EQ(lines(refused.err).last(),
-              "error: no part of the operation log came; no archive was written at " + archive);
+              "error: no part of the operation log came; no new archive was written; " + archive +
+                  " is left as it was");
     const Outcome log = lidarutil(
         {"--host", "127.0.0.1", "--port", refusing.port(), "log", "Device Log", "--dir", folder});
     EXPECT_EQ(log.exitCode, 1);
@@ -445,8 +450,14 @@ TEST(Lidarutil, LogsThatCannotBeKeptWholeAreFailures) {
     EXPECT_EQ(lost.exitCode, 1);
     EXPECT_TRUE(lost.err.contains("error: Operation log download failed.\n"));
     EXPECT_EQ(lines(lost.err).last(),
-              "error: no part of the operation log came; no archive was written at " + archive);
+              "error: no part of the operation log came; no new archive was written; " + archive +
+                  " is left as it was");
     QDir(QDir::homePath() + "/Documents/operation_log").removeRecursively();
+    const Outcome cut = lidarutil(
+        {"--host", "127.0.0.1", "--port", silent.port(), "log", "Device Log", "--dir", folder});
+    EXPECT_EQ(cut.exitCode, 1);
+    EXPECT_EQ(lines(cut.err).last(),
+              "error: Device Log not downloaded: the lidar closed the connection (result -2)");
 
     EXPECT_EQ(testsupport::ReadFile(dir.file("ops.tar")), "an earlier log");
     EXPECT_EQ(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
