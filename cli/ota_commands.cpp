@@ -148,6 +148,12 @@ int otaPack(const Options& options) {
             return usageError(file.key() + "'s file " + file.value() +
                               " is empty; a package holds no empty component");
     }
+    // The target is judged as every command judges the place it writes to, before any work.
+    const QFileInfo target(options.output);
+    if (target.isDir())
+        return usageError(options.output + " is a folder; ota pack needs the package's file name");
+    if (const QString problem = unwritableFolder(target.absolutePath()); !problem.isEmpty())
+        return usageError(problem);
     u8Array_t package;
     std::string error;
     if (!heron_ota::BuildPackage(parts, package, error))

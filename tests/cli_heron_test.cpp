@@ -107,6 +107,16 @@ TEST(LidarutilOta, PackThenInspectListsTheComponentsAndRefusesBrokenPackages) {
     EXPECT_EQ(empty.exitCode, 2);
     EXPECT_TRUE(empty.err.contains("TMB_FPGA's file")) << empty.err.toStdString();
     EXPECT_FALSE(QFileInfo::exists(Path(dir, "none.ota")) || QFileInfo::exists(Path(dir, "e.ota")));
+    // Where the package cannot go is a usage error, in the words of every other command.
+    testsupport::WriteFile(dir.file("part"), "p");
+    for (const auto& [target, said] :
+         {std::pair<QString, QString>{"/proc/x.ota", "cannot write into /proc: "},
+          {QString::fromStdString(dir.path()), " is a folder; ota pack needs the package's"}}) {
+        const Outcome refused =
+            lidarutil({"ota", "pack", "--tmb-param", Path(dir, "part"), "-o", target});
+        EXPECT_EQ(refused.exitCode, 2) << refused.err.toStdString();
+        EXPECT_TRUE(refused.err.contains(said)) << refused.err.toStdString();
+    }
 }
 
 TEST(LidarutilHeron, UpgradeAndImuRangeAgainstTheEmbeddedSimulator) {
