@@ -224,8 +224,9 @@ TEST_F(ConsoleTest, AnUnreadableHistoryFileIsMovedAsideNotOverwritten) {
         EXPECT_EQ(m.getCommandLogCnt(), 1);
         EXPECT_FALSE(m.commandHistoryLoaded());
         EXPECT_TRUE(
-            session.LogHas("Command history not loaded: a quote opened on line 3 of "
-                           "./Config/command_log_file.csv is never closed|ERROR"));
+            session.LogHas("Command history read only in part: a quote opened on line 3 of "
+                           "./Config/command_log_file.csv is never closed; the 1 record(s) before "
+                           "it were kept|ERROR"));
         m.WriteCommandLogToLocalCommandFile();
         EXPECT_EQ(ReadFile(root_.file(aside)), unclosed) << aside;
         EXPECT_TRUE(session.LogHas(
@@ -246,7 +247,8 @@ TEST_F(ConsoleTest, AnUnreadableHistoryFileIsMovedAsideNotOverwritten) {
         "Command history not loaded: ./Config/command_log_file.csv is a folder, not a file|ERROR"));
     m.WriteCommandLogToLocalCommandFile();
     EXPECT_TRUE(session.LogHas(
-        "Command history not saved: cannot write ./Config/command_log_file.csv|ERROR"));
+        "Command history not saved: cannot write ./Config/command_log_file.csv: Is a "
+        "directory|ERROR"));
     EXPECT_TRUE(QFileInfo(QString::fromStdString(file)).isDir());
 }
 

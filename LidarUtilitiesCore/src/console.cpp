@@ -6,6 +6,8 @@
 #include <QVariantMap>
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iomanip>
@@ -237,7 +239,8 @@ void LidarUtilitiesManager::WriteCommandLogToLocalCommandFile() {
     if (historyFileUnreadable && !moveHistoryFileAside()) return;
     std::ofstream file(kHistoryFile, std::ios::out | std::ios::trunc | std::ios::binary);
     if (!file.is_open()) {
-        writeLogMessage(std::string("Command history not saved: cannot write ") + kHistoryFile,
+        writeLogMessage(std::string("Command history not saved: cannot write ") + kHistoryFile +
+                            ": " + std::strerror(errno),
                         "ERROR");
         return;
     }
@@ -275,7 +278,12 @@ void LidarUtilitiesManager::GetLocalCommandFileLog() {
     const auto notLoaded = [this](const std::string& why, bool moveAside = true) {
         historyLoaded = false;
         historyFileUnreadable = moveAside;
-        writeLogMessage("Command history not loaded: " + why, "ERROR");
+        // The rows before the fault stay in the list: say so, or the list shown contradicts it.
+        const int kept = sendCmdHistory.size();
+        writeLogMessage(kept == 0 ? "Command history not loaded: " + why
+                                  : "Command history read only in part: " + why + "; the " +
+                                        std::to_string(kept) + " record(s) before it were kept",
+                        "ERROR");
         emit sendCommandHistoryChanged();
     };
     // A folder holds no records to keep; it is named rather than read.
