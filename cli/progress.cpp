@@ -53,13 +53,21 @@ void ProgressRenderer::update(qint64 done, qint64 total) {
     const int tenth = static_cast<int>(std::clamp(done * 10 / total, qint64{0}, qint64{10}));
     if (tenth == lastTenth_) return;
     lastTenth_ = tenth;
+    writeLine(done, total);
+}
+
+void ProgressRenderer::writeLine(qint64 done, qint64 total) {
+    const qint64 percent = std::clamp(done * 100 / total, qint64{0}, qint64{100});
     writeProgress(
-        QString("%1: %2% (%3/%4 %5)\n").arg(label_).arg(tenth * 10).arg(done).arg(total).arg(unit_),
+        QString("%1: %2% (%3/%4 %5)\n").arg(label_).arg(percent).arg(done).arg(total).arg(unit_),
         false);
+    lastDone_ = done;
 }
 
 void ProgressRenderer::finish(qint64 done, qint64 total) {
     update(done, total);
+    // Where it ended, also between two tenths: a transfer cut short shows what it got.
+    if (!terminal_ && total > 0 && done != lastDone_) writeLine(done, total);
     if (terminal_ && drawn_) writeProgress("\n", false);
     drawn_ = false;
 }

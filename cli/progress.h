@@ -30,12 +30,14 @@ class ProgressRenderer {
 
   private:
     QString terminalLine(qint64 done, qint64 total) const;
+    void writeLine(qint64 done, qint64 total);
 
     QString label_;
     QString unit_;
     bool terminal_ = false;
     bool drawn_ = false;
     int lastTenth_ = -1;
+    qint64 lastDone_ = -1;  // the last line written, when standard error is not a terminal
     QElapsedTimer clock_;
 };
 

@@ -267,6 +267,9 @@ TEST(LidarutilHeron, AgainstLidarSimAFailedComponentIsToldOnceAndTheSimulatorSho
         lastProgress = line.capturedStart();
     }
     EXPECT_GT(progressLines, 0) << err.toStdString();
+    // The last line is where it stopped (BMB_APP_B's 5 KiB), at the exact percentage.
+    EXPECT_EQ(err.mid(lastProgress, err.indexOf('\n', lastProgress) - lastProgress),
+              "upgrade: 62% (5/8 KiB)");
     EXPECT_GT(err.indexOf("error: Heron upgrade: BMB_FPGA failed"), lastProgress)
         << err.toStdString();
 
