@@ -167,7 +167,7 @@ void reportRestartOutcome(const QStringList& messages) {
     printDiagnostic(
         "error: Auto reboot failed: the package was transmitted, but the lidar was not "
         "restarted" +
-        (reason.isEmpty() ? QString() : " (" + reason + ")") + ". Please reboot lidar manually.");
+        (reason.isEmpty() ? QString() : ": " + reason) + ". Please reboot lidar manually.");
 }
 
 void reportJson(Session& session, const QJsonObject& object) {

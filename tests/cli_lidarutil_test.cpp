@@ -732,8 +732,8 @@ TEST(Lidarutil, TransferOutcomesComeLastAndSayWhy) {
     EXPECT_TRUE(finalProgress >= 0 && finalProgress < outcome) << upgraded.err.toStdString();
     EXPECT_EQ(said.filter(QRegularExpression("^error: ")),
               QStringList{"error: Auto reboot failed: the package was transmitted, but the lidar "
-                          "was not restarted (the lidar answered with status 5 (device "
-                          "failure)). Please reboot lidar manually."});
+                          "was not restarted: the lidar answered with status 5 (device "
+                          "failure). Please reboot lidar manually."});
     EXPECT_EQ(said.last(), said.filter(QRegularExpression("^error: ")).value(0));
 
     // Ctrl-C in the pause before the restart warns; a second one stops the manager, which says
