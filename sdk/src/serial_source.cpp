@@ -331,8 +331,9 @@ void SerialSource::Drain(int fd, int wakeFd) {
 }
 
 void SerialSource::MarkHungUp() {
-    hungUp_.store(true);
+    // The reason first: whoever sees the line closed must find why.
     SetError("serial line " + device_ + " hung up");
+    hungUp_.store(true);
 }
 
 int SerialSource::WaitFor(short events, int timeoutMs) {
