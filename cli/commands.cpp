@@ -706,26 +706,4 @@ int commandWatch(Session& session) {
     return watchRefreshes(session, variables, session.options().count);
 }
 
-int runCommand(const Options& options) {
-    if (options.command == "ota") return commandOta(options);
-    Session session(options);
-    if (options.command == "models") return commandModels(session);
-    if (int status = session.loadModel(); status != kExitOk) return status;
-    if (options.command == "show") return commandShow(session);
-    if (options.command == "info") return commandInfo(session);
-    if (options.command == "read") return commandRead(session);
-    if (options.command == "set") return commandSet(session);
-    if (options.command == "fov") return commandFov(session);
-    if (options.command == "watch") return commandWatch(session);
-    if (options.command == "send") return commandSend(session);
-    if (options.command == "history") return commandHistory(session);
-    if (options.command == "upgrade") return commandUpgrade(session);
-    if (options.command == "log") return commandLog(session);
-    if (options.command == "oplog") return commandOperationLog(session);
-    if (options.command == "monitor") return commandMonitor(session);
-    if (options.command == "heron") return commandHeron(session);
-    if (options.command == "wren") return commandWren(session);
-    return usageError("unknown command '" + options.command + "'");
-}
-
 }  // namespace cli

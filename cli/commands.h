@@ -1,6 +1,7 @@
 #pragma once
 
-// lidarutil's subcommands, one function each; every one returns the process exit status.
+// lidarutil's subcommands, one function each; every one returns the process exit status. The
+// table in command_table.cpp names them and says what each needs before it runs.
 
 #include <atomic>
 #include <functional>
@@ -11,9 +12,6 @@
 namespace cli {
 
 class Session;
-
-// Builds the session for the options and runs the subcommand they name.
-int runCommand(const Options& options);
 
 int commandModels(Session& session);
 int commandShow(Session& session);

@@ -5,10 +5,9 @@
 #include <QStringList>
 #include <memory>
 
-#include "commands.h"
+#include "command_table.h"
 #include "options.h"
 #include "output.h"
-#include "session.h"
 
 namespace {
 
@@ -38,11 +37,6 @@ int main(int argc, char** argv) {
         cli::printResult(parsed.helpText.trimmed());
     } else if (!parsed.ok) {
         cli::printDiagnostic("lidarutil: " + parsed.error + " (lidarutil --help lists the usage)");
-        status = cli::kExitUsage;
-    } else if (parsed.options.command != "ota" && !cli::Session::configFolderPresent()) {
-        cli::printDiagnostic(
-            "lidarutil: ./Config/varID not found: run lidarutil from the repository root, the "
-            "folder that holds Config/");
         status = cli::kExitUsage;
     } else {
         status = cli::runCommand(parsed.options);

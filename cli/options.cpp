@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "command_table.h"
 #include "sdk/authorized_vrc_client.h"
 
 namespace cli {
@@ -76,25 +77,6 @@ const CLI::Validator kLocalPort(
     },
     "");
 
-// The subcommands, each with its own arguments and help. Options of the whole program may also
-// follow the subcommand (fallthrough).
-struct Subcommands {
-    std::string module;             // read, watch
-    std::vector<std::string> rest;  // set, fov, send, upgrade, log, oplog, heron, ota, wren
-    int count = 0;                  // watch
-    std::string variable;           // upgrade
-    std::string dir;                // log
-    std::string variant;            // monitor
-    std::string recordDir;          // monitor
-    int duration = 60;              // monitor
-    int interval = 1;               // monitor
-    bool plot = false;              // monitor
-    // ota pack: a file per component (in the package's order), the package written.
-    std::array<std::string, 5> componentFiles;
-    std::string output;
-    int vlan = -1;  // wren net
-};
-
 // A whole number of 1 or more (counts, seconds), one that an int holds.
 const CLI::Validator kPositiveWhole(
     [](std::string& value) {
@@ -135,120 +117,23 @@ CLI::Validator notEmpty(const std::string& what) {
         [what](std::string& value) { return value.empty() ? "needs " + what : std::string(); }, "");
 }
 
-void addMonitorSubcommand(CLI::App& app, Subcommands& args) {
-    CLI::App* monitor = app.add_subcommand(
-        "monitor",
-        "the monitor values: the model's hardware variants, then a table refreshed every second "
-        "until Ctrl-C or N refreshes; or, with --record, a recording to a CSV file");
-    monitor->fallthrough();
-    monitor->add_option("--variant", args.variant, "apply this hardware variant first")
-        ->type_name("LABEL")
-        ->check(notEmpty("a variant's label"));
-    CLI::Option* count = monitor->add_option("--count", args.count, "stop after N refreshes")
-                             ->type_name("N")
-                             ->check(kPositiveWhole);
-    CLI::Option* record = monitor
-                              ->add_option("--record", args.recordDir,
-                                           "record to Monitor_<variant>_<time>.csv in this folder")
-                              ->check(notEmpty("a folder"))
-                              ->type_name("DIR");
-    record->excludes(count);
-    monitor->add_option("--duration", args.duration, "length of the recording (default 60)")
-        ->type_name("SECONDS")
-        ->check(kPositiveWhole)
-        ->needs(record);
-    monitor->add_option("--interval", args.interval, "seconds between two rows (default 1)")
-        ->type_name("SECONDS")
-        ->check(kPositiveWhole)
-        ->needs(record);
-    monitor->add_flag("--plot", args.plot, "after recording, write a PNG chart beside the file")
-        ->needs(record);
-}
-
-// heron and ota: each has second-level commands of its own.
+// ota pack's options: a file per component, in the package's order.
 const char* const kPackComponents[5][2] = {{"BMB_APP_A", "--bmb-app-a"},
                                            {"BMB_APP_B", "--bmb-app-b"},
                                            {"BMB_FPGA", "--bmb-fpga"},
                                            {"TMB_FPGA", "--tmb-fpga"},
                                            {"TMB_PARAM", "--tmb-param"}};
 
-void addHeronAndOtaSubcommands(CLI::App& app, Subcommands& args) {
-    const auto add = [](CLI::App& parent, const char* name, const char* description) {
-        CLI::App* sub = parent.add_subcommand(name, description);
-        sub->fallthrough();
-        return sub;
-    };
-    CLI::App* heron =
-        add(app, "heron", "the Heron-VRC model's own operations (with --model Heron-VRC)");
-    heron->require_subcommand(1);
-    add(*heron, "versions", "read the model version text and the three component versions");
-    add(*heron, "imu",
-        "set the IMU ranges by index: ANGULAR 0-5 (125, 250, 500, 1000, 2000, 4000 dps), "
-        "ACCELERATION 0-3 (2, 4, 8, 16 g)")
-        ->add_option("ANGULAR ACCELERATION", args.rest, "the two range indexes")
-        ->required();
-    add(*heron, "restart", "restart the lidar (its component restart)");
-    add(*heron, "upgrade",
-        "upgrade the lidar's components from an OTA package, with a progress bar and a line "
-        "per component; the lidar restarts at the end")
-        ->add_option("PACKAGE", args.rest, "the OTA package")
-        ->required();
-
-    CLI::App* ota = add(app, "ota", "build or check a Heron OTA package (no lidar needed)");
-    ota->require_subcommand(1);
-    CLI::App* pack = add(*ota, "pack", "build an OTA package from component files");
-    for (size_t i = 0; i < args.componentFiles.size(); ++i)
-        pack->add_option(kPackComponents[i][1], args.componentFiles[i],
-                         std::string("the ") + kPackComponents[i][0] + " component's file")
-            ->type_name("FILE");
-    pack->add_option("-o,--output", args.output, "the package to write")
-        ->type_name("PACKAGE")
-        ->required();
-    add(*ota, "inspect", "check a package as the upgrade does and list its components")
-        ->add_option("PACKAGE", args.rest, "the OTA package")
-        ->required();
-}
-
-// wren: the Wren model's own settings and readers, each a command of its own.
-void addWrenSubcommand(CLI::App& app, Subcommands& args) {
-    const auto add = [](CLI::App& parent, const char* name, const char* description) {
-        CLI::App* sub = parent.add_subcommand(name, description);
-        sub->fallthrough();
-        return sub;
-    };
-    CLI::App* wren =
-        add(app, "wren",
-            "the Wren model's own settings (with --model Wren, over its serial lines, or "
-            "--model Wren-VRC)");
-    wren->require_subcommand(1);
-    add(*wren, "standby", "put the lidar in standby (on) or let it scan (off)")
-        ->add_option("on|off", args.rest, "on or off")
-        ->required();
-    add(*wren, "spin-rate", "set the spin rate, in the lidar's own unit (0-255)")
-        ->add_option("N", args.rest, "the spin rate")
-        ->required();
-    add(*wren, "return-mode", "set the return mode by its catalogue name: strongest or last")
-        ->add_option("strongest|last", args.rest, "the return mode")
-        ->required();
-    add(*wren, "baud", "read the serial point-cloud baud rate, or set it (Wren-VRC)")
-        ->add_option("RATE", args.rest, "the new rate in bit/s");
-    add(*wren, "destination", "set where the lidar sends its data (Wren-VRC)")
-        ->add_option("IP PORT", args.rest, "the destination address and port")
-        ->required();
-    CLI::App* net = add(*wren, "net",
-                        "set the lidar's address, netmask and gateway (Wren-VRC); the lidar "
-                        "applies them and drops the connection");
-    net->add_option("ADDRESS NETMASK GATEWAY", args.rest, "the three addresses")->required();
-    net->add_option("--vlan", args.vlan, "tag the lidar's traffic with this VLAN (1-4094)")
-        ->type_name("ID")
-        ->check(CLI::Range(1, 4094).description(""));
-    add(*wren, "net-config", "read the lidar's address, netmask and gateway (Wren-VRC)");
-    add(*wren, "destination-config", "read where the lidar sends its data (Wren-VRC)");
-    add(*wren, "safety", "read the function-safety state and its fault codes");
+// A second-level command of heron, ota or wren; the program's options may follow it too.
+CLI::App* addSecondLevel(CLI::App& group, const char* name, const char* description) {
+    CLI::App* command = group.add_subcommand(name, description);
+    command->fallthrough();
+    return command;
 }
 
 // The second-level command of heron and ota, and ota pack's files.
-void readHeronAndOtaArguments(const CLI::App& command, const Subcommands& args, Options& options) {
+void readHeronAndOtaArguments(const CLI::App& command, const CommandArguments& args,
+                              Options& options) {
     const auto nested = command.get_subcommands();
     if (nested.empty()) return;
     options.action = QString::fromStdString(nested.front()->get_name());
@@ -259,63 +144,152 @@ void readHeronAndOtaArguments(const CLI::App& command, const Subcommands& args, 
     options.output = QString::fromStdString(args.output);
 }
 
-void addSubcommands(CLI::App& app, Subcommands& args) {
-    const auto add = [&app](const char* name, const char* description) {
-        CLI::App* sub = app.add_subcommand(name, description);
-        sub->fallthrough();
-        return sub;
-    };
-    add("models", "list the models and how each is connected");
-    add("show", "the model's modules, pages and variables (no lidar needed)");
-    add("info", "read the device information: name=value lines");
-    add("read", "read one module (or all) and print name, value and unit")
-        ->add_option("MODULE", args.module, "the module to read (default: all)");
-    add("set",
-        "write values, then print them as read back; a selection takes its option text, "
-        "its value or #INDEX")
-        ->add_option("NAME=VALUE", args.rest, "the edits")
-        ->required();
-    add("fov",
-        "show the mode and the channel field of view, or write it: ten bounds in degrees, "
-        "INDEX=VALUE (0-4 starts, 5-9 ends) or mode=VALUE")
-        ->add_option("ARGS", args.rest, "bounds or INDEX=VALUE / mode=VALUE pairs");
-    CLI::App* watch = add("watch",
-                          "print the module's timer-refreshed values at each refresh (about every "
-                          "3 s) until Ctrl-C or N refreshes");
-    watch->add_option("MODULE", args.module,
-                      "the module to watch (default: the first with timer "
-                      "values)");
-    add("send",
-        "send a raw command: HEADER and PAYLOAD bytes in hex; prints the reply's header "
-        "and payload (the payload cut at 1024 bytes) and records the command")
-        ->add_option("HEADER PAYLOAD", args.rest, "the command code, then the payload bytes")
-        ->required();
-    add("history", "the last ten raw commands sent, newest first (./Config/command_log_file.csv)");
-    CLI::App* upgrade =
-        add("upgrade",
-            "push a firmware package to the lidar with a progress bar (the serial-line models "
-            "take their own transfer)");
-    upgrade->add_option("FILE", args.rest, "the firmware package")
-        ->required()
-        ->check(notEmpty("a package file (an empty name names none)"));
-    upgrade
-        ->add_option("--variable", args.variable,
-                     "the catalogue variable whose set command starts the upgrade (default: "
-                     "the one whose set command is 0x83)")
-        ->type_name("NAME");
-    CLI::App* log = add("log", "download a device log (a log variable of the catalogue)");
-    log->add_option("NAME", args.rest, "the log's name, e.g. \"Device Log\"")->required();
-    log->add_option("--dir", args.dir, "the folder to save it in (default: the current one)");
-    add("oplog", "download the operation log: four logs packed into one tar archive")
-        ->add_option("ARCHIVE", args.rest, "the archive's path (.tar is added when missing)")
-        ->required();
-    watch->add_option("--count", args.count, "stop after N refreshes")
+// Every subcommand of the table, with its help and its own arguments. Options of the whole
+// program may also follow the subcommand (fallthrough).
+void addSubcommands(CLI::App& app, CommandArguments& args) {
+    for (const CommandEntry& entry : commandTable()) {
+        CLI::App* command = app.add_subcommand(entry.name, entry.help);
+        command->fallthrough();
+        if (entry.declareArguments != nullptr) entry.declareArguments(*command, args);
+    }
+}
+
+}  // namespace
+
+void declareReadArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("MODULE", args.module, "the module to read (default: all)");
+}
+
+void declareSetArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("NAME=VALUE", args.rest, "the edits")->required();
+}
+
+void declareFovArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("ARGS", args.rest, "bounds or INDEX=VALUE / mode=VALUE pairs");
+}
+
+void declareWatchArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("MODULE", args.module,
+                       "the module to watch (default: the first with timer values)");
+    command.add_option("--count", args.count, "stop after N refreshes")
         ->type_name("N")
         ->check(kPositiveWhole);
-    addMonitorSubcommand(app, args);
-    addHeronAndOtaSubcommands(app, args);
-    addWrenSubcommand(app, args);
 }
+
+void declareSendArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("HEADER PAYLOAD", args.rest, "the command code, then the payload bytes")
+        ->required();
+}
+
+void declareUpgradeArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("FILE", args.rest, "the firmware package")
+        ->required()
+        ->check(notEmpty("a package file (an empty name names none)"));
+    command
+        .add_option("--variable", args.variable,
+                    "the catalogue variable whose set command starts the upgrade (default: the "
+                    "one whose set command is 0x83)")
+        ->type_name("NAME");
+}
+
+void declareLogArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("NAME", args.rest, "the log's name, e.g. \"Device Log\"")->required();
+    command.add_option("--dir", args.dir, "the folder to save it in (default: the current one)");
+}
+
+void declareOperationLogArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("ARCHIVE", args.rest, "the archive's path (.tar is added when missing)")
+        ->required();
+}
+
+void declareMonitorArguments(CLI::App& monitor, CommandArguments& args) {
+    monitor.add_option("--variant", args.variant, "apply this hardware variant first")
+        ->type_name("LABEL")
+        ->check(notEmpty("a variant's label"));
+    CLI::Option* count = monitor.add_option("--count", args.count, "stop after N refreshes")
+                             ->type_name("N")
+                             ->check(kPositiveWhole);
+    CLI::Option* record = monitor
+                              .add_option("--record", args.recordDir,
+                                          "record to Monitor_<variant>_<time>.csv in this folder")
+                              ->check(notEmpty("a folder"))
+                              ->type_name("DIR");
+    record->excludes(count);
+    monitor.add_option("--duration", args.duration, "length of the recording (default 60)")
+        ->type_name("SECONDS")
+        ->check(kPositiveWhole)
+        ->needs(record);
+    monitor.add_option("--interval", args.interval, "seconds between two rows (default 1)")
+        ->type_name("SECONDS")
+        ->check(kPositiveWhole)
+        ->needs(record);
+    monitor.add_flag("--plot", args.plot, "after recording, write a PNG chart beside the file")
+        ->needs(record);
+}
+
+void declareHeronCommands(CLI::App& heron, CommandArguments& args) {
+    heron.require_subcommand(1);
+    addSecondLevel(heron, "versions",
+                   "read the model version text and the three component versions");
+    addSecondLevel(heron, "imu",
+                   "set the IMU ranges by index: ANGULAR 0-5 (125, 250, 500, 1000, 2000, 4000 "
+                   "dps), ACCELERATION 0-3 (2, 4, 8, 16 g)")
+        ->add_option("ANGULAR ACCELERATION", args.rest, "the two range indexes")
+        ->required();
+    addSecondLevel(heron, "restart", "restart the lidar (its component restart)");
+    addSecondLevel(heron, "upgrade",
+                   "upgrade the lidar's components from an OTA package, with a progress bar and a "
+                   "line per component; the lidar restarts at the end")
+        ->add_option("PACKAGE", args.rest, "the OTA package")
+        ->required();
+}
+
+void declareOtaCommands(CLI::App& ota, CommandArguments& args) {
+    ota.require_subcommand(1);
+    CLI::App* pack = addSecondLevel(ota, "pack", "build an OTA package from component files");
+    for (size_t i = 0; i < args.componentFiles.size(); ++i)
+        pack->add_option(kPackComponents[i][1], args.componentFiles[i],
+                         std::string("the ") + kPackComponents[i][0] + " component's file")
+            ->type_name("FILE");
+    pack->add_option("-o,--output", args.output, "the package to write")
+        ->type_name("PACKAGE")
+        ->required();
+    addSecondLevel(ota, "inspect", "check a package as the upgrade does and list its components")
+        ->add_option("PACKAGE", args.rest, "the OTA package")
+        ->required();
+}
+
+// The Wren model's own settings and readers, each a command of its own.
+void declareWrenCommands(CLI::App& wren, CommandArguments& args) {
+    wren.require_subcommand(1);
+    addSecondLevel(wren, "standby", "put the lidar in standby (on) or let it scan (off)")
+        ->add_option("on|off", args.rest, "on or off")
+        ->required();
+    addSecondLevel(wren, "spin-rate", "set the spin rate, in the lidar's own unit (0-255)")
+        ->add_option("N", args.rest, "the spin rate")
+        ->required();
+    addSecondLevel(wren, "return-mode",
+                   "set the return mode by its catalogue name: strongest or last")
+        ->add_option("strongest|last", args.rest, "the return mode")
+        ->required();
+    addSecondLevel(wren, "baud", "read the serial point-cloud baud rate, or set it (Wren-VRC)")
+        ->add_option("RATE", args.rest, "the new rate in bit/s");
+    addSecondLevel(wren, "destination", "set where the lidar sends its data (Wren-VRC)")
+        ->add_option("IP PORT", args.rest, "the destination address and port")
+        ->required();
+    CLI::App* net = addSecondLevel(wren, "net",
+                                   "set the lidar's address, netmask and gateway (Wren-VRC); the "
+                                   "lidar applies them and drops the connection");
+    net->add_option("ADDRESS NETMASK GATEWAY", args.rest, "the three addresses")->required();
+    net->add_option("--vlan", args.vlan, "tag the lidar's traffic with this VLAN (1-4094)")
+        ->type_name("ID")
+        ->check(CLI::Range(1, 4094).description(""));
+    addSecondLevel(wren, "net-config", "read the lidar's address, netmask and gateway (Wren-VRC)");
+    addSecondLevel(wren, "destination-config", "read where the lidar sends its data (Wren-VRC)");
+    addSecondLevel(wren, "safety", "read the function-safety state and its fault codes");
+}
+
+namespace {
 
 // The first argument that is neither an option nor an option's value: what the user took for
 // a command when no subcommand matched.
@@ -399,7 +373,7 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     app.add_flag("-v,--verbose", options.verbose,
                  "the manager's log and developer lines on standard error");
     app.footer("Exit status: 0 success, 1 an operation failed, 2 a usage error.");
-    Subcommands args;
+    CommandArguments args;
     addSubcommands(app, args);
     nameValuesForPeople(app);
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -641,35 +642,56 @@ TEST(Lidarutil, FovSendsNothingTheLidarHoldsAndRefusesWhatSetWouldRefuse) {
 }
 
 // Help names values as a person reads them, for every option and argument of every command.
+namespace {
+
+// The subcommands lidarutil --help lists, read from its "Subcommands:" section.
+QStringList listedSubcommands(const QString& help) {
+    const QString section = help.section("Subcommands:\n", 1).section("\n\n", 0, 0);
+    QStringList names;
+    for (const QString& line : section.split('\n', Qt::SkipEmptyParts))
+        names << line.trimmed().section(' ', 0, 0);
+    return names;
+}
+
+// The commands of the README's lidarutil table: the first word of each row's first cell.
+QStringList readmeCommands() {
+    QFile readme(QString::fromStdString(testsupport::SourceDir()) + "/README.md");
+    EXPECT_TRUE(readme.open(QIODevice::ReadOnly));
+    QStringList names;
+    const QRegularExpression row("^\\| `([a-z-]+)[ `]");
+    for (const QString& line : QString::fromUtf8(readme.readAll()).split('\n')) {
+        const QRegularExpressionMatch match = row.match(line);
+        if (match.hasMatch() && !names.contains(match.captured(1))) names << match.captured(1);
+    }
+    return names;
+}
+
+}  // namespace
+
+// Every subcommand has a help that names values for people, and the README documents each one
+// (and no other).
 TEST(Lidarutil, HelpNamesValuesForPeople) {
     const QRegularExpression typeName("\\b(TEXT|INT|UINT|FLOAT|BOOLEAN)\\b| in \\[");
-    const QList<QStringList> commands = {{},
-                                         {"models"},
-                                         {"show"},
-                                         {"info"},
-                                         {"read"},
-                                         {"set"},
-                                         {"fov"},
-                                         {"watch"},
-                                         {"send"},
-                                         {"history"},
-                                         {"upgrade"},
-                                         {"log"},
-                                         {"oplog"},
-                                         {"monitor"},
-                                         {"heron", "imu"},
-                                         {"heron", "upgrade"},
-                                         {"ota", "pack"},
-                                         {"ota", "inspect"},
-                                         {"wren", "net"},
-                                         {"wren", "spin-rate"}};
+    const Outcome top = lidarutil({"--help"});
+    QStringList listed = listedSubcommands(top.out);
+    QStringList documented = readmeCommands();
+    listed.sort();
+    documented.sort();
+    EXPECT_EQ(listed.join(' ').toStdString(), documented.join(' ').toStdString());
+    QList<QStringList> commands = {{},
+                                   {"heron", "imu"},
+                                   {"heron", "upgrade"},
+                                   {"ota", "pack"},
+                                   {"ota", "inspect"},
+                                   {"wren", "net"},
+                                   {"wren", "spin-rate"}};
+    for (const QString& name : listed) commands << QStringList{name};
     for (const QStringList& command : commands) {
         const Outcome help = lidarutil(command + QStringList{"--help"});
         EXPECT_EQ(help.exitCode, 0) << command.join(' ').toStdString();
         EXPECT_FALSE(help.out.contains(typeName)) << command.join(' ').toStdString() << ":\n"
                                                   << help.out.toStdString();
     }
-    const Outcome top = lidarutil({"--help"});
     for (const QString shown :
          {"--host HOST", "--port PORT", "--local-port PORT|ANY", "--model NAME", "--token TOKEN"})
         EXPECT_TRUE(top.out.contains(shown)) << shown.toStdString() << "\n"
