@@ -26,37 +26,82 @@ namespace {
 
 constexpr int kUsageError = 2;
 
-const char* const kUsage =
-    "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
-    "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
-    "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
-    "                 [--partition A|B] [--seed N] [--chaos SEED] [--report FILE]\n"
-    "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
-    "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
-    "  --port N               TCP port, 0 picks a free one (default 0)\n"
-    "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
-    "  --token T              require authorisation (0xA1) with this token for writes\n"
-    "  --fault CMD:MODE       CMD in hex (0x07); MODE one of no-reply, delay=MS,\n"
-    "                         close-mid-reply, bad-magic, oversized-length, wrong-echo, status=N,\n"
-    "                         drop;\n"
-    "                         for transfers drop-after-chunks=N, fail-chunk=N:STATUS, "
-    "crc-mismatch;\n"
-    "                         for components (0xC3) refuse-component=N:STATUS,\n"
-    "                         refuse-component-type=T:STATUS\n"
-    "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
-    "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 MiB)\n"
-    "  --serial               serve the serial lines on two pseudo-terminals instead of TCP\n"
-    "                         (prints \"rs485 PATH\" and \"uart PATH\", and \"uart PATH\" again\n"
-    "                         when a hang-up fault replaces that line); serial faults also\n"
-    "                         garbage-before-reply, bad-crc\n"
-    "  --fault-state S[:C,..] the fault state the serial side reports: state 0-255, then\n"
-    "                         hexadecimal fault codes (\"1:00A1,0102\")\n"
-    "  --partition A|B        Heron-VRC: the application partition running at start (default A)\n"
-    "  --seed N               the curves the monitor readings follow (default 1)\n"
-    "  --chaos SEED           random faults at low rates on every command without its own\n"
-    "                         --fault: slow replies, busy statuses, cut replies, dropped\n"
-    "                         connections; the same SEED repeats them (TCP only)\n"
-    "  --report FILE          at exit, also write what was received and the counters as JSON\n";
+// The fault modes by the requests they are meant for, as one line of text for the help.
+std::string FaultModesText() {
+    static const std::pair<sim::FaultMode::Scope, const char*> kScopes[] = {
+        {sim::FaultMode::Scope::kAnyCommand, "MODE one of"},
+        {sim::FaultMode::Scope::kTransfers, "; for transfers"},
+        {sim::FaultMode::Scope::kComponents, "; for components (0xC3)"},
+        {sim::FaultMode::Scope::kSerialLine, "; on the serial lines"}};
+    std::string text = "CMD in hex (0x07); ";
+    for (const auto& [scope, label] : kScopes) {
+        text += std::string(label) + " ";
+        std::string modes;
+        for (const sim::FaultMode& mode : sim::FaultModes()) {
+            if (mode.scope != scope) continue;
+            modes += (modes.empty() ? "" : ", ") + mode.Syntax();
+        }
+        text += modes;
+    }
+    return text;
+}
+
+// `text` broken at spaces into lines of at most `width` columns, every line after the first
+// indented to `indent`.
+std::string Wrapped(const std::string& text, size_t indent, size_t width) {
+    std::string lines;
+    size_t column = indent;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(' ', start);
+        if (end == std::string::npos) end = text.size();
+        const std::string word = text.substr(start, end - start);
+        if (column > indent && column + 1 + word.size() > width) {
+            lines += "\n" + std::string(indent, ' ');
+            column = indent;
+        } else if (column > indent) {
+            lines += ' ';
+            ++column;
+        }
+        lines += word;
+        column += word.size();
+        start = end + 1;
+    }
+    return lines;
+}
+
+std::string Usage() {
+    return "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
+           "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
+           "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
+           "                 [--partition A|B] [--seed N] [--chaos SEED] [--report FILE]\n"
+           "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
+           "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
+           "  --port N               TCP port, 0 picks a free one (default 0)\n"
+           "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
+           "  --token T              require authorisation (0xA1) with this token for writes\n"
+           "  --fault CMD:MODE       " +
+           Wrapped(FaultModesText(), 25, 94) +
+           "\n"
+           "  --restart-downtime MS  unreachable time after restart or reset (default 1500)\n"
+           "  --log-size BYTES       size of every log that 0x75 serves (default 4096, at most 64 "
+           "MiB)\n"
+           "  --serial               serve the serial lines on two pseudo-terminals instead of "
+           "TCP\n"
+           "                         (prints \"rs485 PATH\" and \"uart PATH\", and \"uart PATH\" "
+           "again\n"
+           "                         when a hang-up fault replaces that line)\n"
+           "  --fault-state S[:C,..] the fault state the serial side reports: state 0-255, then\n"
+           "                         hexadecimal fault codes (\"1:00A1,0102\")\n"
+           "  --partition A|B        Heron-VRC: the application partition running at start "
+           "(default A)\n"
+           "  --seed N               the curves the monitor readings follow (default 1)\n"
+           "  --chaos SEED           random faults at low rates on every command without its own\n"
+           "                         --fault: slow replies, busy statuses, cut replies, dropped\n"
+           "                         connections; the same SEED repeats them (TCP only)\n"
+           "  --report FILE          at exit, also write what was received and the counters as "
+           "JSON\n";
+}
 
 struct UsageError {
     std::string message;
@@ -353,7 +398,7 @@ int RunSerial(const Arguments& args, sigset_t& stopSignals) {
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {
-            std::cout << kUsage;
+            std::cout << Usage();
             return 0;
         }
     }
@@ -361,7 +406,7 @@ int main(int argc, char** argv) {
     try {
         args = ParseArguments(argc, argv);
     } catch (const UsageError& e) {
-        std::cerr << "lidar-sim: " << e.message << "\n" << kUsage;
+        std::cerr << "lidar-sim: " << e.message << "\n" << Usage();
         return kUsageError;
     }
     if (!args.reportFile.empty()) {

@@ -106,16 +106,4 @@ TEST(SerialSimulatorProgram, PrintsItsLinesServesTheCatalogueAndCountsRequests) 
     EXPECT_EQ(sim.Line(), "requests: 0x02=1 0x04=1 0x06=1");
 }
 
-TEST(SerialSimulatorProgram, FaultStateTextsAreCheckedAsLidarSimTakesThem) {
-    sim::SerialState state;
-    ASSERT_TRUE(sim::SerialState::ParseFaultState("2", state));
-    EXPECT_EQ(state.faultState, 2);
-    EXPECT_TRUE(state.faultCodes.empty());
-    ASSERT_TRUE(sim::SerialState::ParseFaultState("0:ffff,0X1", state));
-    EXPECT_EQ(state.faultCodes, (std::vector<uint16_t>{0xFFFF, 0x0001}));
-    for (const char* bad : {"", "256", "-1", "1:", "1:10000", "1:a,,b", "x", "1:0xg"}) {
-        EXPECT_FALSE(sim::SerialState::ParseFaultState(bad, state)) << bad;
-    }
-}
-
 }  // namespace

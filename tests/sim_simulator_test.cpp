@@ -523,9 +523,6 @@ TEST(SimulatorTest, EachFaultModeShowsOnTheWire) {
         ASSERT_TRUE(sim::Fault::Parse(text, fault)) << text;
         simulator->SetFault(0x08, fault);
     };
-    for (const char* bad : {"delay=", "delay=-5", "status=256", "no_reply", "", "wrong-echo=1"}) {
-        EXPECT_FALSE(sim::Fault::Parse(bad, fault)) << bad;
-    }
 
     set("status=4");
     vrc::Frame reply = client.Query(0x08);

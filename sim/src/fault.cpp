@@ -6,6 +6,12 @@
 namespace sim {
 namespace {
 
+using Value = FaultMode::Value;
+using Scope = FaultMode::Scope;
+
+constexpr long kMaxDelayMs = 10 * 60 * 1000;
+constexpr long kMaxCount = 1L << 30;
+
 // Digits only, no sign, at most `max`.
 bool ParseCount(const std::string& text, long max, long& out) {
     if (text.empty() || text.size() > 9) return false;
@@ -16,76 +22,104 @@ bool ParseCount(const std::string& text, long max, long& out) {
     return out <= max;
 }
 
-bool StartsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
 // "N:STATUS" with min <= N <= max and a status byte.
-bool ParseCountAndStatus(const std::string& text, Fault::Kind kind, long min, long max,
-                         Fault& out) {
+bool ParseCountAndStatus(const std::string& text, long min, long max, Fault& out) {
     const size_t colon = text.find(':');
     long number = 0;
     long status = 0;
     if (colon == std::string::npos || !ParseCount(text.substr(0, colon), max, number) ||
         number < min || !ParseCount(text.substr(colon + 1), 255, status))
         return false;
-    out = Fault{};
-    out.kind = kind;
     out.count = static_cast<int>(number);
     out.status = static_cast<uint8_t>(status);
     return true;
 }
 
+// The text after a mode's "=", into the field the mode's value sets.
+bool ParseValue(Value value, const std::string& text, Fault& out) {
+    long number = 0;
+    switch (value) {
+        case Value::kNone:
+            return false;
+        case Value::kMilliseconds:
+            if (!ParseCount(text, kMaxDelayMs, number)) return false;
+            out.delayMs = static_cast<int>(number);
+            return true;
+        case Value::kStatus:
+            if (!ParseCount(text, 255, number)) return false;
+            out.status = static_cast<uint8_t>(number);
+            return true;
+        case Value::kCount:
+            if (!ParseCount(text, kMaxCount, number)) return false;
+            out.count = static_cast<int>(number);
+            return true;
+        case Value::kPositionAndStatus:
+            return ParseCountAndStatus(text, 1, kMaxCount, out);
+        case Value::kTypeAndStatus:
+            return ParseCountAndStatus(text, 0, 255, out);
+    }
+    return false;
+}
+
+const char* ValueSyntax(Value value) {
+    switch (value) {
+        case Value::kNone:
+            return "";
+        case Value::kMilliseconds:
+            return "=MS";
+        case Value::kStatus:
+        case Value::kCount:
+            return "=N";
+        case Value::kPositionAndStatus:
+            return "=N:STATUS";
+        case Value::kTypeAndStatus:
+            return "=T:STATUS";
+    }
+    return "";
+}
+
 }  // namespace
 
+std::string FaultMode::Syntax() const {
+    return std::string(name) + ValueSyntax(value);
+}
+
+const std::vector<FaultMode>& FaultModes() {
+    using Kind = Fault::Kind;
+    static const std::vector<FaultMode> kModes = {
+        {"no-reply", Value::kNone, Kind::kNoReply, Scope::kAnyCommand},
+        {"delay", Value::kMilliseconds, Kind::kDelay, Scope::kAnyCommand},
+        {"close-mid-reply", Value::kNone, Kind::kCloseMidReply, Scope::kAnyCommand},
+        {"bad-magic", Value::kNone, Kind::kBadMagic, Scope::kAnyCommand},
+        {"oversized-length", Value::kNone, Kind::kOversizedLength, Scope::kAnyCommand},
+        {"wrong-echo", Value::kNone, Kind::kWrongEcho, Scope::kAnyCommand},
+        {"status", Value::kStatus, Kind::kStatus, Scope::kAnyCommand},
+        {"drop", Value::kNone, Kind::kDrop, Scope::kAnyCommand},
+        {"drop-after-chunks", Value::kCount, Kind::kDropAfterChunks, Scope::kTransfers},
+        {"fail-chunk", Value::kPositionAndStatus, Kind::kFailChunk, Scope::kTransfers},
+        {"crc-mismatch", Value::kNone, Kind::kCrcMismatch, Scope::kTransfers},
+        {"refuse-component", Value::kPositionAndStatus, Kind::kRefuseComponent, Scope::kComponents},
+        {"refuse-component-type", Value::kTypeAndStatus, Kind::kRefuseComponentType,
+         Scope::kComponents},
+        {"garbage-before-reply", Value::kNone, Kind::kGarbageBeforeReply, Scope::kSerialLine},
+        {"bad-crc", Value::kNone, Kind::kBadCrc, Scope::kSerialLine},
+    };
+    return kModes;
+}
+
 bool Fault::Parse(const std::string& text, Fault& out) {
-    static const struct {
-        const char* name;
-        Kind kind;
-    } kPlain[] = {{"no-reply", Kind::kNoReply},
-                  {"close-mid-reply", Kind::kCloseMidReply},
-                  {"bad-magic", Kind::kBadMagic},
-                  {"oversized-length", Kind::kOversizedLength},
-                  {"wrong-echo", Kind::kWrongEcho},
-                  {"drop", Kind::kDrop},
-                  {"crc-mismatch", Kind::kCrcMismatch},
-                  {"garbage-before-reply", Kind::kGarbageBeforeReply},
-                  {"bad-crc", Kind::kBadCrc}};
-    for (const auto& plain : kPlain) {
-        if (text == plain.name) {
-            out = Fault{};
-            out.kind = plain.kind;
-            return true;
+    for (const FaultMode& mode : FaultModes()) {
+        const std::string name = mode.name;
+        Fault parsed;
+        parsed.kind = mode.kind;
+        if (mode.value == Value::kNone) {
+            if (text != name) continue;
+        } else if (text.compare(0, name.size() + 1, name + "=") != 0 ||
+                   !ParseValue(mode.value, text.substr(name.size() + 1), parsed)) {
+            continue;
         }
-    }
-    long number = 0;
-    constexpr long kMaxDelayMs = 10 * 60 * 1000;
-    if (StartsWith(text, "delay=") && ParseCount(text.substr(6), kMaxDelayMs, number)) {
-        out = Fault{};
-        out.kind = Kind::kDelay;
-        out.delayMs = static_cast<int>(number);
+        out = parsed;
         return true;
-    }
-    if (StartsWith(text, "status=") && ParseCount(text.substr(7), 255, number)) {
-        out = Fault{};
-        out.kind = Kind::kStatus;
-        out.status = static_cast<uint8_t>(number);
-        return true;
-    }
-    if (StartsWith(text, "drop-after-chunks=") && ParseCount(text.substr(18), 1L << 30, number)) {
-        out = Fault{};
-        out.kind = Kind::kDropAfterChunks;
-        out.count = static_cast<int>(number);
-        return true;
-    }
-    if (StartsWith(text, "fail-chunk=")) {
-        return ParseCountAndStatus(text.substr(11), Kind::kFailChunk, 1, 1L << 30, out);
-    }
-    if (StartsWith(text, "refuse-component=")) {
-        return ParseCountAndStatus(text.substr(17), Kind::kRefuseComponent, 1, 1L << 30, out);
-    }
-    if (StartsWith(text, "refuse-component-type=")) {
-        return ParseCountAndStatus(text.substr(22), Kind::kRefuseComponentType, 0, 255, out);
     }
     return false;
 }

@@ -41,12 +41,37 @@ struct Fault {
     uint8_t status = 0;
     int count = 0;
 
-    // Parses "no-reply", "delay=MS", "close-mid-reply", "bad-magic", "oversized-length",
-    // "wrong-echo", "status=N", "drop", "drop-after-chunks=N", "fail-chunk=N:STATUS",
-    // "crc-mismatch", "garbage-before-reply", "bad-crc",
-    // "refuse-component=N:STATUS", "refuse-component-type=T:STATUS"; false for anything else.
+    // Parses a mode of FaultModes() with its value ("no-reply", "delay=500",
+    // "refuse-component=2:5"); false for anything else.
     static bool Parse(const std::string& text, Fault& out);
 };
+
+// One fault mode as lidar-sim's --fault and Fault::Parse take it. lidar-sim's help is made from
+// FaultModes(), and a test checks docs/simulator.md against it: a new mode is one row there.
+struct FaultMode {
+    // What follows the name's "=" (a plain mode has nothing after its name).
+    enum class Value {
+        kNone,
+        kMilliseconds,       // "MS", 0 to 10 minutes: delayMs
+        kStatus,             // "N", 0-255: status
+        kCount,              // "N", 0 to 2^30: count
+        kPositionAndStatus,  // "N:STATUS", N from 1 to 2^30: count and status
+        kTypeAndStatus,      // "T:STATUS", T 0-255: count and status
+    };
+    // The requests a mode is meant for (it may be set on any command).
+    enum class Scope { kAnyCommand, kTransfers, kComponents, kSerialLine };
+
+    const char* name;
+    Value value;
+    Fault::Kind kind;
+    Scope scope;
+
+    // The mode as the help and the docs write it: "delay=MS", "no-reply".
+    std::string Syntax() const;
+};
+
+// Every fault mode, in the order lidar-sim's help lists them.
+const std::vector<FaultMode>& FaultModes();
 
 // Seeded random faults at low rates, for soak runs and tests: request number n (from 0, counted
 // over every connection in the order they arrive) meets Draw(n), which depends on the seed and n
