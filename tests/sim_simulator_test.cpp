@@ -441,6 +441,17 @@ TEST(SimulatorTest, RestartAndResetMakeTheDeviceUnreachableForAWhile) {
     const Bytes restored = reset.Query(0x08).payload;
     // A reset brings back the catalogue's 192.168.1.100.
     EXPECT_EQ(Bytes(restored.begin() + 12, restored.begin() + 16), Hex("C0A80164"));
+
+    // The Heron's component restart takes the device down as 0x10 does.
+    options = Shipped("Heron-VRC");
+    options.restartDowntimeMs = 3000;
+    auto heron = Start(options);
+    const uint16_t heronPort = heron->Port();
+    RawClient heronClient(heronPort);
+    EXPECT_EQ(heronClient.Query(0xC2).status, 0);
+    EXPECT_TRUE(heronClient.ClosedByPeer());
+    EXPECT_FALSE(Answers(heronPort));
+    ASSERT_TRUE(testsupport::WaitFor([heronPort] { return Answers(heronPort); }, 10000));
 }
 
 TEST(SimulatorTest, WithATokenOnlyReadsPassUntilThisConnectionAuthorises) {
@@ -464,6 +475,17 @@ TEST(SimulatorTest, WithATokenOnlyReadsPassUntilThisConnectionAuthorises) {
 
     RawClient other(simulator->Port());
     EXPECT_EQ(other.Query(0x31, scan).status, vrc::kStatusNotPermitted);
+    EXPECT_EQ(other.Query(0xB0).status, vrc::kStatusNotPermitted);  // no read on this model
+
+    // On the models reached over a serial line the baud rate is a read; changing it is not.
+    options = Shipped("Heron-VRC");
+    options.requiredToken = "open-sesame";
+    auto serialModel = Start(options);
+    RawClient unauthorised(serialModel->Port());
+    const vrc::Frame rate = unauthorised.Query(0xB0);
+    EXPECT_EQ(rate.status, 0);
+    EXPECT_EQ(rate.payload.size(), 4u);
+    EXPECT_EQ(unauthorised.Query(0xB1, Hex("002DC6C0")).status, vrc::kStatusNotPermitted);
 }
 
 TEST(SimulatorTest, UnknownCommandsAndTheRequestCounters) {
