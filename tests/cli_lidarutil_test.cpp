@@ -56,10 +56,12 @@ TEST(Lidarutil, ListsModelsAndShowsTheCatalogueWithoutALidar) {
 }
 
 TEST(Lidarutil, ReadJsonStaysMachineReadable) {
-    // The manager prints developer lines on standard output while connecting and reading; the
-    // JSON document must come out alone.
-    const Outcome read = lidarutil({"read", "Network", "--json"});
+    // The manager writes developer lines while connecting and reading; the JSON document must
+    // come out alone, and --verbose shows those lines on standard error.
+    const Outcome read = lidarutil({"read", "Network", "--json", "--verbose"});
     ASSERT_EQ(read.exitCode, 0) << read.err.toStdString();
+    EXPECT_TRUE(read.err.contains("Init(): try to connect to lidar with TCP connection.\n"))
+        << read.err.toStdString();
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(read.out.toUtf8(), &error);
     ASSERT_EQ(error.error, QJsonParseError::NoError) << read.out.toStdString();
