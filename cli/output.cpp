@@ -1,22 +1,22 @@
 #include "output.h"
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <QByteArray>
 #include <algorithm>
 #include <cstdio>
-#include <iostream>
 #include <mutex>
+#include <string>
 
+#include "lidar_utilities_manager.h"
 #include "options.h"
 #include "sdk/logger.h"
 
 namespace cli {
 namespace {
 
-FILE* resultStream = stdout;
+FILE* const resultStream = stdout;
 bool verboseDiagnostics = false;
 std::mutex streamMutex;         // Qt's message handler may run on the manager's worker threads
 bool progressLineOpen = false;  // under streamMutex: a progress line waits on standard error
@@ -45,6 +45,12 @@ void qtMessage(QtMsgType type, const QMessageLogContext&, const QString& message
     writeLine(stderr, QString(index >= 0 && index < 5 ? kNames[index] : "DEBUG") + ": " + message);
 }
 
+// The manager's developer lines ("Init(): try to connect ...") are diagnostics: on standard
+// error with --verbose, dropped otherwise, never among the results.
+void writeDeveloperLine(const std::string& line) {
+    if (verboseDiagnostics) writeLine(stderr, QString::fromStdString(line));
+}
+
 }  // namespace
 
 void writeProgress(const QString& text, bool lineOpen) {
@@ -57,22 +63,7 @@ void writeProgress(const QString& text, bool lineOpen) {
 
 void routeOutput(bool verbose) {
     verboseDiagnostics = verbose;
-    std::fflush(stdout);
-    const int results = ::dup(STDOUT_FILENO);
-    FILE* stream = results >= 0 ? ::fdopen(results, "w") : nullptr;
-    if (stream == nullptr) return;  // keep writing to fd 1 rather than lose the results
-    resultStream = stream;
-    if (verbose) {
-        ::dup2(STDERR_FILENO, STDOUT_FILENO);
-        // Line by line, so the developer lines interleave with the log in the order they happen.
-        std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    } else {
-        const int sink = ::open("/dev/null", O_WRONLY);
-        if (sink >= 0) {
-            ::dup2(sink, STDOUT_FILENO);
-            ::close(sink);
-        }
-    }
+    LidarUtilitiesManager::setDeveloperLineSink(writeDeveloperLine);
     qInstallMessageHandler(qtMessage);
     Logger::GetInstance().SetOutputFile(verbose ? "" : "-");
 }
@@ -107,7 +98,6 @@ int usageError(const QString& message) {
 }
 
 void flushOutput() {
-    std::cout.flush();
     std::lock_guard<std::mutex> lock(streamMutex);
     std::fflush(resultStream);
     std::fflush(stderr);

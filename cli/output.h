@@ -10,12 +10,11 @@
 
 namespace cli {
 
-// Call first in main, before anything writes to standard output. The manager and the device
-// layer print developer lines with std::cout ("Init(): try to connect ..."); mixed into our
-// results they would break --json and every script reading name=value lines. So our results go
-// through a duplicate of the original standard output, and file descriptor 1 itself is pointed
-// at standard error with --verbose (the lines stay visible as diagnostics) or at /dev/null.
-// Qt's debug stream and the device layer's Logger follow the same rule.
+// Call first in main, before the manager is made. Results go to standard output and nothing
+// else does: the manager's developer lines ("Init(): try to connect ...") go through the sink
+// lidarutil gives the manager, to standard error with --verbose (as diagnostics) and nowhere
+// otherwise; mixed into our results they would break --json and every script reading name=value
+// lines. Qt's debug stream and the device layer's Logger follow the same rule.
 void routeOutput(bool verbose);
 
 // One line of results (a newline is added).
@@ -37,7 +36,7 @@ void printDiagnostic(const QString& line);
 void writeProgress(const QString& text, bool lineOpen);
 // "lidarutil: message" on standard error; returns the exit status of a usage error.
 int usageError(const QString& message);
-// Flushes both streams and whatever the manager left in std::cout.
+// Flushes both streams.
 void flushOutput();
 
 // A text table: one header row, then the rows; columns are padded to the widest cell, the last

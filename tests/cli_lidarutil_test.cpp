@@ -57,10 +57,12 @@ TEST(Lidarutil, ListsModelsAndShowsTheCatalogueWithoutALidar) {
 }
 
 TEST(Lidarutil, ReadJsonStaysMachineReadable) {
-    // The manager prints developer lines on standard output while connecting and reading; the
-    // JSON document must come out alone.
-    const Outcome read = lidarutil({"read", "Network", "--json"});
+    // The manager writes developer lines while connecting and reading; the JSON document must
+    // come out alone, and --verbose shows those lines on standard error.
+    const Outcome read = lidarutil({"read", "Network", "--json", "--verbose"});
     ASSERT_EQ(read.exitCode, 0) << read.err.toStdString();
+    EXPECT_TRUE(read.err.contains("Init(): try to connect to lidar with TCP connection.\n"))
+        << read.err.toStdString();
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(read.out.toUtf8(), &error);
     ASSERT_EQ(error.error, QJsonParseError::NoError) << read.out.toStdString();
@@ -163,9 +165,22 @@ TEST(Lidarutil, InfoShowsIdentityAndNamesWhatTheLidarRefused) {
         refused.err.contains("(request 0x07): the lidar answered with status 2 "
                              "(unknown command)"))
         << refused.err.toStdString();
-    const Outcome read =
-        lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "read", "Device Info"});
+    // --verbose adds the manager's developer line for the failed request, on standard error.
+    const Outcome read = lidarutil(
+        {"--host", "127.0.0.1", "--port", refusing.port(), "--verbose", "read", "Device Info"});
     EXPECT_EQ(read.exitCode, 1);
+    EXPECT_TRUE(
+        read.err.contains("GetInfoFromLidarWithSameCmd(): try get Serial Number FAILED, "
+                          "cmd sent = 07 -- QueryCommand()'s ret = 2\n"))
+        << read.err.toStdString();
+    const SimulatorProcess empty("Egret", {"0x07:status=0"});
+    const Outcome emptyRead = lidarutil(
+        {"--host", "127.0.0.1", "--port", empty.port(), "--verbose", "read", "Device Info"});
+    EXPECT_TRUE(
+        emptyRead.err.contains("GetInfoFromLidarWithSameCmd(): try get Serial Number, but "
+                               "get no return msg from lidar. cmd sent = 07\n"))
+        << emptyRead.err.toStdString();
+    EXPECT_FALSE(emptyRead.out.contains("try get")) << emptyRead.out.toStdString();
 
     // An empty host is a mistake in the script, not a request for the embedded simulator.
     const Outcome emptyHost = lidarutil({"--host", "", "read"});

@@ -127,7 +127,32 @@ TEST(ManagerMessages, SettersSignalsAndByteFlowFilter) {
     m.logMessageHandler("dropped: upgrade over VRC");
     m.isUpgrading.store(false);
     m.writeLogMessage("plain", "WARNING");
-    EXPECT_EQ(SpyTexts(log), (std::vector<std::string>{"SEND 0x07|BYTES", "plain|WARNING"}));
+    using Level = LidarUtilitiesManager::LogLevel;
+    m.writeLogMessage("i", Level::kInfo);
+    m.writeLogMessage("w", Level::kWarning);
+    m.writeLogMessage("e", Level::kError);
+    EXPECT_EQ(SpyTexts(log), (std::vector<std::string>{"SEND 0x07|BYTES", "plain|WARNING", "i|INFO",
+                                                       "w|WARNING", "e|ERROR"}));
+}
+
+TEST(ManagerMessages, DeveloperLinesGoToTheFrontEndsSinkElseToStandardOutput) {
+    struct SinkReset {  // the sink is process-wide: the next test gets standard output back
+        ~SinkReset() { LidarUtilitiesManager::setDeveloperLineSink(nullptr); }
+    } reset;
+    LidarUtilitiesManager m(0, "");
+    std::vector<std::string> sunk;
+    LidarUtilitiesManager::setDeveloperLineSink(
+        [&sunk](const std::string& line) { sunk.push_back(line); });
+    testing::internal::CaptureStdout();
+    m.setVrcClientLogCallback();  // no client yet: says so
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(sunk, (std::vector<std::string>{"VrcClient haven't initialized"}));
+
+    LidarUtilitiesManager::setDeveloperLineSink(nullptr);
+    testing::internal::CaptureStdout();
+    m.setVrcClientLogCallback();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "VrcClient haven't initialized\n");
+    EXPECT_EQ(sunk.size(), 1u);
 }
 
 TEST(ManagerCatalogue, ListingPinningAndLoading) {

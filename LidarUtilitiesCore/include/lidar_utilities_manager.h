@@ -151,7 +151,15 @@ class LidarUtilitiesManager : public QObject {
     uint8_t getCreationTag() const { return creationTag; }
 
     // ---- Logging and user messages (lidar_utilities_manager.cpp) ----
+    // The developer lines that the design prints on standard output go to `sink` instead (one
+    // line each, without its line end); an empty sink restores standard output. Process-wide,
+    // for a front end that owns standard output; any thread may call it.
+    static void setDeveloperLineSink(std::function<void(const std::string& line)> sink);
     void writeLogMessage(const std::string& message, const std::string& level);
+    // The log's levels inside the manager; their texts ("INFO", ...) exist only where a line
+    // leaves it, in sendLogMessage.
+    enum class LogLevel { kInfo, kWarning, kError, kBytes };
+    void writeLogMessage(const std::string& message, LogLevel level);
     Q_INVOKABLE void showErrorMessage(const QString& text);
     Q_INVOKABLE void showSuccessMessage(const QString& text);
     Q_INVOKABLE void setErrorMsg(QString text);

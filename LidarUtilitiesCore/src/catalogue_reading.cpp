@@ -1,7 +1,6 @@
 // Model catalogues: listing, pinning and loading models, variable lookups; reading variables from
 // the lidar (one variable, a module, the page timer); the UI's cached lists and variable map.
 
-#include <QDebug>
 #include <QDir>
 #include <QFileInfo>
 #include <QSettings>
@@ -9,10 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <iostream>
 #include <set>
 
 #include "command_text.h"
+#include "developer_log.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/feature_config_parser.h"
 
@@ -23,8 +22,21 @@ const char* const kFeatureConfigPath = "./Config/feature_config.csv";
 constexpr uint8_t kFovReadCommand = 0x23;
 constexpr int kFovRegions = 5;
 
-QString hexByte(uint8_t value) {
-    return QString("%1").arg(value, 2, 16, QChar('0'));
+std::string hexByte(uint8_t value) {
+    return QString("%1").arg(value, 2, 16, QChar('0')).toStdString();
+}
+
+// The developer lines of a read request that failed or brought an empty reply.
+void reportReadFailed(const char* operation, const std::string& name, uint8_t cmd, int ret) {
+    developer_log::writeDeveloperLine(std::string(operation) + "(): try get " + name +
+                                      " FAILED, cmd sent = " + hexByte(cmd) +
+                                      " -- QueryCommand()'s ret = " + std::to_string(ret));
+}
+
+void reportEmptyReply(const char* operation, const std::string& name, uint8_t cmd) {
+    developer_log::writeDeveloperLine(
+        std::string(operation) + "(): try get " + name +
+        ", but get no return msg from lidar. cmd sent = " + hexByte(cmd));
 }
 
 }  // namespace
@@ -175,8 +187,7 @@ VarInfo* LidarUtilitiesManager::searchVarPtr(const std::string& value,
         return currentParser.load()->GetVarInfoByName(value);
     if (searchType == "id" || searchType == "var_id")
         return currentParser.load()->GetVarInfoByVarID(value);
-    qDebug() << "searchVarPtr"
-             << "(): unknown search type";
+    developer_log::writeDeveloperLine("searchVarPtr(): unknown search type");
     return nullptr;
 }
 
@@ -257,16 +268,11 @@ void LidarUtilitiesManager::GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>&
     u8Array_t reply;
     const int ret = client->QueryCommand(payload, reply, cmd, false);
     if (ret != 0) {
-        qDebug().noquote() << "GetInfoFromLidar"
-                           << "(): try get" << QString::fromStdString(var->var_name)
-                           << "FAILED, cmd sent =" << hexByte(cmd)
-                           << "-- QueryCommand()'s ret =" << ret;
+        reportReadFailed("GetInfoFromLidar", var->var_name, cmd, ret);
         return;
     }
     if (reply.empty()) {
-        qDebug().noquote() << "GetInfoFromLidar"
-                           << "(): try get" << QString::fromStdString(var->var_name)
-                           << ", but get no return msg from lidar. cmd sent = " << hexByte(cmd);
+        reportEmptyReply("GetInfoFromLidar", var->var_name, cmd);
         return;
     }
     updateSingleVarFromOutput(*var, cmd, reply, value, true);
@@ -308,7 +314,7 @@ int LidarUtilitiesManager::readGroupFromLidar(
     uint8_t cmd = 0;
     u8Array_t payload;
     if (!buildReadRequest(*group.front(), cmd, payload)) return -1;
-    const QString firstName = QString::fromStdString(group.front()->var_name);
+    const std::string firstName = group.front()->var_name;
 
     u8Array_t reply;
     // The field of view comes through the VRC client's own operation; the serial line has none.
@@ -320,9 +326,9 @@ int LidarUtilitiesManager::readGroupFromLidar(
         int mode = 0;
         const int ret = client->GetAllChannelFov(values, count, mode);
         if (ret != 0) {
-            qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
-                               << "(): try get" << firstName
-                               << "FAILED, cmd sent = 0x23 -- QueryCommand()'s ret =" << ret;
+            developer_log::writeDeveloperLine(
+                "GetInfoFromLidarWithSameCmd(): try get " + firstName +
+                " FAILED, cmd sent = 0x23 -- QueryCommand()'s ret = " + std::to_string(ret));
             return ret;
         }
         count = std::clamp(count, 0, kFovRegions);
@@ -340,15 +346,11 @@ int LidarUtilitiesManager::readGroupFromLidar(
     } else {
         const int ret = queryDevice(cmd, payload, reply);
         if (ret != 0) {
-            qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
-                               << "(): try get" << firstName << "FAILED, cmd sent =" << hexByte(cmd)
-                               << "-- QueryCommand()'s ret =" << ret;
+            reportReadFailed("GetInfoFromLidarWithSameCmd", firstName, cmd, ret);
             return ret;
         }
         if (reply.empty()) {
-            qDebug().noquote() << "GetInfoFromLidarWithSameCmd"
-                               << "(): try get" << firstName
-                               << ", but get no return msg from lidar. cmd sent = " << hexByte(cmd);
+            reportEmptyReply("GetInfoFromLidarWithSameCmd", firstName, cmd);
             return 0;
         }
     }
@@ -359,7 +361,8 @@ int LidarUtilitiesManager::readGroupFromLidar(
         try {
             updateSingleVarFromOutput(*member, cmd, reply, bytes, update);
         } catch (const std::exception& e) {
-            writeLogMessage("Could not decode " + member->var_name + ": " + e.what(), "WARNING");
+            writeLogMessage("Could not decode " + member->var_name + ": " + e.what(),
+                            LogLevel::kWarning);
             continue;
         }
         if (replies) (*replies)[member->var_name] = bytes;
@@ -381,9 +384,8 @@ std::vector<LidarUtilitiesManager::ReadFailure> LidarUtilitiesManager::readGroup
                 failures.push_back(std::move(failure));
             }
         } catch (const std::exception& e) {
-            qDebug().noquote() << operation
-                               << "(): ERROR " + QString(e.what()) +
-                                      ". get_cmd and payload = " + QString::fromStdString(key);
+            developer_log::writeDeveloperLine(operation + std::string("(): ERROR ") + e.what() +
+                                              ". get_cmd and payload = " + key);
         }
     }
     return failures;
@@ -511,7 +513,7 @@ QVariantMap LidarUtilitiesManager::varToMap(const VarInfo& var) {
         } else {
             writeLogMessage(
                 "config file error, Please check the configuration of type 2 of " + var.var_name,
-                "ERROR");
+                LogLevel::kError);
         }
     }
     map.insert(QStringLiteral("visible"), var.visible);

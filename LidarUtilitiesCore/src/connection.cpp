@@ -6,11 +6,11 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <iostream>
 #include <stdexcept>
 #include <system_error>
 
 #include "command_text.h"
+#include "developer_log.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/auth_config.h"
 #include "sdk/serial_client.h"
@@ -183,12 +183,12 @@ void LidarUtilitiesManager::reportConnectFailure(const char* operation, const st
                                                  uint16_t localPort, uint64_t attempt) {
     // A cancelled attempt failed because it was told to stop: nothing to report.
     ifAttemptCurrent(attempt, [&] {
-        std::cout << operation << "(): init lidar error\n";
+        developer_log::writeDeveloperLine(operation + std::string("(): init lidar error\n"));
         if (localPort != 0)
             showErrorMessage(kLocalPortFailure);
         else
             showErrorMessage("Connection Failed. Please check your network settings.");
-        writeLogMessage("Connection Error: " + logText, "ERROR");
+        writeLogMessage("Connection Error: " + logText, LogLevel::kError);
         connecting.store(false);
     });
 }
@@ -215,7 +215,8 @@ std::shared_ptr<AuthorizedVrcClient> LidarUtilitiesManager::openVrcConnection(co
             return nullptr;
         }
     }
-    std::cout << operation << "(): try to connect to lidar with TCP connection.\n";
+    developer_log::writeDeveloperLine(
+        operation + std::string("(): try to connect to lidar with TCP connection.\n"));
     const int port = std::stoi(getPort().toStdString());
     auto client = std::make_shared<lidar::VrcClient>(
         getIpAddress().toStdString(), static_cast<uint16_t>(port), false, lidar::VrcMode::kTcp, 1,
@@ -237,14 +238,15 @@ std::shared_ptr<AuthorizedVrcClient> LidarUtilitiesManager::openVrcConnection(co
         abandonAttempt(authorized);
         return nullptr;
     }
-    authorized->SetLogCallback([this](const std::string& line) { writeLogMessage(line, "INFO"); });
+    authorized->SetLogCallback(
+        [this](const std::string& line) { writeLogMessage(line, LogLevel::kInfo); });
     return authorized;
 }
 
 void LidarUtilitiesManager::reportPageThreadFailure(const std::string& why) {
     showErrorMessage(QString("Connection Failed. Could not start the page thread: ") +
                      QString::fromStdString(why));
-    writeLogMessage("Connection Error: could not start the page thread: " + why, "ERROR");
+    writeLogMessage("Connection Error: could not start the page thread: " + why, LogLevel::kError);
 }
 
 bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
@@ -264,7 +266,7 @@ bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
                 if (monitorAutoRefresh.load()) startMonitorRefreshLoop();
             }
             isConnected.store(true);
-            writeLogMessage("Lidar connected", "INFO");
+            writeLogMessage("Lidar connected", LogLevel::kInfo);
             if (!pageThreadFirst) startPagesThread(loop);
             committed = true;
         } catch (const std::system_error& e) {
@@ -288,7 +290,7 @@ bool LidarUtilitiesManager::Init() {
         setVrcClientLogCallback();
 
         if (!CheckLidarConnection()) {
-            std::cout << "DEBUG: heckLidarConnection() == false\n";
+            developer_log::writeDeveloperLine("DEBUG: heckLidarConnection() == false\n");
             throw ConnectFailure("Lidar has No VRC reply.");
         }
         authorized->GetGate().ProbeAuthRequirement();
@@ -384,8 +386,8 @@ bool LidarUtilitiesManager::InitSerial() {
         // Both sources stay stored, as they are.
         ifAttemptCurrent(attempt, [&] {
             showErrorMessage("Connection Failed. Please check your RS485 serial port.");
-            writeLogMessage("Connection Error: RS485 serial open fail", "ERROR");
-            writeLogMessage(rs485->LastError(), "ERROR");
+            writeLogMessage("Connection Error: RS485 serial open fail", LogLevel::kError);
+            writeLogMessage(rs485->LastError(), LogLevel::kError);
             connecting.store(false);
         });
         return false;
@@ -397,8 +399,8 @@ bool LidarUtilitiesManager::InitSerial() {
         ifAttemptCurrent(attempt, [&] {
             releaseSerialLink(true, false, false);  // the UART source stays stored
             showErrorMessage("Connection Failed. Please check your UART serial port.");
-            writeLogMessage("Connection Error: UART serial open fail", "ERROR");
-            writeLogMessage(uart->LastError(), "ERROR");
+            writeLogMessage("Connection Error: UART serial open fail", LogLevel::kError);
+            writeLogMessage(uart->LastError(), LogLevel::kError);
             connecting.store(false);
         });
         rs485->Close();
@@ -420,7 +422,7 @@ bool LidarUtilitiesManager::InitSerial() {
             serialClient = client;
         }
         isConnected.store(true);
-        writeLogMessage("Lidar connected", "INFO");
+        writeLogMessage("Lidar connected", LogLevel::kInfo);
         client->SetLogCallback([this](const std::string& line) { logMessageHandler(line); });
         connecting.store(false);
         try {
@@ -551,7 +553,7 @@ void LidarUtilitiesManager::Stop() {
                 emit isConnectedChanged();
                 notifyMyMapChanged();
                 resetFovTable();
-                writeLogMessage("Lidar disconnected", "INFO");
+                writeLogMessage("Lidar disconnected", LogLevel::kInfo);
                 break;
             case 1:
                 isConnected.store(false);
@@ -563,7 +565,7 @@ void LidarUtilitiesManager::Stop() {
                 releaseSerialLink(true, true, true);
                 emit isConnectedChanged();
                 emit wrenLidarInfoChanged();
-                writeLogMessage("Lidar disconnected", "INFO");
+                writeLogMessage("Lidar disconnected", LogLevel::kInfo);
                 break;
             case 2:
                 isConnected.store(false);
@@ -573,14 +575,14 @@ void LidarUtilitiesManager::Stop() {
                 setAuthorizedClient(nullptr);
                 emit isConnectedChanged();
                 emit wrenLidarInfoChanged();
-                writeLogMessage("Lidar disconnected", "INFO");
+                writeLogMessage("Lidar disconnected", LogLevel::kInfo);
                 break;
             default:
-                writeLogMessage("connect type is not support", "INFO");
+                writeLogMessage("connect type is not support", LogLevel::kInfo);
                 break;
         }
     } catch (const std::exception&) {
-        std::cout << "stop error" << std::endl;
+        developer_log::writeDeveloperLine("stop error");
     }
 }
 
@@ -653,10 +655,10 @@ bool LidarUtilitiesManager::get_config_file() {
     // The device's answer is not kept; the outcome test is the reverse of every other query's,
     // as the host viewer expects.
     if (ret != 0) {
-        std::cout << "[SUCCESS]: Get config file from lidar success! \n";
+        developer_log::writeDeveloperLine("[SUCCESS]: Get config file from lidar success! \n");
         return true;
     }
-    std::cout << "[FAILED]: Get config file from lidar failed! \n";
+    developer_log::writeDeveloperLine("[FAILED]: Get config file from lidar failed! \n");
     return false;
 }
 

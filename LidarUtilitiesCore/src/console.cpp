@@ -11,11 +11,11 @@
 #include <ctime>
 #include <fstream>
 #include <iomanip>
-#include <iostream>
 #include <locale>
 #include <sstream>
 #include <stdexcept>
 
+#include "developer_log.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/csv_table.h"
 #include "sdk/serial_client.h"
@@ -92,9 +92,9 @@ std::optional<int> reportedHexNumber(const std::string& text) {
     try {
         return hexByte(text);
     } catch (const std::invalid_argument&) {
-        std::cout << "Invalid_argument" << std::endl;
+        developer_log::writeDeveloperLine("Invalid_argument");
     } catch (const std::out_of_range&) {
-        std::cout << "Out_of_range" << std::endl;
+        developer_log::writeDeveloperLine("Out_of_range");
     }
     return std::nullopt;
 }
@@ -212,7 +212,7 @@ std::optional<uint8_t> LidarUtilitiesManager::exchangeConsoleCommand(
 
     u8Array_t reply;
     if (exchange(code, bytes, reply) != 0) {
-        std::cout << "query command failed!" << std::endl;
+        developer_log::writeDeveloperLine("query command failed!");
         return fail(texts.queryFailed);
     }
     const size_t headerBytes = std::min(reply.size(), kReplyHeaderBytes);
@@ -241,7 +241,7 @@ void LidarUtilitiesManager::WriteCommandLogToLocalCommandFile() {
     if (!file.is_open()) {
         writeLogMessage(std::string("Command history not saved: cannot write ") + kHistoryFile +
                             ": " + std::strerror(errno),
-                        "ERROR");
+                        LogLevel::kError);
         return;
     }
     csv::DelimWriter writer(file);
@@ -261,13 +261,13 @@ bool LidarUtilitiesManager::moveHistoryFileAside() {
     if (!QFile::rename(kHistoryFile, aside)) {
         writeLogMessage(std::string("Command history not saved: ") + kHistoryFile +
                             " could not be read whole and could not be moved aside",
-                        "ERROR");
+                        LogLevel::kError);
         return false;
     }
     historyFileUnreadable = false;
     writeLogMessage(std::string("Command history file ") + kHistoryFile +
                         " could not be read whole; it was moved aside to " + aside.toStdString(),
-                    "WARNING");
+                    LogLevel::kWarning);
     return true;
 }
 
@@ -283,7 +283,7 @@ void LidarUtilitiesManager::GetLocalCommandFileLog() {
         writeLogMessage(kept == 0 ? "Command history not loaded: " + why
                                   : "Command history read only in part: " + why + "; the " +
                                         std::to_string(kept) + " record(s) before it were kept",
-                        "ERROR");
+                        LogLevel::kError);
         emit sendCommandHistoryChanged();
     };
     // A folder holds no records to keep; it is named rather than read.
@@ -310,7 +310,7 @@ void LidarUtilitiesManager::GetLocalCommandFileLog() {
     } catch (const std::exception& e) {
         // The reader's own text ("Can't find a column named Payload"); the rows taken so far
         // stay in the list.
-        std::cout << e.what() << std::endl;
+        developer_log::writeDeveloperLine(e.what());
         return notLoaded(std::string(e.what()) +
                          (line > 0 ? " (line " + std::to_string(line) + " of " + kHistoryFile + ")"
                                    : std::string(" (") + kHistoryFile + ")"));

@@ -8,10 +8,10 @@
 #include <QFile>
 #include <algorithm>
 #include <climits>
-#include <iostream>
 #include <system_error>
 #include <thread>
 
+#include "developer_log.h"
 #include "heron_ota_package.h"
 #include "lidar_utilities_manager.h"
 
@@ -56,13 +56,13 @@ bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
     if (package.size() < heron_ota::kHeaderSize) return false;
     if (!std::equal(std::begin(heron_ota::kMagic), std::end(heron_ota::kMagic), package.begin(),
                     [](char expected, uint8_t byte) { return uint8_t(expected) == byte; })) {
-        writeLogMessage("Invalid OTA package magic", "INFO");
+        writeLogMessage("Invalid OTA package magic", LogLevel::kInfo);
         return false;
     }
     info.total_size = readLittleEndian32(package, heron_ota::kTotalSizeAt);
     info.flags = package[heron_ota::kFlagsAt];
     if ((info.flags & heron_ota::kUnknownFlags) != 0) {
-        writeLogMessage("Invalid OTA component flags", "INFO");
+        writeLogMessage("Invalid OTA component flags", LogLevel::kInfo);
         return false;
     }
     for (size_t i = 0; i < heron_ota::kComponentCount; ++i) {
@@ -80,17 +80,17 @@ bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
         if (!component.present) continue;
         const std::string name = kind.name;
         if (component.size == 0) {
-            writeLogMessage("Component " + name + " size is zero", "INFO");
+            writeLogMessage("Component " + name + " size is zero", LogLevel::kInfo);
             return false;
         }
         if (component.offset > dataLength || component.size > dataLength - component.offset) {
-            writeLogMessage("Component " + name + " is out of file range", "INFO");
+            writeLogMessage("Component " + name + " is out of file range", LogLevel::kInfo);
             return false;
         }
         ranges.emplace_back(component.offset, component.size);
     }
     if (ranges.empty()) {
-        writeLogMessage("No component found in package", "INFO");
+        writeLogMessage("No component found in package", LogLevel::kInfo);
         return false;
     }
     std::stable_sort(ranges.begin(), ranges.end(),
@@ -98,7 +98,7 @@ bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
     for (size_t i = 1; i < ranges.size(); ++i) {
         // Sorted, so the difference cannot wrap; equal offsets overlap (sizes are not zero).
         if (ranges[i - 1].second > ranges[i].first - ranges[i - 1].first) {
-            writeLogMessage("Component overlap", "INFO");
+            writeLogMessage("Component overlap", LogLevel::kInfo);
             return false;
         }
     }
@@ -109,12 +109,12 @@ u8Array_t LidarUtilitiesManager::HeronExtractComponentData(const u8Array_t& pack
                                                            const HeronOtaComponentInfo& component,
                                                            const std::string& name) {
     if (package.size() < heron_ota::kHeaderSize) {
-        writeLogMessage("Component " + name + " package too small", "INFO");
+        writeLogMessage("Component " + name + " package too small", LogLevel::kInfo);
         return {};
     }
     const uint64_t dataLength = package.size() - heron_ota::kHeaderSize;
     if (component.offset > dataLength || component.size > dataLength - component.offset) {
-        writeLogMessage("Component " + name + " data out of range", "INFO");
+        writeLogMessage("Component " + name + " data out of range", LogLevel::kInfo);
         return {};
     }
     uint64_t first = heron_ota::kHeaderSize + uint64_t(component.offset);
@@ -152,7 +152,7 @@ bool LidarUtilitiesManager::startHeronPackageTransfer(QFile& file) {
         const std::string text =
             "Upgrade package " + file.fileName().toStdString() + " is larger than 2 GiB";
         showErrorMessage(QString::fromStdString(text));
-        writeLogMessage(text + "; nothing was sent", "ERROR");
+        writeLogMessage(text + "; nothing was sent", LogLevel::kError);
         return false;
     }
     const QByteArray read = file.readAll();
@@ -170,14 +170,16 @@ bool LidarUtilitiesManager::startHeronPackageTransfer(QFile& file) {
     upgradeProgressTotalLen.store(static_cast<int32_t>(bytes->size() >> 10));
     emit isUpgradingChanged();
     if (!pauseUnlessStopped(kPauseBeforeTransferMs)) {
-        writeLogMessage("Heron upgrade abandoned before it began; nothing was sent", "WARNING");
+        writeLogMessage("Heron upgrade abandoned before it began; nothing was sent",
+                        LogLevel::kWarning);
         endHeronUpgrade();
         return false;
     }
     try {
         startWorker([this, bytes] { GetLidarUpgradeInfoHeron(*bytes); });
     } catch (const std::system_error& e) {
-        writeLogMessage(std::string("Upgrade worker could not start: ") + e.what(), "ERROR");
+        writeLogMessage(std::string("Upgrade worker could not start: ") + e.what(),
+                        LogLevel::kError);
         endHeronUpgrade();
         return false;
     }
@@ -201,7 +203,7 @@ void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
         // The flags in decimal after "0x", as the upgrade log has always written them.
         writeLogMessage("Heron OTA package parsed: flags=0x" + std::to_string(info.flags) +
                             ", total_size=" + std::to_string(info.total_size),
-                        "INFO");
+                        LogLevel::kInfo);
         const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
         uint8_t partition = 0;
         if (!prepareHeronUpgrade(client.get(), partition)) return;
@@ -211,7 +213,7 @@ void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
                 "Heron upgrade: no component matches current upgrade plan, partition=" +
                 partitionName(partition) + ", flags=0x" + std::to_string(info.flags);
             showErrorMessage(QString::fromStdString(text));
-            writeLogMessage(text, "ERROR");
+            writeLogMessage(text, LogLevel::kError);
             endHeronUpgrade();
             return;
         }
@@ -224,8 +226,9 @@ void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
         }
         Stop();
     } catch (const std::exception& e) {
-        std::cout << "GetLidarUpgradeInfoHeron(): Caught Exception: " << e.what() << "\n";
-        writeLogMessage(std::string("Heron upgrade: ") + e.what(), "ERROR");
+        developer_log::writeDeveloperLine(
+            std::string("GetLidarUpgradeInfoHeron(): Caught Exception: ") + e.what() + "\n");
+        writeLogMessage(std::string("Heron upgrade: ") + e.what(), LogLevel::kError);
         endHeronUpgrade();
     }
 }
@@ -245,12 +248,13 @@ bool LidarUtilitiesManager::prepareHeronUpgrade(AuthorizedVrcClient* client, uin
         endHeronUpgrade();
         return false;
     }
-    writeLogMessage("Heron upgrade: current partition=" + partitionName(partition), "INFO");
+    writeLogMessage("Heron upgrade: current partition=" + partitionName(partition),
+                    LogLevel::kInfo);
     if (!pauseUnlessStopped(kPauseAfterUpgradeModeMs)) {
         // A manager being destroyed tells nobody; a Stop was the user's, who is told.
         if (!closing_.load()) {
             showErrorMessage(kAbandonedInUpgradeMode);
-            writeLogMessage(kAbandonedInUpgradeMode, "INFO");
+            writeLogMessage(kAbandonedInUpgradeMode, LogLevel::kInfo);
         }
         endHeronUpgrade();
         return false;
@@ -269,7 +273,8 @@ std::vector<HeronUpgradePlanEntry> LidarUtilitiesManager::buildHeronPlan(
         const HeronOtaComponentInfo& component = info.*(kind.info);
         if (!component.present) {
             writeLogMessage(
-                std::string("Heron upgrade: skip ") + kind.name + ", not found in package", "INFO");
+                std::string("Heron upgrade: skip ") + kind.name + ", not found in package",
+                LogLevel::kInfo);
             continue;
         }
         plan.push_back({kind.name, kind.type, component});
@@ -307,7 +312,7 @@ bool LidarUtilitiesManager::sendHeronPlan(AuthorizedVrcClient& client, const u8A
         writeLogMessage("Heron upgrade: sending " + entry.name + " (type=0x0" +
                             std::to_string(entry.type) + ", size=" + std::to_string(bytes.size()) +
                             ")",
-                        "INFO");
+                        LogLevel::kInfo);
         const int ret = client.HeronSendComponentData(bytes, entry.type, upgradeProgress);
         if (ret != 0) {
             std::string text =
@@ -316,13 +321,13 @@ bool LidarUtilitiesManager::sendHeronPlan(AuthorizedVrcClient& client, const u8A
             if (upgradeStopped()) text = "Heron upgrade abandoned during " + entry.name;
             if (!closing_.load()) {
                 showErrorMessage(QString::fromStdString(text));
-                writeLogMessage(text, "INFO");
+                writeLogMessage(text, LogLevel::kInfo);
                 reportHeronUpgradeCut(plan, sent);
             }
             endHeronUpgrade();
             return false;
         }
-        writeLogMessage("Heron upgrade: " + entry.name + " completed", "INFO");
+        writeLogMessage("Heron upgrade: " + entry.name + " completed", LogLevel::kInfo);
     }
     return true;
 }
@@ -344,5 +349,5 @@ void LidarUtilitiesManager::reportHeronUpgradeCut(const std::vector<HeronUpgrade
                                             : names(0, completed) + " written; " + notWritten;
     writeLogMessage("Heron upgrade: the lidar is left in upgrade mode with " + held +
                         "; run the same upgrade again to finish it",
-                    "WARNING");
+                    LogLevel::kWarning);
 }

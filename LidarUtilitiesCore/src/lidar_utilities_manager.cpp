@@ -7,9 +7,29 @@
 #include <QFileInfo>
 #include <QSettings>
 #include <QStandardPaths>
-#include <iostream>
 #include <stdexcept>
 #include <system_error>
+
+#include "developer_log.h"
+
+namespace {
+
+// The design's level texts, as the UI receives them with each log line.
+const char* logLevelText(LidarUtilitiesManager::LogLevel level) {
+    switch (level) {
+        case LidarUtilitiesManager::LogLevel::kInfo:
+            return "INFO";
+        case LidarUtilitiesManager::LogLevel::kWarning:
+            return "WARNING";
+        case LidarUtilitiesManager::LogLevel::kError:
+            return "ERROR";
+        case LidarUtilitiesManager::LogLevel::kBytes:
+            return "BYTES";
+    }
+    return "INFO";
+}
+
+}  // namespace
 
 LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
 std::once_flag LidarUtilitiesManager::init_instance_flag_;
@@ -266,8 +286,17 @@ bool LidarUtilitiesManager::deviceIsIdle() const {
 
 // ---- Log and pop-up messages ----
 
+void LidarUtilitiesManager::setDeveloperLineSink(
+    std::function<void(const std::string& line)> sink) {
+    developer_log::setDeveloperLineSink(std::move(sink));
+}
+
 void LidarUtilitiesManager::writeLogMessage(const std::string& message, const std::string& level) {
     emit sendLogMessage(QString::fromStdString(message), QString::fromStdString(level));
+}
+
+void LidarUtilitiesManager::writeLogMessage(const std::string& message, LogLevel level) {
+    writeLogMessage(message, logLevelText(level));
 }
 
 void LidarUtilitiesManager::showErrorMessage(const QString& text) {
@@ -319,13 +348,13 @@ void LidarUtilitiesManager::logMessageHandler(const std::string& line) {
     if (isUpgrading.load() && (kind == 0 || kind == 2)) return;
     if (isDownloadLog.load()) return;
     if (!logBytesFlow.load()) return;
-    writeLogMessage(line, "BYTES");
+    writeLogMessage(line, LogLevel::kBytes);
 }
 
 void LidarUtilitiesManager::setVrcClientLogCallback() {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
     if (!client) {
-        std::cout << "VrcClient haven't initialized\n";
+        developer_log::writeDeveloperLine("VrcClient haven't initialized\n");
         return;
     }
     client->GetClient().SetLogCallback(

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
 
+#include "developer_log.h"
 #include "lidar_utilities_manager.h"
 
 namespace {
@@ -116,7 +116,8 @@ void LidarUtilitiesManager::HeronGetVersionInfo() {
             }
         }
     } catch (const std::exception& e) {
-        std::cout << "HeronGetVersionInfo(): Caught Exception: " << e.what() << "\n";
+        developer_log::writeDeveloperLine(std::string("HeronGetVersionInfo(): Caught Exception: ") +
+                                          e.what() + "\n");
     }
     emit wrenLidarInfoChanged();
 }
@@ -148,12 +149,13 @@ void LidarUtilitiesManager::HeronSetIMURange(int angularIndex, int accelerationI
         if (ret != 0) {
             const std::string text = "set IMU range error, ret:" + std::to_string(ret);
             showErrorMessage(QString::fromStdString(text));
-            writeLogMessage(text, "ERROR");
+            writeLogMessage(text, LogLevel::kError);
             return;
         }
         showSuccessMessage("IMU range set successfully");
     } catch (const std::exception& e) {
-        std::cout << "HeronSetIMURange(): Caught Exception: " << e.what() << "\n";
+        developer_log::writeDeveloperLine(std::string("HeronSetIMURange(): Caught Exception: ") +
+                                          e.what() + "\n");
         showErrorMessage(QString("set IMU range error: ") + e.what());
     }
 }
@@ -161,14 +163,15 @@ void LidarUtilitiesManager::HeronSetIMURange(int angularIndex, int accelerationI
 int LidarUtilitiesManager::HeronSendRestartCommand() {
     const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
     if (!client || !client->IsOpen()) {
-        writeLogMessage("Heron restart: VRC not available", "ERROR");
+        writeLogMessage("Heron restart: VRC not available", LogLevel::kError);
         return -1;
     }
     const int ret = client->HeronRestartLidar();
     if (ret != 0) {
-        writeLogMessage("Heron restart command failed, ret:" + std::to_string(ret), "ERROR");
+        writeLogMessage("Heron restart command failed, ret:" + std::to_string(ret),
+                        LogLevel::kError);
         return ret;
     }
-    writeLogMessage("Heron restart command sent", "INFO");
+    writeLogMessage("Heron restart command sent", LogLevel::kInfo);
     return ret;
 }

@@ -83,7 +83,8 @@ void LidarUtilitiesManager::startMonitorRefreshLoop() {
             std::make_unique<std::thread>(&LidarUtilitiesManager::monitorAutoRefreshLoop, this);
     } catch (const std::system_error& e) {
         monitorRefreshRunning.store(false);
-        writeLogMessage(std::string("Monitor auto-refresh could not start: ") + e.what(), "ERROR");
+        writeLogMessage(std::string("Monitor auto-refresh could not start: ") + e.what(),
+                        LogLevel::kError);
     }
 }
 
@@ -166,7 +167,8 @@ void LidarUtilitiesManager::startMonitorRecord(QUrl folderUrl) {
         monitorRecording.store(false);
         emit isMonitorRecordingChanged();
         showErrorMessage("Failed to create monitor record file");
-        writeLogMessage(std::string("Monitor recording could not start: ") + e.what(), "ERROR");
+        writeLogMessage(std::string("Monitor recording could not start: ") + e.what(),
+                        LogLevel::kError);
     }
 }
 

@@ -3,10 +3,10 @@
 
 #include <QFile>
 #include <climits>
-#include <iostream>
 #include <system_error>
 #include <thread>
 
+#include "developer_log.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/serial_client.h"
 
@@ -43,7 +43,9 @@ int LidarUtilitiesManager::UpgradeLidar(QUrl file, int i, int j, int k) {
                          size_t(j) < (*tree)[i].size() && k >= 0 &&
                          size_t(k) < (*tree)[i][j].size();
     if (!inTable) {
-        std::cout << "UpgradeLidar(): no variable at [" << i << "][" << j << "][" << k << "]\n";
+        developer_log::writeDeveloperLine("UpgradeLidar(): no variable at [" + std::to_string(i) +
+                                          "][" + std::to_string(j) + "][" + std::to_string(k) +
+                                          "]\n");
         return 0;
     }
     std::string command = (*tree)[i][j][k]->set_cmd;
@@ -72,7 +74,7 @@ bool LidarUtilitiesManager::startPackageTransfer(QFile& file, std::string comman
     if (!package) {
         writeLogMessage("Upgrade package " + file.fileName().toStdString() +
                             " is larger than 2 GiB; nothing was sent",
-                        "ERROR");
+                        LogLevel::kError);
         return false;
     }
     markUpgradeStart();
@@ -81,7 +83,8 @@ bool LidarUtilitiesManager::startPackageTransfer(QFile& file, std::string comman
     upgradeProgressTotalLen.store(static_cast<int32_t>(package->size() >> 10));
     emit isUpgradingChanged();
     if (!pauseUnlessStopped(kPauseBeforeTransferMs)) {
-        writeLogMessage("Upgrade abandoned before the transfer; nothing was sent", "WARNING");
+        writeLogMessage("Upgrade abandoned before the transfer; nothing was sent",
+                        LogLevel::kWarning);
         isUpgrading.store(false);
         emit isUpgradingChanged();
         return false;
@@ -92,7 +95,8 @@ bool LidarUtilitiesManager::startPackageTransfer(QFile& file, std::string comman
             GetLidarUpgradeInfo(*bytes, std::move(command));
         });
     } catch (const std::system_error& e) {
-        writeLogMessage(std::string("Upgrade worker could not start: ") + e.what(), "ERROR");
+        writeLogMessage(std::string("Upgrade worker could not start: ") + e.what(),
+                        LogLevel::kError);
         isUpgrading.store(false);
         emit isUpgradingChanged();
         return false;
@@ -120,7 +124,7 @@ void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string 
             result = client->UpgradeLidar(package, command, upgradeProgress);
         }
     } catch (const std::exception& e) {
-        std::cout << "GetLidarUpgradeInfo(): " << e.what() << "\n";
+        developer_log::writeDeveloperLine(std::string("GetLidarUpgradeInfo(): ") + e.what() + "\n");
     }
     isUpgrading.store(false);
     emit isUpgradingChanged();
@@ -134,13 +138,13 @@ void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string 
             const QString text = "Upgrade package transfer failed or is terminated. error:" +
                                  QString::number(result);
             showErrorMessage(text);
-            writeLogMessage(text.toStdString(), "INFO");
+            writeLogMessage(text.toStdString(), LogLevel::kInfo);
         }
         return;
     }
     if (result != 0) {
         showErrorMessage("Upgrade package transfer failed or is terminated.");
-        writeLogMessage("Upgrade package transfer failed or is terminated.", "INFO");
+        writeLogMessage("Upgrade package transfer failed or is terminated.", LogLevel::kInfo);
         return;
     }
     showSuccessMessage(kRebootWithinTenSeconds);
@@ -148,7 +152,7 @@ void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string 
         // A manager being destroyed tells nobody; a Stop was the user's, who is told.
         if (!closing_.load()) {
             showErrorMessage(kAbandonedBeforeRestart);
-            writeLogMessage(kAbandonedBeforeRestart, "INFO");
+            writeLogMessage(kAbandonedBeforeRestart, LogLevel::kInfo);
         }
         return;
     }

@@ -1,7 +1,6 @@
 // Turning reply bytes into the display texts of the catalogue, and checking staged texts against
 // the catalogue's limits before they are written.
 
-#include <QDebug>
 #include <QRegExp>
 #include <QString>
 #include <algorithm>
@@ -9,15 +8,17 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <limits>
 #include <stdexcept>
 
+#include "developer_log.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/logger.h"
 #include "value_parsers.h"
 
 namespace {
+
+using LogLevel = LidarUtilitiesManager::LogLevel;
 
 // clang-format off
 const char* const kIpPattern = R"(^((25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)\.){3}(25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)$)";
@@ -189,48 +190,46 @@ StagedVerdict checkStagedText(const VarInfo& var, const std::string& staged) {
         case LimitCheck::kOutside:
             return StagedVerdict::kOutOfRange;
         case LimitCheck::kNotANumber:
-            qDebug().noquote() << "CheckModuleVarsWithinRange"
-                               << " Invalid argument: "
-                               << "stoi";
+            developer_log::writeDeveloperLine("CheckModuleVarsWithinRange Invalid argument: stoi");
             break;
         case LimitCheck::kBeyondConversion:
-            qDebug().noquote() << "CheckModuleVarsWithinRange"
-                               << " Out of range: "
-                               << "stoi";
+            developer_log::writeDeveloperLine("CheckModuleVarsWithinRange Out of range: stoi");
             break;
     }
     return StagedVerdict::kNotANumber;
 }
 
-// Tells the log, the debug stream and the UI (someVarOutOfRange) about one rejected text.
+// The developer line of one rejected text: "CheckModuleVarsWithinRange: detected that " + what.
+void reportRangeCheck(const std::string& what) {
+    developer_log::writeDeveloperLine("CheckModuleVarsWithinRange: detected that " + what);
+}
+
+// Tells the log, the developer output and the UI (someVarOutOfRange) about one rejected text.
 void reportStagedValueRejected(LidarUtilitiesManager& manager, const VarInfo& var,
                                const std::string& staged, StagedVerdict verdict) {
     const QString name = QString::fromStdString(var.var_name);
-    const QString text = QString::fromStdString(staged);
     switch (verdict) {
         case StagedVerdict::kBadIp:
             manager.writeLogMessage(
-                "Detected that the user set " + var.var_name + " has invalid IP format", "WARNING");
-            qDebug().noquote() << "CheckModuleVarsWithinRange"
-                               << ": detected that" << name << "has invalid IP format:" << text;
+                "Detected that the user set " + var.var_name + " has invalid IP format",
+                LogLevel::kWarning);
+            reportRangeCheck(var.var_name + " has invalid IP format: " + staged);
             break;
         case StagedVerdict::kBadMac:
             manager.writeLogMessage(
                 "Detected that the user set " + var.var_name + " has invalid MAC format",
-                "WARNING");
-            qDebug().noquote() << "CheckModuleVarsWithinRange"
-                               << ": detected that" << name << "has invalid MAC format:" << text;
+                LogLevel::kWarning);
+            reportRangeCheck(var.var_name + " has invalid MAC format: " + staged);
             break;
         case StagedVerdict::kOutOfRange:
             manager.writeLogMessage(
-                "Detected that the user set " + var.var_name + " is out of range", "WARNING");
-            qDebug().noquote() << "CheckModuleVarsWithinRange"
-                               << ": detected that" << name << "is out of range";
+                "Detected that the user set " + var.var_name + " is out of range",
+                LogLevel::kWarning);
+            reportRangeCheck(var.var_name + " is out of range");
             break;
         case StagedVerdict::kTooLong:
-            qDebug().noquote() << "CheckModuleVarsWithinRange"
-                               << ": detected that" << name << "is longer than" << var.offset
-                               << "bytes:" << text;
+            reportRangeCheck(var.var_name + " is longer than " + std::to_string(var.offset) +
+                             " bytes: " + staged);
             break;
         case StagedVerdict::kNotANumber:  // the debug line was written by the check
         case StagedVerdict::kPass:
@@ -262,7 +261,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
 
     std::pair<int, int> pos;
     if (!resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
-        writeLogMessage("get <start_pos, offset> failed!", "ERROR");
+        writeLogMessage("get <start_pos, offset> failed!", LogLevel::kError);
         return;
     }
     const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
@@ -270,7 +269,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
         client ? client->GetClient().GetValFromOutput(cmd, 0, output, pos.first, pos.second, value)
                : copyValueFromOutput(output, pos.first, pos.second, value);
     if (!extracted) {
-        writeLogMessage("get var pos offset failed!", "ERROR");
+        writeLogMessage("get var pos offset failed!", LogLevel::kError);
         return;
     }
     if (!update) return;
@@ -313,7 +312,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
     } else if (type == "BYTES") {
         text = hexPairsText(value);
     } else {
-        std::cout << "var_type not support: " << type << std::endl;
+        developer_log::writeDeveloperLine("var_type not support: " + type);
         return;
     }
 
@@ -325,8 +324,9 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
     const VarInfo* var = searchVarPtr(key.toStdString(), searchType.toStdString());
     if (var == nullptr) {
         // An unknown variable must not block a write on its own.
-        qDebug().noquote() << "CheckVarIsWithinRange"
-                           << " Can't find this var info for range check. var_info =" << key;
+        developer_log::writeDeveloperLine(
+            "CheckVarIsWithinRange Can't find this var info for range check. var_info = " +
+            key.toStdString());
         return true;
     }
     if (var->var_type == "string") return true;
@@ -343,10 +343,10 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
         checkDecimalWithinLimits(staged, var->range_scale, var->min_val, var->max_val,
                                  std::numeric_limits<float>::max(), encodesInteger(var->var_type));
     if (verdict == LimitCheck::kNotANumber || verdict == LimitCheck::kBeyondConversion) {
-        qDebug().noquote() << "CheckVarIsWithinRange"
-                           << (verdict == LimitCheck::kNotANumber ? " Invalid argument: "
-                                                                  : " Out of range: ")
-                           << "stof";
+        developer_log::writeDeveloperLine(
+            std::string("CheckVarIsWithinRange") +
+            (verdict == LimitCheck::kNotANumber ? " Invalid argument: " : " Out of range: ") +
+            "stof");
         return false;
     }
     return verdict == LimitCheck::kWithin;

@@ -9,10 +9,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
+
+#include "developer_log.h"
 
 namespace {
 
@@ -413,7 +414,7 @@ std::vector<unsigned char> MacParser::parse(const std::string& text, float /*sca
 }
 
 std::vector<unsigned char> RawParser::parse(const std::string& /*text*/, float /*scale*/) {
-    std::cout << "not developed" << std::endl;
+    developer_log::writeDeveloperLine("not developed");
     return {};
 }
 

@@ -12,6 +12,8 @@
 
 namespace {
 
+using LogLevel = LidarUtilitiesManager::LogLevel;
+
 constexpr uint8_t kNetworkConfigCommand = 0x08;
 constexpr unsigned short kAuxiliaryPort = 10110;
 constexpr size_t kNetConfigSize = 12;
@@ -85,7 +87,7 @@ static std::shared_ptr<AuthorizedVrcClient> vrcSerialTarget(LidarUtilitiesManage
 static void reportWrenFailure(LidarUtilitiesManager& m, int code, const char* prefix) {
     const QString text = prefix + QString::number(code);
     m.showErrorMessage(text);
-    m.writeLogMessage(text.toStdString(), "ERROR");
+    m.writeLogMessage(text.toStdString(), LogLevel::kError);
 }
 
 // The outcome of one SDK call: the success message, or the failure.
@@ -233,7 +235,7 @@ static std::optional<u8Array_t> readNetworkBlock(LidarUtilitiesManager& m, bool 
     if (code == 0 && reply.size() >= size) return reply;
     const QString text = failurePrefix + QString::number(code);
     if (!quiet) m.showErrorMessage(text);
-    m.writeLogMessage(text.toStdString(), "ERROR");
+    m.writeLogMessage(text.toStdString(), LogLevel::kError);
     return std::nullopt;
 }
 

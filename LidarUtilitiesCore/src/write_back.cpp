@@ -1,13 +1,11 @@
 // Settings write-back: staging the user's edits (SetText) and applying the staged set commands of
 // one page to the lidar (Run).
 
-#include <QDebug>
 #include <QStringList>
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <set>
@@ -18,6 +16,7 @@
 #include <vector>
 
 #include "command_text.h"
+#include "developer_log.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/text_fields.h"
 #include "sdk/vrc_client.h"
@@ -25,6 +24,8 @@
 #include "value_parsers.h"
 
 namespace {
+
+using LogLevel = LidarUtilitiesManager::LogLevel;
 
 // Texts the user sees, kept whole so they can be found as written.
 // clang-format off
@@ -101,10 +102,6 @@ std::string hexText(const std::vector<uint8_t>& bytes) {
         text += pair;
     }
     return text;
-}
-
-void debugLine(const std::string& text) {
-    qDebug().noquote() << QString::fromStdString(text);
 }
 
 // Sends the planned set commands one after the other; the first failure ends the run.
@@ -213,10 +210,11 @@ class StagedCommandSender {
     }
 
     void reportUnsupportedType(const VarInfo& var, const std::string& value) {
-        std::cout << "DEBUG(): not support the format is " << var.var_type << std::endl;
-        debugLine("Run(): This var_type\"" + var.var_type + "\"is not supported currently.");
-        debugLine("strParser == nullptr, var_name:" + var.var_name + ", var_type:" + var.var_type +
-                  ", current_val:" + value);
+        developer_log::writeDeveloperLine("DEBUG(): not support the format is " + var.var_type);
+        developer_log::writeDeveloperLine("Run(): This var_type\"" + var.var_type +
+                                          "\"is not supported currently.");
+        developer_log::writeDeveloperLine("strParser == nullptr, var_name:" + var.var_name +
+                                          ", var_type:" + var.var_type + ", current_val:" + value);
     }
 
     void sendFov(const VarGroup& group) {
@@ -230,19 +228,19 @@ class StagedCommandSender {
         const int ret = channel_.setFov(fovTable_.data(), 5, mode);
         commandSent_ = true;
         if (ret != 0) {
-            manager_.writeLogMessage("SET [" + command_ + "] FAILED", "WARNING");
+            manager_.writeLogMessage("SET [" + command_ + "] FAILED", LogLevel::kWarning);
             throw std::runtime_error("set channel fov failed");
         }
     }
 
     void sendPayload(const std::string& setCmd, uint8_t command, const u8Array_t& payload,
                      const std::string& names) {
-        debugLine("Run(): QueryCommand send cmd:    " + setCmd);
-        debugLine("Run(): QueryCommand send payload:" + hexText(payload) +
-                  ", length =" + std::to_string(payload.size()));
+        developer_log::writeDeveloperLine("Run(): QueryCommand send cmd:    " + setCmd);
+        developer_log::writeDeveloperLine("Run(): QueryCommand send payload:" + hexText(payload) +
+                                          ", length =" + std::to_string(payload.size()));
         manager_.writeLogMessage(
             "Send " + channel_.protocol + " command [" + setCmd + "] to set " + names + " success.",
-            "INFO");
+            LogLevel::kInfo);
         u8Array_t reply;
         const int ret = channel_.query(command, payload, reply);
         commandSent_ = true;
@@ -251,12 +249,14 @@ class StagedCommandSender {
             ret == 0 || (setCmd == kNetworkSetCmd && channel_.networkSetClosesConnection &&
                          channel_.lastCode() == lidar::kVrcClosedByPeer);
         if (!applied) {
-            debugLine("Run(): QueryCommand FAILED, get result =" + std::to_string(ret));
-            manager_.writeLogMessage("SET [" + setCmd + "] FAILED", "WARNING");
+            developer_log::writeDeveloperLine("Run(): QueryCommand FAILED, get result =" +
+                                              std::to_string(ret));
+            manager_.writeLogMessage("SET [" + setCmd + "] FAILED", LogLevel::kWarning);
             throw std::runtime_error(setCmd + " SET " + names +
                                      " ret_code: " + std::to_string(channel_.lastCode()));
         }
-        debugLine("Run(): QueryCommand SUCCESS, get result =" + std::to_string(ret));
+        developer_log::writeDeveloperLine("Run(): QueryCommand SUCCESS, get result =" +
+                                          std::to_string(ret));
         reportSuccess(setCmd, names);
     }
 
@@ -271,12 +271,12 @@ class StagedCommandSender {
     }
 
     void reportFailure(const std::string& detail) {
-        debugLine("Run(): Caught Exception: " + detail);
+        developer_log::writeDeveloperLine("Run(): Caught Exception: " + detail);
         manager_.showErrorMessage(QString::fromStdString("Set Failed: " + detail));
         manager_.writeLogMessage("Set " + command_ + " Failed. " +
                                      (commandSent_ ? "Command was sent." : "No command was sent.") +
                                      " Detail: " + detail,
-                                 "WARNING");
+                                 LogLevel::kWarning);
     }
 
     LidarUtilitiesManager& manager_;
@@ -322,7 +322,7 @@ void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QStr
             if (linked == nullptr) {
                 writeLogMessage("config file error, Please check the configuration of type 2 of " +
                                     var->var_name,
-                                "ERROR");
+                                LogLevel::kError);
                 return;
             }
             if (!replaceValue(linked)) return;
@@ -341,7 +341,7 @@ void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QStr
                 writeLogMessage(
                     "Invalid switch value of type 3, please check the config file! name: " +
                         var->var_name,
-                    "ERROR");
+                    LogLevel::kError);
                 return;
             }
             const std::string optionText = std::to_string(var->options[choice]);
@@ -358,7 +358,7 @@ void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QStr
         default:
             writeLogMessage("Invalid switch value of type , please check the config file! name: " +
                                 var->var_name,
-                            "ERROR");
+                            LogLevel::kError);
             return;
     }
 }
