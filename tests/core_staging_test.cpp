@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lidar_utilities_manager.h"
+#include "manager_test_access.h"
 #include "sim/lidar_simulator.h"
 #include "test_support.h"
 
@@ -211,9 +212,9 @@ TEST_F(StagingTest, RunGuardsOnAConnectedLidarSendNothing) {
     EXPECT_EQ(errors.count(), 0);
     EXPECT_EQ(manager_.getSetMapSize(), 1u);
 
-    manager_.isUpgrading.store(true);
+    ManagerTestAccess::setUpgrading(manager_, true);
     manager_.Run(0);
-    manager_.isUpgrading.store(false);
+    ManagerTestAccess::setUpgrading(manager_, false);
     EXPECT_EQ(manager_.getErrorMessage(), "Please wait for the lidar to upgrade completely");
     manager_.setIsDownloadLog(true);
     manager_.Run(0);

@@ -111,7 +111,6 @@ void debugLine(const std::string& text) {
 class StagedCommandSender {
   public:
     using ValueReader = std::function<std::string(const VarInfo*)>;
-    using SetChannel = LidarUtilitiesManager::SetChannel;
 
     StagedCommandSender(LidarUtilitiesManager& manager, SetChannel channel, ValueReader valueOf,
                         const std::set<const VarInfo*>& typed, std::array<float, 10> fovTable)
