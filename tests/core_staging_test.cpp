@@ -240,4 +240,38 @@ TEST(CoreWriteBackRun, WithoutModelReturnsSilently) {
     EXPECT_EQ(manager.getSetMapSize(), 0u);
 }
 
+// A write-only "raw" field goes out with the hex digits the user typed, ahead of the fields read
+// back from the lidar: the lidar takes the command only when both are there, and finds the
+// readable field at its own position.
+TEST(CoreWriteBackRun, RawWriteOnlyFieldsPrecedeTheReadBackFields) {
+    TempDir dir;
+    ScopedCwd cwd(dir.path());
+    testsupport::WriteFile(
+        dir.file("Config/varID/Model/Model.csv"),
+        "module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,"
+        "type,options,switch_var,permission\n"
+        "Motor,Drive,action,Drive Action,raw,,0x33,0,0,2,1,,,1\n"
+        "Motor,Drive,level,Drive Level,uint16,0x34,0x33,0,2,2,1,,,1\n");
+    sim::LidarSimulator::Options options;
+    options.model = "Model";
+    sim::LidarSimulator device(options);
+    std::string why;
+    ASSERT_TRUE(device.Start(&why)) << why;
+    LidarUtilitiesManager manager(0, "");
+    manager.InitConfigFileParser("Model");
+    manager.setIpAddress("127.0.0.1");
+    manager.setPort(QString::number(device.Port()));
+    ASSERT_TRUE(manager.ConnectLidar());
+    manager.waitForWorkers();
+    ASSERT_TRUE(manager.getIsConnected());
+
+    manager.SetText(1, 0, 0, 0, "0x0102");
+    manager.SetText(1, 0, 0, 1, "7");
+    manager.Run(0);
+    EXPECT_EQ(manager.getErrorMessage().toStdString(), "");
+    EXPECT_EQ(device.RequestCount(0x33), 1u);
+    EXPECT_EQ(device.Block(0x34), (std::vector<uint8_t>{0x00, 0x07}));
+    manager.Stop();
+}
+
 }  // namespace
