@@ -21,7 +21,6 @@
 namespace cli {
 namespace {
 
-constexpr unsigned long kPollMs = 100;
 const char* const kAngularVariable = "IMU Angular Range";
 const char* const kAccelerationVariable = "IMU Acceleration Range";
 const char* const kUpgradeCompleted = "Heron upgrade completed.";

@@ -8,6 +8,7 @@
 #include <QStandardPaths>
 
 #include "lidar_utilities_manager.h"
+#include "manager_test_access.h"
 #include "sdk/logger.h"
 #include "test_support.h"
 
@@ -123,9 +124,9 @@ TEST(ManagerMessages, SettersSignalsAndByteFlowFilter) {
     m.setIsDownloadLog(true);
     m.logMessageHandler("dropped: log download running");
     m.setIsDownloadLog(false);
-    m.isUpgrading.store(true);
+    ManagerTestAccess::setUpgrading(m, true);
     m.logMessageHandler("dropped: upgrade over VRC");
-    m.isUpgrading.store(false);
+    ManagerTestAccess::setUpgrading(m, false);
     m.writeLogMessage("plain", "WARNING");
     using Level = LidarUtilitiesManager::LogLevel;
     m.writeLogMessage("i", Level::kInfo);

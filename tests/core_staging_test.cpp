@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lidar_utilities_manager.h"
+#include "manager_test_access.h"
 #include "sim/lidar_simulator.h"
 #include "test_support.h"
 
@@ -211,9 +212,9 @@ TEST_F(StagingTest, RunGuardsOnAConnectedLidarSendNothing) {
     EXPECT_EQ(errors.count(), 0);
     EXPECT_EQ(manager_.getSetMapSize(), 1u);
 
-    manager_.isUpgrading.store(true);
+    ManagerTestAccess::setUpgrading(manager_, true);
     manager_.Run(0);
-    manager_.isUpgrading.store(false);
+    ManagerTestAccess::setUpgrading(manager_, false);
     EXPECT_EQ(manager_.getErrorMessage(), "Please wait for the lidar to upgrade completely");
     manager_.setIsDownloadLog(true);
     manager_.Run(0);
@@ -237,6 +238,40 @@ TEST(CoreWriteBackRun, WithoutModelReturnsSilently) {
     manager.SetText(1, 0, 0, 0, "1");
     EXPECT_EQ(errors.count(), 0);
     EXPECT_EQ(manager.getSetMapSize(), 0u);
+}
+
+// A write-only "raw" field goes out with the hex digits the user typed, ahead of the fields read
+// back from the lidar: the lidar takes the command only when both are there, and finds the
+// readable field at its own position.
+TEST(CoreWriteBackRun, RawWriteOnlyFieldsPrecedeTheReadBackFields) {
+    TempDir dir;
+    ScopedCwd cwd(dir.path());
+    testsupport::WriteFile(
+        dir.file("Config/varID/Model/Model.csv"),
+        "module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,"
+        "type,options,switch_var,permission\n"
+        "Motor,Drive,action,Drive Action,raw,,0x33,0,0,2,1,,,1\n"
+        "Motor,Drive,level,Drive Level,uint16,0x34,0x33,0,2,2,1,,,1\n");
+    sim::LidarSimulator::Options options;
+    options.model = "Model";
+    sim::LidarSimulator device(options);
+    std::string why;
+    ASSERT_TRUE(device.Start(&why)) << why;
+    LidarUtilitiesManager manager(0, "");
+    manager.InitConfigFileParser("Model");
+    manager.setIpAddress("127.0.0.1");
+    manager.setPort(QString::number(device.Port()));
+    ASSERT_TRUE(manager.ConnectLidar());
+    manager.waitForWorkers();
+    ASSERT_TRUE(manager.getIsConnected());
+
+    manager.SetText(1, 0, 0, 0, "0x0102");
+    manager.SetText(1, 0, 0, 1, "7");
+    manager.Run(0);
+    EXPECT_EQ(manager.getErrorMessage().toStdString(), "");
+    EXPECT_EQ(device.RequestCount(0x33), 1u);
+    EXPECT_EQ(device.Block(0x34), (std::vector<uint8_t>{0x00, 0x07}));
+    manager.Stop();
 }
 
 }  // namespace

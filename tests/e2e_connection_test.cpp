@@ -163,11 +163,11 @@ TEST(Connection, RestartFailureNamesTheReturnCode) {
               "Auto reboot failed, ret_code: 5. Please reboot lidar manually.");
     EXPECT_TRUE(s.m().getIsConnected());
 
-    s.m().isUpgrading.store(true);
+    ManagerTestAccess::setUpgrading(s.m(), true);
     s.errors().clear();
     EXPECT_EQ(s.m().Reset(), -1) << "refused while an upgrade runs";
     EXPECT_EQ(s.errors().count(), 0);
-    s.m().isUpgrading.store(false);
+    ManagerTestAccess::setUpgrading(s.m(), false);
 }
 
 TEST(Connection, AccessProfileRefusesWithoutTouchingTheWire) {

@@ -191,9 +191,9 @@ TEST_F(HeronTest, ImuRangeSendsTheTablesCodesAndRefusesInOrder) {
     EXPECT_TRUE(session_->LogHas("set IMU range error, ret:5|ERROR"));
     // Not while an upgrade runs, nor without a connection.
     session_->ClearSpies();
-    m().isUpgrading.store(true);
+    ManagerTestAccess::setUpgrading(m(), true);
     m().HeronSetIMURange(5, 3);
-    m().isUpgrading.store(false);
+    ManagerTestAccess::setUpgrading(m(), false);
     m().Stop();
     m().HeronSetIMURange(5, 3);
     EXPECT_EQ(session_->Messages(),

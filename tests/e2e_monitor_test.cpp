@@ -155,7 +155,7 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
     LidarUtilitiesManager& m = session.m();
     EXPECT_TRUE(LidarUtilitiesManager(0, "").getMonitorAutoRefresh());  // on by default
     m.setMonitorAutoRefresh(true);  // not connected: no thread starts yet
-    EXPECT_EQ(m.monitorRefreshThread, nullptr);
+    EXPECT_FALSE(ManagerTestAccess::monitorRefreshThreadExists(m));
     // The status page is on screen: the page thread refreshes its timer values meanwhile.
     m.setModuleIndexUse(StatusModule(m));
     ASSERT_TRUE(session.Connect(simulator->Port()));
@@ -170,14 +170,14 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
     // Not while a log download or an upgrade owns the connection.
     for (const bool upgrading : {false, true}) {
         if (upgrading)
-            m.isUpgrading.store(true);
+            ManagerTestAccess::setUpgrading(m, true);
         else
             m.setIsDownloadLog(true);
         QThread::msleep(300);  // a reading under way ends
         const uint64_t busy = simulator->RequestCount(kMonitorRead);
         QThread::msleep(2200);
         EXPECT_EQ(simulator->RequestCount(kMonitorRead), busy) << "upgrading " << upgrading;
-        m.isUpgrading.store(false);
+        ManagerTestAccess::setUpgrading(m, false);
         m.setIsDownloadLog(false);
         EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > busy; }, 2000));
     }
@@ -203,7 +203,7 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
     // Switching off joins the thread (how soon: bench/monitor_bench, BM_MonitorStopLatency).
     QSignalSpy switched(&m, &LidarUtilitiesManager::monitorAutoRefreshChanged);
     m.setMonitorAutoRefresh(false);
-    EXPECT_EQ(m.monitorRefreshThread, nullptr);
+    EXPECT_FALSE(ManagerTestAccess::monitorRefreshThreadExists(m));
     m.setMonitorAutoRefresh(false);
     EXPECT_EQ(switched.count(), 1);
     const uint64_t reads = simulator->RequestCount(kMonitorRead);
@@ -261,7 +261,7 @@ TEST(MonitorRecord, WritesNoRowsWhileTheLidarIsBusyButKeepsTime) {
         SCOPED_TRACE(busy);
         // What an upgrade or a log download sets while it owns the connection.
         if (std::string(busy) == "upgrade")
-            m.isUpgrading.store(true);
+            ManagerTestAccess::setUpgrading(m, true);
         else
             m.setIsDownloadLog(true);
         TempDir folder;
@@ -277,7 +277,7 @@ TEST(MonitorRecord, WritesNoRowsWhileTheLidarIsBusyButKeepsTime) {
         EXPECT_EQ(Lines(folder.file(files[0].toStdString())).size(), 1);  // the header alone
         EXPECT_EQ(simulator->RequestCount(kMonitorRead), reads);
         EXPECT_EQ(m.getMonitorRecordRowCount(), 0);
-        m.isUpgrading.store(false);
+        ManagerTestAccess::setUpgrading(m, false);
         m.setIsDownloadLog(false);
     }
 }

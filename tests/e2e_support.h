@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "lidar_utilities_manager.h"
+#include "manager_test_access.h"
 #include "sim/lidar_simulator.h"
 #include "test_support.h"
 

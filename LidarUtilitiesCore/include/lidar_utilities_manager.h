@@ -44,6 +44,8 @@ class SerialClient;
 }  // namespace lidar
 
 struct ConsoleTexts;
+struct SetChannel;
+struct ManagerTestAccess;
 class QFile;
 class QTextStream;
 
@@ -463,10 +465,6 @@ class LidarUtilitiesManager : public QObject {
     QVariantList buildVariableMap();
     void buildPageLists(QVariantList& level1, QVariantList& level2) const;
 
-  public:
-    struct SetChannel;
-
-  private:
     // Run's steps from the busy checks on, over the given client.
     void applyStagedEdits(int page, const SetChannel& channel);
     void resetSerialNumberTexts();
@@ -521,7 +519,9 @@ class LidarUtilitiesManager : public QObject {
     static bool runTar(const QString& workFolder, const QString& archivePath,
                        const QStringList& names);
 
-  public:
+    // A test hook (tests/manager_test_access.h): states a test cannot reach cheaply otherwise.
+    friend struct ManagerTestAccess;
+
     // ---- Fields shared by several subsystems, in declaration order ----
     static LidarUtilitiesManager* instance_;
     static std::once_flag init_instance_flag_;
@@ -529,7 +529,6 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> pagesTimerRunning{false};
     std::unique_ptr<std::thread> pagesTimerThread;
 
-  private:
     // UI caches, guarded by catalogueMutex_.
     QVariantList level1ListCache;
     QVariantList level2ListCache;
@@ -545,11 +544,9 @@ class LidarUtilitiesManager : public QObject {
     // from text, every other field of a command is sent back as the lidar returned it.
     std::set<const VarInfo*> typedVars_;
 
-  public:
     std::atomic<int32_t> upgradeMode{0};
     std::atomic<bool> isGetPBLVersion{false};
 
-  private:
     const uint8_t creationTag;
     std::string currentConfigPath;  // guarded by fieldsMutex_
 
@@ -590,30 +587,24 @@ class LidarUtilitiesManager : public QObject {
 
     std::atomic<int> connectBaudRateResult_{0};
 
-  public:
     std::atomic<bool> isConnected{false};
     std::atomic<bool> connecting{false};
     std::atomic<bool> isUpgrading{false};
 
-  private:
     QString errorMessage;    // guarded by fieldsMutex_
     QString successMessage;  // guarded by fieldsMutex_
 
-  public:
     std::atomic<bool> isDownloadLog{false};
 
-  private:
     std::string selectLidarModel;  // guarded by fieldsMutex_
     std::atomic<bool> enableVrcClientHostPortUi{false};
     std::string vrcClientHostPort = "ANY";  // guarded by fieldsMutex_
 
-  public:
     std::atomic<int32_t> upgradeProgress{0};
     std::atomic<int32_t> upgradeProgressTotalLen{1};
     std::atomic<bool> logBytesFlow{false};
     std::atomic<int32_t> connectType{0};
 
-  private:
     // Placeholders shown before the first read of the serial models' information pages.
     std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
 
@@ -676,13 +667,11 @@ class LidarUtilitiesManager : public QObject {
     std::string monitorRecordPath;
     std::atomic<int32_t> monitorRecordRows{0};
 
-  public:
     std::atomic<bool> monitorRefreshRunning{false};
     std::atomic<bool> monitorRecording{false};
     std::unique_ptr<std::thread> monitorRefreshThread;
     std::unique_ptr<std::thread> monitorRecordThread;
 
-  private:
     // Short workers (connect, configuration-file query): joined before a new one starts and by
     // the destructor, so none outlives the manager.
     struct Worker {

@@ -9,7 +9,7 @@
 
 #include "lidar_utilities_manager.h"
 
-struct LidarUtilitiesManager::SetChannel {
+struct SetChannel {
     std::string protocol;
     std::function<int(uint8_t, const u8Array_t&, u8Array_t&)> query;
     std::function<int()> lastCode;

@@ -108,7 +108,6 @@ std::string hexText(const std::vector<uint8_t>& bytes) {
 class StagedCommandSender {
   public:
     using ValueReader = std::function<std::string(const VarInfo*)>;
-    using SetChannel = LidarUtilitiesManager::SetChannel;
 
     StagedCommandSender(LidarUtilitiesManager& manager, SetChannel channel, ValueReader valueOf,
                         const std::set<const VarInfo*>& typed, std::array<float, 10> fovTable)
