@@ -360,6 +360,21 @@ class LidarUtilitiesManager : public QObject {
     std::shared_ptr<lidar::SerialSource> getRs485Source() const;
     std::shared_ptr<lidar::SerialSource> getUartSource() const;
 
+    // ---- The pages on every connection kind (device_pages.cpp) ----
+    // Ours, beside the design's operations above (which keep serving one kind each): a front end
+    // reads and writes the loaded model's pages through these whatever the connection kind, and
+    // the manager chooses the kind's operation.
+    Q_INVOKABLE QVariantList catalogueLevel1List();
+    Q_INVOKABLE QVariantList catalogueLevel2List();
+    Q_INVOKABLE QVariantList catalogueVariableMap();
+    Q_INVOKABLE bool isTimerVariable(int module, int page, int var) const;
+    // Reads one module over the kind's client; getLastModuleReadFailures() tells what failed.
+    Q_INVOKABLE void readModule(int module);
+    // Applies the staged edits of one level-1 page over the kind's client.
+    Q_INVOKABLE void applyPage(int page);
+    // Connected, and the kind's client is open.
+    Q_INVOKABLE bool isDeviceLinkOpen() const;
+
     // ---- Log download (log_download.cpp) ----
     Q_INVOKABLE int DownloadLog(QUrl folder, QString name);
     Q_INVOKABLE int DownloadOperationLog(QUrl archive);
