@@ -621,8 +621,18 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<int32_t> connectType{0};
 
   private:
-    // Placeholders shown before the first read of the serial models' information pages.
-    std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
+    // The model information texts, placeholders until the lidar is read; the serial models'
+    // information pages show them. The first is those pages' own (a dotted version; nothing
+    // fills it, the design leaves the pages open), the other four are the Heron's version texts.
+    // Guarded by fieldsMutex_.
+    struct ModelInfoTexts {
+        std::string infoVersion = "xx.xx.xx.xx";
+        std::string heronBmbFpgaVersion = kUnknownHeronComponentVersion;
+        std::string heronTmbFpgaVersion = kUnknownHeronComponentVersion;
+        std::string heronBmbMcuVersion = kUnknownHeronComponentVersion;
+        std::string heronModelVersionText = kUnknownHeronComponentVersion;
+    };
+    ModelInfoTexts modelInfoTexts;
 
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
     std::vector<int> lastOperationLogResults;         // guarded by fieldsMutex_
@@ -630,12 +640,7 @@ class LidarUtilitiesManager : public QObject {
     uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
 
     // ---- Heron model state and steps (model_functions.cpp, heron_upgrade.cpp) ----
-    // The Heron version texts are the last four serial-model information texts: the same
-    // information pages show them. Guarded by fieldsMutex_.
-    std::string& heronBmbFpgaVersion = wrenInfoTexts[1];
-    std::string& heronTmbFpgaVersion = wrenInfoTexts[2];
-    std::string& heronBmbMcuVersion = wrenInfoTexts[3];
-    std::string& heronModelVersionText = wrenInfoTexts[4];
+    // The version texts are modelInfoTexts' heron* fields.
     void setHeronText(std::string& field, const std::string& text);
     QString heronText(const std::string& field) const;
     void readHeronModelVersionText(AuthorizedVrcClient& client);
