@@ -131,7 +131,9 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QString baud_rate() const;
     Q_INVOKABLE void set_baud_rate(QString rate);
     Q_INVOKABLE QString getUdpPort() const;
-    Q_INVOKABLE void setUdpPort(QString port);  // throws std::invalid_argument for non-numbers
+    // The text's leading number, truncated to 16 bits; a text that is not a number leaves the
+    // port unchanged and logs an ERROR line naming it.
+    Q_INVOKABLE void setUdpPort(QString port);
     Q_INVOKABLE QString getVrcClientHostPort() const;
     Q_INVOKABLE void setVrcClientHostPort(QString text);
     Q_INVOKABLE bool getEnableVrcClientHostPortUi() const;
