@@ -710,6 +710,7 @@ int runCommand(const Options& options) {
     if (options.command == "ota") return commandOta(options);
     Session session(options);
     if (options.command == "models") return commandModels(session);
+    if (options.command == "ports") return commandPorts(session);
     if (int status = session.loadModel(); status != kExitOk) return status;
     if (options.command == "show") return commandShow(session);
     if (options.command == "info") return commandInfo(session);

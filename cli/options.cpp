@@ -266,6 +266,7 @@ void addSubcommands(CLI::App& app, Subcommands& args) {
         return sub;
     };
     add("models", "list the models and how each is connected");
+    add("ports", "list the machine's serial ports, for --rs485 and --uart");
     add("show", "the model's modules, pages and variables (no lidar needed)");
     add("info", "read the device information: name=value lines");
     add("read", "read one module (or all) and print name, value and unit")

@@ -377,6 +377,12 @@ class LidarUtilitiesManager : public QObject {
     // Connected, and the kind's client is open.
     Q_INVOKABLE bool isDeviceLinkOpen() const;
 
+    // ---- The machine's serial ports (serial_port_list.cpp) ----
+    // One map per serial port the system reports, for a connection view to offer: "portName",
+    // "systemLocation", "description", "manufacturer", "serialNumber" (empty when not known).
+    // Pseudo-terminals are not serial ports to the system and are not listed.
+    Q_INVOKABLE QVariantList availableSerialPorts() const;
+
     // ---- Log download (log_download.cpp) ----
     Q_INVOKABLE int DownloadLog(QUrl folder, QString name);
     Q_INVOKABLE int DownloadOperationLog(QUrl archive);
