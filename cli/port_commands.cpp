@@ -26,7 +26,6 @@ QString portLine(const QVariantMap& port) {
 }  // namespace
 
 int commandPorts(Session& session) {
-    if (!session.options().arguments.isEmpty()) return usageError("ports takes no arguments");
     const QVariantList ports = session.manager().availableSerialPorts();
     if (session.options().json) {
         printJson(QJsonDocument(QJsonArray::fromVariantList(ports)));
