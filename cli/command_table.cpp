@@ -9,6 +9,8 @@ namespace cli {
 const std::vector<CommandEntry>& commandTable() {
     static const std::vector<CommandEntry> kCommands = {
         {"models", "list the models and how each is connected", &commandModels, false, nullptr},
+        {"ports", "list the machine's serial ports, for --rs485 and --uart", &commandPorts, false,
+         nullptr},
         {"show", "the model's modules, pages and variables (no lidar needed)", &commandShow, true,
          nullptr},
         {"info", "read the device information: name=value lines", &commandInfo, true, nullptr},

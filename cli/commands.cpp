@@ -77,9 +77,9 @@ void assignUnits(QVector<VarView>& variables, const QVariantList& pageLabels) {
 }
 
 QVector<ModuleView> catalogueView(Session& session) {
-    const QVariantList modules = session.level1List();
-    const QVariantList pageLists = session.level2List();
-    const QVariantList map = session.variableMap();
+    const QVariantList modules = session.manager().catalogueLevel1List();
+    const QVariantList pageLists = session.manager().catalogueLevel2List();
+    const QVariantList map = session.manager().catalogueVariableMap();
     QVector<ModuleView> view;
     for (int m = 0; m < modules.size(); ++m) {
         ModuleView module{modules[m].toString(), {}};
@@ -466,7 +466,7 @@ std::vector<const VarPosition*> timerVariables(Session& session, int module) {
     std::vector<const VarPosition*> variables;
     for (const VarPosition& position : session.variables())
         if (position.module == module && !position.var->hidden &&
-            session.isTimerUpdate(position.module, position.page, position.row))
+            session.manager().isTimerVariable(position.module, position.page, position.row))
             variables.push_back(&position);
     return variables;
 }
@@ -670,7 +670,7 @@ int commandFov(Session& session) {
         if (modeIndex >= 0)
             manager.SetText(3, modeRow->module, modeRow->page, modeRow->row,
                             QString::number(modeIndex));
-        session.run(writeModule);
+        manager.applyPage(writeModule);
         if (session.errorCount() > errorsBefore) {
             session.explainRefusal();
             return kExitFailed;

@@ -42,6 +42,8 @@ void followUntil(LidarUtilitiesManager& manager, const std::function<bool()>& en
 void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
                    const std::function<bool()>& sending,
                    const std::function<QString()>& firstInterruptWarning);
+// port_commands.cpp: needs neither a lidar nor a model
+int commandPorts(Session& session);
 // monitor_commands.cpp
 int commandMonitor(Session& session);
 // heron_commands.cpp

@@ -334,48 +334,14 @@ bool Session::baudRateAnswered() {
 }
 
 bool Session::connectionAlive() const {
-    if (!manager_->getIsConnected()) return false;
-    if (serialLines()) {
-        const std::shared_ptr<lidar::SerialClient> client = manager_->getSerialClient();
-        return client && client->IsOpen();
-    }
-    const std::shared_ptr<AuthorizedVrcClient> client = manager_->getAuthorizedClient();
-    return client && client->IsOpen();
-}
-
-// The network model's pages are the generic ones; the serial models' are the manager's own.
-QVariantList Session::level1List() {
-    return manager_->getConnectType() == 0 ? manager_->level1List() : manager_->wrenLevel1List();
-}
-
-QVariantList Session::level2List() {
-    return manager_->getConnectType() == 0 ? manager_->level2List() : manager_->wrenLevel2List();
-}
-
-QVariantList Session::variableMap() {
-    return manager_->getConnectType() == 0 ? manager_->getMyMap() : manager_->getWrenMyMap();
-}
-
-bool Session::isTimerUpdate(int module, int page, int row) const {
-    return manager_->getConnectType() == 0 ? manager_->isTimerUpdate(module, page, row)
-                                           : manager_->isWrenTimerUpdate(module, page, row);
-}
-
-void Session::run(int page) {
-    if (manager_->getConnectType() == 0)
-        manager_->Run(page);
-    else
-        manager_->WrenRun(page);
+    return manager_->isDeviceLinkOpen();
 }
 
 ReadOutcome Session::readModule(int module) {
     const QStringList names = moduleNames();
     const QString name = module < names.size() ? names[module] : QString::number(module);
     printDiagnostic("reading " + name + " ...");
-    if (manager_->getConnectType() == 0)
-        manager_->GetLidarModuleInfo(module);
-    else
-        manager_->WrenGetLidarModuleInfo(module);
+    manager_->readModule(module);
     const auto failures = manager_->getLastModuleReadFailures();
     if (!connectionAlive()) {
         // The request that ended the connection (a time-out or a broken reply closes it) is
@@ -434,7 +400,7 @@ bool Session::explainRefusal() const {
 
 QStringList Session::moduleNames() {
     QStringList names;
-    for (const QVariant& name : level1List()) names << name.toString();
+    for (const QVariant& name : manager_->catalogueLevel1List()) names << name.toString();
     return names;
 }
 

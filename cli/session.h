@@ -65,14 +65,6 @@ class Session {
     bool explainRefusal() const;
     void explainSerialTimeout(const std::vector<LidarUtilitiesManager::ReadFailure>& failures);
     bool connectionAlive() const;
-    // The catalogue pages as the manager serves them for the model's kind: the generic lists
-    // and variable map for a network model, the serial models' own otherwise.
-    QVariantList level1List();
-    QVariantList level2List();
-    QVariantList variableMap();
-    bool isTimerUpdate(int module, int page, int row) const;
-    // Applies the staged edits of a page through the kind's client.
-    void run(int page);
 
     LidarUtilitiesManager& manager() { return *manager_; }
     const Options& options() const { return options_; }

@@ -317,7 +317,7 @@ class SetCommand {
             if (manager_.getSetMapSize() == 0) continue;  // the lidar holds these values already
             anyStaged = true;
             const int errorsBefore = session_.errorCount();
-            session_.run(module);
+            session_.manager().applyPage(module);
             if (session_.errorCount() > errorsBefore) {
                 session_.explainRefusal();
                 return false;

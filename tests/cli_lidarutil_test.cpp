@@ -54,6 +54,28 @@ TEST(Lidarutil, ListsModelsAndShowsTheCatalogueWithoutALidar) {
     EXPECT_TRUE(show.out.contains(QRegularExpression("IP Address +IP +0x08 +0x21 +192.168.1.201")));
     EXPECT_TRUE(show.out.contains("0=Strongest, 1=Last, 2=Dual"));
     EXPECT_FALSE(show.err.contains("connecting")) << "show needs no lidar";
+
+    // The machine's serial ports. Pseudo-terminals are not among them, so this machine may have
+    // none: then the line that says so, otherwise one line per port, as the JSON lists them.
+    const Outcome ports = lidarutil({"ports"});
+    EXPECT_EQ(ports.exitCode, 0) << ports.err.toStdString();
+    const QStringList portLines = lines(ports.out);
+    const Outcome portsJson = lidarutil({"ports", "--json"});
+    ASSERT_EQ(portsJson.exitCode, 0) << portsJson.err.toStdString();
+    const QJsonArray portArray = QJsonDocument::fromJson(portsJson.out.toUtf8()).array();
+    if (portArray.isEmpty()) {
+        EXPECT_EQ(portLines,
+                  QStringList{"no serial ports found (pseudo-terminals are not listed)"});
+    }
+    ASSERT_EQ(portLines.size(), std::max(1, static_cast<int>(portArray.size())));
+    for (int i = 0; i < portArray.size(); ++i) {
+        const QJsonObject port = portArray[i].toObject();
+        EXPECT_EQ(port.keys(), (QStringList{"description", "manufacturer", "portName",
+                                            "serialNumber", "systemLocation"}));
+        EXPECT_TRUE(portLines[i].startsWith(port["systemLocation"].toString()))
+            << portLines[i].toStdString();
+    }
+    EXPECT_EQ(lidarutil({"ports", "extra"}).exitCode, 2);
 }
 
 TEST(Lidarutil, ReadJsonStaysMachineReadable) {

@@ -71,9 +71,19 @@ TEST(ManagerSettings, DefaultsPersistenceAndSetters) {
 
     fresh.set_baud_rate("abc");
     EXPECT_EQ(fresh.baud_rate(), "0");
+    QSignalSpy log(&fresh, &LidarUtilitiesManager::sendLogMessage);
     fresh.setUdpPort("4000");
-    EXPECT_THROW(fresh.setUdpPort("abc"), std::invalid_argument);
     EXPECT_EQ(fresh.getUdpPort(), "4000");
+    fresh.setUdpPort("70001 ports");  // the leading number, its low 16 bits
+    EXPECT_EQ(fresh.getUdpPort(), "4465");
+    EXPECT_TRUE(log.isEmpty());
+    fresh.setUdpPort("4000");
+    fresh.setUdpPort("abc");
+    fresh.setUdpPort("99999999999");
+    EXPECT_EQ(fresh.getUdpPort(), "4000") << "a text that is not a number changes nothing";
+    EXPECT_EQ(SpyTexts(log), (std::vector<std::string>{
+                                 "UDP port not changed: \"abc\" is not a number|ERROR",
+                                 "UDP port not changed: \"99999999999\" is out of range|ERROR"}));
     fresh.setIpAddress("10.1.2.3");
     EXPECT_FALSE(QFile::exists(testsupport::SettingsFilePath()))
         << "setters never write the settings file";

@@ -42,6 +42,11 @@ TEST(Reading, ModuleReadIsOneRequestPerGroupAndDecodesEveryType) {
         ASSERT_TRUE(s.Connect(lidar->Port()));
         ConfigParser* parser = s.m().getCurrentParser();
         const int monitor = s.m().getMonitorModuleIndex();
+        // On the network kind the kind-neutral lists are the generic ones.
+        EXPECT_EQ(s.m().catalogueLevel1List(), s.m().level1List());
+        EXPECT_EQ(s.m().catalogueLevel2List(), s.m().level2List());
+        EXPECT_EQ(s.m().catalogueVariableMap(), s.m().getMyMap());
+        EXPECT_TRUE(s.m().wrenLevel1List().isEmpty());
 
         for (int module = 0; module < static_cast<int>(parser->varTree.size()); ++module) {
             std::set<std::string> groups;
@@ -49,7 +54,7 @@ TEST(Reading, ModuleReadIsOneRequestPerGroupAndDecodesEveryType) {
                 for (const VarInfo* var : page)
                     if (!var->get_cmd.empty()) groups.insert(var->get_cmd + var->get_payload_text);
             const uint64_t before = totalRequests(*lidar);
-            s.m().GetLidarModuleInfo(module);
+            s.m().readModule(module);
             EXPECT_EQ(totalRequests(*lidar) - before, groups.size()) << "module " << module;
 
             if (module == monitor) continue;  // a monitor variant lays the block out its own way
@@ -105,6 +110,7 @@ TEST(Reading, PageTimerRefreshesTimerVariablesOnlyWhileIdle) {
     // The device's board temperature changes; the next refresh shows it.
     const VarInfo* temperature = s.m().getCurrentParser()->varTree[status][0][0];
     ASSERT_TRUE(temperature->timer_update);
+    EXPECT_TRUE(s.m().isTimerVariable(status, 0, 0));
     ASSERT_EQ(temperature->var_type, "int16");
     lidar->WriteBlock(0x40, {}, temperature->get_start_pos, {0x0F, 0xA0});
     ASSERT_TRUE(WaitFor([&] { return refreshes.load() > 0; }, 6000));
@@ -113,7 +119,9 @@ TEST(Reading, PageTimerRefreshesTimerVariablesOnlyWhileIdle) {
     for (const auto& [command, count] : lidar->RequestCounts())
         EXPECT_EQ(command, 0x40) << "only the timer block is refreshed";
 
+    EXPECT_TRUE(s.m().isDeviceLinkOpen());
     s.m().Stop();
+    EXPECT_FALSE(s.m().isDeviceLinkOpen());
     lidar->ResetCounters();
     WaitFor([] { return false; }, 3500);
     EXPECT_EQ(totalRequests(*lidar), 0u) << "no refresh after disconnecting";

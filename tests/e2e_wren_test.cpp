@@ -137,17 +137,29 @@ TEST(WrenSerial, PagesReadAndApplyOverTheSerialClient) {
     SerialWren wren;
     LidarUtilitiesManager& m = wren.m();
     ASSERT_TRUE(wren.Connect());
-    // The generic map serves the network kind only; the serial pages are the Wren's own.
+    // The generic map and lists serve the network kind only; the serial pages are the Wren's
+    // own, and the kind-neutral operations serve those.
     EXPECT_TRUE(m.getMyMap().isEmpty());
+    EXPECT_TRUE(m.level1List().isEmpty());
+    EXPECT_TRUE(m.level2List().isEmpty());
     EXPECT_EQ(m.wrenLevel1List(), (QVariantList{"Lidar Info", "Settings", "Upgrade"}));
-    m.WrenGetLidarModuleInfo(0);
+    EXPECT_EQ(m.catalogueLevel1List(), m.wrenLevel1List());
+    EXPECT_EQ(m.catalogueLevel2List(), m.wrenLevel2List());
+    EXPECT_EQ(m.catalogueLevel2List().size(), 3);
+    m.readModule(0);
     EXPECT_EQ(m.currentValueOf(Variable(m, "Serial Number")), "WR2407300216");
     EXPECT_EQ(m.currentValueOf(Variable(m, "Hardware Version")), "WRB-CORE-1.1.27");
     EXPECT_EQ(m.getWrenMyMap().size(), 3);
+    EXPECT_EQ(m.catalogueVariableMap(), m.getWrenMyMap());
+    // Fault State (row 6 of Lidar Info/Info) is the one value the page loop refreshes.
+    EXPECT_TRUE(m.isTimerVariable(0, 0, 6));
+    EXPECT_TRUE(m.isWrenTimerUpdate(0, 0, 6));
+    EXPECT_FALSE(m.isTimerUpdate(0, 0, 6));
+    EXPECT_FALSE(m.isTimerVariable(0, 0, 5));
 
     // Spin Rate (row 1 of Settings/Operation) to the option at index 2: 20.
     m.SetText(3, 1, 0, 1, "2");
-    m.WrenRun(1);
+    m.applyPage(1);
     EXPECT_TRUE(wren.session.Shown("success: Serial command [0x02] to set Spin Rate,  success."));
     EXPECT_EQ(wren.lidar->GetState().spinRate, 20);
     m.WrenGetLidarModuleInfo(1);
@@ -160,6 +172,9 @@ TEST(WrenSerial, PagesReadAndApplyOverTheSerialClient) {
     wren.lidar->SetFaultState(2, {0x0B0B, 0x0C0C});
     ASSERT_TRUE(WaitFor([&] { return refreshes.load() > 0; }, 6000));
     EXPECT_EQ(m.currentValueOf(Variable(m, "Fault State")), "2");
+    EXPECT_TRUE(m.isDeviceLinkOpen());
+    m.Stop();
+    EXPECT_FALSE(m.isDeviceLinkOpen());
 }
 
 TEST(WrenSerial, UpgradeIsReceivedWholeAndTheConnectionClosed) {

@@ -133,7 +133,9 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QString baud_rate() const;
     Q_INVOKABLE void set_baud_rate(QString rate);
     Q_INVOKABLE QString getUdpPort() const;
-    Q_INVOKABLE void setUdpPort(QString port);  // throws std::invalid_argument for non-numbers
+    // The text's leading number, truncated to 16 bits; a text that is not a number leaves the
+    // port unchanged and logs an ERROR line naming it.
+    Q_INVOKABLE void setUdpPort(QString port);
     Q_INVOKABLE QString getVrcClientHostPort() const;
     Q_INVOKABLE void setVrcClientHostPort(QString text);
     Q_INVOKABLE bool getEnableVrcClientHostPortUi() const;
@@ -370,6 +372,27 @@ class LidarUtilitiesManager : public QObject {
     std::shared_ptr<lidar::SerialSource> getRs485Source() const;
     std::shared_ptr<lidar::SerialSource> getUartSource() const;
 
+    // ---- The pages on every connection kind (device_pages.cpp) ----
+    // Ours, beside the design's operations above (which keep serving one kind each): a front end
+    // reads and writes the loaded model's pages through these whatever the connection kind, and
+    // the manager chooses the kind's operation.
+    Q_INVOKABLE QVariantList catalogueLevel1List();
+    Q_INVOKABLE QVariantList catalogueLevel2List();
+    Q_INVOKABLE QVariantList catalogueVariableMap();
+    Q_INVOKABLE bool isTimerVariable(int module, int page, int var) const;
+    // Reads one module over the kind's client; getLastModuleReadFailures() tells what failed.
+    Q_INVOKABLE void readModule(int module);
+    // Applies the staged edits of one level-1 page over the kind's client.
+    Q_INVOKABLE void applyPage(int page);
+    // Connected, and the kind's client is open.
+    Q_INVOKABLE bool isDeviceLinkOpen() const;
+
+    // ---- The machine's serial ports (serial_port_list.cpp) ----
+    // One map per serial port the system reports, for a connection view to offer: "portName",
+    // "systemLocation", "description", "manufacturer", "serialNumber" (empty when not known).
+    // Pseudo-terminals are not serial ports to the system and are not listed.
+    Q_INVOKABLE QVariantList availableSerialPorts() const;
+
     // ---- Log download (log_download.cpp) ----
     Q_INVOKABLE int DownloadLog(QUrl folder, QString name);
     Q_INVOKABLE int DownloadOperationLog(QUrl archive);
@@ -605,8 +628,18 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> logBytesFlow{false};
     std::atomic<int32_t> connectType{0};
 
-    // Placeholders shown before the first read of the serial models' information pages.
-    std::string wrenInfoTexts[5] = {"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
+    // The model information texts, placeholders until the lidar is read; the serial models'
+    // information pages show them. The first is those pages' own (a dotted version; nothing
+    // fills it, the design leaves the pages open), the other four are the Heron's version texts.
+    // Guarded by fieldsMutex_.
+    struct ModelInfoTexts {
+        std::string infoVersion = "xx.xx.xx.xx";
+        std::string heronBmbFpgaVersion = kUnknownHeronComponentVersion;
+        std::string heronTmbFpgaVersion = kUnknownHeronComponentVersion;
+        std::string heronBmbMcuVersion = kUnknownHeronComponentVersion;
+        std::string heronModelVersionText = kUnknownHeronComponentVersion;
+    };
+    ModelInfoTexts modelInfoTexts;
 
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
     std::vector<int> lastOperationLogResults;         // guarded by fieldsMutex_
@@ -614,12 +647,7 @@ class LidarUtilitiesManager : public QObject {
     uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
 
     // ---- Heron model state and steps (model_functions.cpp, heron_upgrade.cpp) ----
-    // The Heron version texts are the last four serial-model information texts: the same
-    // information pages show them. Guarded by fieldsMutex_.
-    std::string& heronBmbFpgaVersion = wrenInfoTexts[1];
-    std::string& heronTmbFpgaVersion = wrenInfoTexts[2];
-    std::string& heronBmbMcuVersion = wrenInfoTexts[3];
-    std::string& heronModelVersionText = wrenInfoTexts[4];
+    // The version texts are modelInfoTexts' heron* fields.
     void setHeronText(std::string& field, const std::string& text);
     QString heronText(const std::string& field) const;
     void readHeronModelVersionText(AuthorizedVrcClient& client);

@@ -210,9 +210,20 @@ QString LidarUtilitiesManager::getUdpPort() const {
 }
 
 void LidarUtilitiesManager::setUdpPort(QString port) {
-    // std::stoi raises std::invalid_argument for a text without a leading number; it leaves
-    // the stored port unchanged.
-    const int value = std::stoi(port.toStdString());
+    // The text's leading decimal number, its low 16 bits kept, as designed. A text without one
+    // (or one past the int range) leaves the port as it was: a property setter has no caller to
+    // throw to, so the log says it.
+    int value = 0;
+    const std::string text = port.toStdString();
+    try {
+        value = std::stoi(text);
+    } catch (const std::invalid_argument&) {
+        writeLogMessage("UDP port not changed: \"" + text + "\" is not a number", LogLevel::kError);
+        return;
+    } catch (const std::out_of_range&) {
+        writeLogMessage("UDP port not changed: \"" + text + "\" is out of range", LogLevel::kError);
+        return;
+    }
     std::lock_guard<std::mutex> lock(fieldsMutex_);
     udpPort = static_cast<uint16_t>(value);
 }

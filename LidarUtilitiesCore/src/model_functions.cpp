@@ -69,19 +69,19 @@ QString LidarUtilitiesManager::heronText(const std::string& field) const {
 }
 
 QString LidarUtilitiesManager::getHeronBmbFpgaVersion() const {
-    return heronText(heronBmbFpgaVersion);
+    return heronText(modelInfoTexts.heronBmbFpgaVersion);
 }
 
 QString LidarUtilitiesManager::getHeronTmbFpgaVersion() const {
-    return heronText(heronTmbFpgaVersion);
+    return heronText(modelInfoTexts.heronTmbFpgaVersion);
 }
 
 QString LidarUtilitiesManager::getHeronBmbMcuVersion() const {
-    return heronText(heronBmbMcuVersion);
+    return heronText(modelInfoTexts.heronBmbMcuVersion);
 }
 
 QString LidarUtilitiesManager::getHeronModelVersionText() const {
-    return heronText(heronModelVersionText);
+    return heronText(modelInfoTexts.heronModelVersionText);
 }
 
 // Bytes 72-87 of the device information, up to the first NUL.
@@ -94,7 +94,8 @@ void LidarUtilitiesManager::readHeronModelVersionText(AuthorizedVrcClient& clien
         const auto last = first + kModelVersionTextLength;
         text.assign(first, std::find(first, last, uint8_t{0}));
     }
-    setHeronText(heronModelVersionText, text.empty() ? kUnknownHeronComponentVersion : text);
+    setHeronText(modelInfoTexts.heronModelVersionText,
+                 text.empty() ? kUnknownHeronComponentVersion : text);
 }
 
 void LidarUtilitiesManager::HeronGetVersionInfo() {
@@ -104,9 +105,9 @@ void LidarUtilitiesManager::HeronGetVersionInfo() {
         readHeronModelVersionText(*client);
         if (getSelectLidarModel() == Heron_VRC_Str) {
             const std::pair<ComponentVersionGetter, std::string*> components[] = {
-                {&AuthorizedVrcClient::HeronGetBmbFpgaVersion, &heronBmbFpgaVersion},
-                {&AuthorizedVrcClient::HeronGetTmbFpgaVersion, &heronTmbFpgaVersion},
-                {&AuthorizedVrcClient::HeronGetBmbMcuVersion, &heronBmbMcuVersion}};
+                {&AuthorizedVrcClient::HeronGetBmbFpgaVersion, &modelInfoTexts.heronBmbFpgaVersion},
+                {&AuthorizedVrcClient::HeronGetTmbFpgaVersion, &modelInfoTexts.heronTmbFpgaVersion},
+                {&AuthorizedVrcClient::HeronGetBmbMcuVersion, &modelInfoTexts.heronBmbMcuVersion}};
             for (const auto& [getter, field] : components) {
                 std::string version;
                 const int ret = ((*client).*getter)(version);

@@ -1,0 +1,48 @@
+// The loaded model's pages on every connection kind. The design serves the network kind with
+// the generic operations and the serial kinds with their own (serial_pages.cpp); a front end
+// that should not care which kind it is connected over calls these, and the choice is made here.
+
+#include "lidar_utilities_manager.h"
+
+namespace {
+
+constexpr int kNetworkKind = 0;
+constexpr int kSerialLinesKind = 1;
+
+}  // namespace
+
+QVariantList LidarUtilitiesManager::catalogueLevel1List() {
+    return connectType.load() == kNetworkKind ? level1List() : wrenLevel1List();
+}
+
+QVariantList LidarUtilitiesManager::catalogueLevel2List() {
+    return connectType.load() == kNetworkKind ? level2List() : wrenLevel2List();
+}
+
+QVariantList LidarUtilitiesManager::catalogueVariableMap() {
+    return connectType.load() == kNetworkKind ? getMyMap() : getWrenMyMap();
+}
+
+bool LidarUtilitiesManager::isTimerVariable(int module, int page, int var) const {
+    // The page loop refreshes the timer variables on every kind.
+    return timerUpdateAt(module, page, var);
+}
+
+void LidarUtilitiesManager::readModule(int module) {
+    if (connectType.load() == kNetworkKind)
+        GetLidarModuleInfo(module);
+    else
+        WrenGetLidarModuleInfo(module);
+}
+
+void LidarUtilitiesManager::applyPage(int page) {
+    // VRC over a serial line applies as the network kind does, over its VRC client.
+    if (connectType.load() == kSerialLinesKind)
+        WrenRun(page);
+    else
+        Run(page);
+}
+
+bool LidarUtilitiesManager::isDeviceLinkOpen() const {
+    return isConnected.load() && deviceChannelOpen();
+}
