@@ -32,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "log_level.h"
 #include "records.h"
 #include "sdk/authorized_vrc_client.h"
 #include "sdk/config_parser.h"
@@ -43,8 +44,9 @@ class SerialSource;
 class SerialClient;
 }  // namespace lidar
 
-struct ConsoleTexts;
 struct SetChannel;
+class CommandConsole;
+class ManagerViews;
 struct ManagerTestAccess;
 class QFile;
 class QTextStream;
@@ -160,9 +162,7 @@ class LidarUtilitiesManager : public QObject {
     // for a front end that owns standard output; any thread may call it.
     static void setDeveloperLineSink(std::function<void(const std::string& line)> sink);
     void writeLogMessage(const std::string& message, const std::string& level);
-    // The log's levels inside the manager; their texts ("INFO", ...) exist only where a line
-    // leaves it, in sendLogMessage.
-    enum class LogLevel { kInfo, kWarning, kError, kBytes };
+    using LogLevel = ::LogLevel;
     void writeLogMessage(const std::string& message, LogLevel level);
     Q_INVOKABLE void showErrorMessage(const QString& text);
     Q_INVOKABLE void showSuccessMessage(const QString& text);
@@ -304,7 +304,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList getFovList() const;
     Q_INVOKABLE void SetMultiFovConfig(int index, QString value);
 
-    // ---- Command console (console.cpp) ----
+    // ---- Command console (command_console.cpp) ----
     Q_INVOKABLE void SendCommand(QString header, QString payload);
     Q_INVOKABLE void SendSerialCommand(QString header, QString payload);
     Q_INVOKABLE void SendVrcSerialCommand(QString header, QString payload);
@@ -515,11 +515,6 @@ class LidarUtilitiesManager : public QObject {
                            bool update);
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
-    using ConsoleExchange = std::function<int(uint8_t, const u8Array_t&, u8Array_t&)>;
-    std::optional<uint8_t> exchangeConsoleCommand(const QString& header, const QString& payload,
-                                                  const ConsoleTexts& texts,
-                                                  const ConsoleExchange& exchange);
-    void setConsoleReply(const std::string& header, const std::string& payload);
     void clearStagingOnOwnerThread();
     void startMonitorRefreshLoop();
     void clearMonitorFlags();
@@ -594,8 +589,6 @@ class LidarUtilitiesManager : public QObject {
     // Connection settings, guarded by fieldsMutex_.
     std::string ipAddress = "192.168.1.201";
     std::string vrcPort = "9347";
-    std::string sendVrcCommandReturnHeader;
-    std::string sendVrcCommandReturnPayload;
     std::string serialPort485 = "/dev/ttyUSB0";
     std::string serialPort232 = "/dev/ttyUSB1";
     uint32_t pointCloudBaudRate = 3000000;
@@ -663,12 +656,6 @@ class LidarUtilitiesManager : public QObject {
     // Tells a Heron upgrade ended before its plan was through: what the lidar holds and what to do.
     void reportHeronUpgradeCut(const std::vector<HeronUpgradePlanEntry>& plan, size_t completed);
 
-    // Command history, newest first, at most ten (UI thread only).
-    QList<SendCmdRecord> sendCmdHistory;
-    // The history file's last load could not read it whole: the next write moves it aside first,
-    // so that records it may still hold are never overwritten (UI thread only).
-    bool historyFileUnreadable = false;
-    bool historyLoaded = true;  // the last load read the file whole (UI thread only)
     // Set by the destructor: wakes the workers' waits so that they end at once.
     std::atomic<bool> closing_{false};
     // Counts the calls of Stop (under closingMutex_, which wakes the upgrade's pauses); the
@@ -724,4 +711,9 @@ class LidarUtilitiesManager : public QObject {
     mutable std::mutex fieldsMutex_;
     mutable std::mutex clientMutex_;
     mutable std::recursive_mutex catalogueMutex_;
+
+    // The subsystems, and the views through which they reach what they do not own. Declared
+    // last: they are destroyed first, after the destructor has stopped every worker.
+    std::unique_ptr<ManagerViews> views_;
+    std::unique_ptr<CommandConsole> console_;
 };

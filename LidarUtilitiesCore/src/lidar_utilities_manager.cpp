@@ -10,7 +10,9 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "command_console.h"
 #include "developer_log.h"
+#include "manager_views.h"
 
 namespace {
 
@@ -73,7 +75,15 @@ void LidarUtilitiesManager::initInstance(uint8_t tag, std::string configPath) {
 }
 
 LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath)
-    : QObject(nullptr), creationTag(tag), currentConfigPath(std::move(configPath)) {
+    : QObject(nullptr),
+      creationTag(tag),
+      currentConfigPath(std::move(configPath)),
+      views_(std::make_unique<ManagerViews>(*this)),
+      console_(std::make_unique<CommandConsole>(*views_, *views_, *views_)) {
+    // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
+    // before the subsystem was split out.
+    connect(console_.get(), &CommandConsole::historyChanged, this,
+            &LidarUtilitiesManager::sendCommandHistoryChanged, Qt::DirectConnection);
     readSettings();
     emit initInfoChanged();
 }
@@ -254,16 +264,6 @@ void LidarUtilitiesManager::setSelectLidarModel(std::string model) {
 
 void LidarUtilitiesManager::setIsDownloadLog(bool downloading) {
     if (isDownloadLog.exchange(downloading) != downloading) emit isDownloadLogChanged();
-}
-
-QString LidarUtilitiesManager::getSendVrcCommandReturnHeader() const {
-    std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return QString::fromStdString(sendVrcCommandReturnHeader);
-}
-
-QString LidarUtilitiesManager::getSendVrcCommandReturnPayload() const {
-    std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return QString::fromStdString(sendVrcCommandReturnPayload);
 }
 
 std::string LidarUtilitiesManager::getCurrentConfigPath() const {

@@ -1,0 +1,43 @@
+#include "manager_views.h"
+
+#include "lidar_utilities_manager.h"
+
+int ManagerViews::connectionKind() const {
+    return manager_.getConnectType();
+}
+
+bool ManagerViews::linkConnected() const {
+    return manager_.getIsConnected();
+}
+
+std::shared_ptr<AuthorizedVrcClient> ManagerViews::vrcClient() const {
+    return manager_.getAuthorizedClient();
+}
+
+std::shared_ptr<lidar::SerialClient> ManagerViews::serialClient() const {
+    return manager_.getSerialClient();
+}
+
+void ManagerViews::stopLink() {
+    manager_.Stop();
+}
+
+bool ManagerViews::upgrading() const {
+    return manager_.getIsUpgrading();
+}
+
+bool ManagerViews::downloadingLog() const {
+    return manager_.getIsDownloadLog();
+}
+
+void ManagerViews::log(const std::string& line, LogLevel level) {
+    manager_.writeLogMessage(line, level);
+}
+
+void ManagerViews::showError(const QString& text) {
+    manager_.showErrorMessage(text);
+}
+
+void ManagerViews::showSuccess(const QString& text) {
+    manager_.showSuccessMessage(text);
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+// The views that the subsystems split out of the manager so far reach the rest through: each
+// answers from the façade's interface, until the subsystem that owns that state implements the
+// view itself.
+
+#include "subsystem_views.h"
+
+class LidarUtilitiesManager;
+
+class ManagerViews : public DeviceLinkView, public BusyView, public UserMessageSink {
+  public:
+    explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
+
+    int connectionKind() const override;
+    bool linkConnected() const override;
+    std::shared_ptr<AuthorizedVrcClient> vrcClient() const override;
+    std::shared_ptr<lidar::SerialClient> serialClient() const override;
+    void stopLink() override;
+
+    bool upgrading() const override;
+    bool downloadingLog() const override;
+
+    void log(const std::string& line, LogLevel level) override;
+    void showError(const QString& text) override;
+    void showSuccess(const QString& text) override;
+
+  private:
+    LidarUtilitiesManager& manager_;
+};
