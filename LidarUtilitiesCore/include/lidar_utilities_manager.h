@@ -47,6 +47,7 @@ class SerialClient;
 struct SetChannel;
 class CommandConsole;
 class ManagerViews;
+class UserMessages;
 struct ManagerTestAccess;
 class QFile;
 class QTextStream;
@@ -170,7 +171,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE void setSuccessMsg(QString text);
     Q_INVOKABLE QString getErrorMessage() const;
     Q_INVOKABLE QString getSuccessMessage() const;
-    Q_INVOKABLE void SetLogBytesFlowStatus(bool on) { logBytesFlow.store(on); }
+    Q_INVOKABLE void SetLogBytesFlowStatus(bool on);
     void logMessageHandler(const std::string& line);
     void setVrcClientLogCallback();
 
@@ -607,9 +608,6 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> connecting{false};
     std::atomic<bool> isUpgrading{false};
 
-    QString errorMessage;    // guarded by fieldsMutex_
-    QString successMessage;  // guarded by fieldsMutex_
-
     std::atomic<bool> isDownloadLog{false};
 
     std::string selectLidarModel;  // guarded by fieldsMutex_
@@ -618,7 +616,6 @@ class LidarUtilitiesManager : public QObject {
 
     std::atomic<int32_t> upgradeProgress{0};
     std::atomic<int32_t> upgradeProgressTotalLen{1};
-    std::atomic<bool> logBytesFlow{false};
     std::atomic<int32_t> connectType{0};
 
     // The model information texts, placeholders until the lidar is read; the serial models'
@@ -715,5 +712,6 @@ class LidarUtilitiesManager : public QObject {
     // The subsystems, and the views through which they reach what they do not own. Declared
     // last: they are destroyed first, after the destructor has stopped every worker.
     std::unique_ptr<ManagerViews> views_;
+    std::unique_ptr<UserMessages> messages_;
     std::unique_ptr<CommandConsole> console_;
 };

@@ -16,6 +16,7 @@
 #include "sdk/serial_client.h"
 #include "sdk/serial_source.h"
 #include "sdk/vrc_client.h"
+#include "user_messages.h"
 
 namespace {
 
@@ -488,11 +489,11 @@ bool LidarUtilitiesManager::CheckLidarConnection() {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
     if (!client || !client->IsOpen()) return false;
     // The probe would fill the log with its bytes.
-    const bool bytesFlowWasOn = logBytesFlow.exchange(false);
+    const bool bytesFlowWasOn = messages_->suspendByteFlow();
     u8Array_t reply;
     bool alive = client->QueryCommand({}, reply, kDeviceInfoCommand, false) == 0;
     if (!alive) alive = client->QueryCommand({}, reply, kNetworkConfigCommand, false) == 0;
-    if (bytesFlowWasOn) logBytesFlow.store(true);
+    messages_->restoreByteFlow(bytesFlowWasOn);
     return alive;
 }
 

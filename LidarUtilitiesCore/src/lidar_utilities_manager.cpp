@@ -13,25 +13,7 @@
 #include "command_console.h"
 #include "developer_log.h"
 #include "manager_views.h"
-
-namespace {
-
-// The design's level texts, as the UI receives them with each log line.
-const char* logLevelText(LidarUtilitiesManager::LogLevel level) {
-    switch (level) {
-        case LidarUtilitiesManager::LogLevel::kInfo:
-            return "INFO";
-        case LidarUtilitiesManager::LogLevel::kWarning:
-            return "WARNING";
-        case LidarUtilitiesManager::LogLevel::kError:
-            return "ERROR";
-        case LidarUtilitiesManager::LogLevel::kBytes:
-            return "BYTES";
-    }
-    return "INFO";
-}
-
-}  // namespace
+#include "user_messages.h"
 
 LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
 std::once_flag LidarUtilitiesManager::init_instance_flag_;
@@ -79,9 +61,16 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       creationTag(tag),
       currentConfigPath(std::move(configPath)),
       views_(std::make_unique<ManagerViews>(*this)),
-      console_(std::make_unique<CommandConsole>(*views_, *views_, *views_)) {
+      messages_(std::make_unique<UserMessages>(*views_, *views_)),
+      console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
+    connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
+            Qt::DirectConnection);
+    connect(messages_.get(), &UserMessages::errorChanged, this,
+            &LidarUtilitiesManager::errorMessageChanged, Qt::DirectConnection);
+    connect(messages_.get(), &UserMessages::successChanged, this,
+            &LidarUtilitiesManager::successMessageChanged, Qt::DirectConnection);
     connect(console_.get(), &CommandConsole::historyChanged, this,
             &LidarUtilitiesManager::sendCommandHistoryChanged, Qt::DirectConnection);
     readSettings();
@@ -303,63 +292,43 @@ void LidarUtilitiesManager::setDeveloperLineSink(
 }
 
 void LidarUtilitiesManager::writeLogMessage(const std::string& message, const std::string& level) {
-    emit sendLogMessage(QString::fromStdString(message), QString::fromStdString(level));
+    messages_->logWithLevelText(message, level);
 }
 
 void LidarUtilitiesManager::writeLogMessage(const std::string& message, LogLevel level) {
-    writeLogMessage(message, logLevelText(level));
+    messages_->log(message, level);
 }
 
 void LidarUtilitiesManager::showErrorMessage(const QString& text) {
-    {
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        errorMessage = text;
-    }
-    emit errorMessageChanged();
+    messages_->showError(text);
 }
 
 void LidarUtilitiesManager::showSuccessMessage(const QString& text) {
-    {
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        successMessage = text;
-    }
-    emit successMessageChanged();
+    messages_->showSuccess(text);
 }
 
 void LidarUtilitiesManager::setErrorMsg(QString text) {
-    {
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        errorMessage = text;
-    }
-    // The UI clears a shown message with "" and needs no notification for that.
-    if (!text.isEmpty()) emit errorMessageChanged();
+    messages_->setError(text);
 }
 
 void LidarUtilitiesManager::setSuccessMsg(QString text) {
-    {
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        successMessage = text;
-    }
-    if (!text.isEmpty()) emit successMessageChanged();
+    messages_->setSuccess(text);
 }
 
 QString LidarUtilitiesManager::getErrorMessage() const {
-    std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return errorMessage;
+    return messages_->error();
 }
 
 QString LidarUtilitiesManager::getSuccessMessage() const {
-    std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return successMessage;
+    return messages_->success();
+}
+
+void LidarUtilitiesManager::SetLogBytesFlowStatus(bool on) {
+    messages_->setByteFlow(on);
 }
 
 void LidarUtilitiesManager::logMessageHandler(const std::string& line) {
-    const int kind = connectType.load();
-    // An upgrade over a VRC connection would flood the log with its data frames.
-    if (isUpgrading.load() && (kind == 0 || kind == 2)) return;
-    if (isDownloadLog.load()) return;
-    if (!logBytesFlow.load()) return;
-    writeLogMessage(line, LogLevel::kBytes);
+    messages_->deviceBytes(line);
 }
 
 void LidarUtilitiesManager::setVrcClientLogCallback() {

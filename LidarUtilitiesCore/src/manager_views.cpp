@@ -29,15 +29,3 @@ bool ManagerViews::upgrading() const {
 bool ManagerViews::downloadingLog() const {
     return manager_.getIsDownloadLog();
 }
-
-void ManagerViews::log(const std::string& line, LogLevel level) {
-    manager_.writeLogMessage(line, level);
-}
-
-void ManagerViews::showError(const QString& text) {
-    manager_.showErrorMessage(text);
-}
-
-void ManagerViews::showSuccess(const QString& text) {
-    manager_.showSuccessMessage(text);
-}

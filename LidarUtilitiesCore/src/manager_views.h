@@ -8,7 +8,7 @@
 
 class LidarUtilitiesManager;
 
-class ManagerViews : public DeviceLinkView, public BusyView, public UserMessageSink {
+class ManagerViews : public DeviceLinkView, public BusyView {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
 
@@ -20,10 +20,6 @@ class ManagerViews : public DeviceLinkView, public BusyView, public UserMessageS
 
     bool upgrading() const override;
     bool downloadingLog() const override;
-
-    void log(const std::string& line, LogLevel level) override;
-    void showError(const QString& text) override;
-    void showSuccess(const QString& text) override;
 
   private:
     LidarUtilitiesManager& manager_;
