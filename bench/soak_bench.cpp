@@ -41,6 +41,7 @@
 #include <vector>
 
 #include "lidar_utilities_manager.h"
+#include "sdk/logger.h"
 #include "sdk/vrc_client.h"
 
 namespace {
@@ -660,16 +661,11 @@ int main(int argc, char** argv) {
         std::perror("soak_bench: fork");
         return 2;
     }
-    // The developer and log lines of the manager and the SDK would bury the report: they go
-    // nowhere while it runs.
-    std::fflush(stdout);
-    std::fflush(stderr);
-    const int reportFd = ::dup(STDOUT_FILENO);
-    const int errorFd = ::dup(STDERR_FILENO);
-    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ::dup2(nowhere, STDOUT_FILENO);
-    ::dup2(nowhere, STDERR_FILENO);
-    ::close(nowhere);
+    // The developer lines of the manager, the SDK's log and Qt's warnings would bury the report:
+    // they go nowhere while it runs.
+    LidarUtilitiesManager::setDeveloperLineSink([](const std::string&) {});
+    Logger::GetInstance().SetOutputFile("-");
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     ManagerFigures figures(args.seconds);
     {
         QCoreApplication app(argc, argv);
@@ -679,15 +675,12 @@ int main(int argc, char** argv) {
                 bare.Kill();
                 simulator.Kill();
             },
-            reportFd);
+            STDOUT_FILENO);
         figures = soak.Run();
     }
-    std::fflush(stdout);
-    std::fflush(stderr);
-    ::dup2(reportFd, STDOUT_FILENO);
-    ::dup2(errorFd, STDERR_FILENO);
-    ::close(reportFd);
-    ::close(errorFd);
+    qInstallMessageHandler(nullptr);
+    Logger::GetInstance().SetOutputFile("");
+    LidarUtilitiesManager::setDeveloperLineSink({});
     Sample bareWarm, bareEnd;
     const bool bareComplete = bare.Finish(bareWarm, bareEnd);
     const std::string simulatorLines = simulator.Stop();
