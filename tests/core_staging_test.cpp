@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <QSignalSpy>
+#include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "lidar_utilities_manager.h"
@@ -124,6 +127,39 @@ TEST_F(StagingTest, SwitchLinkAndMisconfiguredRows) {
                   "config file error, Please check the configuration of type 2 of Broken "
                   "Link|ERROR",
                   other, other}));
+}
+
+// The window stages and applies from a worker thread while the UI thread reads and clears: the
+// staging and the field-of-view table hold under that (and under ThreadSanitizer).
+TEST_F(StagingTest, StagingIsSafeAcrossThreads) {
+    std::atomic<bool> staging{true};
+    std::thread worker([this, &staging] {
+        for (int i = 0; i < 50000; ++i) {
+            manager_.SetText(1, 0, 0, 0, i % 2 ? "10.0.0.1" : "10.0.0.2");  // 0x21
+            manager_.SetText(1, 1, 0, 0, i % 2 ? "1" : "2");                // 0x22
+            manager_.SetMultiFovConfig(0, i % 2 ? "10" : "20");             // 0x22
+        }
+        staging.store(false);
+    });
+    unsigned long mostCommands = 0;
+    size_t mostEdited = 0;
+    while (staging.load()) {
+        mostCommands = std::max(mostCommands, manager_.getSetMapSize());
+        mostEdited = std::max(mostEdited, manager_.getEditedVarCount());
+        EXPECT_EQ(manager_.getFovList().size(), 10);
+        manager_.ClearSetMap();
+    }
+    worker.join();
+    EXPECT_LE(mostCommands, 2u);
+    EXPECT_LE(mostEdited, 2u);
+
+    manager_.ClearSetMap();
+    manager_.SetText(1, 0, 0, 0, "10.0.0.3");
+    manager_.SetText(1, 1, 0, 0, "3");
+    EXPECT_EQ(manager_.getSetMapSize(), 2u);
+    EXPECT_EQ(manager_.getEditedVarCount(), 2u);
+    EXPECT_EQ(valueOf("Ip Address"), "10.0.0.3");
+    EXPECT_EQ(FovTexts(manager_)[0], "10.0");  // the worker's last bound
 }
 
 TEST(CoreWriteBackText, SubCommandBytesAndNameCases) {

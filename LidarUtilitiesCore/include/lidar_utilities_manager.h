@@ -44,8 +44,9 @@ class SerialSource;
 class SerialClient;
 }  // namespace lidar
 
-struct SetChannel;
 class CommandConsole;
+class EditStaging;
+class FieldOfView;
 class ManagerViews;
 class UserMessages;
 struct ManagerTestAccess;
@@ -292,7 +293,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE int getMonitorRecordRowCount() const { return monitorRecordRows.load(); }
     Q_INVOKABLE int getModuleIndexUse() const { return moduleIndexUse.load(); }
 
-    // ---- Edit staging and applying (write_back.cpp) ----
+    // ---- Edit staging and applying (edit_staging.cpp) ----
     Q_INVOKABLE void SetText(int type, int page, int group, int row, QString text);
     Q_INVOKABLE unsigned long getSetMapSize() const;
     Q_INVOKABLE void ClearSetMap();
@@ -301,7 +302,7 @@ class LidarUtilitiesManager : public QObject {
     size_t getEditedVarCount() const;
     Q_INVOKABLE void Run(int page);
 
-    // ---- Channel field of view (model_functions.cpp) ----
+    // ---- Channel field of view (field_of_view.cpp) ----
     Q_INVOKABLE QVariantList getFovList() const;
     Q_INVOKABLE void SetMultiFovConfig(int index, QString value);
 
@@ -367,6 +368,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList wrenLevel1List();
     Q_INVOKABLE QVariantList wrenLevel2List();
     Q_INVOKABLE bool isWrenTimerUpdate(int module, int page, int var) const;
+    // Applies through the edit staging (edit_staging.cpp).
     Q_INVOKABLE void WrenRun(int page);
     // The serial client of kind 1 and its two lines, or null.
     std::shared_ptr<lidar::SerialClient> getSerialClient() const;
@@ -489,10 +491,7 @@ class LidarUtilitiesManager : public QObject {
     QVariantList buildVariableMap();
     void buildPageLists(QVariantList& level1, QVariantList& level2) const;
 
-    // Run's steps from the busy checks on, over the given client.
-    void applyStagedEdits(int page, const SetChannel& channel);
     void resetSerialNumberTexts();
-    void resetFovTable();
     int sendDeviceCommand(const char* variableName, const char* fallbackName,
                           const QString& notFoundName, const QString& notFoundCommand);
     void logToSdkLogger(int line, const char* function, const std::string& message);
@@ -516,7 +515,6 @@ class LidarUtilitiesManager : public QObject {
                            bool update);
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
-    void clearStagingOnOwnerThread();
     void startMonitorRefreshLoop();
     void clearMonitorFlags();
     void recordOneRow(QTextStream& stream);
@@ -540,6 +538,8 @@ class LidarUtilitiesManager : public QObject {
 
     // A test hook (tests/manager_test_access.h): states a test cannot reach cheaply otherwise.
     friend struct ManagerTestAccess;
+    // Answers the subsystems' views of the parts not split yet from their state.
+    friend class ManagerViews;
 
     // ---- Fields shared by several subsystems, in declaration order ----
     static LidarUtilitiesManager* instance_;
@@ -555,13 +555,6 @@ class LidarUtilitiesManager : public QObject {
     QVariantList myMapCache;
     bool uiListsValid = false;
     bool myMapValid = false;
-
-    // Edit staging (UI thread only).
-    std::map<std::string, bool> setMap;
-    std::map<VarInfo*, bool> editedVarMap;
-    // The variables whose value the user typed since the last write; only these are encoded
-    // from text, every other field of a command is sent back as the lidar returned it.
-    std::set<const VarInfo*> typedVars_;
 
     std::atomic<int32_t> upgradeMode{0};
     std::atomic<bool> isGetPBLVersion{false};
@@ -596,11 +589,6 @@ class LidarUtilitiesManager : public QObject {
     const uint32_t rs485LineRate = 115200;
     const uint32_t uartLineRate = 9600;
     uint16_t udpPort = 2368;
-
-    // Channel field of view (degrees): starts of regions 1-5, then their ends.
-    static constexpr std::array<float, 10> kDefaultFovTable = {0,   0,   0,   0,   0,
-                                                               360, 360, 360, 360, 360};
-    std::array<float, 10> fovTable = kDefaultFovTable;  // guarded by fieldsMutex_
 
     std::atomic<int> connectBaudRateResult_{0};
 
@@ -714,4 +702,6 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<ManagerViews> views_;
     std::unique_ptr<UserMessages> messages_;
     std::unique_ptr<CommandConsole> console_;
+    std::unique_ptr<EditStaging> staging_;
+    std::unique_ptr<FieldOfView> fov_;
 };

@@ -12,6 +12,7 @@
 
 #include "command_text.h"
 #include "developer_log.h"
+#include "field_of_view.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/feature_config_parser.h"
 
@@ -334,13 +335,7 @@ int LidarUtilitiesManager::readGroupFromLidar(
         count = std::clamp(count, 0, kFovRegions);
         reply = fovBlock(values, count, mode);
         if (update) {
-            {
-                std::lock_guard<std::mutex> lock(fieldsMutex_);
-                for (int i = 0; i < count; ++i) {
-                    fovTable[i] = values[i];
-                    fovTable[kFovRegions + i] = values[count + i];
-                }
-            }
+            fov_->storeReported(values, count);
             emit fovConfigChanged();
         }
     } else {

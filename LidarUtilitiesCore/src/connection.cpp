@@ -11,6 +11,8 @@
 
 #include "command_text.h"
 #include "developer_log.h"
+#include "edit_staging.h"
+#include "field_of_view.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/auth_config.h"
 #include "sdk/serial_client.h"
@@ -506,17 +508,6 @@ void LidarUtilitiesManager::resetSerialNumberTexts() {
         if (var->var_type == "SN") var->current_val = "xxxxxxxx";
 }
 
-// The staged edits belong to the UI thread (unlocked). A worker that stops the connection (the
-// upgrade's outcome, its restart request) leaves the clearing to that thread's event loop.
-void LidarUtilitiesManager::clearStagingOnOwnerThread() {
-    if (QThread::currentThread() == thread()) {
-        ClearSetMap();
-        return;
-    }
-    QMetaObject::invokeMethod(
-        this, [this] { ClearSetMap(); }, Qt::QueuedConnection);
-}
-
 // Clears both monitor flags and wakes the threads' waits, so that they end within moments.
 void LidarUtilitiesManager::clearMonitorFlags() {
     {
@@ -550,10 +541,10 @@ void LidarUtilitiesManager::Stop() {
                 joinThread(pagesTimerThread);
                 resetSerialNumberTexts();
                 setAuthorizedClient(nullptr);
-                clearStagingOnOwnerThread();
+                staging_->clearOnOwnerThread();
                 emit isConnectedChanged();
                 notifyMyMapChanged();
-                resetFovTable();
+                fov_->reset();
                 writeLogMessage("Lidar disconnected", LogLevel::kInfo);
                 break;
             case 1:

@@ -12,6 +12,8 @@
 
 #include "command_console.h"
 #include "developer_log.h"
+#include "edit_staging.h"
+#include "field_of_view.h"
 #include "manager_views.h"
 #include "user_messages.h"
 
@@ -62,7 +64,9 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       currentConfigPath(std::move(configPath)),
       views_(std::make_unique<ManagerViews>(*this)),
       messages_(std::make_unique<UserMessages>(*views_, *views_)),
-      console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)) {
+      console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)),
+      staging_(std::make_unique<EditStaging>(*views_, *views_, *views_, *messages_)),
+      fov_(std::make_unique<FieldOfView>(*staging_, *messages_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
     connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
@@ -73,6 +77,8 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::successMessageChanged, Qt::DirectConnection);
     connect(console_.get(), &CommandConsole::historyChanged, this,
             &LidarUtilitiesManager::sendCommandHistoryChanged, Qt::DirectConnection);
+    connect(fov_.get(), &FieldOfView::fovConfigChanged, this,
+            &LidarUtilitiesManager::fovConfigChanged, Qt::DirectConnection);
     readSettings();
     emit initInfoChanged();
 }

@@ -8,7 +8,7 @@
 
 class LidarUtilitiesManager;
 
-class ManagerViews : public DeviceLinkView, public BusyView {
+class ManagerViews : public DeviceLinkView, public BusyView, public CatalogueEditView {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
 
@@ -20,6 +20,15 @@ class ManagerViews : public DeviceLinkView, public BusyView {
 
     bool upgrading() const override;
     bool downloadingLog() const override;
+
+    bool catalogueLoaded() const override;
+    VarInfo* variableAt(int page, int group, int row) const override;
+    std::optional<VarGroups> pageGroups(int page) const override;
+    std::vector<VarInfo*> variablesOfSetCommand(const std::string& setCmd) const override;
+    bool replaceCurrentValue(VarInfo& var, const std::string& text) override;
+    std::string currentValue(const VarInfo& var) const override;
+    void readBack(std::vector<VarInfo*>& group, BytesByName& bytes) override;
+    int queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) override;
 
   private:
     LidarUtilitiesManager& manager_;

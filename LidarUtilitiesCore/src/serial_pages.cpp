@@ -6,7 +6,6 @@
 
 #include "lidar_utilities_manager.h"
 #include "sdk/serial_client.h"
-#include "set_channel.h"
 
 namespace {
 
@@ -87,27 +86,4 @@ QVariantList LidarUtilitiesManager::wrenLevel2List() {
 
 bool LidarUtilitiesManager::isWrenTimerUpdate(int module, int page, int var) const {
     return isSerialKind(connectType.load()) && timerUpdateAt(module, page, var);
-}
-
-// ---- Applying ----
-
-void LidarUtilitiesManager::WrenRun(int page) {
-    // The VRC-over-serial kind applies as the network kind does, over its VRC client.
-    if (connectType.load() != 1) {
-        Run(page);
-        return;
-    }
-    if (currentParser == nullptr || varTree == nullptr) return;
-    std::shared_ptr<lidar::SerialClient> client = getSerialClient();
-    if (!client || !client->IsOpen() || !isConnected.load()) {
-        showErrorMessage("Please connect to lidar first");
-        return;
-    }
-    SetChannel channel;
-    channel.protocol = "Serial";
-    channel.query = [this](uint8_t command, const u8Array_t& payload, u8Array_t& reply) {
-        return queryDevice(command, payload, reply);
-    };
-    channel.lastCode = [client] { return client->GetLastReturnCode(); };
-    applyStagedEdits(page, channel);
 }

@@ -5,15 +5,21 @@
 // façade's fields. docs/architecture.md draws the whole picture.
 
 #include <QString>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "log_level.h"
+#include "sdk/types.h"
 
 class AuthorizedVrcClient;
 namespace lidar {
 class SerialClient;
 }
+struct VarInfo;
 
 // The current device link: its kind, whether it is up, and its clients. Clients are shared
 // pointers: a caller keeps its copy alive for the length of its exchange, whatever Stop does
@@ -47,4 +53,36 @@ class UserMessageSink {
     virtual void log(const std::string& line, LogLevel level) = 0;
     virtual void showError(const QString& text) = 0;
     virtual void showSuccess(const QString& text) = 0;
+};
+
+// The loaded catalogue as the edit staging edits and applies it. A variable pointer stays valid
+// for the manager's life: parsers are never freed.
+class CatalogueEditView {
+  public:
+    using VarGroups = std::vector<std::vector<VarInfo*>>;
+    using BytesByName = std::unordered_map<std::string, std::vector<uint8_t>>;
+
+    virtual ~CatalogueEditView() = default;
+    virtual bool catalogueLoaded() const = 0;
+    // The variable at a row of the tree, or null: no model, or a position outside the tree.
+    virtual VarInfo* variableAt(int page, int group, int row) const = 0;
+    // The variable groups of a level-1 page; nullopt without a model or outside the tree.
+    virtual std::optional<VarGroups> pageGroups(int page) const = 0;
+    // Every variable the set command carries, in payload order.
+    virtual std::vector<VarInfo*> variablesOfSetCommand(const std::string& setCmd) const = 0;
+    // Takes the text unless the variable holds it already; true when it changed.
+    virtual bool replaceCurrentValue(VarInfo& var, const std::string& text) = 0;
+    virtual std::string currentValue(const VarInfo& var) const = 0;
+    // Reads what the lidar holds for the group into `bytes` (by variable name); the texts stay.
+    virtual void readBack(std::vector<VarInfo*>& group, BytesByName& bytes) = 0;
+    // A request of the catalogue over the connection kind's client: the reply's payload.
+    virtual int queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) = 0;
+};
+
+// Where an edit made outside the catalogue's rows (the field-of-view table) marks its set
+// command to go out with the next apply.
+class EditStagingSink {
+  public:
+    virtual ~EditStagingSink() = default;
+    virtual void stageCommand(const std::string& setCmd) = 0;
 };

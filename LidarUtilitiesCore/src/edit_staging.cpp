@@ -1,7 +1,10 @@
-// Settings write-back: staging the user's edits (SetText) and applying the staged set commands of
-// one page to the lidar (Run).
+// The edit staging (edit_staging.h): staging the user's edits and applying the staged set
+// commands of one page to the lidar.
+
+#include "edit_staging.h"
 
 #include <QStringList>
+#include <QThread>
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -17,15 +20,15 @@
 
 #include "command_text.h"
 #include "developer_log.h"
+#include "field_of_view.h"
 #include "lidar_utilities_manager.h"
+#include "sdk/serial_client.h"
 #include "sdk/text_fields.h"
 #include "sdk/vrc_client.h"
 #include "set_channel.h"
 #include "value_parsers.h"
 
 namespace {
-
-using LogLevel = LidarUtilitiesManager::LogLevel;
 
 // Texts the user sees, kept whole so they can be found as written.
 // clang-format off
@@ -36,7 +39,7 @@ const char* const kNetworkSetNote = "Set Lidar Successfully\nNote that if you ha
 const std::string kNetworkSetCmd = "0x21";
 const std::string kFovSetCmd = "0x22";
 
-using BytesByName = std::unordered_map<std::string, std::vector<uint8_t>>;
+using BytesByName = CatalogueEditView::BytesByName;
 using VarGroup = std::vector<VarInfo*>;
 
 // The set commands of one page that have staged edits, in the order they are sent.
@@ -45,9 +48,9 @@ struct SetCommandPlan {
     std::vector<std::string> sendList;
 };
 
-SetCommandPlan planStagedCommands(const std::vector<std::vector<VarInfo*>>& page,
+SetCommandPlan planStagedCommands(const CatalogueEditView::VarGroups& page,
                                   const std::map<std::string, bool>& setMap,
-                                  const ConfigParser& parser) {
+                                  const CatalogueEditView& catalogue) {
     SetCommandPlan plan;
     bool networkStaged = false;
     for (const auto& group : page) {
@@ -57,7 +60,7 @@ SetCommandPlan planStagedCommands(const std::vector<std::vector<VarInfo*>>& page
                 continue;
             }
             // A command carries every field of its payload, not only the edited ones.
-            plan.groups[setCmd] = parser.GetVarInfosBySetCmd(setCmd);
+            plan.groups[setCmd] = catalogue.variablesOfSetCommand(setCmd);
             if (setCmd == kNetworkSetCmd) {
                 networkStaged = true;
             } else {
@@ -107,13 +110,18 @@ std::string hexText(const std::vector<uint8_t>& bytes) {
 // Sends the planned set commands one after the other; the first failure ends the run.
 class StagedCommandSender {
   public:
-    using ValueReader = std::function<std::string(const VarInfo*)>;
+    struct Parts {
+        DeviceLinkView& link;
+        CatalogueEditView& catalogue;
+        UserMessageSink& messages;
+    };
 
-    StagedCommandSender(LidarUtilitiesManager& manager, SetChannel channel, ValueReader valueOf,
-                        const std::set<const VarInfo*>& typed, std::array<float, 10> fovTable)
-        : manager_(manager),
+    StagedCommandSender(const Parts& parts, SetChannel channel,
+                        const std::set<const VarInfo*>& typed, EditStaging::FovBounds fovTable)
+        : link_(parts.link),
+          catalogue_(parts.catalogue),
+          messages_(parts.messages),
           channel_(std::move(channel)),
-          valueOf_(std::move(valueOf)),
           typed_(typed),
           fovTable_(fovTable) {}
 
@@ -136,7 +144,7 @@ class StagedCommandSender {
     // Leaves in bytes_ what the lidar holds now; the user's texts stay in current_val.
     void readBack(const SetCommandPlan& plan) {
         for (VarGroup& group : groupByReadRequest(plan)) {
-            manager_.GetInfoFromLidarWithSameCmd(group, &bytes_, false);
+            catalogue_.readBack(group, bytes_);
         }
     }
 
@@ -165,10 +173,10 @@ class StagedCommandSender {
         for (const VarInfo* var : group) {
             if (!var->get_cmd.empty()) continue;
             if (var->var_type != "raw") {
-                manager_.showErrorMessage(kSetWithoutGetMessage);
+                messages_.showError(kSetWithoutGetMessage);
                 return false;
             }
-            LidarUtilitiesManager::writeSubCmdIntoInput(valueOf_(var), payload);
+            EditStaging::writeSubCmdIntoInput(valueOf(var), payload);
         }
         return true;
     }
@@ -181,7 +189,7 @@ class StagedCommandSender {
                 keepReadBackBytes(*var);
                 continue;
             }
-            const std::string value = valueOf_(var);
+            const std::string value = valueOf(var);
             if (value.empty()) {
                 throw std::runtime_error(
                     "Unknown error with this var: It has no current_val. var_name = " +
@@ -227,7 +235,7 @@ class StagedCommandSender {
         const int ret = channel_.setFov(fovTable_.data(), 5, mode);
         commandSent_ = true;
         if (ret != 0) {
-            manager_.writeLogMessage("SET [" + command_ + "] FAILED", LogLevel::kWarning);
+            messages_.log("SET [" + command_ + "] FAILED", LogLevel::kWarning);
             throw std::runtime_error("set channel fov failed");
         }
     }
@@ -237,7 +245,7 @@ class StagedCommandSender {
         developer_log::writeDeveloperLine("Run(): QueryCommand send cmd:    " + setCmd);
         developer_log::writeDeveloperLine("Run(): QueryCommand send payload:" + hexText(payload) +
                                           ", length =" + std::to_string(payload.size()));
-        manager_.writeLogMessage(
+        messages_.log(
             "Send " + channel_.protocol + " command [" + setCmd + "] to set " + names + " success.",
             LogLevel::kInfo);
         u8Array_t reply;
@@ -250,7 +258,7 @@ class StagedCommandSender {
         if (!applied) {
             developer_log::writeDeveloperLine("Run(): QueryCommand FAILED, get result =" +
                                               std::to_string(ret));
-            manager_.writeLogMessage("SET [" + setCmd + "] FAILED", LogLevel::kWarning);
+            messages_.log("SET [" + setCmd + "] FAILED", LogLevel::kWarning);
             throw std::runtime_error(setCmd + " SET " + names +
                                      " ret_code: " + std::to_string(channel_.lastCode()));
         }
@@ -261,28 +269,31 @@ class StagedCommandSender {
 
     void reportSuccess(const std::string& setCmd, const std::string& names) {
         if (setCmd != kNetworkSetCmd || !channel_.networkSetClosesConnection) {
-            manager_.showSuccessMessage(QString::fromStdString(
-                channel_.protocol + " command [" + setCmd + "] to set " + names + " success."));
+            messages_.showSuccess(QString::fromStdString(channel_.protocol + " command [" + setCmd +
+                                                         "] to set " + names + " success."));
             return;
         }
-        manager_.showSuccessMessage(kNetworkSetNote);
-        manager_.Stop();
+        messages_.showSuccess(kNetworkSetNote);
+        link_.stopLink();
     }
 
     void reportFailure(const std::string& detail) {
         developer_log::writeDeveloperLine("Run(): Caught Exception: " + detail);
-        manager_.showErrorMessage(QString::fromStdString("Set Failed: " + detail));
-        manager_.writeLogMessage("Set " + command_ + " Failed. " +
-                                     (commandSent_ ? "Command was sent." : "No command was sent.") +
-                                     " Detail: " + detail,
-                                 LogLevel::kWarning);
+        messages_.showError(QString::fromStdString("Set Failed: " + detail));
+        messages_.log("Set " + command_ + " Failed. " +
+                          (commandSent_ ? "Command was sent." : "No command was sent.") +
+                          " Detail: " + detail,
+                      LogLevel::kWarning);
     }
 
-    LidarUtilitiesManager& manager_;
+    std::string valueOf(const VarInfo* var) const { return catalogue_.currentValue(*var); }
+
+    DeviceLinkView& link_;
+    CatalogueEditView& catalogue_;
+    UserMessageSink& messages_;
     SetChannel channel_;
-    ValueReader valueOf_;
     const std::set<const VarInfo*>& typed_;
-    std::array<float, 10> fovTable_;
+    EditStaging::FovBounds fovTable_;
     BytesByName bytes_;
     std::string command_;
     bool commandSent_ = false;
@@ -290,93 +301,111 @@ class StagedCommandSender {
 
 }  // namespace
 
-void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QString text) {
-    if (varTree == nullptr) return;
+EditStaging::EditStaging(DeviceLinkView& link, const BusyView& busy, CatalogueEditView& catalogue,
+                         UserMessageSink& messages)
+    : link_(link), busy_(busy), catalogue_(catalogue), messages_(messages) {}
+
+// ---- Staging ----
+
+void EditStaging::setText(int type, int page, int group, int row, const QString& text) {
     // The UI only passes rows it shows; anything else is a stale index, not a reason to crash.
-    if (page < 0 || static_cast<size_t>(page) >= varTree.load()->size()) return;
-    const auto& groups = (*varTree)[page];
-    if (group < 0 || static_cast<size_t>(group) >= groups.size()) return;
-    const auto& rows = groups[group];
-    if (row < 0 || static_cast<size_t>(row) >= rows.size()) return;
-
+    VarInfo* var = catalogue_.variableAt(page, group, row);
+    if (var == nullptr) return;
     const std::string value = text.toStdString();
-    VarInfo* var = rows[row];
-    // Takes the new text unless it is already there; true when it changed.
-    auto replaceValue = [this, &value](VarInfo* target) {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        if (target->current_val == value) return false;
-        target->current_val = value;
-        return true;
-    };
-
     switch (type) {
         case 1:
-            if (!replaceValue(var)) return;
-            setMap[var->set_cmd] = true;
-            editedVarMap[var] = true;
-            typedVars_.insert(var);
+            stageTyped(var, value);
             return;
-        case 2: {
-            VarInfo* linked = var->switch_var;
-            if (linked == nullptr) {
-                writeLogMessage("config file error, Please check the configuration of type 2 of " +
-                                    var->var_name,
-                                LogLevel::kError);
-                return;
-            }
-            if (!replaceValue(linked)) return;
-            // The command is the linked variable's, while the edited row stays the user's row.
-            setMap[linked->set_cmd] = true;
-            editedVarMap[var] = true;
-            typedVars_.insert(linked);
+        case 2:
+            stageLinked(var, value);
             return;
-        }
-        case 3: {
-            // A text that is not a number raises the conversion's error to the caller.
-            const int choice = std::stoi(value, nullptr, 10);
-            const int count =
-                std::min(static_cast<int>(var->options.size()), static_cast<int>(var->option_num));
-            if (choice < 0 || choice >= count) {
-                writeLogMessage(
-                    "Invalid switch value of type 3, please check the config file! name: " +
-                        var->var_name,
-                    LogLevel::kError);
-                return;
-            }
-            const std::string optionText = std::to_string(var->options[choice]);
-            {
-                std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-                if (var->current_val == optionText) return;
-                var->current_val = optionText;
-            }
-            setMap[var->set_cmd] = true;
-            editedVarMap[var] = true;
-            typedVars_.insert(var);
+        case 3:
+            stageOption(var, value);
             return;
-        }
         default:
-            writeLogMessage("Invalid switch value of type , please check the config file! name: " +
-                                var->var_name,
-                            LogLevel::kError);
+            messages_.log("Invalid switch value of type , please check the config file! name: " +
+                              var->var_name,
+                          LogLevel::kError);
             return;
     }
 }
 
-unsigned long LidarUtilitiesManager::getSetMapSize() const {
-    return setMap.size();
+void EditStaging::stageTyped(VarInfo* var, const std::string& value) {
+    if (!catalogue_.replaceCurrentValue(*var, value)) return;
+    record(var, var);
 }
 
-size_t LidarUtilitiesManager::getEditedVarCount() const {
-    return editedVarMap.size();
+// The command is the linked variable's, while the edited row stays the user's row.
+void EditStaging::stageLinked(VarInfo* var, const std::string& value) {
+    VarInfo* linked = var->switch_var;
+    if (linked == nullptr) {
+        messages_.log(
+            "config file error, Please check the configuration of type 2 of " + var->var_name,
+            LogLevel::kError);
+        return;
+    }
+    if (!catalogue_.replaceCurrentValue(*linked, value)) return;
+    record(var, linked);
 }
 
-void LidarUtilitiesManager::ClearSetMap() {
-    setMap.clear();
-    editedVarMap.clear();
+void EditStaging::stageOption(VarInfo* var, const std::string& value) {
+    // A text that is not a number raises the conversion's error to the caller.
+    const int choice = std::stoi(value, nullptr, 10);
+    const int count =
+        std::min(static_cast<int>(var->options.size()), static_cast<int>(var->option_num));
+    if (choice < 0 || choice >= count) {
+        messages_.log(
+            "Invalid switch value of type 3, please check the config file! name: " + var->var_name,
+            LogLevel::kError);
+        return;
+    }
+    if (!catalogue_.replaceCurrentValue(*var, std::to_string(var->options[choice]))) return;
+    record(var, var);
+}
+
+void EditStaging::record(VarInfo* edited, VarInfo* written) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    setMap_[written->set_cmd] = true;
+    editedVarMap_[edited] = true;
+    typedVars_.insert(written);
+}
+
+void EditStaging::stageCommand(const std::string& setCmd) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    setMap_[setCmd] = true;
+}
+
+unsigned long EditStaging::stagedCommandCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return setMap_.size();
+}
+
+size_t EditStaging::editedVarCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return editedVarMap_.size();
+}
+
+void EditStaging::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    setMap_.clear();
+    editedVarMap_.clear();
     typedVars_.clear();
 }
 
-void LidarUtilitiesManager::writeSubCmdIntoInput(std::string text, u8Array_t& out) {
+// A worker that stops the connection (the upgrade's outcome, its restart request) leaves the
+// clearing to the owner thread's event loop, as the design does.
+void EditStaging::clearOnOwnerThread() {
+    if (QThread::currentThread() == thread()) {
+        clear();
+        return;
+    }
+    QMetaObject::invokeMethod(
+        this, [this] { clear(); }, Qt::QueuedConnection);
+}
+
+// ---- Texts ----
+
+void EditStaging::writeSubCmdIntoInput(const std::string& text, u8Array_t& out) {
     // Hexadecimal pairs; a "0x" or "0X" pair is a prefix, not a byte (ParseCommandCode refuses it,
     // as it refuses any pair that is not two hexadecimal digits).
     for (size_t i = 0; i + 1 < text.size(); i += 2) {
@@ -386,7 +415,7 @@ void LidarUtilitiesManager::writeSubCmdIntoInput(std::string text, u8Array_t& ou
     }
 }
 
-std::pair<std::string, std::string> LidarUtilitiesManager::getTwoCases(QString name) {
+std::pair<std::string, std::string> EditStaging::twoCases(const QString& name) {
     QString capitalised;
     QString lowered;
     const QStringList words = name.split(' ', Qt::SkipEmptyParts);
@@ -398,11 +427,13 @@ std::pair<std::string, std::string> LidarUtilitiesManager::getTwoCases(QString n
     return {capitalised.trimmed().toStdString(), lowered.trimmed().toStdString()};
 }
 
-void LidarUtilitiesManager::Run(int page) {
-    if (currentParser == nullptr || varTree == nullptr) return;
-    std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!client || !client->IsOpen() || !isConnected.load()) {
-        showErrorMessage("Please connect to lidar first");
+// ---- Applying ----
+
+void EditStaging::runOverVrc(int page, const FovBounds& fov) {
+    if (!catalogue_.catalogueLoaded()) return;
+    std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+    if (!client || !client->IsOpen() || !link_.linkConnected()) {
+        messages_.showError("Please connect to lidar first");
         return;
     }
     SetChannel channel;
@@ -415,36 +446,90 @@ void LidarUtilitiesManager::Run(int page) {
         return client->SetAllChannelFov(values, count, mode);
     };
     channel.networkSetClosesConnection = true;
-    applyStagedEdits(page, channel);
+    apply(page, channel, fov);
 }
 
-void LidarUtilitiesManager::applyStagedEdits(int page, const SetChannel& channel) {
-    if (isUpgrading.load()) {
-        showErrorMessage("Please wait for the lidar to upgrade completely");
+void EditStaging::runOverSerialLines(int page, const FovBounds& fov) {
+    // The VRC-over-serial kind applies as the network kind does, over its VRC client.
+    if (link_.connectionKind() != 1) {
+        runOverVrc(page, fov);
         return;
     }
-    if (isDownloadLog.load()) {
-        showErrorMessage("Please wait for the operation log to download completely");
+    if (!catalogue_.catalogueLoaded()) return;
+    std::shared_ptr<lidar::SerialClient> client = link_.serialClient();
+    if (!client || !client->IsOpen() || !link_.linkConnected()) {
+        messages_.showError("Please connect to lidar first");
         return;
     }
-    if (page < 0 || static_cast<size_t>(page) >= varTree.load()->size()) return;
-
-    SetCommandPlan plan = planStagedCommands((*varTree)[page], setMap, *currentParser);
-    // The staged commands are consumed whatever happens next.
-    setMap.clear();
-
-    std::array<float, 10> fov;
-    {
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        fov = fovTable;
-    }
-    auto valueOf = [this](const VarInfo* var) {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        return var->current_val;
+    SetChannel channel;
+    channel.protocol = "Serial";
+    channel.query = [this](uint8_t command, const u8Array_t& payload, u8Array_t& reply) {
+        return catalogue_.queryKindClient(command, payload, reply);
     };
-    StagedCommandSender sender(*this, channel, valueOf, typedVars_, fov);
+    channel.lastCode = [client] { return client->GetLastReturnCode(); };
+    apply(page, channel, fov);
+}
+
+// Run's steps from the busy checks on, over the given client.
+void EditStaging::apply(int page, const SetChannel& channel, const FovBounds& fov) {
+    if (busy_.upgrading()) {
+        messages_.showError("Please wait for the lidar to upgrade completely");
+        return;
+    }
+    if (busy_.downloadingLog()) {
+        messages_.showError("Please wait for the operation log to download completely");
+        return;
+    }
+    const std::optional<CatalogueEditView::VarGroups> groups = catalogue_.pageGroups(page);
+    if (!groups) return;
+
+    std::map<std::string, bool> staged;
+    std::set<const VarInfo*> typed;
+    {
+        // The staged commands are consumed whatever happens next.
+        std::lock_guard<std::mutex> lock(mutex_);
+        staged.swap(setMap_);
+        typed = typedVars_;
+    }
+    const SetCommandPlan plan = planStagedCommands(*groups, staged, catalogue_);
+    StagedCommandSender sender({link_, catalogue_, messages_}, channel, typed, fov);
     const bool allSent = sender.sendAll(plan);
     // The typed values went with the staged commands, which are consumed either way.
+    std::lock_guard<std::mutex> lock(mutex_);
     typedVars_.clear();
-    if (allSent) editedVarMap.clear();
+    if (allSent) editedVarMap_.clear();
+}
+
+// ---- The façade's staging operations ----
+
+void LidarUtilitiesManager::SetText(int type, int page, int group, int row, QString text) {
+    staging_->setText(type, page, group, row, text);
+}
+
+unsigned long LidarUtilitiesManager::getSetMapSize() const {
+    return staging_->stagedCommandCount();
+}
+
+size_t LidarUtilitiesManager::getEditedVarCount() const {
+    return staging_->editedVarCount();
+}
+
+void LidarUtilitiesManager::ClearSetMap() {
+    staging_->clear();
+}
+
+void LidarUtilitiesManager::writeSubCmdIntoInput(std::string text, u8Array_t& out) {
+    EditStaging::writeSubCmdIntoInput(text, out);
+}
+
+std::pair<std::string, std::string> LidarUtilitiesManager::getTwoCases(QString name) {
+    return EditStaging::twoCases(name);
+}
+
+void LidarUtilitiesManager::Run(int page) {
+    staging_->runOverVrc(page, fov_->bounds());
+}
+
+void LidarUtilitiesManager::WrenRun(int page) {
+    staging_->runOverSerialLines(page, fov_->bounds());
 }
