@@ -12,6 +12,7 @@
 #include "command_text.h"
 #include "developer_log.h"
 #include "lidar_utilities_manager.h"
+#include "monitor_service.h"
 #include "sdk/auth_config.h"
 #include "sdk/serial_client.h"
 #include "sdk/serial_source.h"
@@ -264,7 +265,7 @@ bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
             if (pageThreadFirst) {
                 startPagesThread(loop);
                 // The network connection also starts the monitor's auto-refresh when it is on.
-                if (monitorAutoRefresh.load()) startMonitorRefreshLoop();
+                if (getMonitorAutoRefresh()) startMonitorRefreshLoop();
             }
             isConnected.store(true);
             writeLogMessage("Lidar connected", LogLevel::kInfo);
@@ -517,16 +518,6 @@ void LidarUtilitiesManager::clearStagingOnOwnerThread() {
         this, [this] { ClearSetMap(); }, Qt::QueuedConnection);
 }
 
-// Clears both monitor flags and wakes the threads' waits, so that they end within moments.
-void LidarUtilitiesManager::clearMonitorFlags() {
-    {
-        std::lock_guard<std::mutex> lock(monitorWakeMutex_);
-        monitorRefreshRunning.store(false);
-        monitorRecording.store(false);
-    }
-    monitorWake_.notify_all();
-}
-
 void LidarUtilitiesManager::Stop() {
     // An upgrade pausing (in upgrade mode, or before the restart) is abandoned now, not after.
     {
@@ -544,9 +535,7 @@ void LidarUtilitiesManager::Stop() {
             case 0:
                 isConnected.store(false);
                 stopPagesLoop();
-                clearMonitorFlags();
-                joinThread(monitorRefreshThread);
-                joinThread(monitorRecordThread);
+                monitor_->stopThreads();
                 joinThread(pagesTimerThread);
                 resetSerialNumberTexts();
                 setAuthorizedClient(nullptr);

@@ -13,6 +13,7 @@
 #include "command_console.h"
 #include "developer_log.h"
 #include "manager_views.h"
+#include "monitor_service.h"
 #include "user_messages.h"
 
 LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
@@ -62,7 +63,8 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       currentConfigPath(std::move(configPath)),
       views_(std::make_unique<ManagerViews>(*this)),
       messages_(std::make_unique<UserMessages>(*views_, *views_)),
-      console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)) {
+      console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)),
+      monitor_(std::make_unique<MonitorService>(*views_, *views_, *views_, *views_, *messages_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
     connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
@@ -73,6 +75,18 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::successMessageChanged, Qt::DirectConnection);
     connect(console_.get(), &CommandConsole::historyChanged, this,
             &LidarUtilitiesManager::sendCommandHistoryChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorHwVersionListChanged, this,
+            &LidarUtilitiesManager::monitorHwVersionListChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::currentMonitorHwVersionChanged, this,
+            &LidarUtilitiesManager::currentMonitorHwVersionChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorContentChanged, this,
+            &LidarUtilitiesManager::monitorContentChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorAutoRefreshChanged, this,
+            &LidarUtilitiesManager::monitorAutoRefreshChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorRecordParamsChanged, this,
+            &LidarUtilitiesManager::monitorRecordParamsChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::isMonitorRecordingChanged, this,
+            &LidarUtilitiesManager::isMonitorRecordingChanged, Qt::DirectConnection);
     readSettings();
     emit initInfoChanged();
 }
@@ -93,9 +107,7 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     waitForWorkers();
     Stop();
     // Stop joins the monitor threads on a network connection only; none may outlive the manager.
-    clearMonitorFlags();
-    joinThread(monitorRefreshThread);
-    joinThread(monitorRecordThread);
+    monitor_->stopThreads();
 }
 
 // ---- Settings file ----

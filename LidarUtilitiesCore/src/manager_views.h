@@ -8,7 +8,10 @@
 
 class LidarUtilitiesManager;
 
-class ManagerViews : public DeviceLinkView, public BusyView {
+class ManagerViews : public DeviceLinkView,
+                     public BusyView,
+                     public ModuleCatalogueView,
+                     public ModuleReadingView {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
 
@@ -20,6 +23,19 @@ class ManagerViews : public DeviceLinkView, public BusyView {
 
     bool upgrading() const override;
     bool downloadingLog() const override;
+
+    int moduleIndexNamed(const std::string& name) const override;
+    QString loadedModel() const override;
+    QString modelFolder(const QString& model) const override;
+    bool swapInModuleVariant(int module, const std::string& path) override;
+    void forgetModuleVariant() override;
+    void rebuildPageLists() override;
+
+    std::optional<std::vector<std::string>> readModule(int module,
+                                                       const std::atomic<bool>* keepGoing) override;
+    bool deviceChannelOpen() const override;
+    std::optional<std::vector<ShownValue>> shownValues(int module) const override;
+    void announceValues() override;
 
   private:
     LidarUtilitiesManager& manager_;
