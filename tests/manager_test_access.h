@@ -6,6 +6,7 @@
 // thread exists is checked at the moment its switch returns.
 
 #include "lidar_utilities_manager.h"
+#include "monitor_service.h"
 
 struct ManagerTestAccess {
     // What an upgrade worker sets while it owns the connection.
@@ -13,7 +14,6 @@ struct ManagerTestAccess {
         manager.isUpgrading.store(upgrading);
     }
     static bool monitorRefreshThreadExists(LidarUtilitiesManager& manager) {
-        std::lock_guard<std::mutex> lock(manager.threadsMutex_);
-        return manager.monitorRefreshThread != nullptr;
+        return manager.monitor_->refreshThreadExists();
     }
 };

@@ -48,6 +48,8 @@ class CommandConsole;
 class EditStaging;
 class FieldOfView;
 class ManagerViews;
+class MonitorService;
+struct ShownValue;
 class UserMessages;
 struct ManagerTestAccess;
 class QFile;
@@ -258,25 +260,25 @@ class LidarUtilitiesManager : public QObject {
     void rebuildUiListCache();
     void invalidateUiListCache();
 
-    // ---- Monitor variants (monitor.cpp) ----
+    // ---- Monitor variants (monitor_service.cpp) ----
     int findMonitorModuleIndex() const;
     void scanMonitorHwVersions();
     bool applyMonitorHwVersion(const QString& version, bool withSignals);
     Q_INVOKABLE void selectMonitorHwVersion(QString version);
     Q_INVOKABLE QStringList getMonitorHwVersionList() const;
     Q_INVOKABLE QString getCurrentMonitorHwVersion() const;
-    Q_INVOKABLE int getMonitorModuleIndex() const { return monitorModuleIndex.load(); }
-    Q_INVOKABLE int getMonitorContentRevision() const { return monitorContentRevision.load(); }
-    Q_INVOKABLE void setModuleIndexUse(int module) { moduleIndexUse.store(module); }
+    Q_INVOKABLE int getMonitorModuleIndex() const;
+    Q_INVOKABLE int getMonitorContentRevision() const;
+    Q_INVOKABLE void setModuleIndexUse(int module);
 
-    // ---- Monitor refresh and recording (monitor_record.cpp) ----
+    // ---- Monitor refresh (monitor_service.cpp) and recording (monitor_recording.cpp) ----
     Q_INVOKABLE void refreshMonitor();
     Q_INVOKABLE void setMonitorAutoRefresh(bool on);
     Q_INVOKABLE bool getMonitorAutoRefresh() const;
     Q_INVOKABLE void setMonitorRecordDurationSec(int seconds);
     Q_INVOKABLE void setMonitorRecordIntervalSec(int seconds);
-    Q_INVOKABLE int getMonitorRecordDurationSec() const { return monitorRecordDurationSec.load(); }
-    Q_INVOKABLE int getMonitorRecordIntervalSec() const { return monitorRecordIntervalSec.load(); }
+    Q_INVOKABLE int getMonitorRecordDurationSec() const;
+    Q_INVOKABLE int getMonitorRecordIntervalSec() const;
     Q_INVOKABLE bool getIsMonitorRecording() const;
     Q_INVOKABLE void startMonitorRecord(QUrl folder);
     Q_INVOKABLE void stopMonitorRecord();
@@ -290,8 +292,8 @@ class LidarUtilitiesManager : public QObject {
     // The file of the running (or the last) recording, and the rows written to it so far: what
     // a front end shows while it records.
     Q_INVOKABLE QString getMonitorRecordFilePath() const;
-    Q_INVOKABLE int getMonitorRecordRowCount() const { return monitorRecordRows.load(); }
-    Q_INVOKABLE int getModuleIndexUse() const { return moduleIndexUse.load(); }
+    Q_INVOKABLE int getMonitorRecordRowCount() const;
+    Q_INVOKABLE int getModuleIndexUse() const;
 
     // ---- Edit staging and applying (edit_staging.cpp) ----
     Q_INVOKABLE void SetText(int type, int page, int group, int row, QString text);
@@ -516,13 +518,13 @@ class LidarUtilitiesManager : public QObject {
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
     void startMonitorRefreshLoop();
-    void clearMonitorFlags();
-    void recordOneRow(QTextStream& stream);
-    // The monitor module's shown variables, page by page, as a record holds them.
-    std::vector<const VarInfo*> monitorRecordVariables() const;
-    void stopMonitorRefreshLoop();
-    bool monitorWaitUntil(std::chrono::steady_clock::time_point until,
-                          const std::atomic<bool>& running);
+    // The catalogue's side of the monitor variants (catalogue_variants.cpp), which the monitor
+    // service reaches through ManagerViews.
+    int moduleIndexNamed(const std::string& name) const;
+    bool swapInModuleVariant(int module, const std::string& path);
+    void forgetModuleVariant();
+    // False without a catalogue or for a module below 0.
+    bool shownModuleValues(int module, std::vector<ShownValue>& out) const;
     // Upgrade and log workers: started after the checks, joined by the destructor.
     bool startPackageTransfer(QFile& file, std::string command);
     // Marks the start of an upgrade: a Stop from here on abandons it.
@@ -649,28 +651,6 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<uint64_t> stopsAtUpgradeStart_{0};
     std::mutex closingMutex_;
     std::condition_variable closingWake_;
-    // Wakes the monitor threads' waits when their flag is cleared.
-    std::mutex monitorWakeMutex_;
-    std::condition_variable monitorWake_;
-
-    // Monitor.
-    QList<MonitorHwVersionInfo> monitorHwVersions;  // guarded by fieldsMutex_
-    QString currentMonitorHwVersion;                // guarded by fieldsMutex_
-    std::atomic<int32_t> monitorModuleIndex{-1};
-    std::atomic<int32_t> monitorContentRevision{0};
-    std::atomic<int32_t> moduleIndexUse{0};
-    std::atomic<bool> monitorAutoRefresh{true};
-    std::atomic<int32_t> monitorRecordDurationSec{60};
-    std::atomic<int32_t> monitorRecordIntervalSec{1};
-    // Guarded by fieldsMutex_; a std::string, so that no text data is shared with the recording
-    // thread's copy of the path (Qt's shared texts are freed inside the uninstrumented library).
-    std::string monitorRecordPath;
-    std::atomic<int32_t> monitorRecordRows{0};
-
-    std::atomic<bool> monitorRefreshRunning{false};
-    std::atomic<bool> monitorRecording{false};
-    std::unique_ptr<std::thread> monitorRefreshThread;
-    std::unique_ptr<std::thread> monitorRecordThread;
 
     // Short workers (connect, configuration-file query): joined before a new one starts and by
     // the destructor, so none outlives the manager.
@@ -681,8 +661,8 @@ class LidarUtilitiesManager : public QObject {
     void startWorker(std::function<void()> job);
     std::mutex workersMutex_;
     std::vector<Worker> workers_;
-    // Guards the owning pointers of the page and monitor threads (set by the connect worker,
-    // joined by Stop on the UI thread).
+    // Guards the owning pointer of the page thread (set by the connect worker, joined by Stop
+    // on the UI thread).
     std::mutex threadsMutex_;
     std::mutex connectMutex_;
     // Wakes the page loop from its pause when it is told to stop.
@@ -704,4 +684,5 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<CommandConsole> console_;
     std::unique_ptr<EditStaging> staging_;
     std::unique_ptr<FieldOfView> fov_;
+    std::unique_ptr<MonitorService> monitor_;
 };

@@ -14,6 +14,7 @@
 #include "developer_log.h"
 #include "field_of_view.h"
 #include "lidar_utilities_manager.h"
+#include "monitor_service.h"
 #include "sdk/feature_config_parser.h"
 
 namespace {
@@ -135,19 +136,7 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     emit featureConfigChanged();
     emit initInfoChanged();
 
-    scanMonitorHwVersions();
-    const QStringList versions = getMonitorHwVersionList();
-    if (!versions.isEmpty()) {
-        applyMonitorHwVersion(versions.first(), false);
-    } else {
-        monitorModuleIndex.store(findMonitorModuleIndex());
-        {
-            std::lock_guard<std::mutex> lock(fieldsMutex_);
-            currentMonitorHwVersion.clear();
-        }
-        emit currentMonitorHwVersionChanged();
-        emit monitorHwVersionListChanged();
-    }
+    monitor_->useLoadedModel();
 
     if (connectType.load() != 0) {
         buildSerialVarIndexes();
@@ -422,7 +411,7 @@ void LidarUtilitiesManager::refreshTimerVariables() {
     ReadGroups groups;
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        const int module = moduleIndexUse.load();
+        const int module = getModuleIndexUse();
         if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return;
         std::vector<VarInfo*> vars;
         for (const auto& page : (*varTree)[module])

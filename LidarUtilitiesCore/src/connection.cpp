@@ -14,6 +14,7 @@
 #include "edit_staging.h"
 #include "field_of_view.h"
 #include "lidar_utilities_manager.h"
+#include "monitor_service.h"
 #include "sdk/auth_config.h"
 #include "sdk/serial_client.h"
 #include "sdk/serial_source.h"
@@ -266,7 +267,7 @@ bool LidarUtilitiesManager::commitConnection(uint64_t attempt,
             if (pageThreadFirst) {
                 startPagesThread(loop);
                 // The network connection also starts the monitor's auto-refresh when it is on.
-                if (monitorAutoRefresh.load()) startMonitorRefreshLoop();
+                if (getMonitorAutoRefresh()) startMonitorRefreshLoop();
             }
             isConnected.store(true);
             writeLogMessage("Lidar connected", LogLevel::kInfo);
@@ -508,14 +509,6 @@ void LidarUtilitiesManager::resetSerialNumberTexts() {
         if (var->var_type == "SN") var->current_val = "xxxxxxxx";
 }
 
-// Clears both monitor flags and wakes the threads' waits, so that they end within moments.
-void LidarUtilitiesManager::clearMonitorFlags() {
-    {
-        std::lock_guard<std::mutex> lock(monitorWakeMutex_);
-        monitorRefreshRunning.store(false);
-        monitorRecording.store(false);
-    }
-    monitorWake_.notify_all();
 }
 
 void LidarUtilitiesManager::Stop() {
@@ -535,9 +528,7 @@ void LidarUtilitiesManager::Stop() {
             case 0:
                 isConnected.store(false);
                 stopPagesLoop();
-                clearMonitorFlags();
-                joinThread(monitorRefreshThread);
-                joinThread(monitorRecordThread);
+                monitor_->stopThreads();
                 joinThread(pagesTimerThread);
                 resetSerialNumberTexts();
                 setAuthorizedClient(nullptr);

@@ -15,6 +15,7 @@
 #include "edit_staging.h"
 #include "field_of_view.h"
 #include "manager_views.h"
+#include "monitor_service.h"
 #include "user_messages.h"
 
 LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
@@ -66,7 +67,8 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       messages_(std::make_unique<UserMessages>(*views_, *views_)),
       console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)),
       staging_(std::make_unique<EditStaging>(*views_, *views_, *views_, *messages_)),
-      fov_(std::make_unique<FieldOfView>(*staging_, *messages_)) {
+      fov_(std::make_unique<FieldOfView>(*staging_, *messages_)),
+      monitor_(std::make_unique<MonitorService>(*views_, *views_, *views_, *views_, *messages_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
     connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
@@ -79,6 +81,18 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::sendCommandHistoryChanged, Qt::DirectConnection);
     connect(fov_.get(), &FieldOfView::fovConfigChanged, this,
             &LidarUtilitiesManager::fovConfigChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorHwVersionListChanged, this,
+            &LidarUtilitiesManager::monitorHwVersionListChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::currentMonitorHwVersionChanged, this,
+            &LidarUtilitiesManager::currentMonitorHwVersionChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorContentChanged, this,
+            &LidarUtilitiesManager::monitorContentChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorAutoRefreshChanged, this,
+            &LidarUtilitiesManager::monitorAutoRefreshChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorRecordParamsChanged, this,
+            &LidarUtilitiesManager::monitorRecordParamsChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::isMonitorRecordingChanged, this,
+            &LidarUtilitiesManager::isMonitorRecordingChanged, Qt::DirectConnection);
     readSettings();
     emit initInfoChanged();
 }
@@ -99,9 +113,7 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     waitForWorkers();
     Stop();
     // Stop joins the monitor threads on a network connection only; none may outlive the manager.
-    clearMonitorFlags();
-    joinThread(monitorRefreshThread);
-    joinThread(monitorRecordThread);
+    monitor_->stopThreads();
 }
 
 // ---- Settings file ----

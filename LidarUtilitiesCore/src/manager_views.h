@@ -8,7 +8,11 @@
 
 class LidarUtilitiesManager;
 
-class ManagerViews : public DeviceLinkView, public BusyView, public CatalogueEditView {
+class ManagerViews : public DeviceLinkView,
+                     public BusyView,
+                     public CatalogueEditView,
+                     public ModuleCatalogueView,
+                     public ModuleReadingView {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
 
@@ -29,6 +33,19 @@ class ManagerViews : public DeviceLinkView, public BusyView, public CatalogueEdi
     std::string currentValue(const VarInfo& var) const override;
     void readBack(std::vector<VarInfo*>& group, BytesByName& bytes) override;
     int queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) override;
+
+    int moduleIndexNamed(const std::string& name) const override;
+    QString loadedModel() const override;
+    QString modelFolder(const QString& model) const override;
+    bool swapInModuleVariant(int module, const std::string& path) override;
+    void forgetModuleVariant() override;
+    void rebuildPageLists() override;
+
+    std::optional<std::vector<std::string>> readModule(int module,
+                                                       const std::atomic<bool>* keepGoing) override;
+    bool deviceChannelOpen() const override;
+    std::optional<std::vector<ShownValue>> shownValues(int module) const override;
+    void announceValues() override;
 
   private:
     LidarUtilitiesManager& manager_;

@@ -5,6 +5,7 @@
 // façade's fields. docs/architecture.md draws the whole picture.
 
 #include <QString>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -85,4 +86,49 @@ class EditStagingSink {
   public:
     virtual ~EditStagingSink() = default;
     virtual void stageCommand(const std::string& setCmd) = 0;
+// The loaded catalogue's modules as the monitor uses them: a module found by its name, the
+// model's folder of variant files, and a variant's pages swapped in.
+class ModuleCatalogueView {
+  public:
+    virtual ~ModuleCatalogueView() = default;
+    // The index of the module of that name in the loaded catalogue; -1 without one.
+    virtual int moduleIndexNamed(const std::string& name) const = 0;
+    // The loaded model's name, and the folder of a model's catalogue files (empty without one).
+    virtual QString loadedModel() const = 0;
+    virtual QString modelFolder(const QString& model) const = 0;
+    // Puts the pages of the catalogue file at path in place of the module's (the module keeps
+    // its name); false without a loaded catalogue, or when the file cannot be read or holds no
+    // module.
+    virtual bool swapInModuleVariant(int module, const std::string& path) = 0;
+    // Forgets the variant swapped in last: its offsets are no longer looked up.
+    virtual void forgetModuleVariant() = 0;
+    // Rebuilds the page lists after a swap.
+    virtual void rebuildPageLists() = 0;
+};
+
+// One shown variable of a module as the latest reading left it: its name as a column is named
+// (name and suffix), the read request that brings it (two variables may share a name, not a
+// request) and its current text.
+struct ShownValue {
+    std::string name;
+    std::string request;
+    std::string text;
+};
+
+// Reading a module of the loaded catalogue from the lidar, and the values a reading left.
+class ModuleReadingView {
+  public:
+    virtual ~ModuleReadingView() = default;
+    // Reads the module as GetLidarModuleInfo does, stopping between requests once keepGoing
+    // (when given) reads false: the read requests that failed, or nullopt when nothing could be
+    // read.
+    virtual std::optional<std::vector<std::string>> readModule(
+        int module, const std::atomic<bool>* keepGoing) = 0;
+    // The connection kind's client exists and is open (a failed request may have closed it).
+    virtual bool deviceChannelOpen() const = 0;
+    // The module's shown variables, page by page, read together under the catalogue's lock;
+    // nullopt without a loaded catalogue or for a module below 0.
+    virtual std::optional<std::vector<ShownValue>> shownValues(int module) const = 0;
+    // Tells the UI that the values changed.
+    virtual void announceValues() = 0;
 };
