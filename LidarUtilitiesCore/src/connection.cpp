@@ -509,8 +509,6 @@ void LidarUtilitiesManager::resetSerialNumberTexts() {
         if (var->var_type == "SN") var->current_val = "xxxxxxxx";
 }
 
-}
-
 void LidarUtilitiesManager::Stop() {
     // An upgrade pausing (in upgrade mode, or before the restart) is abandoned now, not after.
     {

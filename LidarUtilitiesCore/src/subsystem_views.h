@@ -86,6 +86,8 @@ class EditStagingSink {
   public:
     virtual ~EditStagingSink() = default;
     virtual void stageCommand(const std::string& setCmd) = 0;
+};
+
 // The loaded catalogue's modules as the monitor uses them: a module found by its name, the
 // model's folder of variant files, and a variant's pages swapped in.
 class ModuleCatalogueView {
