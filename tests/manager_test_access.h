@@ -5,12 +5,13 @@
 // connection for the upgrade and the restart after it), and whether the monitor's auto-refresh
 // thread exists is checked at the moment its switch returns.
 
+#include "firmware_upgrade.h"
 #include "lidar_utilities_manager.h"
 
 struct ManagerTestAccess {
     // What an upgrade worker sets while it owns the connection.
     static void setUpgrading(LidarUtilitiesManager& manager, bool upgrading) {
-        manager.isUpgrading.store(upgrading);
+        manager.upgrade_->upgrading_.store(upgrading);
     }
     static bool monitorRefreshThreadExists(LidarUtilitiesManager& manager) {
         std::lock_guard<std::mutex> lock(manager.threadsMutex_);

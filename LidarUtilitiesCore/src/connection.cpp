@@ -11,7 +11,9 @@
 
 #include "command_text.h"
 #include "developer_log.h"
+#include "firmware_upgrade.h"
 #include "lidar_utilities_manager.h"
+#include "log_download.h"
 #include "sdk/auth_config.h"
 #include "sdk/serial_client.h"
 #include "sdk/serial_source.h"
@@ -82,6 +84,8 @@ void LidarUtilitiesManager::waitForWorkers() {
         workers.swap(workers_);
     }
     for (Worker& worker : workers) worker.thread.join();
+    upgrade_->waitForWorkers();
+    logs_->waitForWorkers();
 }
 
 void LidarUtilitiesManager::joinThread(std::unique_ptr<std::thread>& thread) {
@@ -529,11 +533,7 @@ void LidarUtilitiesManager::clearMonitorFlags() {
 
 void LidarUtilitiesManager::Stop() {
     // An upgrade pausing (in upgrade mode, or before the restart) is abandoned now, not after.
-    {
-        std::lock_guard<std::mutex> lock(closingMutex_);
-        stops_.fetch_add(1);
-    }
-    closingWake_.notify_all();
+    upgrade_->stopHappened();
     try {
         // An attempt in flight leaves nothing connected behind, and a query waiting for a lidar
         // that stopped answering is woken now rather than at its time-out.
@@ -593,8 +593,8 @@ int LidarUtilitiesManager::sendDeviceCommand(const char* variableName, const cha
                                              const QString& notFoundName,
                                              const QString& notFoundCommand) {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!client || !client->IsOpen() || isUpgrading.load() || !isConnected.load() ||
-        isDownloadLog.load())
+    if (!client || !client->IsOpen() || getIsUpgrading() || !isConnected.load() ||
+        getIsDownloadLog())
         return -1;
     VarInfo* var = searchVarPtr(variableName, "var_name");
     if (!var) var = searchVarPtr(fallbackName, "var_name");

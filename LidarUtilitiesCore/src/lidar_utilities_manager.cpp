@@ -12,6 +12,8 @@
 
 #include "command_console.h"
 #include "developer_log.h"
+#include "firmware_upgrade.h"
+#include "log_download.h"
 #include "manager_views.h"
 #include "user_messages.h"
 
@@ -62,7 +64,9 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       currentConfigPath(std::move(configPath)),
       views_(std::make_unique<ManagerViews>(*this)),
       messages_(std::make_unique<UserMessages>(*views_, *views_)),
-      console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)) {
+      console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)),
+      upgrade_(std::make_unique<FirmwareUpgrade>(*views_, *views_, *messages_, *views_, *views_)),
+      logs_(std::make_unique<LogDownload>(*views_, *views_, *messages_, *views_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
     connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
@@ -73,6 +77,14 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::successMessageChanged, Qt::DirectConnection);
     connect(console_.get(), &CommandConsole::historyChanged, this,
             &LidarUtilitiesManager::sendCommandHistoryChanged, Qt::DirectConnection);
+    connect(upgrade_.get(), &FirmwareUpgrade::isUpgradingChanged, this,
+            &LidarUtilitiesManager::isUpgradingChanged, Qt::DirectConnection);
+    connect(logs_.get(), &LogDownload::isDownloadLogChanged, this,
+            &LidarUtilitiesManager::isDownloadLogChanged, Qt::DirectConnection);
+    connect(logs_.get(), &LogDownload::downloadFinished, this,
+            &LidarUtilitiesManager::downloadFinished, Qt::DirectConnection);
+    connect(logs_.get(), &LogDownload::downloadOperationLogFinished, this,
+            &LidarUtilitiesManager::downloadOperationLogFinished, Qt::DirectConnection);
     readSettings();
     emit initInfoChanged();
 }
@@ -81,11 +93,7 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     // Workers end at once: their waits are woken, a transfer or log request in progress fails
     // when the client closes, and a connect worker still running is cancelled. Then they are
     // waited for, so that none starts a page thread after Stop or touches a destroyed manager.
-    {
-        std::lock_guard<std::mutex> lock(closingMutex_);
-        closing_.store(true);
-    }
-    closingWake_.notify_all();
+    upgrade_->managerClosing();
     if (std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient())
         client->GetClient().Close();
     closeSerialLines();
@@ -251,10 +259,6 @@ void LidarUtilitiesManager::setSelectLidarModel(std::string model) {
     selectLidarModel = std::move(model);
 }
 
-void LidarUtilitiesManager::setIsDownloadLog(bool downloading) {
-    if (isDownloadLog.exchange(downloading) != downloading) emit isDownloadLogChanged();
-}
-
 std::string LidarUtilitiesManager::getCurrentConfigPath() const {
     std::lock_guard<std::mutex> lock(fieldsMutex_);
     return currentConfigPath;
@@ -281,7 +285,7 @@ bool LidarUtilitiesManager::clientIsOpen() const {
 }
 
 bool LidarUtilitiesManager::deviceIsIdle() const {
-    return clientIsOpen() && isConnected.load() && !isUpgrading.load() && !isDownloadLog.load();
+    return clientIsOpen() && isConnected.load() && !getIsUpgrading() && !getIsDownloadLog();
 }
 
 // ---- Log and pop-up messages ----

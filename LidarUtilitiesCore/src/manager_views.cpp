@@ -29,3 +29,29 @@ bool ManagerViews::upgrading() const {
 bool ManagerViews::downloadingLog() const {
     return manager_.getIsDownloadLog();
 }
+
+bool ManagerViews::catalogueLoaded() const {
+    return manager_.getCurrentParser() != nullptr;
+}
+
+const VarInfo* ManagerViews::variableAt(int module, int page, int var) const {
+    const ConfigParser* parser = manager_.getCurrentParser();
+    if (!parser) return nullptr;
+    const auto& tree = parser->varTree;
+    const bool inTree = module >= 0 && size_t(module) < tree.size() && page >= 0 &&
+                        size_t(page) < tree[module].size() && var >= 0 &&
+                        size_t(var) < tree[module][page].size();
+    return inTree ? tree[module][page][var] : nullptr;
+}
+
+const VarInfo* ManagerViews::variableNamed(const std::string& name) const {
+    return manager_.searchVarPtr(name, "var_name");
+}
+
+int ManagerViews::restartLidar() {
+    return manager_.Restart();
+}
+
+int ManagerViews::restartHeron() {
+    return manager_.HeronSendRestartCommand();
+}

@@ -8,7 +8,10 @@
 
 class LidarUtilitiesManager;
 
-class ManagerViews : public DeviceLinkView, public BusyView {
+class ManagerViews : public DeviceLinkView,
+                     public BusyView,
+                     public VariableLookup,
+                     public DeviceRestart {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
 
@@ -20,6 +23,13 @@ class ManagerViews : public DeviceLinkView, public BusyView {
 
     bool upgrading() const override;
     bool downloadingLog() const override;
+
+    bool catalogueLoaded() const override;
+    const VarInfo* variableAt(int module, int page, int var) const override;
+    const VarInfo* variableNamed(const std::string& name) const override;
+
+    int restartLidar() override;
+    int restartHeron() override;
 
   private:
     LidarUtilitiesManager& manager_;

@@ -11,6 +11,7 @@
 #include "log_level.h"
 
 class AuthorizedVrcClient;
+struct VarInfo;
 namespace lidar {
 class SerialClient;
 }
@@ -47,4 +48,26 @@ class UserMessageSink {
     virtual void log(const std::string& line, LogLevel level) = 0;
     virtual void showError(const QString& text) = 0;
     virtual void showSuccess(const QString& text) = 0;
+};
+
+// The loaded catalogue's variables, as the transfers find the variable whose command they send.
+// The variables a catalogue holds are never freed, so a pointer stays valid.
+class VariableLookup {
+  public:
+    virtual ~VariableLookup() = default;
+    virtual bool catalogueLoaded() const = 0;
+    // The variable at a position of the module, page and variable tree; null outside it.
+    virtual const VarInfo* variableAt(int module, int page, int var) const = 0;
+    // The variable of that var_name; null when the catalogue has none.
+    virtual const VarInfo* variableNamed(const std::string& name) const = 0;
+};
+
+// The restart requests an upgrade sends when its package is through.
+class DeviceRestart {
+  public:
+    virtual ~DeviceRestart() = default;
+    // The design's Restart on the network models: 0 when the lidar took it.
+    virtual int restartLidar() = 0;
+    // The Heron's own restart (0xC2): 0 when the lidar acknowledged it.
+    virtual int restartHeron() = 0;
 };

@@ -419,11 +419,11 @@ void LidarUtilitiesManager::Run(int page) {
 }
 
 void LidarUtilitiesManager::applyStagedEdits(int page, const SetChannel& channel) {
-    if (isUpgrading.load()) {
+    if (getIsUpgrading()) {
         showErrorMessage("Please wait for the lidar to upgrade completely");
         return;
     }
-    if (isDownloadLog.load()) {
+    if (getIsDownloadLog()) {
         showErrorMessage("Please wait for the operation log to download completely");
         return;
     }
