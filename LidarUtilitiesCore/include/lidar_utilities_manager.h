@@ -47,6 +47,8 @@ class SerialClient;
 class CommandConsole;
 class EditStaging;
 class FieldOfView;
+class FirmwareUpgrade;
+class LogDownload;
 class ManagerViews;
 class MonitorService;
 struct ShownValue;
@@ -149,11 +151,11 @@ class LidarUtilitiesManager : public QObject {
     void setSelectLidarModel(std::string model);
     Q_INVOKABLE bool getIsConnected() const { return isConnected.load(); }
     Q_INVOKABLE int getConnectType() const { return connectType.load(); }
-    Q_INVOKABLE bool getIsUpgrading() const { return isUpgrading.load(); }
-    Q_INVOKABLE bool getIsDownloadLog() const { return isDownloadLog.load(); }
+    Q_INVOKABLE bool getIsUpgrading() const;
+    Q_INVOKABLE bool getIsDownloadLog() const;
     Q_INVOKABLE void setIsDownloadLog(bool downloading);
-    Q_INVOKABLE int getUpgradeProgress() const { return upgradeProgress.load(); }
-    Q_INVOKABLE int getUpgradeProgressTotalLen() const { return upgradeProgressTotalLen.load(); }
+    Q_INVOKABLE int getUpgradeProgress() const;
+    Q_INVOKABLE int getUpgradeProgressTotalLen() const;
     Q_INVOKABLE QString getSendVrcCommandReturnHeader() const;
     Q_INVOKABLE QString getSendVrcCommandReturnPayload() const;
     Q_INVOKABLE QString getLidarModelFromLidar() const { return QString(); }
@@ -321,10 +323,10 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList getSendCommandHistory() const;
     Q_INVOKABLE int getCommandLogCnt() const;
 
-    // ---- Firmware upgrade (upgrade.cpp) ----
+    // ---- Firmware upgrade (firmware_upgrade.cpp) ----
     Q_INVOKABLE int UpgradeLidar(QUrl file, int i, int j, int k);
     Q_INVOKABLE int WrenUpgradeLidar(QUrl file);
-    Q_INVOKABLE void WrenSetUpgradeMode(int mode) { upgradeMode.store(mode); }
+    Q_INVOKABLE void WrenSetUpgradeMode(int mode);
     void GetLidarUpgradeInfo(u8Array_t& package, std::string command);
 
     // ---- Heron model: device operations (model_functions.cpp), OTA upgrade (heron_upgrade.cpp)
@@ -525,18 +527,6 @@ class LidarUtilitiesManager : public QObject {
     void forgetModuleVariant();
     // False without a catalogue or for a module below 0.
     bool shownModuleValues(int module, std::vector<ShownValue>& out) const;
-    // Upgrade and log workers: started after the checks, joined by the destructor.
-    bool startPackageTransfer(QFile& file, std::string command);
-    // Marks the start of an upgrade: a Stop from here on abandons it.
-    void markUpgradeStart();
-    // The upgrade marked last was stopped (Stop since its start), or the manager is closing.
-    bool upgradeStopped() const;
-    // Sleeps ms unless the upgrade is stopped meanwhile; false when it is (at once).
-    bool pauseUnlessStopped(long ms);
-    void deviceLogOutcome(const QString& name, int result, int lastCode, const QString& path,
-                          const u8Array_t& reply);
-    static bool runTar(const QString& workFolder, const QString& archivePath,
-                       const QStringList& names);
 
     // A test hook (tests/manager_test_access.h): states a test cannot reach cheaply otherwise.
     friend struct ManagerTestAccess;
@@ -558,7 +548,6 @@ class LidarUtilitiesManager : public QObject {
     bool uiListsValid = false;
     bool myMapValid = false;
 
-    std::atomic<int32_t> upgradeMode{0};
     std::atomic<bool> isGetPBLVersion{false};
 
     const uint8_t creationTag;
@@ -596,16 +585,11 @@ class LidarUtilitiesManager : public QObject {
 
     std::atomic<bool> isConnected{false};
     std::atomic<bool> connecting{false};
-    std::atomic<bool> isUpgrading{false};
-
-    std::atomic<bool> isDownloadLog{false};
 
     std::string selectLidarModel;  // guarded by fieldsMutex_
     std::atomic<bool> enableVrcClientHostPortUi{false};
     std::string vrcClientHostPort = "ANY";  // guarded by fieldsMutex_
 
-    std::atomic<int32_t> upgradeProgress{0};
-    std::atomic<int32_t> upgradeProgressTotalLen{1};
     std::atomic<int32_t> connectType{0};
 
     // The model information texts, placeholders until the lidar is read; the serial models'
@@ -622,35 +606,15 @@ class LidarUtilitiesManager : public QObject {
     ModelInfoTexts modelInfoTexts;
 
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
-    std::vector<int> lastOperationLogResults;         // guarded by fieldsMutex_
     TimerRefresh lastTimerRefresh;                    // guarded by fieldsMutex_
     uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
 
-    // ---- Heron model state and steps (model_functions.cpp, heron_upgrade.cpp) ----
+    // ---- Heron model state and steps (model_functions.cpp) ----
     // The version texts are modelInfoTexts' heron* fields.
     void setHeronText(std::string& field, const std::string& text);
     QString heronText(const std::string& field) const;
     void readHeronModelVersionText(AuthorizedVrcClient& client);
-    bool startHeronPackageTransfer(QFile& file);
-    // isUpgrading false, and its signal.
-    void endHeronUpgrade();
-    // The worker's steps after the header is parsed; false when the upgrade ended early.
-    bool prepareHeronUpgrade(AuthorizedVrcClient* client, uint8_t& partition);
-    std::vector<HeronUpgradePlanEntry> buildHeronPlan(const HeronOtaPackageInfo& info,
-                                                      uint8_t partition);
-    bool sendHeronPlan(AuthorizedVrcClient& client, const u8Array_t& package,
-                       const std::vector<HeronUpgradePlanEntry>& plan);
-    // Tells a Heron upgrade ended before its plan was through: what the lidar holds and what to do.
-    void reportHeronUpgradeCut(const std::vector<HeronUpgradePlanEntry>& plan, size_t completed);
 
-    // Set by the destructor: wakes the workers' waits so that they end at once.
-    std::atomic<bool> closing_{false};
-    // Counts the calls of Stop (under closingMutex_, which wakes the upgrade's pauses); the
-    // upgrade running keeps the count at its start.
-    std::atomic<uint64_t> stops_{0};
-    std::atomic<uint64_t> stopsAtUpgradeStart_{0};
-    std::mutex closingMutex_;
-    std::condition_variable closingWake_;
 
     // Short workers (connect, configuration-file query): joined before a new one starts and by
     // the destructor, so none outlives the manager.
@@ -685,4 +649,6 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<EditStaging> staging_;
     std::unique_ptr<FieldOfView> fov_;
     std::unique_ptr<MonitorService> monitor_;
+    std::unique_ptr<FirmwareUpgrade> upgrade_;
+    std::unique_ptr<LogDownload> logs_;
 };

@@ -440,7 +440,7 @@ void LidarUtilitiesManager::updatePagesTimer() {
     if (!currentParser || !pagesTimerRunning.load()) return;
     int counter = 0;
     while (pagesTimerRunning.load()) {
-        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load()) {
+        if (isConnected.load() && !getIsUpgrading() && !getIsDownloadLog()) {
             if (counter <= 29) {
                 ++counter;
             } else {

@@ -13,7 +13,9 @@
 #include "developer_log.h"
 #include "edit_staging.h"
 #include "field_of_view.h"
+#include "firmware_upgrade.h"
 #include "lidar_utilities_manager.h"
+#include "log_download.h"
 #include "monitor_service.h"
 #include "sdk/auth_config.h"
 #include "sdk/serial_client.h"
@@ -85,6 +87,8 @@ void LidarUtilitiesManager::waitForWorkers() {
         workers.swap(workers_);
     }
     for (Worker& worker : workers) worker.thread.join();
+    upgrade_->waitForWorkers();
+    logs_->waitForWorkers();
 }
 
 void LidarUtilitiesManager::joinThread(std::unique_ptr<std::thread>& thread) {
@@ -511,11 +515,7 @@ void LidarUtilitiesManager::resetSerialNumberTexts() {
 
 void LidarUtilitiesManager::Stop() {
     // An upgrade pausing (in upgrade mode, or before the restart) is abandoned now, not after.
-    {
-        std::lock_guard<std::mutex> lock(closingMutex_);
-        stops_.fetch_add(1);
-    }
-    closingWake_.notify_all();
+    upgrade_->stopHappened();
     try {
         // An attempt in flight leaves nothing connected behind, and a query waiting for a lidar
         // that stopped answering is woken now rather than at its time-out.
@@ -573,8 +573,8 @@ int LidarUtilitiesManager::sendDeviceCommand(const char* variableName, const cha
                                              const QString& notFoundName,
                                              const QString& notFoundCommand) {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!client || !client->IsOpen() || isUpgrading.load() || !isConnected.load() ||
-        isDownloadLog.load())
+    if (!client || !client->IsOpen() || getIsUpgrading() || !isConnected.load() ||
+        getIsDownloadLog())
         return -1;
     VarInfo* var = searchVarPtr(variableName, "var_name");
     if (!var) var = searchVarPtr(fallbackName, "var_name");

@@ -1,6 +1,6 @@
-// Heron OTA upgrade: the package header and the components it holds, and the worker that puts
-// the lidar into upgrade mode, writes the partition that is not running, the FPGA images and the
-// parameters one component after another, and restarts the lidar.
+// Heron OTA upgrade (firmware_upgrade.h): the package header and the components it holds, and the
+// worker that puts the lidar into upgrade mode, writes the partition that is not running, the FPGA
+// images and the parameters one component after another, and restarts the lidar.
 //
 // The package is bytes from a file nobody vouches for: every offset and size is checked in 64-bit
 // arithmetic before it is used.
@@ -12,8 +12,11 @@
 #include <thread>
 
 #include "developer_log.h"
+#include "firmware_upgrade.h"
 #include "heron_ota_package.h"
 #include "lidar_utilities_manager.h"
+#include "sdk/authorized_vrc_client.h"
+#include "subsystem_views.h"
 
 namespace {
 
@@ -50,19 +53,18 @@ uint64_t unitsOf(size_t bytes) {
 
 // ---- The package ----
 
-bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
-                                                       HeronOtaPackageInfo& info) {
+bool FirmwareUpgrade::parseHeronPackageHeader(const u8Array_t& package, HeronOtaPackageInfo& info) {
     info = HeronOtaPackageInfo{};
     if (package.size() < heron_ota::kHeaderSize) return false;
     if (!std::equal(std::begin(heron_ota::kMagic), std::end(heron_ota::kMagic), package.begin(),
                     [](char expected, uint8_t byte) { return uint8_t(expected) == byte; })) {
-        writeLogMessage("Invalid OTA package magic", LogLevel::kInfo);
+        messages_.log("Invalid OTA package magic", LogLevel::kInfo);
         return false;
     }
     info.total_size = readLittleEndian32(package, heron_ota::kTotalSizeAt);
     info.flags = package[heron_ota::kFlagsAt];
     if ((info.flags & heron_ota::kUnknownFlags) != 0) {
-        writeLogMessage("Invalid OTA component flags", LogLevel::kInfo);
+        messages_.log("Invalid OTA component flags", LogLevel::kInfo);
         return false;
     }
     for (size_t i = 0; i < heron_ota::kComponentCount; ++i) {
@@ -80,17 +82,17 @@ bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
         if (!component.present) continue;
         const std::string name = kind.name;
         if (component.size == 0) {
-            writeLogMessage("Component " + name + " size is zero", LogLevel::kInfo);
+            messages_.log("Component " + name + " size is zero", LogLevel::kInfo);
             return false;
         }
         if (component.offset > dataLength || component.size > dataLength - component.offset) {
-            writeLogMessage("Component " + name + " is out of file range", LogLevel::kInfo);
+            messages_.log("Component " + name + " is out of file range", LogLevel::kInfo);
             return false;
         }
         ranges.emplace_back(component.offset, component.size);
     }
     if (ranges.empty()) {
-        writeLogMessage("No component found in package", LogLevel::kInfo);
+        messages_.log("No component found in package", LogLevel::kInfo);
         return false;
     }
     std::stable_sort(ranges.begin(), ranges.end(),
@@ -98,23 +100,23 @@ bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
     for (size_t i = 1; i < ranges.size(); ++i) {
         // Sorted, so the difference cannot wrap; equal offsets overlap (sizes are not zero).
         if (ranges[i - 1].second > ranges[i].first - ranges[i - 1].first) {
-            writeLogMessage("Component overlap", LogLevel::kInfo);
+            messages_.log("Component overlap", LogLevel::kInfo);
             return false;
         }
     }
     return true;
 }
 
-u8Array_t LidarUtilitiesManager::HeronExtractComponentData(const u8Array_t& package,
-                                                           const HeronOtaComponentInfo& component,
-                                                           const std::string& name) {
+u8Array_t FirmwareUpgrade::extractHeronComponent(const u8Array_t& package,
+                                                 const HeronOtaComponentInfo& component,
+                                                 const std::string& name) {
     if (package.size() < heron_ota::kHeaderSize) {
-        writeLogMessage("Component " + name + " package too small", LogLevel::kInfo);
+        messages_.log("Component " + name + " package too small", LogLevel::kInfo);
         return {};
     }
     const uint64_t dataLength = package.size() - heron_ota::kHeaderSize;
     if (component.offset > dataLength || component.size > dataLength - component.offset) {
-        writeLogMessage("Component " + name + " data out of range", LogLevel::kInfo);
+        messages_.log("Component " + name + " data out of range", LogLevel::kInfo);
         return {};
     }
     uint64_t first = heron_ota::kHeaderSize + uint64_t(component.offset);
@@ -131,15 +133,16 @@ u8Array_t LidarUtilitiesManager::HeronExtractComponentData(const u8Array_t& pack
 
 // ---- Starting ----
 
-int LidarUtilitiesManager::HeronUpgradeLidar(QUrl file) {
-    if (!isConnected.load() || isUpgrading.load() || connectType.load() != kVrcOverSerial ||
-        !clientIsOpen()) {
-        showErrorMessage("lidar is not connected, or lidar is upgrading");
+int FirmwareUpgrade::upgradeHeron(const QUrl& file) {
+    const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+    if (!link_.linkConnected() || upgrading_.load() || link_.connectionKind() != kVrcOverSerial ||
+        !client || !client->IsOpen()) {
+        messages_.showError("lidar is not connected, or lidar is upgrading");
         return -1;
     }
     QFile package(file.toLocalFile());
     if (!package.open(QIODevice::ReadOnly)) {
-        showErrorMessage("Failed to open upgrade file");
+        messages_.showError("Failed to open upgrade file");
         return -1;
     }
     return startHeronPackageTransfer(package) ? 0 : -1;
@@ -147,64 +150,59 @@ int LidarUtilitiesManager::HeronUpgradeLidar(QUrl file) {
 
 // Reads the package, marks the upgrade, pauses, and hands the bytes to the worker (joined by the
 // destructor, as every worker is).
-bool LidarUtilitiesManager::startHeronPackageTransfer(QFile& file) {
+bool FirmwareUpgrade::startHeronPackageTransfer(QFile& file) {
     if (file.size() > INT32_MAX) {
         const std::string text =
             "Upgrade package " + file.fileName().toStdString() + " is larger than 2 GiB";
-        showErrorMessage(QString::fromStdString(text));
-        writeLogMessage(text + "; nothing was sent", LogLevel::kError);
+        messages_.showError(QString::fromStdString(text));
+        messages_.log(text + "; nothing was sent", LogLevel::kError);
         return false;
     }
     const QByteArray read = file.readAll();
     file.close();
     if (static_cast<size_t>(read.size()) < heron_ota::kHeaderSize) {
-        showErrorMessage("Upgrade package too small");
+        messages_.showError("Upgrade package too small");
         return false;
     }
     auto bytes = std::make_shared<u8Array_t>(
         reinterpret_cast<const uint8_t*>(read.constData()),
         reinterpret_cast<const uint8_t*>(read.constData()) + read.size());
-    markUpgradeStart();
-    isUpgrading.store(true);
-    upgradeProgress.store(0);
-    upgradeProgressTotalLen.store(static_cast<int32_t>(bytes->size() >> 10));
-    emit isUpgradingChanged();
+    markUpgradeStart(bytes->size());
     if (!pauseUnlessStopped(kPauseBeforeTransferMs)) {
-        writeLogMessage("Heron upgrade abandoned before it began; nothing was sent",
-                        LogLevel::kWarning);
+        messages_.log("Heron upgrade abandoned before it began; nothing was sent",
+                      LogLevel::kWarning);
         endHeronUpgrade();
         return false;
     }
     try {
-        startWorker([this, bytes] { GetLidarUpgradeInfoHeron(*bytes); });
+        workers_.start([this, bytes] { transferHeron(*bytes); });
     } catch (const std::system_error& e) {
-        writeLogMessage(std::string("Upgrade worker could not start: ") + e.what(),
-                        LogLevel::kError);
+        messages_.log(std::string("Upgrade worker could not start: ") + e.what(), LogLevel::kError);
         endHeronUpgrade();
         return false;
     }
     return true;
 }
 
-void LidarUtilitiesManager::endHeronUpgrade() {
-    if (isUpgrading.exchange(false)) emit isUpgradingChanged();
+void FirmwareUpgrade::endHeronUpgrade() {
+    if (upgrading_.exchange(false)) emit isUpgradingChanged();
 }
 
 // ---- The worker ----
 
-void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
+void FirmwareUpgrade::transferHeron(u8Array_t& package) {
     try {
         HeronOtaPackageInfo info;
-        if (!HeronParseOtaPackageHeader(package, info)) {
-            showErrorMessage("Invalid Heron OTA upgrade package");
+        if (!parseHeronPackageHeader(package, info)) {
+            messages_.showError("Invalid Heron OTA upgrade package");
             endHeronUpgrade();
             return;
         }
         // The flags in decimal after "0x", as the upgrade log has always written them.
-        writeLogMessage("Heron OTA package parsed: flags=0x" + std::to_string(info.flags) +
-                            ", total_size=" + std::to_string(info.total_size),
-                        LogLevel::kInfo);
-        const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+        messages_.log("Heron OTA package parsed: flags=0x" + std::to_string(info.flags) +
+                          ", total_size=" + std::to_string(info.total_size),
+                      LogLevel::kInfo);
+        const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
         uint8_t partition = 0;
         if (!prepareHeronUpgrade(client.get(), partition)) return;
         const std::vector<HeronUpgradePlanEntry> plan = buildHeronPlan(info, partition);
@@ -212,49 +210,48 @@ void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
             const std::string text =
                 "Heron upgrade: no component matches current upgrade plan, partition=" +
                 partitionName(partition) + ", flags=0x" + std::to_string(info.flags);
-            showErrorMessage(QString::fromStdString(text));
-            writeLogMessage(text, LogLevel::kError);
+            messages_.showError(QString::fromStdString(text));
+            messages_.log(text, LogLevel::kError);
             endHeronUpgrade();
             return;
         }
         if (!sendHeronPlan(*client, package, plan)) return;
         endHeronUpgrade();
-        if (HeronSendRestartCommand() != 0) {
-            showSuccessMessage(kRestartNotAcknowledged);
+        if (restart_.restartHeron() != 0) {
+            messages_.showSuccess(kRestartNotAcknowledged);
         } else {
-            showSuccessMessage("Heron upgrade completed. Restart command has been sent.");
+            messages_.showSuccess("Heron upgrade completed. Restart command has been sent.");
         }
-        Stop();
+        link_.stopLink();
     } catch (const std::exception& e) {
         developer_log::writeDeveloperLine(
             std::string("GetLidarUpgradeInfoHeron(): Caught Exception: ") + e.what() + "\n");
-        writeLogMessage(std::string("Heron upgrade: ") + e.what(), LogLevel::kError);
+        messages_.log(std::string("Heron upgrade: ") + e.what(), LogLevel::kError);
         endHeronUpgrade();
     }
 }
 
 // The link rate, upgrade mode and the pause the lidar needs after it; false when the upgrade
 // ended here (reported, or the manager is closing).
-bool LidarUtilitiesManager::prepareHeronUpgrade(AuthorizedVrcClient* client, uint8_t& partition) {
+bool FirmwareUpgrade::prepareHeronUpgrade(AuthorizedVrcClient* client, uint8_t& partition) {
     // No client: stopped between the start and this thread; the rate cannot be set.
     if (client == nullptr || client->WrenSetBaudRate(client->GetSerialBaudRate()) != 0) {
-        showErrorMessage("Heron upgrade: set baudrate failed");
+        messages_.showError("Heron upgrade: set baudrate failed");
         endHeronUpgrade();
         return false;
     }
     partition = 0;
     if (client->WrenSerialEnterUpgradeMode(partition) != 0) {
-        showErrorMessage("Heron upgrade: change mode failed");
+        messages_.showError("Heron upgrade: change mode failed");
         endHeronUpgrade();
         return false;
     }
-    writeLogMessage("Heron upgrade: current partition=" + partitionName(partition),
-                    LogLevel::kInfo);
+    messages_.log("Heron upgrade: current partition=" + partitionName(partition), LogLevel::kInfo);
     if (!pauseUnlessStopped(kPauseAfterUpgradeModeMs)) {
         // A manager being destroyed tells nobody; a Stop was the user's, who is told.
         if (!closing_.load()) {
-            showErrorMessage(kAbandonedInUpgradeMode);
-            writeLogMessage(kAbandonedInUpgradeMode, LogLevel::kInfo);
+            messages_.showError(kAbandonedInUpgradeMode);
+            messages_.log(kAbandonedInUpgradeMode, LogLevel::kInfo);
         }
         endHeronUpgrade();
         return false;
@@ -264,15 +261,15 @@ bool LidarUtilitiesManager::prepareHeronUpgrade(AuthorizedVrcClient* client, uin
 
 // The application for the partition that is not running, then the FPGA images and the
 // parameters: those the package holds.
-std::vector<HeronUpgradePlanEntry> LidarUtilitiesManager::buildHeronPlan(
-    const HeronOtaPackageInfo& info, uint8_t partition) {
+std::vector<HeronUpgradePlanEntry> FirmwareUpgrade::buildHeronPlan(const HeronOtaPackageInfo& info,
+                                                                   uint8_t partition) {
     const size_t order[] = {partition == 0 ? kBmbAppB : kBmbAppA, kBmbFpga, kTmbFpga, kTmbParam};
     std::vector<HeronUpgradePlanEntry> plan;
     for (size_t index : order) {
         const heron_ota::ComponentKind& kind = heron_ota::kComponents[index];
         const HeronOtaComponentInfo& component = info.*(kind.info);
         if (!component.present) {
-            writeLogMessage(
+            messages_.log(
                 std::string("Heron upgrade: skip ") + kind.name + ", not found in package",
                 LogLevel::kInfo);
             continue;
@@ -283,59 +280,59 @@ std::vector<HeronUpgradePlanEntry> LidarUtilitiesManager::buildHeronPlan(
 }
 
 // The totals, then every component in order; false when one could not be sent (reported).
-bool LidarUtilitiesManager::sendHeronPlan(AuthorizedVrcClient& client, const u8Array_t& package,
-                                          const std::vector<HeronUpgradePlanEntry>& plan) {
+bool FirmwareUpgrade::sendHeronPlan(AuthorizedVrcClient& client, const u8Array_t& package,
+                                    const std::vector<HeronUpgradePlanEntry>& plan) {
     uint64_t total = 0;
     for (const HeronUpgradePlanEntry& entry : plan)
-        total += unitsOf(HeronExtractComponentData(package, entry.info, entry.name).size());
-    upgradeProgressTotalLen.store(static_cast<int32_t>(std::min<uint64_t>(total, INT32_MAX)));
-    upgradeProgress.store(0);
+        total += unitsOf(extractHeronComponent(package, entry.info, entry.name).size());
+    progressTotal_.store(static_cast<int32_t>(std::min<uint64_t>(total, INT32_MAX)));
+    progress_.store(0);
 
     for (size_t sent = 0; sent < plan.size(); ++sent) {
         const HeronUpgradePlanEntry& entry = plan[sent];
         if (upgradeStopped()) {
             if (!closing_.load()) {
-                showErrorMessage("Heron upgrade abandoned before " +
-                                 QString::fromStdString(entry.name));
+                messages_.showError("Heron upgrade abandoned before " +
+                                    QString::fromStdString(entry.name));
                 reportHeronUpgradeCut(plan, sent);
             }
             endHeronUpgrade();
             return false;
         }
-        u8Array_t bytes = HeronExtractComponentData(package, entry.info, entry.name);
+        u8Array_t bytes = extractHeronComponent(package, entry.info, entry.name);
         if (bytes.empty()) {
-            showErrorMessage(
+            messages_.showError(
                 QString::fromStdString("Heron upgrade: failed to extract " + entry.name));
             endHeronUpgrade();
             return false;
         }
-        writeLogMessage("Heron upgrade: sending " + entry.name + " (type=0x0" +
-                            std::to_string(entry.type) + ", size=" + std::to_string(bytes.size()) +
-                            ")",
-                        LogLevel::kInfo);
-        const int ret = client.HeronSendComponentData(bytes, entry.type, upgradeProgress);
+        messages_.log("Heron upgrade: sending " + entry.name + " (type=0x0" +
+                          std::to_string(entry.type) + ", size=" + std::to_string(bytes.size()) +
+                          ")",
+                      LogLevel::kInfo);
+        const int ret = client.HeronSendComponentData(bytes, entry.type, progress_);
         if (ret != 0) {
             std::string text =
                 "Heron upgrade: " + entry.name + " failed, error=" + std::to_string(ret);
             // Stopped meanwhile: the transfer failed because the connection was closed.
             if (upgradeStopped()) text = "Heron upgrade abandoned during " + entry.name;
             if (!closing_.load()) {
-                showErrorMessage(QString::fromStdString(text));
-                writeLogMessage(text, LogLevel::kInfo);
+                messages_.showError(QString::fromStdString(text));
+                messages_.log(text, LogLevel::kInfo);
                 reportHeronUpgradeCut(plan, sent);
             }
             endHeronUpgrade();
             return false;
         }
-        writeLogMessage("Heron upgrade: " + entry.name + " completed", LogLevel::kInfo);
+        messages_.log("Heron upgrade: " + entry.name + " completed", LogLevel::kInfo);
     }
     return true;
 }
 
 // What a lidar whose plan was cut holds: it stays in upgrade mode with the components before the
 // cut written; the same package sends them all again.
-void LidarUtilitiesManager::reportHeronUpgradeCut(const std::vector<HeronUpgradePlanEntry>& plan,
-                                                  size_t completed) {
+void FirmwareUpgrade::reportHeronUpgradeCut(const std::vector<HeronUpgradePlanEntry>& plan,
+                                            size_t completed) {
     const auto names = [&plan](size_t from, size_t to) {
         std::string list;
         for (size_t i = from; i < to; ++i)
@@ -347,7 +344,28 @@ void LidarUtilitiesManager::reportHeronUpgradeCut(const std::vector<HeronUpgrade
         names(completed, plan.size()) + (left == 1 ? " was not written" : " were not written");
     const std::string held = completed == 0 ? "no new component: " + notWritten
                                             : names(0, completed) + " written; " + notWritten;
-    writeLogMessage("Heron upgrade: the lidar is left in upgrade mode with " + held +
-                        "; run the same upgrade again to finish it",
-                    LogLevel::kWarning);
+    messages_.log("Heron upgrade: the lidar is left in upgrade mode with " + held +
+                      "; run the same upgrade again to finish it",
+                  LogLevel::kWarning);
+}
+
+// ---- The façade's Heron upgrade operations ----
+
+int LidarUtilitiesManager::HeronUpgradeLidar(QUrl file) {
+    return upgrade_->upgradeHeron(file);
+}
+
+void LidarUtilitiesManager::GetLidarUpgradeInfoHeron(u8Array_t& package) {
+    upgrade_->transferHeron(package);
+}
+
+bool LidarUtilitiesManager::HeronParseOtaPackageHeader(const u8Array_t& package,
+                                                       HeronOtaPackageInfo& info) {
+    return upgrade_->parseHeronPackageHeader(package, info);
+}
+
+u8Array_t LidarUtilitiesManager::HeronExtractComponentData(const u8Array_t& package,
+                                                           const HeronOtaComponentInfo& component,
+                                                           const std::string& name) {
+    return upgrade_->extractHeronComponent(package, component, name);
 }

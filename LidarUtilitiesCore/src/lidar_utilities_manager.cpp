@@ -14,6 +14,8 @@
 #include "developer_log.h"
 #include "edit_staging.h"
 #include "field_of_view.h"
+#include "firmware_upgrade.h"
+#include "log_download.h"
 #include "manager_views.h"
 #include "monitor_service.h"
 #include "user_messages.h"
@@ -68,7 +70,9 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       console_(std::make_unique<CommandConsole>(*views_, *views_, *messages_)),
       staging_(std::make_unique<EditStaging>(*views_, *views_, *views_, *messages_)),
       fov_(std::make_unique<FieldOfView>(*staging_, *messages_)),
-      monitor_(std::make_unique<MonitorService>(*views_, *views_, *views_, *views_, *messages_)) {
+      monitor_(std::make_unique<MonitorService>(*views_, *views_, *views_, *views_, *messages_)),
+      upgrade_(std::make_unique<FirmwareUpgrade>(*views_, *views_, *messages_, *views_, *views_)),
+      logs_(std::make_unique<LogDownload>(*views_, *views_, *messages_, *views_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
     connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
@@ -93,6 +97,14 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::monitorRecordParamsChanged, Qt::DirectConnection);
     connect(monitor_.get(), &MonitorService::isMonitorRecordingChanged, this,
             &LidarUtilitiesManager::isMonitorRecordingChanged, Qt::DirectConnection);
+    connect(upgrade_.get(), &FirmwareUpgrade::isUpgradingChanged, this,
+            &LidarUtilitiesManager::isUpgradingChanged, Qt::DirectConnection);
+    connect(logs_.get(), &LogDownload::isDownloadLogChanged, this,
+            &LidarUtilitiesManager::isDownloadLogChanged, Qt::DirectConnection);
+    connect(logs_.get(), &LogDownload::downloadFinished, this,
+            &LidarUtilitiesManager::downloadFinished, Qt::DirectConnection);
+    connect(logs_.get(), &LogDownload::downloadOperationLogFinished, this,
+            &LidarUtilitiesManager::downloadOperationLogFinished, Qt::DirectConnection);
     readSettings();
     emit initInfoChanged();
 }
@@ -101,11 +113,7 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     // Workers end at once: their waits are woken, a transfer or log request in progress fails
     // when the client closes, and a connect worker still running is cancelled. Then they are
     // waited for, so that none starts a page thread after Stop or touches a destroyed manager.
-    {
-        std::lock_guard<std::mutex> lock(closingMutex_);
-        closing_.store(true);
-    }
-    closingWake_.notify_all();
+    upgrade_->managerClosing();
     if (std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient())
         client->GetClient().Close();
     closeSerialLines();
@@ -269,10 +277,6 @@ void LidarUtilitiesManager::setSelectLidarModel(std::string model) {
     selectLidarModel = std::move(model);
 }
 
-void LidarUtilitiesManager::setIsDownloadLog(bool downloading) {
-    if (isDownloadLog.exchange(downloading) != downloading) emit isDownloadLogChanged();
-}
-
 std::string LidarUtilitiesManager::getCurrentConfigPath() const {
     std::lock_guard<std::mutex> lock(fieldsMutex_);
     return currentConfigPath;
@@ -299,7 +303,7 @@ bool LidarUtilitiesManager::clientIsOpen() const {
 }
 
 bool LidarUtilitiesManager::deviceIsIdle() const {
-    return clientIsOpen() && isConnected.load() && !isUpgrading.load() && !isDownloadLog.load();
+    return clientIsOpen() && isConnected.load() && !getIsUpgrading() && !getIsDownloadLog();
 }
 
 // ---- Log and pop-up messages ----

@@ -1,5 +1,7 @@
-// Log download: a device log saved as one binary file, and the operation log, four logs packed
-// into one tar archive by the system's tar. Each runs on a worker that marks the manager busy.
+// Log download (log_download.h): a device log saved as one binary file, and the operation log,
+// four logs packed into one tar archive by the system's tar.
+
+#include "log_download.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -12,6 +14,8 @@
 
 #include "command_text.h"
 #include "lidar_utilities_manager.h"
+#include "sdk/authorized_vrc_client.h"
+#include "subsystem_views.h"
 
 namespace {
 
@@ -43,139 +47,170 @@ bool writeFile(QFile& file, const u8Array_t& bytes) {
                       static_cast<qint64>(bytes.size())) == static_cast<qint64>(bytes.size());
 }
 
+// The operation log's parts as they came: each part's file in the work folder (written whatever
+// came, empty when nothing did) and the client's result for it.
+struct OperationLogParts {
+    QStringList names;
+    std::vector<int> results;
+    bool everyPartAnswered = true;
+};
+
+OperationLogParts fetchOperationLogParts(AuthorizedVrcClient* client, uint8_t command,
+                                         u8Array_t payload, const QString& workFolder,
+                                         const QString& stamp) {
+    const size_t at = payload.size();
+    payload.resize(at + 2);
+    OperationLogParts parts;
+    for (const OperationLogPart& part : kOperationLogParts) {
+        payload[at] = part.kind;
+        payload[at + 1] = part.part;
+        u8Array_t reply;
+        const int result = client ? client->DownloadLog(payload, reply, command) : -1;
+        parts.everyPartAnswered = parts.everyPartAnswered && result != -1;
+        parts.results.push_back(result);
+        parts.names << part.prefix + stamp + ".bin";
+        QFile file(workFolder + "/" + parts.names.back());
+        if (file.open(QIODevice::ReadWrite | QIODevice::Truncate)) writeFile(file, reply);
+    }
+    return parts;
+}
+
 }  // namespace
 
-int LidarUtilitiesManager::DownloadLog(QUrl folder, QString name) {
+LogDownload::LogDownload(const DeviceLinkView& link, const BusyView& busy,
+                         UserMessageSink& messages, const VariableLookup& catalogue)
+    : link_(link), busy_(busy), messages_(messages), catalogue_(catalogue) {}
+
+// ---- Starting ----
+
+// Connected, an open client, no upgrade and no other log download.
+bool LogDownload::deviceIsIdle() const {
+    const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+    return client && client->IsOpen() && link_.linkConnected() && !busy_.upgrading() &&
+           !downloading_.load();
+}
+
+int LogDownload::startWorker(std::function<void()> job) {
     if (!deviceIsIdle()) return -1;
     try {
-        startWorker([this, folder, name] { DownloadLogThread(folder, name); });
+        workers_.start(std::move(job));
     } catch (const std::system_error&) {
         return -1;
     }
     return 0;
 }
 
-int LidarUtilitiesManager::DownloadOperationLog(QUrl archive) {
-    if (!deviceIsIdle()) return -1;
-    try {
-        startWorker([this, archive] { DownloadOperationLogThread(archive); });
-    } catch (const std::system_error&) {
-        return -1;
-    }
-    return 0;
+int LogDownload::startDeviceLog(const QUrl& folder, const QString& name) {
+    return startWorker([this, folder, name] { downloadDeviceLog(folder, name); });
 }
 
-void LidarUtilitiesManager::DownloadLogThread(QUrl folder, QString name) {
-    setIsDownloadLog(true);
+int LogDownload::startOperationLog(const QUrl& archive) {
+    return startWorker([this, archive] { downloadOperationLog(archive); });
+}
+
+void LogDownload::setDownloading(bool downloading) {
+    if (downloading_.exchange(downloading) != downloading) emit isDownloadLogChanged();
+}
+
+// ---- The device log ----
+
+void LogDownload::downloadDeviceLog(const QUrl& folder, const QString& name) {
+    setDownloading(true);
     const QString path = folder.toLocalFile() + "/" + name + "_" +
                          QDateTime::currentDateTime().toString("yyyyMMdd-hhmmss") + ".bin";
     try {
-        const VarInfo* var = searchVarPtr(name.toStdString(), "var_name");
+        const VarInfo* var = catalogue_.variableNamed(name.toStdString());
         if (!var) throw std::runtime_error(("Can not find " + name + " name").toStdString());
         u8Array_t payload;
         const uint8_t command =
             logRequest(*var, payload, ("Can not find " + name + " command").toStdString());
-        const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+        const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
         u8Array_t reply;
         const int result = client ? client->DownloadLog(payload, reply, command) : -1;
         deviceLogOutcome(name, result, client ? client->GetLastReturnCode() : -1, path, reply);
     } catch (const std::exception& e) {
-        showErrorMessage(name + " download error: " + e.what());
-        setIsDownloadLog(false);
+        messages_.showError(name + " download error: " + e.what());
+        setDownloading(false);
         emit downloadFinished();
     }
 }
 
 // Only -1 is a failure; any other result is the device's answer and is saved. A file error is
 // shown and the download still reported successful, as the design has it.
-void LidarUtilitiesManager::deviceLogOutcome(const QString& name, int result, int lastCode,
-                                             const QString& path, const u8Array_t& reply) {
+void LogDownload::deviceLogOutcome(const QString& name, int result, int lastCode,
+                                   const QString& path, const u8Array_t& reply) {
     if (result == -1) {
-        setIsDownloadLog(false);
-        showErrorMessage(name + " download failed. return code: " + QString::number(lastCode));
+        setDownloading(false);
+        messages_.showError(name + " download failed. return code: " + QString::number(lastCode));
         emit downloadFinished();
         return;
     }
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        showErrorMessage(name + ": Failed to open file.");
+        messages_.showError(name + ": Failed to open file.");
     } else {
         if (!writeFile(file, reply))
-            showErrorMessage(name + ": Failed to write binary data to file.");
+            messages_.showError(name + ": Failed to write binary data to file.");
         file.close();
     }
-    setIsDownloadLog(false);
-    showSuccessMessage(name + " download successful.");
+    setDownloading(false);
+    messages_.showSuccess(name + " download successful.");
     emit downloadFinished();
 }
 
-void LidarUtilitiesManager::DownloadOperationLogThread(QUrl archive) {
-    setIsDownloadLog(true);
+// ---- The operation log ----
+
+void LogDownload::downloadOperationLog(const QUrl& archive) {
+    setDownloading(true);
     // A relative archive path means relative to where the user is now, not to the work folder
     // that tar runs in.
     QString archivePath = QFileInfo(archive.toLocalFile()).absoluteFilePath();
     if (archivePath.right(4) != ".tar") archivePath += ".tar";
     const QString stamp = QDateTime::currentDateTime().toString("yyyy_MM_dd_hh_mm_ss");
-    const QString workFolder = operationLogWorkFolder();
-    QDir().mkpath(workFolder);
-    {
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        lastOperationLogResults.clear();
-    }
+    const QString folder = workFolder();
+    QDir().mkpath(folder);
+    setLastOperationLogResults({});
     try {
-        const VarInfo* var = searchVarPtr("Operation Log", "var_name");
-        if (!var) var = searchVarPtr("operation log", "var_name");
+        const VarInfo* var = catalogue_.variableNamed("Operation Log");
+        if (!var) var = catalogue_.variableNamed("operation log");
         if (!var) throw std::runtime_error("Can not find Operation Log name");
         u8Array_t payload;
         const uint8_t command = logRequest(*var, payload, "Can not find Operation Log command");
-        const size_t at = payload.size();
-        payload.resize(at + 2);
-
-        const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-        bool everyPartAnswered = true;
-        QStringList names;
-        std::vector<int> results;
-        for (const OperationLogPart& part : kOperationLogParts) {
-            payload[at] = part.kind;
-            payload[at + 1] = part.part;
-            u8Array_t reply;
-            const int result = client ? client->DownloadLog(payload, reply, command) : -1;
-            everyPartAnswered = everyPartAnswered && result != -1;
-            results.push_back(result);
-            names << part.prefix + stamp + ".bin";
-            QFile file(workFolder + "/" + names.back());
-            if (file.open(QIODevice::ReadWrite | QIODevice::Truncate)) writeFile(file, reply);
-        }
-        {
-            std::lock_guard<std::mutex> lock(fieldsMutex_);
-            lastOperationLogResults = results;
-        }
-        const bool packed = runTar(workFolder, archivePath, names);
-        if (packed && everyPartAnswered) {
+        const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+        const OperationLogParts parts =
+            fetchOperationLogParts(client.get(), command, payload, folder, stamp);
+        setLastOperationLogResults(parts.results);
+        const bool packed = runTar(folder, archivePath, parts.names);
+        if (packed && parts.everyPartAnswered) {
             // The folder goes before the flag: a download started next must not lose its files.
-            QDir(workFolder).removeRecursively();
-            setIsDownloadLog(false);
-            showSuccessMessage("Operation log download successful.");
+            QDir(folder).removeRecursively();
+            setDownloading(false);
+            messages_.showSuccess("Operation log download successful.");
             emit downloadOperationLogFinished(true);
         } else {
-            setIsDownloadLog(false);
-            showErrorMessage("Operation log download failed.");
+            setDownloading(false);
+            messages_.showError("Operation log download failed.");
             emit downloadOperationLogFinished(false);
         }
     } catch (const std::exception& e) {
-        showErrorMessage(QString("Operation Log download error: ") + e.what());
-        setIsDownloadLog(false);
-        showErrorMessage("Operation log download failed.");
+        messages_.showError(QString("Operation Log download error: ") + e.what());
+        setDownloading(false);
+        messages_.showError("Operation log download failed.");
         emit downloadOperationLogFinished(false);
     }
 }
 
-std::vector<int> LidarUtilitiesManager::getLastOperationLogResults() const {
-    std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return lastOperationLogResults;
+void LogDownload::setLastOperationLogResults(std::vector<int> results) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lastOperationLogResults_ = std::move(results);
 }
 
-QString LidarUtilitiesManager::operationLogWorkFolder() {
+std::vector<int> LogDownload::lastOperationLogResults() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastOperationLogResults_;
+}
+
+QString LogDownload::workFolder() {
     return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/operation_log";
 }
 
@@ -183,8 +218,8 @@ QString LidarUtilitiesManager::operationLogWorkFolder() {
 // directory is set for the child alone: the process's own current directory is not changed,
 // because other threads open files relative to it (./Config/...). True when tar ended with a
 // normal exit status; one that cannot be started, or is still running after 30 s, did not.
-bool LidarUtilitiesManager::runTar(const QString& workFolder, const QString& archivePath,
-                                   const QStringList& names) {
+bool LogDownload::runTar(const QString& workFolder, const QString& archivePath,
+                         const QStringList& names) {
     QProcess tar;
     tar.setWorkingDirectory(workFolder);
     tar.setProcessChannelMode(QProcess::MergedChannels);
@@ -195,4 +230,38 @@ bool LidarUtilitiesManager::runTar(const QString& workFolder, const QString& arc
         tar.waitForFinished();
     }
     return finished && tar.exitStatus() == QProcess::NormalExit;
+}
+
+// ---- The façade's log download operations ----
+
+int LidarUtilitiesManager::DownloadLog(QUrl folder, QString name) {
+    return logs_->startDeviceLog(folder, name);
+}
+
+int LidarUtilitiesManager::DownloadOperationLog(QUrl archive) {
+    return logs_->startOperationLog(archive);
+}
+
+void LidarUtilitiesManager::DownloadLogThread(QUrl folder, QString name) {
+    logs_->downloadDeviceLog(folder, name);
+}
+
+void LidarUtilitiesManager::DownloadOperationLogThread(QUrl archive) {
+    logs_->downloadOperationLog(archive);
+}
+
+bool LidarUtilitiesManager::getIsDownloadLog() const {
+    return logs_->downloading();
+}
+
+void LidarUtilitiesManager::setIsDownloadLog(bool downloading) {
+    logs_->setDownloading(downloading);
+}
+
+std::vector<int> LidarUtilitiesManager::getLastOperationLogResults() const {
+    return logs_->lastOperationLogResults();
+}
+
+QString LidarUtilitiesManager::operationLogWorkFolder() {
+    return LogDownload::workFolder();
 }

@@ -128,3 +128,15 @@ std::optional<std::vector<ShownValue>> ManagerViews::shownValues(int module) con
 void ManagerViews::announceValues() {
     manager_.notifyMyMapChanged();
 }
+
+const VarInfo* ManagerViews::variableNamed(const std::string& name) const {
+    return manager_.searchVarPtr(name, "var_name");
+}
+
+int ManagerViews::restartLidar() {
+    return manager_.Restart();
+}
+
+int ManagerViews::restartHeron() {
+    return manager_.HeronSendRestartCommand();
+}

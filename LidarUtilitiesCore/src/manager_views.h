@@ -12,7 +12,9 @@ class ManagerViews : public DeviceLinkView,
                      public BusyView,
                      public CatalogueEditView,
                      public ModuleCatalogueView,
-                     public ModuleReadingView {
+                     public ModuleReadingView,
+                     public VariableLookup,
+                     public DeviceRestart {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
 
@@ -46,6 +48,11 @@ class ManagerViews : public DeviceLinkView,
     bool deviceChannelOpen() const override;
     std::optional<std::vector<ShownValue>> shownValues(int module) const override;
     void announceValues() override;
+
+    const VarInfo* variableNamed(const std::string& name) const override;
+
+    int restartLidar() override;
+    int restartHeron() override;
 
   private:
     LidarUtilitiesManager& manager_;

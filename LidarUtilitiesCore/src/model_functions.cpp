@@ -100,7 +100,7 @@ void LidarUtilitiesManager::HeronSetIMURange(int angularIndex, int accelerationI
         return;
     }
     const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!isConnected.load() || !client || isUpgrading.load()) {
+    if (!isConnected.load() || !client || getIsUpgrading()) {
         showErrorMessage("lidar is not connected, or lidar is upgrade");
         return;
     }

@@ -43,7 +43,7 @@ bool LidarUtilitiesManager::deviceChannelOpen() const {
 
 bool LidarUtilitiesManager::serialKindIdle() const {
     return isSerialKind(connectType.load()) && deviceChannelOpen() && isConnected.load() &&
-           !isUpgrading.load() && !isDownloadLog.load();
+           !getIsUpgrading() && !getIsDownloadLog();
 }
 
 // ---- Reading and showing ----

@@ -17,6 +17,7 @@
 #include "sdk/types.h"
 
 class AuthorizedVrcClient;
+struct VarInfo;
 namespace lidar {
 class SerialClient;
 }
@@ -133,4 +134,26 @@ class ModuleReadingView {
     virtual std::optional<std::vector<ShownValue>> shownValues(int module) const = 0;
     // Tells the UI that the values changed.
     virtual void announceValues() = 0;
+};
+
+// The loaded catalogue's variables, as the transfers find the variable whose command they send.
+// The variables a catalogue holds are never freed, so a pointer stays valid.
+class VariableLookup {
+  public:
+    virtual ~VariableLookup() = default;
+    virtual bool catalogueLoaded() const = 0;
+    // The variable at a position of the module, page and variable tree; null outside it.
+    virtual const VarInfo* variableAt(int module, int page, int var) const = 0;
+    // The variable of that var_name; null when the catalogue has none.
+    virtual const VarInfo* variableNamed(const std::string& name) const = 0;
+};
+
+// The restart requests an upgrade sends when its package is through.
+class DeviceRestart {
+  public:
+    virtual ~DeviceRestart() = default;
+    // The design's Restart on the network models: 0 when the lidar took it.
+    virtual int restartLidar() = 0;
+    // The Heron's own restart (0xC2): 0 when the lidar acknowledged it.
+    virtual int restartHeron() = 0;
 };
