@@ -265,6 +265,8 @@ TEST_F(StagingTest, RunGuardsOnAConnectedLidarSendNothing) {
     for (const auto& entry : device.RequestCounts()) requests += entry.second;
     EXPECT_EQ(requests, 0u);
     manager_.Stop();
+    EXPECT_EQ(manager_.getSetMapSize(), 0u) << "Stop on the owner thread drops the staged edits";
+    EXPECT_EQ(manager_.getEditedVarCount(), 0u);
 }
 
 TEST(CoreWriteBackRun, WithoutModelReturnsSilently) {

@@ -124,6 +124,18 @@ TEST(Apply, FirstFailureStopsTheRestAndSaysWhetherACommandWasSent) {
     EXPECT_EQ(lidar->RequestCount(0x21), 0u);
     EXPECT_TRUE(s.m().getIsConnected());
     EXPECT_EQ(s.m().getEditedVarCount(), 2u) << "a failed run keeps the edited variables";
+
+    // The read-back brings nothing: the fields the user did not edit have no bytes to go out
+    // with, so nothing is sent rather than a command with a hole in it.
+    lidar->ClearFaults();
+    lidar->SetFault(0x08, busy);
+    s.m().ClearSetMap();
+    s.m().SetText(1, kNetwork, 1, 1, "2401");
+    s.m().Run(kNetwork);
+    EXPECT_EQ(s.m().getErrorMessage().toStdString(),
+              "Set Failed: Could not read back the value this command carries unchanged. "
+              "var_name = Destination IP");
+    EXPECT_EQ(lidar->RequestCount(0x20), 1u);
 }
 
 TEST(Apply, FieldOfViewEditsSurviveApplyAndReadBack) {
