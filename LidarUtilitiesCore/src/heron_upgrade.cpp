@@ -132,7 +132,7 @@ u8Array_t LidarUtilitiesManager::HeronExtractComponentData(const u8Array_t& pack
 // ---- Starting ----
 
 int LidarUtilitiesManager::HeronUpgradeLidar(QUrl file) {
-    if (!isConnected.load() || isUpgrading.load() || connectType.load() != kVrcOverSerial ||
+    if (!getIsConnected() || isUpgrading.load() || getConnectType() != kVrcOverSerial ||
         !clientIsOpen()) {
         showErrorMessage("lidar is not connected, or lidar is upgrading");
         return -1;

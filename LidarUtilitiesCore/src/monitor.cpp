@@ -137,7 +137,7 @@ void LidarUtilitiesManager::selectMonitorHwVersion(QString version) {
         showErrorMessage("Failed to load monitor config for version " + version);
         return;
     }
-    if (isConnected.load()) refreshMonitor();
+    if (getIsConnected()) refreshMonitor();
 }
 
 QStringList LidarUtilitiesManager::getMonitorHwVersionList() const {

@@ -57,7 +57,7 @@ void LidarUtilitiesManager::setMonitorAutoRefresh(bool on) {
         stopMonitorRefreshLoop();
         return;
     }
-    if (isConnected.load()) startMonitorRefreshLoop();
+    if (getIsConnected()) startMonitorRefreshLoop();
 }
 
 void LidarUtilitiesManager::setMonitorRecordDurationSec(int seconds) {
@@ -103,7 +103,7 @@ void LidarUtilitiesManager::monitorAutoRefreshLoop() {
     while (monitorRefreshRunning.load()) {
         // The reading checks the flag between its requests, so switching off does not wait for
         // a whole module from a slow lidar.
-        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load() &&
+        if (getIsConnected() && !isUpgrading.load() && !isDownloadLog.load() &&
             !monitorRecording.load() && monitorModuleIndex.load() >= 0)
             readModuleAndAnnounce(monitorModuleIndex.load(), &monitorRefreshRunning);
         if (!monitorWaitUntil(nextSlot(start, period, Clock::now()), monitorRefreshRunning)) return;
@@ -130,7 +130,7 @@ void LidarUtilitiesManager::startMonitorRecord(QUrl folderUrl) {
         showErrorMessage("No Monitor module for current model");
         return;
     }
-    if (!isConnected.load()) {
+    if (!getIsConnected()) {
         showErrorMessage("Please connect to lidar first");
         return;
     }
@@ -201,8 +201,7 @@ void LidarUtilitiesManager::monitorRecordLoop(QString path, int interval, int du
     // The recording lasts the duration asked for, also when the interval is longer.
     const auto end = start + std::chrono::seconds(duration);
     while (monitorRecording.load() && Clock::now() < end) {
-        if (isConnected.load() && !isUpgrading.load() && !isDownloadLog.load())
-            recordOneRow(stream);
+        if (getIsConnected() && !isUpgrading.load() && !isDownloadLog.load()) recordOneRow(stream);
         const auto next = nextSlot(start, std::chrono::seconds(interval), Clock::now());
         if (!monitorWaitUntil(std::min(next, end), monitorRecording)) break;
     }

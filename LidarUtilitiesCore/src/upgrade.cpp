@@ -54,9 +54,9 @@ int LidarUtilitiesManager::UpgradeLidar(QUrl file, int i, int j, int k) {
 }
 
 int LidarUtilitiesManager::WrenUpgradeLidar(QUrl file) {
-    bool ready = isConnected.load() && !isUpgrading.load();
-    if (connectType.load() == 1) ready = ready && getSerialClient();
-    if (connectType.load() == 2) ready = ready && clientIsOpen();
+    bool ready = getIsConnected() && !isUpgrading.load();
+    if (getConnectType() == 1) ready = ready && getSerialClient();
+    if (getConnectType() == 2) ready = ready && clientIsOpen();
     if (!ready) {
         showErrorMessage("lidar is not connected, or lidar is upgrade");
         return -1;
@@ -105,7 +105,7 @@ bool LidarUtilitiesManager::startPackageTransfer(QFile& file, std::string comman
 }
 
 void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string command) {
-    const int kind = connectType.load();
+    const int kind = getConnectType();
     const int mode = upgradeMode.load();
     const bool serialOutcome = kind == 1 || (kind == 2 && mode != kSerialModeUsingVrcUpgrade);
     int result = lidar::kVrcNotConnected;

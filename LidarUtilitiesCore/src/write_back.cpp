@@ -401,7 +401,7 @@ std::pair<std::string, std::string> LidarUtilitiesManager::getTwoCases(QString n
 void LidarUtilitiesManager::Run(int page) {
     if (currentParser == nullptr || varTree == nullptr) return;
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!client || !client->IsOpen() || !isConnected.load()) {
+    if (!client || !client->IsOpen() || !getIsConnected()) {
         showErrorMessage("Please connect to lidar first");
         return;
     }
