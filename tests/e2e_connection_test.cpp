@@ -63,6 +63,8 @@ TEST(Connection, ConnectsSavesSettingsAndDisconnects) {
     QSettings settings(testsupport::SettingsFilePath(), QSettings::IniFormat);
     EXPECT_EQ(settings.value("device_ip_address").toString(), "127.0.0.1");
     EXPECT_EQ(settings.value("vrc_port").toString(), QString::number(lidar->Port()));
+    EXPECT_EQ(settings.value("rs485_com").toString(), "/dev/ttyUSB0");
+    EXPECT_EQ(settings.value("rs232_com").toString(), "/dev/ttyUSB1");
     EXPECT_EQ(settings.value("point_cloud_baudrate").toString(), "3000000");
     EXPECT_EQ(settings.value("vrc_client_host_port/Egret").toString(), "ANY");
 

@@ -7,6 +7,7 @@
 #include <QUrl>
 
 #include "e2e_support.h"
+#include "manager_test_access.h"
 
 using namespace testsupport;
 
@@ -42,6 +43,15 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
     LidarUtilitiesManager& m = session.m();
     const std::atomic<int>& finished = session.downloadsFinished;
     TempDir folder;
+
+    // The link is the upgrade's or another download's while either runs: refused at once.
+    ManagerTestAccess::setUpgrading(m, true);
+    EXPECT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), -1);
+    ManagerTestAccess::setUpgrading(m, false);
+    m.setIsDownloadLog(true);
+    EXPECT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), -1);
+    m.setIsDownloadLog(false);
+    session.downloadLogChanges.store(0);
 
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
     ASSERT_TRUE(WaitFor([&] { return finished.load() == 1; }, 10000));

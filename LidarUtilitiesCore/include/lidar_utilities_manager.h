@@ -7,7 +7,7 @@
 // Threads (docs/threads.md): the UI thread calls the operations; the connect worker, the
 // page-refresh thread and later workers share this object's state. Flags are atomics; texts are
 // read and written under fieldsMutex_; the catalogue's current_val texts and the UI caches under
-// catalogueMutex_; the SDK clients are shared pointers swapped under clientMutex_.
+// catalogueMutex_; the link's settings and clients under the DeviceLink's own locks.
 
 #include <QList>
 #include <QObject>
@@ -45,6 +45,7 @@ class SerialClient;
 }  // namespace lidar
 
 class CommandConsole;
+class DeviceLink;
 class EditStaging;
 class FieldOfView;
 class FirmwareUpgrade;
@@ -129,7 +130,7 @@ class LidarUtilitiesManager : public QObject {
     static const std::string READ_FILE, WRITE_FILE, HAS_SUB_CMD;
     static const std::string kStrVRCGetLidarModelFromLidar, kStrVRCGetLidarModelFromLidarSubCmd;
 
-    // ---- Connection properties (lidar_utilities_manager.cpp) ----
+    // ---- Connection properties (device_link.cpp) ----
     Q_INVOKABLE QString getIpAddress() const;
     Q_INVOKABLE void setIpAddress(QString address);
     Q_INVOKABLE QString getPort() const;
@@ -149,8 +150,8 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE bool getEnableVrcClientHostPortUi() const;
     std::string getSelectLidarModel() const;
     void setSelectLidarModel(std::string model);
-    Q_INVOKABLE bool getIsConnected() const { return isConnected.load(); }
-    Q_INVOKABLE int getConnectType() const { return connectType.load(); }
+    Q_INVOKABLE bool getIsConnected() const;
+    Q_INVOKABLE int getConnectType() const;
     Q_INVOKABLE bool getIsUpgrading() const;
     Q_INVOKABLE bool getIsDownloadLog() const;
     Q_INVOKABLE void setIsDownloadLog(bool downloading);
@@ -159,7 +160,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QString getSendVrcCommandReturnHeader() const;
     Q_INVOKABLE QString getSendVrcCommandReturnPayload() const;
     Q_INVOKABLE QString getLidarModelFromLidar() const { return QString(); }
-    bool isConnecting() const { return connecting.load(); }
+    bool isConnecting() const;
     uint8_t getCreationTag() const { return creationTag; }
 
     // ---- Logging and user messages (lidar_utilities_manager.cpp) ----
@@ -180,7 +181,7 @@ class LidarUtilitiesManager : public QObject {
     void logMessageHandler(const std::string& line);
     void setVrcClientLogCallback();
 
-    // ---- Connection control (connection.cpp) ----
+    // ---- Connection control (device_link_connect.cpp, connection.cpp) ----
     Q_INVOKABLE bool ConnectLidar();
     bool Init();
     bool InitVrcForSerial();
@@ -242,7 +243,7 @@ class LidarUtilitiesManager : public QObject {
     // The client's result of the baud-rate command a VRC-over-serial connect sends (0 before
     // any). The connect goes on whatever it is, as designed; a front end may still tell the user
     // that the lidar did not answer it.
-    int getConnectBaudRateResult() const { return connectBaudRateResult_.load(); }
+    int getConnectBaudRateResult() const;
     // The page timer's latest refresh of the timer variables: its number (from 1), whether every
     // request failed (then no myTimerMapChanged follows), and the requests that failed.
     struct TimerRefresh {
@@ -447,34 +448,8 @@ class LidarUtilitiesManager : public QObject {
 
   private:
     static void initInstance(uint8_t tag, std::string configPath);
-    static QString settingsFilePath();
-    void readSettings();
-    static QString writableSettingsFilePath();
-    void saveConnectionSettings();
-    void savePointCloudBaudRate();
-    void setAuthorizedClient(std::shared_ptr<AuthorizedVrcClient> client);
     bool clientIsOpen() const;
     bool deviceIsIdle() const;  // connected, open client, no upgrade or log download
-    // Steps shared by the VRC connect workers: the local port, the TCP client, the access
-    // profile. Null when the host/port text was refused (already reported).
-    std::shared_ptr<AuthorizedVrcClient> openVrcConnection(const char* operation,
-                                                           uint32_t timeoutMs, uint16_t& localPort,
-                                                           uint64_t attempt);
-    void reportConnectFailure(const char* operation, const std::string& logText, uint16_t localPort,
-                              uint64_t attempt);
-    // Connect attempts and their cancellation. Every attempt carries the epoch it started in;
-    // Stop, the destructor and the next ConnectLidar move the epoch on, and an attempt whose epoch
-    // is gone touches no shared state again: it closes what it built and leaves.
-    bool attemptIsCurrent(uint64_t attempt) const { return connectEpoch_.load() == attempt; }
-    // Runs step under the connect lock when the attempt is still current; false otherwise.
-    bool ifAttemptCurrent(uint64_t attempt, const std::function<void()>& step);
-    // Ends any attempt in flight; true when one was running.
-    bool cancelConnectAttempt();
-    // The last steps of a successful connect: page thread, isConnected, "Lidar connected".
-    bool commitConnection(uint64_t attempt, void (LidarUtilitiesManager::*loop)(),
-                          bool pageThreadFirst);
-    void abandonAttempt(const std::shared_ptr<AuthorizedVrcClient>& client);
-    void reportPageThreadFailure(const std::string& why);
     void joinThread(std::unique_ptr<std::thread>& thread);
     void startPagesThread(void (LidarUtilitiesManager::*loop)());
     void WrenVrcUpdatePagesTimer();
@@ -487,10 +462,8 @@ class LidarUtilitiesManager : public QObject {
     bool deviceChannelOpen() const;
     // deviceIsIdle for the serial kinds' own client.
     bool serialKindIdle() const;
-    void releaseSerialLink(bool rs485, bool uart, bool client);
     // The timer_update flag at a position of the tree; false for a position outside it.
     bool timerUpdateAt(int module, int page, int var) const;
-    void closeSerialLines();
     // The whole variable map and the level-1 and level-2 lists, whatever the kind.
     QVariantList buildVariableMap();
     void buildPageLists(QVariantList& level1, QVariantList& level2) const;
@@ -553,11 +526,6 @@ class LidarUtilitiesManager : public QObject {
     const uint8_t creationTag;
     std::string currentConfigPath;  // guarded by fieldsMutex_
 
-    std::shared_ptr<AuthorizedVrcClient> authorizedClient;  // guarded by clientMutex_
-    std::shared_ptr<lidar::SerialSource> rs485Source;
-    std::shared_ptr<lidar::SerialSource> uartSource;
-    std::shared_ptr<lidar::SerialClient> serialClient;
-
     // Catalogue (UI thread writes them; workers read them while no model load can run).
     std::unordered_map<std::string, ConfigParser> parserCache;  // guarded by catalogueMutex_
     // Set on the UI thread, read by workers: atomics. The parsers they point into are never
@@ -571,26 +539,6 @@ class LidarUtilitiesManager : public QObject {
     std::unordered_map<std::string, std::vector<VarInfo*>> serialVarsByName;
     std::map<int32_t, VarInfo*> serialVarsByIndex;
 
-    // Connection settings, guarded by fieldsMutex_.
-    std::string ipAddress = "192.168.1.201";
-    std::string vrcPort = "9347";
-    std::string serialPort485 = "/dev/ttyUSB0";
-    std::string serialPort232 = "/dev/ttyUSB1";
-    uint32_t pointCloudBaudRate = 3000000;
-    const uint32_t rs485LineRate = 115200;
-    const uint32_t uartLineRate = 9600;
-    uint16_t udpPort = 2368;
-
-    std::atomic<int> connectBaudRateResult_{0};
-
-    std::atomic<bool> isConnected{false};
-    std::atomic<bool> connecting{false};
-
-    std::string selectLidarModel;  // guarded by fieldsMutex_
-    std::atomic<bool> enableVrcClientHostPortUi{false};
-    std::string vrcClientHostPort = "ANY";  // guarded by fieldsMutex_
-
-    std::atomic<int32_t> connectType{0};
 
     // The model information texts, placeholders until the lidar is read; the serial models'
     // information pages show them. The first is those pages' own (a dotted version; nothing
@@ -616,34 +564,24 @@ class LidarUtilitiesManager : public QObject {
     void readHeronModelVersionText(AuthorizedVrcClient& client);
 
 
-    // Short workers (connect, configuration-file query): joined before a new one starts and by
-    // the destructor, so none outlives the manager.
-    struct Worker {
-        std::thread thread;
-        std::shared_ptr<std::atomic<bool>> done;
-    };
+    // Short workers (connect, configuration-file query, transfers): the link's.
     void startWorker(std::function<void()> job);
-    std::mutex workersMutex_;
-    std::vector<Worker> workers_;
     // Guards the owning pointer of the page thread (set by the connect worker, joined by Stop
     // on the UI thread).
     std::mutex threadsMutex_;
-    std::mutex connectMutex_;
     // Wakes the page loop from its pause when it is told to stop.
     std::mutex pagesWakeMutex_;
     std::condition_variable pagesWake_;
     void stopPagesLoop();
     void pagesLoopPause(long ms);
-    std::atomic<uint64_t> connectEpoch_{0};
-    std::atomic<uint64_t> attemptEpoch_{0};  // the epoch the newest attempt was started in
-
     mutable std::mutex fieldsMutex_;
-    mutable std::mutex clientMutex_;
     mutable std::recursive_mutex catalogueMutex_;
 
     // The subsystems, and the views through which they reach what they do not own. Declared
     // last: they are destroyed first, after the destructor has stopped every worker.
     std::unique_ptr<ManagerViews> views_;
+    // Before the messages, which ask it for the connection kind.
+    std::unique_ptr<DeviceLink> link_;
     std::unique_ptr<UserMessages> messages_;
     std::unique_ptr<CommandConsole> console_;
     std::unique_ptr<EditStaging> staging_;

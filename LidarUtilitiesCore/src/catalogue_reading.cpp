@@ -3,7 +3,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QSettings>
 #include <QStandardPaths>
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 
 #include "command_text.h"
 #include "developer_log.h"
+#include "device_link.h"
 #include "field_of_view.h"
 #include "lidar_utilities_manager.h"
 #include "monitor_service.h"
@@ -95,11 +95,11 @@ QString LidarUtilitiesManager::resolveModelDirPath(const QString& model) const {
 void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     const std::string modelName = model.toStdString();
     if (modelName == Wren_Str)
-        connectType.store(1);
+        link_->setConnectionKind(1);
     else if (modelName == Wren_VRC_Str || modelName == Heron_VRC_Str)
-        connectType.store(2);
+        link_->setConnectionKind(2);
     else
-        connectType.store(0);
+        link_->setConnectionKind(0);
 
     const std::string path = resolveModelConfigPath(model);
     {
@@ -126,19 +126,14 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     }
     setSelectLidarModel(modelName);
 
-    enableVrcClientHostPortUi.store(FeatureConfigParser::Load(kFeatureConfigPath, modelName));
-    {
-        QSettings settings(settingsFilePath(), QSettings::IniFormat);
-        const QString hostPort =
-            settings.value("vrc_client_host_port/" + model, QString("ANY")).toString();
-        setVrcClientHostPort(hostPort);
-    }
+    link_->setHostPortUiEnabled(FeatureConfigParser::Load(kFeatureConfigPath, modelName));
+    setVrcClientHostPort(DeviceLink::savedVrcClientHostPort(model));
     emit featureConfigChanged();
     emit initInfoChanged();
 
     monitor_->useLoadedModel();
 
-    if (connectType.load() != 0) {
+    if (getConnectType() != 0) {
         buildSerialVarIndexes();
         emit wrenLidarInfoChanged();
     }
@@ -309,7 +304,7 @@ int LidarUtilitiesManager::readGroupFromLidar(
     u8Array_t reply;
     // The field of view comes through the VRC client's own operation; the serial line has none.
     std::shared_ptr<AuthorizedVrcClient> client =
-        connectType.load() == 1 ? nullptr : getAuthorizedClient();
+        getConnectType() == 1 ? nullptr : getAuthorizedClient();
     if (cmd == kFovReadCommand && client) {
         float values[2 * kFovRegions] = {};
         int count = kFovRegions;
@@ -381,7 +376,7 @@ void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
 
 std::optional<std::vector<LidarUtilitiesManager::ReadFailure>>
 LidarUtilitiesManager::readModuleAndAnnounce(int module, const std::atomic<bool>* runFlag) {
-    if (connectType.load() != 0 || !deviceIsIdle() || !currentParser) return std::nullopt;
+    if (getConnectType() != 0 || !deviceIsIdle() || !currentParser) return std::nullopt;
     ReadGroups groups;
     {
         std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
@@ -440,7 +435,7 @@ void LidarUtilitiesManager::updatePagesTimer() {
     if (!currentParser || !pagesTimerRunning.load()) return;
     int counter = 0;
     while (pagesTimerRunning.load()) {
-        if (isConnected.load() && !getIsUpgrading() && !getIsDownloadLog()) {
+        if (getIsConnected() && !getIsUpgrading() && !getIsDownloadLog()) {
             if (counter <= 29) {
                 ++counter;
             } else {
@@ -456,7 +451,7 @@ void LidarUtilitiesManager::updatePagesTimer() {
 }
 
 bool LidarUtilitiesManager::isTimerUpdate(int module, int page, int var) const {
-    return connectType.load() == 0 && timerUpdateAt(module, page, var);
+    return getConnectType() == 0 && timerUpdateAt(module, page, var);
 }
 
 bool LidarUtilitiesManager::timerUpdateAt(int module, int page, int var) const {
@@ -522,7 +517,7 @@ QVariantList LidarUtilitiesManager::getMyMap() {
 void LidarUtilitiesManager::rebuildMyMapCache() {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
     myMapCache.clear();
-    if (connectType.load() == 0) myMapCache = buildVariableMap();
+    if (getConnectType() == 0) myMapCache = buildVariableMap();
     myMapValid = true;
 }
 
@@ -577,7 +572,7 @@ void LidarUtilitiesManager::rebuildUiListCache() {
     level1ListCache.clear();
     level2ListCache.clear();
     logListCache.clear();
-    if (connectType.load() == 0) buildPageLists(level1ListCache, level2ListCache);
+    if (getConnectType() == 0) buildPageLists(level1ListCache, level2ListCache);
     if (currentParser && logVars) {
         for (const VarInfo* var : *logVars)
             if (!var->get_cmd.empty() || !var->set_cmd.empty())

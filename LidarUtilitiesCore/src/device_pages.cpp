@@ -12,15 +12,15 @@ constexpr int kSerialLinesKind = 1;
 }  // namespace
 
 QVariantList LidarUtilitiesManager::catalogueLevel1List() {
-    return connectType.load() == kNetworkKind ? level1List() : wrenLevel1List();
+    return getConnectType() == kNetworkKind ? level1List() : wrenLevel1List();
 }
 
 QVariantList LidarUtilitiesManager::catalogueLevel2List() {
-    return connectType.load() == kNetworkKind ? level2List() : wrenLevel2List();
+    return getConnectType() == kNetworkKind ? level2List() : wrenLevel2List();
 }
 
 QVariantList LidarUtilitiesManager::catalogueVariableMap() {
-    return connectType.load() == kNetworkKind ? getMyMap() : getWrenMyMap();
+    return getConnectType() == kNetworkKind ? getMyMap() : getWrenMyMap();
 }
 
 bool LidarUtilitiesManager::isTimerVariable(int module, int page, int var) const {
@@ -29,7 +29,7 @@ bool LidarUtilitiesManager::isTimerVariable(int module, int page, int var) const
 }
 
 void LidarUtilitiesManager::readModule(int module) {
-    if (connectType.load() == kNetworkKind)
+    if (getConnectType() == kNetworkKind)
         GetLidarModuleInfo(module);
     else
         WrenGetLidarModuleInfo(module);
@@ -37,12 +37,12 @@ void LidarUtilitiesManager::readModule(int module) {
 
 void LidarUtilitiesManager::applyPage(int page) {
     // VRC over a serial line applies as the network kind does, over its VRC client.
-    if (connectType.load() == kSerialLinesKind)
+    if (getConnectType() == kSerialLinesKind)
         WrenRun(page);
     else
         Run(page);
 }
 
 bool LidarUtilitiesManager::isDeviceLinkOpen() const {
-    return isConnected.load() && deviceChannelOpen();
+    return getIsConnected() && deviceChannelOpen();
 }

@@ -8,8 +8,10 @@
 
 class LidarUtilitiesManager;
 
-class ManagerViews : public DeviceLinkView,
-                     public BusyView,
+class ManagerViews : public BusyView,
+                     public ConnectionSteps,
+                     public UserMessageSink,
+                     public ByteFlowLog,
                      public CatalogueEditView,
                      public ModuleCatalogueView,
                      public ModuleReadingView,
@@ -18,14 +20,25 @@ class ManagerViews : public DeviceLinkView,
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
 
-    int connectionKind() const override;
-    bool linkConnected() const override;
-    std::shared_ptr<AuthorizedVrcClient> vrcClient() const override;
-    std::shared_ptr<lidar::SerialClient> serialClient() const override;
-    void stopLink() override;
-
     bool upgrading() const override;
     bool downloadingLog() const override;
+
+    void askPageLoopToStop() override;
+    void endPageLoop() override;
+    void startPageLoop(int kind) override;
+    void startMonitorAutoRefreshIfOn() override;
+    std::string catalogueFilePath() const override;
+    void announceVariableMap() override;
+    void stopConnection() override;
+
+    // The device link is made before the messages (which ask it for the connection kind), so it
+    // tells through these, which pass every call on to the messages.
+    void log(const std::string& line, LogLevel level) override;
+    void showError(const QString& text) override;
+    void showSuccess(const QString& text) override;
+    void deviceBytes(const std::string& line) override;
+    bool suspendByteFlow() override;
+    void restoreByteFlow(bool wasOn) override;
 
     bool catalogueLoaded() const override;
     VarInfo* variableAt(int page, int group, int row) const override;

@@ -60,7 +60,7 @@ void LidarUtilitiesManager::readHeronModelVersionText(AuthorizedVrcClient& clien
 
 void LidarUtilitiesManager::HeronGetVersionInfo() {
     const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!isConnected.load() || !client) return;
+    if (!getIsConnected() || !client) return;
     try {
         readHeronModelVersionText(*client);
         if (getSelectLidarModel() == Heron_VRC_Str) {
@@ -95,12 +95,12 @@ void LidarUtilitiesManager::HeronSetIMURange(int angularIndex, int accelerationI
         showErrorMessage("Invalid acceleration range index");
         return;
     }
-    if (connectType.load() != kVrcOverSerial) {
+    if (getConnectType() != kVrcOverSerial) {
         showErrorMessage("Heron IMU range setting is only supported in VRC_SERIAL mode");
         return;
     }
     const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!isConnected.load() || !client || getIsUpgrading()) {
+    if (!getIsConnected() || !client || getIsUpgrading()) {
         showErrorMessage("lidar is not connected, or lidar is upgrade");
         return;
     }

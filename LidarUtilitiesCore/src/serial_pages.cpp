@@ -9,40 +9,14 @@
 
 namespace {
 
-constexpr size_t kSerialHeaderSize = 8;
-
 bool isSerialKind(int kind) {
     return kind == 1 || kind == 2;
 }
 
 }  // namespace
 
-// ---- The kind's client ----
-
-int LidarUtilitiesManager::queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) {
-    reply.clear();
-    if (connectType.load() != 1) {
-        std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-        return client ? client->QueryCommand(payload, reply, cmd, false) : lidar::kVrcNotConnected;
-    }
-    std::shared_ptr<lidar::SerialClient> client = getSerialClient();
-    if (!client) return lidar::kVrcNotConnected;
-    u8Array_t frame;
-    const int ret = client->QueryCommand(cmd, payload, frame, 0);
-    // The serial client answers with the reply's header; a catalogue block is its payload.
-    if (ret == 0 && frame.size() >= kSerialHeaderSize)
-        reply.assign(frame.begin() + kSerialHeaderSize, frame.end());
-    return ret;
-}
-
-bool LidarUtilitiesManager::deviceChannelOpen() const {
-    if (connectType.load() != 1) return clientIsOpen();
-    std::shared_ptr<lidar::SerialClient> client = getSerialClient();
-    return client && client->IsOpen();
-}
-
 bool LidarUtilitiesManager::serialKindIdle() const {
-    return isSerialKind(connectType.load()) && deviceChannelOpen() && isConnected.load() &&
+    return isSerialKind(getConnectType()) && deviceChannelOpen() && getIsConnected() &&
            !getIsUpgrading() && !getIsDownloadLog();
 }
 
@@ -68,22 +42,22 @@ void LidarUtilitiesManager::WrenGetLidarModuleInfo(int module) {
 }
 
 QVariantList LidarUtilitiesManager::getWrenMyMap() {
-    if (!isSerialKind(connectType.load())) return QVariantList();
+    if (!isSerialKind(getConnectType())) return QVariantList();
     return buildVariableMap();
 }
 
 QVariantList LidarUtilitiesManager::wrenLevel1List() {
     QVariantList level1, level2;
-    if (isSerialKind(connectType.load())) buildPageLists(level1, level2);
+    if (isSerialKind(getConnectType())) buildPageLists(level1, level2);
     return level1;
 }
 
 QVariantList LidarUtilitiesManager::wrenLevel2List() {
     QVariantList level1, level2;
-    if (isSerialKind(connectType.load())) buildPageLists(level1, level2);
+    if (isSerialKind(getConnectType())) buildPageLists(level1, level2);
     return level2;
 }
 
 bool LidarUtilitiesManager::isWrenTimerUpdate(int module, int page, int var) const {
-    return isSerialKind(connectType.load()) && timerUpdateAt(module, page, var);
+    return isSerialKind(getConnectType()) && timerUpdateAt(module, page, var);
 }

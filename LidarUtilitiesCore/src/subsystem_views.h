@@ -157,3 +157,36 @@ class DeviceRestart {
     // The Heron's own restart (0xC2): 0 when the lidar acknowledged it.
     virtual int restartHeron() = 0;
 };
+
+// The byte flow: the log of every frame a client exchanges, which a person switches on.
+class ByteFlowLog {
+  public:
+    virtual ~ByteFlowLog() = default;
+    virtual void deviceBytes(const std::string& line) = 0;
+    // Off until restoreByteFlow is given the returned state: a liveness probe would fill the log
+    // with its own frames.
+    virtual bool suspendByteFlow() = 0;
+    virtual void restoreByteFlow(bool wasOn) = 0;
+};
+
+// What a connect and a disconnect ask of the parts that run over a live link: the page loop of
+// the connection kind, the monitor's auto-refresh, the loaded catalogue, and the whole Stop.
+class ConnectionSteps {
+  public:
+    virtual ~ConnectionSteps() = default;
+    // Tells the page loop to stop, without waiting for it.
+    virtual void askPageLoopToStop() = 0;
+    // Tells the page loop to stop and waits until it has ended.
+    virtual void endPageLoop() = 0;
+    // Starts the page loop of a connection of that kind; throws std::system_error when no
+    // thread can be started.
+    virtual void startPageLoop(int kind) = 0;
+    // A network connection also starts the monitor's auto-refresh when it is switched on.
+    virtual void startMonitorAutoRefreshIfOn() = 0;
+    // The loaded catalogue's file: its base name is the access profile.
+    virtual std::string catalogueFilePath() const = 0;
+    // A new network connection announces the variable map afresh.
+    virtual void announceVariableMap() = 0;
+    // Ends the connection as the design's Stop does: the link, the loops and what they fed.
+    virtual void stopConnection() = 0;
+};

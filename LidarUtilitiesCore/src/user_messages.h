@@ -15,7 +15,7 @@
 
 #include "subsystem_views.h"
 
-class UserMessages : public QObject, public UserMessageSink {
+class UserMessages : public QObject, public UserMessageSink, public ByteFlowLog {
     Q_OBJECT
 
   public:
@@ -35,13 +35,13 @@ class UserMessages : public QObject, public UserMessageSink {
     void setByteFlow(bool on) { byteFlow_.store(on); }
     // Switches the byte flow off until the returned state is given back to restoreByteFlow:
     // a liveness probe would fill the log with its own frames.
-    bool suspendByteFlow() { return byteFlow_.exchange(false); }
-    void restoreByteFlow(bool wasOn) {
+    bool suspendByteFlow() override { return byteFlow_.exchange(false); }
+    void restoreByteFlow(bool wasOn) override {
         if (wasOn) byteFlow_.store(true);
     }
     // One frame line of a VRC client: a BYTES line while the byte flow is on, except during an
     // upgrade over VRC (its data frames would flood the log) and a log download.
-    void deviceBytes(const std::string& line);
+    void deviceBytes(const std::string& line) override;
 
   signals:
     void logLine(QString message, QString level);

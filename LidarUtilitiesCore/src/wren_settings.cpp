@@ -7,6 +7,7 @@
 #include <limits>
 #include <optional>
 
+#include "device_link.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/serial_client.h"
 
@@ -164,13 +165,10 @@ void LidarUtilitiesManager::WrenSetBaudRateFromUI(QString rate) {
     }
     const int code = client->WrenSetBaudRate(value);
     if (code == 0) {
-        {
-            std::lock_guard<std::mutex> lock(fieldsMutex_);
-            pointCloudBaudRate = value;
-        }
+        link_->setPointCloudBaudRate(value);
         // Every VRC-over-serial connect sends the stored rate: kept only in memory, the next
         // session would set the lidar back to the old one.
-        savePointCloudBaudRate();
+        link_->savePointCloudBaudRate();
     }
     reportWrenOutcome(*this, code, "set baud rate successful", "set baud rate error, ret:");
 }
