@@ -74,6 +74,7 @@ TEST(MonitorRecord, WritesTheHeaderAndARowPerIntervalThenSaysWhereTheFileIs) {
         [&] { return session.Shown("error: Failed to create monitor record file"); }, 5000));
     m.waitForWorkers();
 
+    QSignalSpy recordingChanged(&m, &LidarUtilitiesManager::isMonitorRecordingChanged);
     m.startMonitorRecord(Url(folder.path()));
     EXPECT_TRUE(m.getIsMonitorRecording());
     ASSERT_TRUE(WaitFor([&] { return !m.getIsMonitorRecording(); }, 10000));
@@ -99,6 +100,7 @@ TEST(MonitorRecord, WritesTheHeaderAndARowPerIntervalThenSaysWhereTheFileIs) {
     EXPECT_NE(lines[1].section(',', 1), lines[2].section(',', 1));
     EXPECT_TRUE(
         WaitFor([&] { return session.Shown("success: Monitor record saved:\n" + path); }, 2000));
+    EXPECT_EQ(recordingChanged.count(), 2);  // started, ended
 }
 
 TEST(MonitorRecord, HiddenVariablesStayOutAndStoppingEarlyKeepsTheFile) {
@@ -220,7 +222,10 @@ TEST(MonitorAutoRefresh, ReadsOnceASecondOnlyWhileOnConnectedAndIdle) {
 }
 
 TEST(MonitorRecord, AModelWithoutMonitorModuleRefuses) {
-    ManagerSession session("Heron-VRC");
+    CraftedConfig config("Heron-VRC", {});
+    WriteFile(config.configDir() + "/varID/Heron-VRC/Monitor_HW2.0_2.csv",
+              ReadFile(SourceDir() + "/Config/varID/Egret/Monitor_HW2.0_2.csv"));
+    ManagerSession session("Heron-VRC", config.root());
     ASSERT_LT(session.m().getMonitorModuleIndex(), 0);
     session.m().startMonitorRecord(QUrl::fromLocalFile("/tmp"));
     EXPECT_TRUE(session.Shown("error: No Monitor module for current model"));
@@ -239,6 +244,7 @@ TEST(MonitorRecord, AMonitorModuleFirstInItsCatalogueIsRefreshedAndRecorded) {
     ManagerSession session("Egret", config.root());
     LidarUtilitiesManager& m = session.m();
     ASSERT_EQ(m.getMonitorModuleIndex(), 0);
+    EXPECT_EQ(m.getCurrentMonitorHwVersion(), "HW2.0");
     ASSERT_TRUE(session.Connect(simulator->Port()));
     m.setMonitorAutoRefresh(true);
     EXPECT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) >= 1; }, 3000));
@@ -314,10 +320,12 @@ TEST(MonitorVariants, OrderSkipsAndSelection) {
     ASSERT_TRUE(session.Connect(simulator->Port()));
     const int revision = m.getMonitorContentRevision();
     const uint64_t reads = simulator->RequestCount(kMonitorRead);
+    QSignalSpy contentChanged(&m, &LidarUtilitiesManager::monitorContentChanged);
     m.selectMonitorHwVersion("A");
     EXPECT_EQ(m.getCurrentMonitorHwVersion(), "A");
     EXPECT_EQ(appliedFile(m), "Monitor_A_2.csv");  // the first "A": the higher number
     EXPECT_EQ(m.getMonitorContentRevision(), revision + 1);
+    EXPECT_EQ(contentChanged.count(), 1);
     EXPECT_GT(simulator->RequestCount(kMonitorRead), reads);  // read once at once
     m.selectMonitorHwVersion("C");
     EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version C"));

@@ -136,6 +136,9 @@ TEST_F(UpgradeTest, AStopDuringThePauseBeforeTheRestartAbandonsIt) {
     EXPECT_EQ(session_->Messages().back(),
               "error: Upgrade abandoned before the automatic reboot: the package was transmitted, "
               "but the lidar was not restarted. Please reboot lidar manually.");
+    EXPECT_TRUE(session_->LogHas(
+        "Upgrade abandoned before the automatic reboot: the package was transmitted, but the lidar "
+        "was not restarted. Please reboot lidar manually.|INFO"));
     EXPECT_EQ(simulator_->RequestCount(0x10), 0u);
     EXPECT_TRUE(simulator_->RebootPending());
 }
