@@ -1,13 +1,15 @@
 #pragma once
 
 // The single back-end object of the lidar utility. A graphical front end binds to its properties,
-// invokable operations and signals; every subsystem is a group of its operations, implemented in
-// one source file each under LidarUtilitiesCore/src/.
+// invokable operations and signals. It is a façade: the work is done by subsystems under
+// LidarUtilitiesCore/src/ (the device link, messages, console, staging, field of view, monitor,
+// upgrade, log download), each owning its state and its lock (docs/architecture.md).
 //
 // Threads (docs/threads.md): the UI thread calls the operations; the connect worker, the
-// page-refresh thread and later workers share this object's state. Flags are atomics; texts are
-// read and written under fieldsMutex_; the catalogue's current_val texts and the UI caches under
-// catalogueMutex_; the link's settings and clients under the DeviceLink's own locks.
+// page-refresh thread and later workers share the state. Flags are atomics; each subsystem's texts
+// and tables are under its own lock; what the façade still owns (the catalogue, the page reading)
+// under fieldsMutex_, and the catalogue's current_val texts and the UI caches under
+// catalogueMutex_.
 
 #include <QList>
 #include <QObject>
