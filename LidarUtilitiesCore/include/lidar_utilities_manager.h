@@ -541,7 +541,6 @@ class LidarUtilitiesManager : public QObject {
     std::unordered_map<std::string, std::vector<VarInfo*>> serialVarsByName;
     std::map<int32_t, VarInfo*> serialVarsByIndex;
 
-
     // The model information texts, placeholders until the lidar is read; the serial models'
     // information pages show them. The first is those pages' own (a dotted version; nothing
     // fills it, the design leaves the pages open), the other four are the Heron's version texts.
@@ -564,7 +563,6 @@ class LidarUtilitiesManager : public QObject {
     void setHeronText(std::string& field, const std::string& text);
     QString heronText(const std::string& field) const;
     void readHeronModelVersionText(AuthorizedVrcClient& client);
-
 
     // Short workers (connect, configuration-file query, transfers): the link's.
     void startWorker(std::function<void()> job);

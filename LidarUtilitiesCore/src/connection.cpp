@@ -140,8 +140,7 @@ int LidarUtilitiesManager::sendDeviceCommand(const char* variableName, const cha
                                              const QString& notFoundName,
                                              const QString& notFoundCommand) {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!client || !client->IsOpen() || getIsUpgrading() || !getIsConnected() ||
-        getIsDownloadLog())
+    if (!client || !client->IsOpen() || getIsUpgrading() || !getIsConnected() || getIsDownloadLog())
         return -1;
     VarInfo* var = searchVarPtr(variableName, "var_name");
     if (!var) var = searchVarPtr(fallbackName, "var_name");

@@ -438,4 +438,3 @@ bool LidarUtilitiesManager::deviceChannelOpen() const {
 void LidarUtilitiesManager::startWorker(std::function<void()> job) {
     link_->startWorker(std::move(job));
 }
-
