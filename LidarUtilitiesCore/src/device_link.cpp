@@ -14,10 +14,10 @@
 #include "sdk/authorized_vrc_client.h"
 #include "sdk/serial_client.h"
 #include "sdk/serial_source.h"
+#include "subsystem_views.h"
 
 namespace {
 
-constexpr int kSerialLinesKind = 1;
 // The serial client's reply starts with its frame header; a catalogue block is the payload.
 constexpr size_t kSerialHeaderSize = 8;
 
@@ -286,31 +286,11 @@ void DeviceLink::setVrcClientLogCallback() {
 // ---- Short workers ----
 
 void DeviceLink::startWorker(std::function<void()> job) {
-    std::lock_guard<std::mutex> lock(workersMutex_);
-    // Reap the workers that have finished, so the list does not grow over a long session.
-    for (auto it = workers_.begin(); it != workers_.end();) {
-        if (it->done->load()) {
-            it->thread.join();
-            it = workers_.erase(it);
-        } else {
-            ++it;
-        }
-    }
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    std::thread thread([job = std::move(job), done] {
-        job();
-        done->store(true);
-    });
-    workers_.push_back({std::move(thread), done});
+    workers_.start(std::move(job));
 }
 
 void DeviceLink::waitForWorkers() {
-    std::vector<Worker> workers;
-    {
-        std::lock_guard<std::mutex> lock(workersMutex_);
-        workers.swap(workers_);
-    }
-    for (Worker& worker : workers) worker.thread.join();
+    workers_.joinAll();
 }
 
 // ---- The façade's link operations ----

@@ -22,6 +22,7 @@
 
 #include "sdk/types.h"
 #include "subsystem_views.h"
+#include "worker_threads.h"
 
 namespace lidar {
 class SerialSource;
@@ -171,12 +172,7 @@ class DeviceLink : public QObject, public DeviceLinkView {
     std::atomic<uint64_t> connectEpoch_{0};
     std::atomic<uint64_t> attemptEpoch_{0};  // the epoch the newest attempt was started in
 
-    // Short workers: joined before a new one starts and by the destructor, so none outlives the
-    // manager.
-    struct Worker {
-        std::thread thread;
-        std::shared_ptr<std::atomic<bool>> done;
-    };
-    std::mutex workersMutex_;
-    std::vector<Worker> workers_;
+    // Short workers: the finished ones are joined when a new one starts, the rest by the
+    // destructor, so none outlives the manager.
+    WorkerThreads workers_;
 };

@@ -16,6 +16,7 @@
 #include "sdk/serial_client.h"
 #include "sdk/serial_source.h"
 #include "sdk/vrc_client.h"
+#include "subsystem_views.h"
 
 namespace {
 
@@ -27,9 +28,6 @@ const char* const kLocalPortFailure = "Failed to bind VRC client local port or c
 constexpr uint8_t kNetworkConfigCommand = 0x08;
 // The UART source's second rate: the one it would take as a data line.
 constexpr int kUartSecondRate = 3125000;
-constexpr int kNetworkKind = 0;
-constexpr int kSerialLinesKind = 1;
-constexpr int kVrcOverSerialKind = 2;
 
 // A connect step that failed with a text meant for the log ("Connection Error: " + text).
 class ConnectFailure : public std::runtime_error {

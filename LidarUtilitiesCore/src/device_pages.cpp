@@ -3,13 +3,7 @@
 // that should not care which kind it is connected over calls these, and the choice is made here.
 
 #include "lidar_utilities_manager.h"
-
-namespace {
-
-constexpr int kNetworkKind = 0;
-constexpr int kSerialLinesKind = 1;
-
-}  // namespace
+#include "subsystem_views.h"
 
 QVariantList LidarUtilitiesManager::catalogueLevel1List() {
     return getConnectType() == kNetworkKind ? level1List() : wrenLevel1List();

@@ -19,8 +19,6 @@ namespace {
 
 constexpr long kPauseBeforeTransferMs = 300;
 constexpr long kRestartDelayMs = 10000;
-constexpr int kSerialLinesKind = 1;
-constexpr int kVrcOverSerialKind = 2;
 constexpr int kSerialModeUsingVrcUpgrade = 2;
 const char* const kVrcUpgradeCommand = "0x83";
 // clang-format off

@@ -28,7 +28,6 @@ const char* const kAbandonedInUpgradeMode = "Heron upgrade abandoned: no compone
 constexpr long kPauseBeforeTransferMs = 300;
 // The lidar needs this long in upgrade mode before it takes the first component.
 constexpr long kPauseAfterUpgradeModeMs = 3000;
-constexpr int kVrcOverSerial = 2;
 constexpr size_t kBmbAppA = 0;
 constexpr size_t kBmbAppB = 1;
 constexpr size_t kBmbFpga = 2;
@@ -135,8 +134,8 @@ u8Array_t FirmwareUpgrade::extractHeronComponent(const u8Array_t& package,
 
 int FirmwareUpgrade::upgradeHeron(const QUrl& file) {
     const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
-    if (!link_.linkConnected() || upgrading_.load() || link_.connectionKind() != kVrcOverSerial ||
-        !client || !client->IsOpen()) {
+    if (!link_.linkConnected() || upgrading_.load() ||
+        link_.connectionKind() != kVrcOverSerialKind || !client || !client->IsOpen()) {
         messages_.showError("lidar is not connected, or lidar is upgrading");
         return -1;
     }

@@ -4,13 +4,13 @@
 
 #include "developer_log.h"
 #include "lidar_utilities_manager.h"
+#include "subsystem_views.h"
 
 namespace {
 
 constexpr uint8_t kDeviceInfoCommand = 0x07;
 constexpr size_t kModelVersionTextAt = 72;
 constexpr size_t kModelVersionTextLength = 16;
-constexpr int kVrcOverSerial = 2;
 
 using ComponentVersionGetter = int (AuthorizedVrcClient::*)(std::string&);
 
@@ -95,7 +95,7 @@ void LidarUtilitiesManager::HeronSetIMURange(int angularIndex, int accelerationI
         showErrorMessage("Invalid acceleration range index");
         return;
     }
-    if (getConnectType() != kVrcOverSerial) {
+    if (getConnectType() != kVrcOverSerialKind) {
         showErrorMessage("Heron IMU range setting is only supported in VRC_SERIAL mode");
         return;
     }

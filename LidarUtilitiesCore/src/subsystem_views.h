@@ -23,6 +23,11 @@ class SerialClient;
 }
 struct VarInfo;
 
+// The connection kinds, as getConnectType numbers them.
+constexpr int kNetworkKind = 0;
+constexpr int kSerialLinesKind = 1;
+constexpr int kVrcOverSerialKind = 2;
+
 // The current device link: its kind, whether it is up, and its clients. Clients are shared
 // pointers: a caller keeps its copy alive for the length of its exchange, whatever Stop does
 // meanwhile.

@@ -17,9 +17,6 @@ const char* levelText(LogLevel level) {
     return "INFO";
 }
 
-constexpr int kNetworkKind = 0;
-constexpr int kVrcOverSerialKind = 2;
-
 }  // namespace
 
 UserMessages::UserMessages(const DeviceLinkView& link, const BusyView& busy)
