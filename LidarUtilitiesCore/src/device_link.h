@@ -125,14 +125,17 @@ class DeviceLink : public QObject, public DeviceLinkView {
     void reportConnectFailure(const char* operation, const std::string& logText, uint16_t localPort,
                               uint64_t attempt);
     void reportPageThreadFailure(const std::string& why);
-    // The last steps of a successful VRC connect: page thread, connected, "Lidar connected".
-    bool commitConnection(uint64_t attempt, int kind, bool pageThreadFirst);
-    // The serial kind's steps: its first (the old link dropped), the two lines, its commit.
+    // The last steps of a successful connect, one for the three kinds: page thread, connected,
+    // "Lidar connected"; the serial kind's client comes with them. False, and undone, when the
+    // page thread could not start or a Stop came first.
+    bool commitConnection(uint64_t attempt, int kind,
+                          const std::shared_ptr<lidar::SerialClient>& serialClient = nullptr);
+    void runCommitSteps(int kind, const std::shared_ptr<lidar::SerialClient>& serialClient);
+    void undoCommit(int kind);
+    // The serial kind's own steps: its first (the old link dropped) and the two lines.
     bool beginSerialAttempt(uint64_t attempt);
     bool openSerialLines(uint64_t attempt, const std::shared_ptr<lidar::SerialSource>& rs485,
                          const std::shared_ptr<lidar::SerialSource>& uart);
-    bool commitSerialConnection(uint64_t attempt,
-                                const std::shared_ptr<lidar::SerialClient>& client);
     static QString settingsFilePath();
     static QString writableSettingsFilePath();
 

@@ -176,7 +176,8 @@ std::shared_ptr<AuthorizedVrcClient> DeviceLink::openVrcConnection(const char* o
     return authorized;
 }
 
-bool DeviceLink::commitConnection(uint64_t attempt, int kind, bool pageThreadFirst) {
+bool DeviceLink::commitConnection(uint64_t attempt, int kind,
+                                  const std::shared_ptr<lidar::SerialClient>& serialClient) {
     bool committed = false;
     std::string threadFailure;
     // The page thread of an earlier connection may be waiting on its lidar: it ends outside the
@@ -184,23 +185,47 @@ bool DeviceLink::commitConnection(uint64_t attempt, int kind, bool pageThreadFir
     steps_.endPageLoop();
     ifAttemptCurrent(attempt, [&] {
         try {
-            if (pageThreadFirst) {
-                steps_.startPageLoop(kind);
-                steps_.startMonitorAutoRefreshIfOn();
-            }
-            isConnected_.store(true);
-            messages_.log("Lidar connected", LogLevel::kInfo);
-            if (!pageThreadFirst) steps_.startPageLoop(kind);
+            runCommitSteps(kind, serialClient);
             committed = true;
         } catch (const std::system_error& e) {
             isConnected_.store(false);
-            setAuthorizedClient(nullptr);
-            connecting_.store(false);
+            undoCommit(kind);
             threadFailure = e.what();
         }
     });
     if (!threadFailure.empty()) reportPageThreadFailure(threadFailure);
     return committed;
+}
+
+// The kinds keep the designed order of their last steps: the network kind starts its threads
+// before it is connected, the other two after.
+void DeviceLink::runCommitSteps(int kind,
+                                const std::shared_ptr<lidar::SerialClient>& serialClient) {
+    if (kind == kNetworkKind) {
+        steps_.startPageLoop(kind);
+        steps_.startMonitorAutoRefreshIfOn();
+    }
+    if (kind == kSerialLinesKind) {
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        serialClient_ = serialClient;
+    }
+    isConnected_.store(true);
+    messages_.log("Lidar connected", LogLevel::kInfo);
+    if (kind == kSerialLinesKind) {
+        serialClient->SetLogCallback(
+            [this](const std::string& line) { byteFlow_.deviceBytes(line); });
+        connecting_.store(false);
+    }
+    if (kind != kNetworkKind) steps_.startPageLoop(kind);
+}
+
+void DeviceLink::undoCommit(int kind) {
+    if (kind == kSerialLinesKind) {
+        releaseSerialLink(true, true, true);
+        return;
+    }
+    setAuthorizedClient(nullptr);
+    connecting_.store(false);
 }
 
 bool DeviceLink::connectOverNetwork() {
@@ -218,7 +243,7 @@ bool DeviceLink::connectOverNetwork() {
         }
         authorized->GetGate().ProbeAuthRequirement();
 
-        if (!commitConnection(attempt, kNetworkKind, true)) {
+        if (!commitConnection(attempt, kNetworkKind)) {
             abandonAttempt(authorized);
             return false;
         }
@@ -249,7 +274,7 @@ bool DeviceLink::connectVrcOverSerial() {
         setVrcClientLogCallback();
         connectBaudRateResult_.store(authorized->WrenSetBaudRate(baudRate));
 
-        if (!commitConnection(attempt, kVrcOverSerialKind, false)) {
+        if (!commitConnection(attempt, kVrcOverSerialKind)) {
             abandonAttempt(authorized);
             return false;
         }
@@ -334,33 +359,6 @@ bool DeviceLink::openSerialLines(uint64_t attempt,
     return true;
 }
 
-bool DeviceLink::commitSerialConnection(uint64_t attempt,
-                                        const std::shared_ptr<lidar::SerialClient>& client) {
-    bool committed = false;
-    std::string threadFailure;
-    steps_.endPageLoop();
-    ifAttemptCurrent(attempt, [&] {
-        {
-            std::lock_guard<std::mutex> lock(clientMutex_);
-            serialClient_ = client;
-        }
-        isConnected_.store(true);
-        messages_.log("Lidar connected", LogLevel::kInfo);
-        client->SetLogCallback([this](const std::string& line) { byteFlow_.deviceBytes(line); });
-        connecting_.store(false);
-        try {
-            steps_.startPageLoop(kSerialLinesKind);
-            committed = true;
-        } catch (const std::system_error& e) {
-            isConnected_.store(false);
-            releaseSerialLink(true, true, true);
-            threadFailure = e.what();
-        }
-    });
-    if (!threadFailure.empty()) reportPageThreadFailure(threadFailure);
-    return committed;
-}
-
 bool DeviceLink::connectSerialLines() {
     const uint64_t attempt = attemptEpoch_.load();
     if (!beginSerialAttempt(attempt)) return false;
@@ -382,7 +380,7 @@ bool DeviceLink::connectSerialLines() {
     std::shared_ptr<lidar::SerialClient> client(
         new lidar::SerialClient(), [rs485, uart](lidar::SerialClient* c) { delete c; });
     client->SetSerial(uart.get(), rs485.get());
-    if (!commitSerialConnection(attempt, client)) {
+    if (!commitConnection(attempt, kSerialLinesKind, client)) {
         uart->Close();
         rs485->Close();
         return false;
