@@ -2,7 +2,8 @@
 
 // The device link: the connection settings and their file, the SDK clients of the three
 // connection kinds, whether the link is up, the connect attempts and their cancellation, and the
-// short workers (connect, configuration-file query, transfers) that none may outlive.
+// short workers (the connect attempt, the configuration-file query) that none may outlive; the
+// upgrade and the log download keep workers of their own.
 //
 // Threads: the UI thread sets and connects; the connect worker changes the link state only under
 // connectMutex_ and while its attempt is current. Texts are kept under mutex_, the clients are
