@@ -109,6 +109,29 @@ TEST(Connection, SilentLidarGivesNoVrcReplyWithLocalPortMessage) {
     EXPECT_EQ(s.connectedSignals().count(), 0);
 }
 
+// The probe asks 0x08 after a refused 0x07; a silent 0x07 closes the connection, so 0x08 is not
+// sent and the connect fails at once.
+TEST(Connection, ProbeFallsBackToTheSecondCommandOnlyAfterARefusal) {
+    auto lidar = StartSimulator("Tern");
+    sim::Fault refused;
+    refused.kind = sim::Fault::Kind::kStatus;
+    refused.status = 5;
+    lidar->SetFault(0x07, refused);
+    ManagerSession s("Tern");
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    EXPECT_EQ(lidar->RequestCount(0x08), 1u);
+    s.m().Stop();
+
+    sim::Fault silent;
+    silent.kind = sim::Fault::Kind::kNoReply;
+    lidar->SetFault(0x07, silent);
+    lidar->ResetCounters();
+    EXPECT_FALSE(s.Connect(lidar->Port()));
+    EXPECT_TRUE(s.LogHas("Connection Error: Lidar has No VRC reply.|ERROR"));
+    EXPECT_EQ(lidar->RequestCount(0x07), 1u);
+    EXPECT_EQ(lidar->RequestCount(0x08), 0u);
+}
+
 TEST(Connection, LocalPortIsBoundOrReportedInUse) {
     auto lidar = StartSimulator("Tern");
     ManagerSession s("Tern");
