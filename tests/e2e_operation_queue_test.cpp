@@ -28,7 +28,8 @@ size_t readEverythingAViewShows(LidarUtilitiesManager& m) {
                    m.getLidarModelList().size();
     items += m.getSendVrcCommandReturnHeader().size() + m.getErrorMessage().size() +
              m.getSuccessMessage().size() + m.getZPNowName().size();
-    items += m.getSetMapSize() + (m.getIsConnected() ? 1 : 0) + (m.isConnecting() ? 1 : 0);
+    items += m.getSetMapSize() + m.getMonitorContentRevision() + (m.getIsConnected() ? 1 : 0) +
+             (m.isConnecting() ? 1 : 0);
     return items;
 }
 
@@ -52,6 +53,7 @@ TEST(OperationQueue, DeviceOperationsOnAQueueThreadWhileTheUiThreadReads) {
     QObject::connect(&m, &LidarUtilitiesManager::myMapChanged, &view, onSignal);
     QObject::connect(&m, &LidarUtilitiesManager::sendCommandHistoryChanged, &view, onSignal);
     QObject::connect(&m, &LidarUtilitiesManager::isConnectedChanged, &view, onSignal);
+    QObject::connect(&m, &LidarUtilitiesManager::monitorContentChanged, &view, onSignal);
 
     std::atomic<bool> queueBusy{true};
     std::atomic<int> connects{0};
@@ -62,6 +64,7 @@ TEST(OperationQueue, DeviceOperationsOnAQueueThreadWhileTheUiThreadReads) {
             m.readModule(kOperation);
             m.SetText(3, kOperation, 0, 0, round % 2 ? "1" : "2");  // Spin Rate
             m.Run(kOperation);
+            m.refreshMonitor();
             m.SendCommand("0x07", "");
             m.Stop();
         }
@@ -83,5 +86,6 @@ TEST(OperationQueue, DeviceOperationsOnAQueueThreadWhileTheUiThreadReads) {
     ASSERT_GE(scan.size(), 2u);
     EXPECT_EQ((scan[0] << 8) | scan[1], 1200) << "the last round's spin rate";
     EXPECT_EQ(m.getSendCommandHistory().size(), kRounds) << "one raw command a round";
+    EXPECT_GE(lidar->RequestCount(0x41), static_cast<uint64_t>(kRounds)) << "monitor refreshes";
     EXPECT_FALSE(m.getIsConnected());
 }
