@@ -3,7 +3,7 @@
 // The single back-end object of the lidar utility. A graphical front end binds to its properties,
 // invokable operations and signals. It is a façade: the work is done by subsystems under
 // LidarUtilitiesCore/src/ (the device link, messages, console, staging, field of view, the Heron
-// operations, monitor, upgrade, log download), each owning its state and its lock
+// and Wren operations, monitor, upgrade, log download), each owning its state and its lock
 // (docs/architecture.md).
 //
 // Threads (docs/threads.md): the UI thread calls the operations; the connect worker, the
@@ -58,6 +58,7 @@ class ManagerViews;
 class MonitorService;
 struct ShownValue;
 class UserMessages;
+class WrenSettings;
 struct ManagerTestAccess;
 class QFile;
 class QTextStream;
@@ -575,6 +576,7 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<EditStaging> staging_;
     std::unique_ptr<FieldOfView> fov_;
     std::unique_ptr<HeronOperations> heron_;
+    std::unique_ptr<WrenSettings> wren_;
     std::unique_ptr<MonitorService> monitor_;
     std::unique_ptr<FirmwareUpgrade> upgrade_;
     std::unique_ptr<LogDownload> logs_;

@@ -28,7 +28,7 @@ namespace lidar {
 class SerialSource;
 }
 
-class DeviceLink : public QObject, public DeviceLinkView {
+class DeviceLink : public QObject, public DeviceLinkView, public PointCloudRateSetting {
     Q_OBJECT
 
   public:
@@ -68,6 +68,8 @@ class DeviceLink : public QObject, public DeviceLinkView {
     void readSettings();
     void saveConnectionSettings();
     void savePointCloudBaudRate();
+    // ---- PointCloudRateSetting ----
+    void keepPointCloudBaudRate(uint32_t rate) override;
 
     // ---- Link state and clients (device_link.cpp) ----
     void setConnectionKind(int kind) { connectType_.store(kind); }

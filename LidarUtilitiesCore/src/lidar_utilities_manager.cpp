@@ -15,6 +15,7 @@
 #include "manager_views.h"
 #include "monitor_service.h"
 #include "user_messages.h"
+#include "wren_settings.h"
 
 LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
 std::once_flag LidarUtilitiesManager::init_instance_flag_;
@@ -68,6 +69,7 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       staging_(std::make_unique<EditStaging>(*link_, *views_, *views_, *messages_)),
       fov_(std::make_unique<FieldOfView>(*staging_, *messages_)),
       heron_(std::make_unique<HeronOperations>(*link_, *views_, *messages_)),
+      wren_(std::make_unique<WrenSettings>(*link_, *views_, *messages_, *link_)),
       monitor_(std::make_unique<MonitorService>(*link_, *views_, *views_, *views_, *messages_)),
       upgrade_(std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *views_, *views_,
                                                  *heron_)),

@@ -47,6 +47,15 @@ class DeviceLinkView {
     virtual std::string selectedModel() const = 0;
 };
 
+// The rate of the lidar's point-cloud line, which every VRC-over-serial connect sends first.
+class PointCloudRateSetting {
+  public:
+    virtual ~PointCloudRateSetting() = default;
+    // The rate the lidar took: kept in memory and in the settings file, so that the next session
+    // does not set the lidar back to the old one.
+    virtual void keepPointCloudBaudRate(uint32_t rate) = 0;
+};
+
 // Long device operations that leave the link to themselves while they run.
 class BusyView {
   public:
