@@ -2,6 +2,7 @@
 
 #include "wren_settings.h"
 
+#include <functional>
 #include <limits>
 
 #include "lidar_utilities_manager.h"
@@ -111,38 +112,38 @@ void WrenSettings::reportOutcome(int code, const char* success, const char* fail
 
 // ---- Standby, spin rate, return mode ----
 
-void WrenSettings::setStandby(int standby) {
+void WrenSettings::sendModeSetting(const std::function<int(AuthorizedVrcClient&)>& overVrc,
+                                   const std::function<int(lidar::SerialClient&)>& overSerial,
+                                   const char* success, const char* failurePrefix) {
     const Target target = modeTarget();
     if (!target) {
         messages_.showError(kNotConnectedOrUpgrade);
         return;
     }
-    const int code = target.vrc ? target.vrc->WrenSerialSetStandby(standby != 0)
-                                : target.serial->WrenSetStandby(standby != 0);
-    reportOutcome(code, "set lidar mode successful", "set lidar mode error, ret:");
+    const int code = target.vrc ? overVrc(*target.vrc) : overSerial(*target.serial);
+    reportOutcome(code, success, failurePrefix);
+}
+
+void WrenSettings::setStandby(int standby) {
+    const bool on = standby != 0;
+    sendModeSetting([on](AuthorizedVrcClient& vrc) { return vrc.WrenSerialSetStandby(on); },
+                    [on](lidar::SerialClient& serial) { return serial.WrenSetStandby(on); },
+                    "set lidar mode successful", "set lidar mode error, ret:");
 }
 
 void WrenSettings::setSpinRate(int rate) {
-    const Target target = modeTarget();
-    if (!target) {
-        messages_.showError(kNotConnectedOrUpgrade);
-        return;
-    }
     const auto value = static_cast<unsigned char>(rate & 0xFF);
-    const int code = target.vrc ? target.vrc->WrenSerialSetSpinRate(value)
-                                : target.serial->WrenSetSpinRate(value);
-    reportOutcome(code, "set spin rate successful", "set lidar spin rate error, ret:");
+    sendModeSetting([value](AuthorizedVrcClient& vrc) { return vrc.WrenSerialSetSpinRate(value); },
+                    [value](lidar::SerialClient& serial) { return serial.WrenSetSpinRate(value); },
+                    "set spin rate successful", "set lidar spin rate error, ret:");
 }
 
 void WrenSettings::setReturnMode(int mode) {
-    const Target target = modeTarget();
-    if (!target) {
-        messages_.showError(kNotConnectedOrUpgrade);
-        return;
-    }
-    const int code = target.vrc ? target.vrc->WrenSerialSetReturnMode(mode != 0)
-                                : target.serial->WrenSetReturnMode(mode != 0);
-    reportOutcome(code, "set return mode successful", "set lidar return mode error, ret:");
+    const bool returnMode = mode != 0;
+    sendModeSetting(
+        [returnMode](AuthorizedVrcClient& vrc) { return vrc.WrenSerialSetReturnMode(returnMode); },
+        [returnMode](lidar::SerialClient& serial) { return serial.WrenSetReturnMode(returnMode); },
+        "set return mode successful", "set lidar return mode error, ret:");
 }
 
 // ---- Baud rate, destination, network (VRC over serial only) ----

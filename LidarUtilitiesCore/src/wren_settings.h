@@ -11,6 +11,7 @@
 #include <QString>
 #include <QVariantList>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -21,6 +22,9 @@ class BusyView;
 class DeviceLinkView;
 class PointCloudRateSetting;
 class UserMessageSink;
+namespace lidar {
+class SerialClient;
+}
 
 class WrenSettings {
   public:
@@ -53,6 +57,11 @@ class WrenSettings {
     // The VRC client of the VRC-only operations; null (with the refusal shown) when none may be
     // used.
     std::shared_ptr<AuthorizedVrcClient> vrcOnlyTarget(const char* refusal);
+    // One of the three mode setters over the kind's client, and its outcome told; refused when
+    // there is no client to use.
+    void sendModeSetting(const std::function<int(AuthorizedVrcClient&)>& overVrc,
+                         const std::function<int(lidar::SerialClient&)>& overSerial,
+                         const char* success, const char* failurePrefix);
     void reportFailure(int code, const char* prefix);
     void reportOutcome(int code, const char* success, const char* failurePrefix);
     std::optional<u8Array_t> readNetworkBlock(bool quiet, size_t size, const char* failurePrefix);
