@@ -2,8 +2,9 @@
 
 // The single back-end object of the lidar utility. A graphical front end binds to its properties,
 // invokable operations and signals. It is a façade: the work is done by subsystems under
-// LidarUtilitiesCore/src/ (the device link, messages, console, staging, field of view, monitor,
-// upgrade, log download), each owning its state and its lock (docs/architecture.md).
+// LidarUtilitiesCore/src/ (the device link, messages, console, staging, field of view, the Heron
+// and Wren operations, monitor, upgrade, log download), each owning its state and its lock
+// (docs/architecture.md).
 //
 // Threads (docs/threads.md): the UI thread calls the operations; the connect worker, the
 // page-refresh thread and later workers share the state. Flags are atomics; each subsystem's texts
@@ -51,11 +52,13 @@ class DeviceLink;
 class EditStaging;
 class FieldOfView;
 class FirmwareUpgrade;
+class HeronOperations;
 class LogDownload;
 class ManagerViews;
 class MonitorService;
 struct ShownValue;
 class UserMessages;
+class WrenSettings;
 struct ManagerTestAccess;
 class QFile;
 class QTextStream;
@@ -332,7 +335,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE void WrenSetUpgradeMode(int mode);
     void GetLidarUpgradeInfo(u8Array_t& package, std::string command);
 
-    // ---- Heron model: device operations (model_functions.cpp), OTA upgrade (heron_upgrade.cpp)
+    // ---- Heron model: device operations (heron_operations.cpp), OTA upgrade (heron_upgrade.cpp)
     // The program-wide text of a component version that is not known.
     static constexpr const char* kUnknownHeronComponentVersion = "xxxxxxxx";
     // The IMU range codes the lidar takes, by the index the UI offers.
@@ -541,28 +544,14 @@ class LidarUtilitiesManager : public QObject {
     std::unordered_map<std::string, std::vector<VarInfo*>> serialVarsByName;
     std::map<int32_t, VarInfo*> serialVarsByIndex;
 
-    // The model information texts, placeholders until the lidar is read; the serial models'
-    // information pages show them. The first is those pages' own (a dotted version; nothing
-    // fills it, the design leaves the pages open), the other four are the Heron's version texts.
-    // Guarded by fieldsMutex_.
-    struct ModelInfoTexts {
-        std::string infoVersion = "xx.xx.xx.xx";
-        std::string heronBmbFpgaVersion = kUnknownHeronComponentVersion;
-        std::string heronTmbFpgaVersion = kUnknownHeronComponentVersion;
-        std::string heronBmbMcuVersion = kUnknownHeronComponentVersion;
-        std::string heronModelVersionText = kUnknownHeronComponentVersion;
-    };
-    ModelInfoTexts modelInfoTexts;
+    // The first of the model information texts, the serial models' information pages' own (a
+    // dotted version, a placeholder: nothing fills it, the design leaves the pages open). The
+    // other four, the Heron's version texts, are HeronOperations'. Guarded by fieldsMutex_.
+    std::string infoVersion = "xx.xx.xx.xx";
 
     std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
     TimerRefresh lastTimerRefresh;                    // guarded by fieldsMutex_
     uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
-
-    // ---- Heron model state and steps (model_functions.cpp) ----
-    // The version texts are modelInfoTexts' heron* fields.
-    void setHeronText(std::string& field, const std::string& text);
-    QString heronText(const std::string& field) const;
-    void readHeronModelVersionText(AuthorizedVrcClient& client);
 
     // Short workers (connect, configuration-file query, transfers): the link's.
     void startWorker(std::function<void()> job);
@@ -586,6 +575,8 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<CommandConsole> console_;
     std::unique_ptr<EditStaging> staging_;
     std::unique_ptr<FieldOfView> fov_;
+    std::unique_ptr<HeronOperations> heron_;
+    std::unique_ptr<WrenSettings> wren_;
     std::unique_ptr<MonitorService> monitor_;
     std::unique_ptr<FirmwareUpgrade> upgrade_;
     std::unique_ptr<LogDownload> logs_;

@@ -141,6 +141,11 @@ void DeviceLink::setPointCloudBaudRate(uint32_t rate) {
     pointCloudBaudRate_ = rate;
 }
 
+void DeviceLink::keepPointCloudBaudRate(uint32_t rate) {
+    setPointCloudBaudRate(rate);
+    savePointCloudBaudRate();
+}
+
 uint16_t DeviceLink::udpPort() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return udpPort_;

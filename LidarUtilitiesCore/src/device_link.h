@@ -29,7 +29,7 @@ namespace lidar {
 class SerialSource;
 }
 
-class DeviceLink : public QObject, public DeviceLinkView {
+class DeviceLink : public QObject, public DeviceLinkView, public PointCloudRateSetting {
     Q_OBJECT
 
   public:
@@ -64,11 +64,13 @@ class DeviceLink : public QObject, public DeviceLinkView {
     void setHostPortUiEnabled(bool enabled) { enableVrcClientHostPortUi_.store(enabled); }
     // The local port text stored for the model, "ANY" when none is.
     static QString savedVrcClientHostPort(const QString& model);
-    std::string selectedModel() const;
+    std::string selectedModel() const override;
     void setSelectedModel(std::string model);
     void readSettings();
     void saveConnectionSettings();
     void savePointCloudBaudRate();
+    // ---- PointCloudRateSetting ----
+    void keepPointCloudBaudRate(uint32_t rate) override;
 
     // ---- Link state and clients (device_link.cpp) ----
     void setConnectionKind(int kind) { connectType_.store(kind); }

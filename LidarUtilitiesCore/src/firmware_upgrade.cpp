@@ -38,8 +38,13 @@ std::optional<u8Array_t> readPackage(QFile& file) {
 
 FirmwareUpgrade::FirmwareUpgrade(DeviceLinkView& link, const BusyView& busy,
                                  UserMessageSink& messages, const VariableLookup& catalogue,
-                                 DeviceRestart& restart)
-    : link_(link), busy_(busy), messages_(messages), catalogue_(catalogue), restart_(restart) {}
+                                 DeviceRestart& restart, HeronRestart& heronRestart)
+    : link_(link),
+      busy_(busy),
+      messages_(messages),
+      catalogue_(catalogue),
+      restart_(restart),
+      heronRestart_(heronRestart) {}
 
 // ---- Starting ----
 

@@ -26,6 +26,7 @@ class AuthorizedVrcClient;
 class BusyView;
 class DeviceLinkView;
 class DeviceRestart;
+class HeronRestart;
 class UserMessageSink;
 class VariableLookup;
 class QFile;
@@ -36,7 +37,8 @@ class FirmwareUpgrade : public QObject {
 
   public:
     FirmwareUpgrade(DeviceLinkView& link, const BusyView& busy, UserMessageSink& messages,
-                    const VariableLookup& catalogue, DeviceRestart& restart);
+                    const VariableLookup& catalogue, DeviceRestart& restart,
+                    HeronRestart& heronRestart);
 
     // The network models: the package goes with the set command of the variable at
     // [module][page][var] (0x83 in the shipped catalogues).
@@ -102,6 +104,7 @@ class FirmwareUpgrade : public QObject {
     UserMessageSink& messages_;
     const VariableLookup& catalogue_;
     DeviceRestart& restart_;
+    HeronRestart& heronRestart_;
 
     std::atomic<bool> upgrading_{false};
     std::atomic<int32_t> progress_{0};       // KiB sent, written by the SDK on the worker

@@ -216,7 +216,7 @@ void FirmwareUpgrade::transferHeron(u8Array_t& package) {
         }
         if (!sendHeronPlan(*client, package, plan)) return;
         endHeronUpgrade();
-        if (restart_.restartHeron() != 0) {
+        if (heronRestart_.restartHeron() != 0) {
             messages_.showSuccess(kRestartNotAcknowledged);
         } else {
             messages_.showSuccess("Heron upgrade completed. Restart command has been sent.");

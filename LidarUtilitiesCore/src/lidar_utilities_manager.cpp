@@ -10,10 +10,12 @@
 #include "edit_staging.h"
 #include "field_of_view.h"
 #include "firmware_upgrade.h"
+#include "heron_operations.h"
 #include "log_download.h"
 #include "manager_views.h"
 #include "monitor_service.h"
 #include "user_messages.h"
+#include "wren_settings.h"
 
 LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
 std::once_flag LidarUtilitiesManager::init_instance_flag_;
@@ -66,8 +68,11 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       console_(std::make_unique<CommandConsole>(*link_, *views_, *messages_)),
       staging_(std::make_unique<EditStaging>(*link_, *views_, *views_, *messages_)),
       fov_(std::make_unique<FieldOfView>(*staging_, *messages_)),
+      heron_(std::make_unique<HeronOperations>(*link_, *views_, *messages_)),
+      wren_(std::make_unique<WrenSettings>(*link_, *views_, *messages_, *link_)),
       monitor_(std::make_unique<MonitorService>(*link_, *views_, *views_, *views_, *messages_)),
-      upgrade_(std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *views_, *views_)),
+      upgrade_(std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *views_, *views_,
+                                                 *heron_)),
       logs_(std::make_unique<LogDownload>(*link_, *views_, *messages_, *views_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
@@ -81,6 +86,8 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::sendCommandHistoryChanged, Qt::DirectConnection);
     connect(fov_.get(), &FieldOfView::fovConfigChanged, this,
             &LidarUtilitiesManager::fovConfigChanged, Qt::DirectConnection);
+    connect(heron_.get(), &HeronOperations::wrenLidarInfoChanged, this,
+            &LidarUtilitiesManager::wrenLidarInfoChanged, Qt::DirectConnection);
     connect(monitor_.get(), &MonitorService::monitorHwVersionListChanged, this,
             &LidarUtilitiesManager::monitorHwVersionListChanged, Qt::DirectConnection);
     connect(monitor_.get(), &MonitorService::currentMonitorHwVersionChanged, this,

@@ -118,10 +118,6 @@ int ManagerViews::restartLidar() {
     return manager_.Restart();
 }
 
-int ManagerViews::restartHeron() {
-    return manager_.HeronSendRestartCommand();
-}
-
 void ManagerViews::askPageLoopToStop() {
     manager_.stopPagesLoop();
 }

@@ -65,7 +65,6 @@ class ManagerViews : public BusyView,
     const VarInfo* variableNamed(const std::string& name) const override;
 
     int restartLidar() override;
-    int restartHeron() override;
 
   private:
     LidarUtilitiesManager& manager_;

@@ -43,6 +43,17 @@ class DeviceLinkView {
     virtual std::shared_ptr<lidar::SerialClient> serialClient() const = 0;
     // Ends the connection as the design's Stop does (a restart or reset sent from the console).
     virtual void stopLink() = 0;
+    // The model chosen for the connection (selectLidarModel): a model's own operations check it.
+    virtual std::string selectedModel() const = 0;
+};
+
+// The rate of the lidar's point-cloud line, which every VRC-over-serial connect sends first.
+class PointCloudRateSetting {
+  public:
+    virtual ~PointCloudRateSetting() = default;
+    // The rate the lidar took: kept in memory and in the settings file, so that the next session
+    // does not set the lidar back to the old one.
+    virtual void keepPointCloudBaudRate(uint32_t rate) = 0;
 };
 
 // Long device operations that leave the link to themselves while they run.
@@ -153,12 +164,18 @@ class VariableLookup {
     virtual const VarInfo* variableNamed(const std::string& name) const = 0;
 };
 
-// The restart requests an upgrade sends when its package is through.
+// The restart request an upgrade of a network model sends when its package is through.
 class DeviceRestart {
   public:
     virtual ~DeviceRestart() = default;
     // The design's Restart on the network models: 0 when the lidar took it.
     virtual int restartLidar() = 0;
+};
+
+// The restart request a Heron OTA upgrade sends when its components are through.
+class HeronRestart {
+  public:
+    virtual ~HeronRestart() = default;
     // The Heron's own restart (0xC2): 0 when the lidar acknowledged it.
     virtual int restartHeron() = 0;
 };

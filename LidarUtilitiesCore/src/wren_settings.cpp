@@ -1,19 +1,16 @@
-// The Wren model's own settings and readers: standby, spin rate and return mode over the serial
-// client (kind 1) or the VRC client carried over the serial line (kind 2); the baud rate, the
-// destination and the network settings over VRC only; the network, destination and
-// function-safety states as lists for the UI.
+// The Wren model's own settings and readers (wren_settings.h).
 
-#include <QString>
+#include "wren_settings.h"
+
+#include <functional>
 #include <limits>
-#include <optional>
 
-#include "device_link.h"
 #include "lidar_utilities_manager.h"
+#include "sdk/authorized_vrc_client.h"
 #include "sdk/serial_client.h"
+#include "subsystem_views.h"
 
 namespace {
-
-using LogLevel = LidarUtilitiesManager::LogLevel;
 
 constexpr uint8_t kNetworkConfigCommand = 0x08;
 constexpr unsigned short kAuxiliaryPort = 10110;
@@ -47,172 +44,177 @@ QString faultStateText(uint8_t state) {
     }
 }
 
+// The state's text, then the fault codes: little-endian pairs from byte 1 (a last unpaired
+// byte is ignored).
+QVariantList faultStateList(const u8Array_t& reply) {
+    QVariantList list{faultStateText(reply[0])};
+    for (size_t i = 2; reply.size() > 2 && i < reply.size(); i += 2) {
+        const unsigned faultCode = (static_cast<unsigned>(reply[i]) << 8) | reply[i - 1];
+        list.append("0x" + QString("%1").arg(faultCode, 4, 16, QChar('0')).toUpper());
+    }
+    return list;
+}
+
 }  // namespace
+
+WrenSettings::WrenSettings(DeviceLinkView& link, const BusyView& busy, UserMessageSink& messages,
+                           PointCloudRateSetting& pointCloudRate)
+    : link_(link), busy_(busy), messages_(messages), pointCloudRate_(pointCloudRate) {}
 
 // ---- The client each operation uses ----
 
-// The three mode setters and the function-safety reader: the VRC client on kind 2, the serial
-// client on any other kind. Null (with the refusal shown) when neither may be used.
-struct WrenTarget {
+// The VRC client on kind 2, the serial client on any other kind; neither while the link is down
+// or an upgrade runs.
+struct WrenSettings::Target {
     std::shared_ptr<AuthorizedVrcClient> vrc;
     std::shared_ptr<lidar::SerialClient> serial;
     explicit operator bool() const { return vrc || serial; }
 };
 
-static WrenTarget wrenTarget(LidarUtilitiesManager& m) {
-    WrenTarget target;
-    if (!m.getIsConnected() || m.getIsUpgrading()) return target;
-    if (m.getConnectType() == 2)
-        target.vrc = m.getAuthorizedClient();
+WrenSettings::Target WrenSettings::modeTarget() const {
+    Target target;
+    if (!link_.linkConnected() || busy_.upgrading()) return target;
+    if (link_.connectionKind() == kVrcOverSerialKind)
+        target.vrc = link_.vrcClient();
     else
-        target.serial = m.getSerialClient();
+        target.serial = link_.serialClient();
     return target;
 }
 
 // The four VRC-only operations: their own refusal texts.
-static std::shared_ptr<AuthorizedVrcClient> vrcSerialTarget(LidarUtilitiesManager& m,
-                                                            const char* refusal) {
-    if (m.getConnectType() != 2) {
-        m.showErrorMessage(refusal);
+std::shared_ptr<AuthorizedVrcClient> WrenSettings::vrcOnlyTarget(const char* refusal) {
+    if (link_.connectionKind() != kVrcOverSerialKind) {
+        messages_.showError(refusal);
         return nullptr;
     }
-    std::shared_ptr<AuthorizedVrcClient> client = m.getAuthorizedClient();
-    if (!m.getIsConnected() || !client || m.getIsUpgrading()) {
-        m.showErrorMessage(kNotConnectedOrUpgrading);
+    std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+    if (!link_.linkConnected() || !client || busy_.upgrading()) {
+        messages_.showError(kNotConnectedOrUpgrading);
         return nullptr;
     }
     return client;
 }
 
 // A failed SDK call: the prefix and the code as an error and as an ERROR log line.
-static void reportWrenFailure(LidarUtilitiesManager& m, int code, const char* prefix) {
+void WrenSettings::reportFailure(int code, const char* prefix) {
     const QString text = prefix + QString::number(code);
-    m.showErrorMessage(text);
-    m.writeLogMessage(text.toStdString(), LogLevel::kError);
+    messages_.showError(text);
+    messages_.log(text.toStdString(), LogLevel::kError);
 }
 
 // The outcome of one SDK call: the success message, or the failure.
-static void reportWrenOutcome(LidarUtilitiesManager& m, int code, const char* success,
-                              const char* failurePrefix) {
+void WrenSettings::reportOutcome(int code, const char* success, const char* failurePrefix) {
     if (code == 0)
-        m.showSuccessMessage(success);
+        messages_.showSuccess(success);
     else
-        reportWrenFailure(m, code, failurePrefix);
+        reportFailure(code, failurePrefix);
 }
 
 // ---- Standby, spin rate, return mode ----
 
-void LidarUtilitiesManager::WrenSetStandby(int standby) {
-    const WrenTarget target = wrenTarget(*this);
+void WrenSettings::sendModeSetting(const std::function<int(AuthorizedVrcClient&)>& overVrc,
+                                   const std::function<int(lidar::SerialClient&)>& overSerial,
+                                   const char* success, const char* failurePrefix) {
+    const Target target = modeTarget();
     if (!target) {
-        showErrorMessage(kNotConnectedOrUpgrade);
+        messages_.showError(kNotConnectedOrUpgrade);
         return;
     }
-    const int code = target.vrc ? target.vrc->WrenSerialSetStandby(standby != 0)
-                                : target.serial->WrenSetStandby(standby != 0);
-    reportWrenOutcome(*this, code, "set lidar mode successful", "set lidar mode error, ret:");
+    const int code = target.vrc ? overVrc(*target.vrc) : overSerial(*target.serial);
+    reportOutcome(code, success, failurePrefix);
 }
 
-void LidarUtilitiesManager::WrenSetSpinRate(int rate) {
-    const WrenTarget target = wrenTarget(*this);
-    if (!target) {
-        showErrorMessage(kNotConnectedOrUpgrade);
-        return;
-    }
-    // The low 8 bits, unchecked: the lidar decides what it accepts.
+void WrenSettings::setStandby(int standby) {
+    const bool on = standby != 0;
+    sendModeSetting([on](AuthorizedVrcClient& vrc) { return vrc.WrenSerialSetStandby(on); },
+                    [on](lidar::SerialClient& serial) { return serial.WrenSetStandby(on); },
+                    "set lidar mode successful", "set lidar mode error, ret:");
+}
+
+void WrenSettings::setSpinRate(int rate) {
     const auto value = static_cast<unsigned char>(rate & 0xFF);
-    const int code = target.vrc ? target.vrc->WrenSerialSetSpinRate(value)
-                                : target.serial->WrenSetSpinRate(value);
-    reportWrenOutcome(*this, code, "set spin rate successful", "set lidar spin rate error, ret:");
+    sendModeSetting([value](AuthorizedVrcClient& vrc) { return vrc.WrenSerialSetSpinRate(value); },
+                    [value](lidar::SerialClient& serial) { return serial.WrenSetSpinRate(value); },
+                    "set spin rate successful", "set lidar spin rate error, ret:");
 }
 
-void LidarUtilitiesManager::WrenSetReturnMode(int mode) {
-    const WrenTarget target = wrenTarget(*this);
-    if (!target) {
-        showErrorMessage(kNotConnectedOrUpgrade);
-        return;
-    }
-    const int code = target.vrc ? target.vrc->WrenSerialSetReturnMode(mode != 0)
-                                : target.serial->WrenSetReturnMode(mode != 0);
-    reportWrenOutcome(*this, code, "set return mode successful",
-                      "set lidar return mode error, ret:");
+void WrenSettings::setReturnMode(int mode) {
+    const bool returnMode = mode != 0;
+    sendModeSetting(
+        [returnMode](AuthorizedVrcClient& vrc) { return vrc.WrenSerialSetReturnMode(returnMode); },
+        [returnMode](lidar::SerialClient& serial) { return serial.WrenSetReturnMode(returnMode); },
+        "set return mode successful", "set lidar return mode error, ret:");
 }
 
 // ---- Baud rate, destination, network (VRC over serial only) ----
 
-QString LidarUtilitiesManager::WrenGetBaudRate() {
+QString WrenSettings::baudRate() {
     std::shared_ptr<AuthorizedVrcClient> client =
-        vrcSerialTarget(*this, "GetBaudRate is only supported in VRC serial mode");
+        vrcOnlyTarget("GetBaudRate is only supported in VRC serial mode");
     if (!client) return QString();
     unsigned int rate = 0;
     const int code = client->WrenGetBaudRate(rate);
     if (code != 0) {
-        reportWrenFailure(*this, code, "get baud rate error, ret:");
+        reportFailure(code, "get baud rate error, ret:");
         return QString();
     }
     return QString::number(rate);
 }
 
-void LidarUtilitiesManager::WrenSetBaudRateFromUI(QString rate) {
+void WrenSettings::setBaudRate(const QString& rate) {
     std::shared_ptr<AuthorizedVrcClient> client =
-        vrcSerialTarget(*this, "SetBaudRate is only supported in VRC serial mode");
+        vrcOnlyTarget("SetBaudRate is only supported in VRC serial mode");
     if (!client) return;
     // Whole text, base 10: "abc", "12abc" and a rate beyond 32 bits all read as 0.
     const unsigned int value = rate.toUInt(nullptr, 10);
     if (value == 0) {
-        showErrorMessage("invalid baud rate value");
+        messages_.showError("invalid baud rate value");
         return;
     }
     const int code = client->WrenSetBaudRate(value);
-    if (code == 0) {
-        link_->setPointCloudBaudRate(value);
-        // Every VRC-over-serial connect sends the stored rate: kept only in memory, the next
-        // session would set the lidar back to the old one.
-        link_->savePointCloudBaudRate();
-    }
-    reportWrenOutcome(*this, code, "set baud rate successful", "set baud rate error, ret:");
+    if (code == 0) pointCloudRate_.keepPointCloudBaudRate(value);
+    reportOutcome(code, "set baud rate successful", "set baud rate error, ret:");
 }
 
-int LidarUtilitiesManager::WrenSetDestinationIPandPort(QString ip, int port) {
+int WrenSettings::setDestination(const QString& ip, int port) {
     std::shared_ptr<AuthorizedVrcClient> client =
-        vrcSerialTarget(*this, "SetDestinationIPandPort is only supported in VRC serial mode");
+        vrcOnlyTarget("SetDestinationIPandPort is only supported in VRC serial mode");
     if (!client) return 0;
     // A port the 16-bit field cannot hold would reach the lidar as another port.
     if (port < 0 || port > std::numeric_limits<unsigned short>::max()) {
-        showErrorMessage("invalid destination port value");
+        messages_.showError("invalid destination port value");
         return 0;
     }
     if (client->SetDesIpandPort(ip.toStdString(), static_cast<unsigned short>(port),
                                 kAuxiliaryPort)) {
-        showSuccessMessage("set destination IP and port successful");
+        messages_.showSuccess("set destination IP and port successful");
         return 1;
     }
-    reportWrenFailure(*this, client->GetLastReturnCode(),
-                      "set destination IP and port error, ret:");
+    reportFailure(client->GetLastReturnCode(), "set destination IP and port error, ret:");
     return 0;
 }
 
-int LidarUtilitiesManager::WrenSetNet(QString address, QString netmask, QString gateway, int flag,
-                                      int id) {
+int WrenSettings::setNetwork(const QString& address, const QString& netmask, const QString& gateway,
+                             int vlanFlag, int vlanId) {
     std::shared_ptr<AuthorizedVrcClient> client =
-        vrcSerialTarget(*this, "SetNet is only supported in VRC serial mode");
+        vrcOnlyTarget("SetNet is only supported in VRC serial mode");
     if (!client) return 0;
     // Values their fields cannot hold would reach the lidar as other values.
-    if (flag < 0 || flag > 0xFF || (flag != 0 && (id < 0 || id > 0xFFFF))) {
-        showErrorMessage("invalid VLAN value");
+    if (vlanFlag < 0 || vlanFlag > 0xFF || (vlanFlag != 0 && (vlanId < 0 || vlanId > 0xFFFF))) {
+        messages_.showError("invalid VLAN value");
         return 0;
     }
-    const auto vlanFlag = static_cast<unsigned char>(flag);
-    const auto vlanId = static_cast<unsigned short>(flag != 0 ? id : 0);
-    const bool accepted = client->SetNet(address.toStdString(), netmask.toStdString(),
-                                         gateway.toStdString(), vlanFlag, vlanId);
+    const bool accepted =
+        client->SetNet(address.toStdString(), netmask.toStdString(), gateway.toStdString(),
+                       static_cast<unsigned char>(vlanFlag),
+                       static_cast<unsigned short>(vlanFlag != 0 ? vlanId : 0));
     // The lidar applies the settings and closes the connection without a reply (-2).
     if (!accepted && client->GetLastReturnCode() != lidar::kVrcClosedByPeer) {
-        reportWrenFailure(*this, client->GetLastReturnCode(), "set net error, ret:");
+        reportFailure(client->GetLastReturnCode(), "set net error, ret:");
         return 0;
     }
-    showSuccessMessage(kNetworkSetNote);
-    Stop();
+    messages_.showSuccess(kNetworkSetNote);
+    link_.stopLink();
     return 1;
 }
 
@@ -220,43 +222,43 @@ int LidarUtilitiesManager::WrenSetNet(QString address, QString netmask, QString 
 
 // The 0x08 reply when it holds at least `size` bytes; otherwise the failure is reported (the
 // code is 0 for a short reply) and nullopt returned.
-static std::optional<u8Array_t> readNetworkBlock(LidarUtilitiesManager& m, bool quiet, size_t size,
-                                                 const char* failurePrefix) {
-    if (m.getConnectType() != 2) return std::nullopt;
-    std::shared_ptr<AuthorizedVrcClient> client = m.getAuthorizedClient();
-    if (!m.getIsConnected() || !client || m.getIsUpgrading()) {
-        if (!quiet) m.showErrorMessage(kNotConnectedOrUpgrading);
+std::optional<u8Array_t> WrenSettings::readNetworkBlock(bool quiet, size_t size,
+                                                        const char* failurePrefix) {
+    if (link_.connectionKind() != kVrcOverSerialKind) return std::nullopt;
+    std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+    if (!link_.linkConnected() || !client || busy_.upgrading()) {
+        if (!quiet) messages_.showError(kNotConnectedOrUpgrading);
         return std::nullopt;
     }
     u8Array_t reply;
     const int code = client->QueryCommand({}, reply, kNetworkConfigCommand, false);
     if (code == 0 && reply.size() >= size) return reply;
     const QString text = failurePrefix + QString::number(code);
-    if (!quiet) m.showErrorMessage(text);
-    m.writeLogMessage(text.toStdString(), LogLevel::kError);
+    if (!quiet) messages_.showError(text);
+    messages_.log(text.toStdString(), LogLevel::kError);
     return std::nullopt;
 }
 
-QVariantList LidarUtilitiesManager::WrenGetNetConfig(bool quiet) {
+QVariantList WrenSettings::networkConfig(bool quiet) {
     const std::optional<u8Array_t> reply =
-        readNetworkBlock(*this, quiet, kNetConfigSize, "get net config error, ret:");
+        readNetworkBlock(quiet, kNetConfigSize, "get net config error, ret:");
     if (!reply) return QVariantList();
     return {dottedAddress(*reply, 0), dottedAddress(*reply, 4), dottedAddress(*reply, 8),
             QString("0"), QString("0")};
 }
 
-QVariantList LidarUtilitiesManager::WrenGetDestinationConfig(bool quiet) {
-    const std::optional<u8Array_t> reply = readNetworkBlock(*this, quiet, kDestinationConfigSize,
-                                                            "get destination config error, ret:");
+QVariantList WrenSettings::destinationConfig(bool quiet) {
+    const std::optional<u8Array_t> reply =
+        readNetworkBlock(quiet, kDestinationConfigSize, "get destination config error, ret:");
     if (!reply) return QVariantList();
     const unsigned port = (static_cast<unsigned>((*reply)[16]) << 8) | (*reply)[17];
     return {dottedAddress(*reply, 12), QString::number(port)};
 }
 
-QVariantList LidarUtilitiesManager::WrenGetLidarFunctionSafety() {
-    const WrenTarget target = wrenTarget(*this);
+QVariantList WrenSettings::functionSafety() {
+    const Target target = modeTarget();
     if (!target) {
-        showErrorMessage(kNotConnectedOrUpgrade);
+        messages_.showError(kNotConnectedOrUpgrade);
         return QVariantList();
     }
     u8Array_t reply;
@@ -264,14 +266,51 @@ QVariantList LidarUtilitiesManager::WrenGetLidarFunctionSafety() {
                           : target.serial->GetLidarFaultState(reply);
     if (code == 0 && reply.empty()) code = lidar::kVrcMalformed;  // no state byte
     if (code != 0) {
-        reportWrenFailure(*this, code, "get function safety error, ret:");
+        reportFailure(code, "get function safety error, ret:");
         return QVariantList();
     }
-    QVariantList list{faultStateText(reply[0])};
-    // Little-endian pairs from byte 1; a last unpaired byte is ignored.
-    for (size_t i = 2; reply.size() > 2 && i < reply.size(); i += 2) {
-        const unsigned faultCode = (static_cast<unsigned>(reply[i]) << 8) | reply[i - 1];
-        list.append("0x" + QString("%1").arg(faultCode, 4, 16, QChar('0')).toUpper());
-    }
-    return list;
+    return faultStateList(reply);
+}
+
+// ---- The façade's Wren operations ----
+
+void LidarUtilitiesManager::WrenSetStandby(int standby) {
+    wren_->setStandby(standby);
+}
+
+void LidarUtilitiesManager::WrenSetSpinRate(int rate) {
+    wren_->setSpinRate(rate);
+}
+
+void LidarUtilitiesManager::WrenSetReturnMode(int mode) {
+    wren_->setReturnMode(mode);
+}
+
+QString LidarUtilitiesManager::WrenGetBaudRate() {
+    return wren_->baudRate();
+}
+
+void LidarUtilitiesManager::WrenSetBaudRateFromUI(QString rate) {
+    wren_->setBaudRate(rate);
+}
+
+int LidarUtilitiesManager::WrenSetDestinationIPandPort(QString ip, int port) {
+    return wren_->setDestination(ip, port);
+}
+
+int LidarUtilitiesManager::WrenSetNet(QString address, QString netmask, QString gateway, int flag,
+                                      int id) {
+    return wren_->setNetwork(address, netmask, gateway, flag, id);
+}
+
+QVariantList LidarUtilitiesManager::WrenGetNetConfig(bool quiet) {
+    return wren_->networkConfig(quiet);
+}
+
+QVariantList LidarUtilitiesManager::WrenGetDestinationConfig(bool quiet) {
+    return wren_->destinationConfig(quiet);
+}
+
+QVariantList LidarUtilitiesManager::WrenGetLidarFunctionSafety() {
+    return wren_->functionSafety();
 }
