@@ -54,6 +54,7 @@ class FirmwareUpgrade;
 class LogDownload;
 class ManagerViews;
 class MonitorService;
+class ParameterCatalogue;
 struct ShownValue;
 class UserMessages;
 struct ManagerTestAccess;
@@ -210,7 +211,7 @@ class LidarUtilitiesManager : public QObject {
     void changeModelEmit();
     static std::string trim(const std::string& text);
     static bool isNum(const QString& text);
-    ConfigParser* getCurrentParser() const { return currentParser; }
+    ConfigParser* getCurrentParser() const;
     std::string getCurrentConfigPath() const;
 
     // ---- Range checks and reply decoding (value_decoding.cpp) ----
@@ -464,17 +465,13 @@ class LidarUtilitiesManager : public QObject {
     bool deviceChannelOpen() const;
     // deviceIsIdle for the serial kinds' own client.
     bool serialKindIdle() const;
-    // The timer_update flag at a position of the tree; false for a position outside it.
-    bool timerUpdateAt(int module, int page, int var) const;
     // The whole variable map and the level-1 and level-2 lists, whatever the kind.
     QVariantList buildVariableMap();
     void buildPageLists(QVariantList& level1, QVariantList& level2) const;
 
-    void resetSerialNumberTexts();
     int sendDeviceCommand(const char* variableName, const char* fallbackName,
                           const QString& notFoundName, const QString& notFoundCommand);
     void logToSdkLogger(int line, const char* function, const std::string& message);
-    void buildSerialVarIndexes();
     void refreshTimerVariables();
     // Variables that are read with one request, under their grouping key, in first-seen order.
     using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
@@ -495,13 +492,6 @@ class LidarUtilitiesManager : public QObject {
     bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
     QVariantMap varToMap(const VarInfo& var);
     void startMonitorRefreshLoop();
-    // The catalogue's side of the monitor variants (catalogue_variants.cpp), which the monitor
-    // service reaches through ManagerViews.
-    int moduleIndexNamed(const std::string& name) const;
-    bool swapInModuleVariant(int module, const std::string& path);
-    void forgetModuleVariant();
-    // False without a catalogue or for a module below 0.
-    bool shownModuleValues(int module, std::vector<ShownValue>& out) const;
 
     // A test hook (tests/manager_test_access.h): states a test cannot reach cheaply otherwise.
     friend struct ManagerTestAccess;
@@ -515,7 +505,7 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> pagesTimerRunning{false};
     std::unique_ptr<std::thread> pagesTimerThread;
 
-    // UI caches, guarded by catalogueMutex_.
+    // UI caches, guarded by the catalogue's variables lock.
     QVariantList level1ListCache;
     QVariantList level2ListCache;
     QVariantList logListCache;
@@ -526,20 +516,6 @@ class LidarUtilitiesManager : public QObject {
     std::atomic<bool> isGetPBLVersion{false};
 
     const uint8_t creationTag;
-    std::string currentConfigPath;  // guarded by fieldsMutex_
-
-    // Catalogue (UI thread writes them; workers read them while no model load can run).
-    std::unordered_map<std::string, ConfigParser> parserCache;  // guarded by catalogueMutex_
-    // Set on the UI thread, read by workers: atomics. The parsers they point into are never
-    // freed, and their lookup tables do not change after extraction.
-    std::atomic<ConfigParser*> currentParser{nullptr};
-    std::atomic<ConfigParser*> monitorParser{nullptr};
-    std::atomic<std::vector<std::vector<std::vector<VarInfo*>>>*> varTree{nullptr};
-    std::atomic<std::vector<std::vector<std::string>>*> moduleNames{nullptr};
-    std::atomic<std::vector<VarInfo*>*> logVars{nullptr};
-    std::string zpNowName;
-    std::unordered_map<std::string, std::vector<VarInfo*>> serialVarsByName;
-    std::map<int32_t, VarInfo*> serialVarsByIndex;
 
     // The model information texts, placeholders until the lidar is read; the serial models'
     // information pages show them. The first is those pages' own (a dotted version; nothing
@@ -575,7 +551,6 @@ class LidarUtilitiesManager : public QObject {
     void stopPagesLoop();
     void pagesLoopPause(long ms);
     mutable std::mutex fieldsMutex_;
-    mutable std::recursive_mutex catalogueMutex_;
 
     // The subsystems, and the views through which they reach what they do not own. Declared
     // last: they are destroyed first, after the destructor has stopped every worker.
@@ -584,6 +559,7 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<DeviceLink> link_;
     std::unique_ptr<UserMessages> messages_;
     std::unique_ptr<CommandConsole> console_;
+    std::unique_ptr<ParameterCatalogue> catalogue_;
     std::unique_ptr<EditStaging> staging_;
     std::unique_ptr<FieldOfView> fov_;
     std::unique_ptr<MonitorService> monitor_;

@@ -15,11 +15,11 @@
 #include "field_of_view.h"
 #include "lidar_utilities_manager.h"
 #include "monitor_service.h"
+#include "parameter_catalogue.h"
 #include "sdk/feature_config_parser.h"
 
 namespace {
 
-const QString kVarIdRoot = "./Config/varID";
 const char* const kFeatureConfigPath = "./Config/feature_config.csv";
 constexpr uint8_t kFovReadCommand = 0x23;
 constexpr int kFovRegions = 5;
@@ -43,53 +43,14 @@ void reportEmptyReply(const char* operation, const std::string& name, uint8_t cm
 
 }  // namespace
 
-// ---- Model list, pinning, loading ----
-
-QVariantList LidarUtilitiesManager::getLidarModelList() {
-    QVariantList list;
-    if (!zpNowName.empty()) {
-        list.append(QString::fromStdString(zpNowName));
-        return list;
-    }
-    std::set<QString> names;
-    QDir root(kVarIdRoot);
-    for (const QFileInfo& file : root.entryInfoList(QDir::Files)) {
-        if (file.suffix().compare("csv", Qt::CaseInsensitive) == 0) names.insert(file.baseName());
-    }
-    for (const QFileInfo& dir : root.entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        const QString modelFile = dir.absoluteFilePath() + "/" + dir.fileName() + ".csv";
-        if (QFileInfo(modelFile).isFile()) names.insert(dir.fileName());
-    }
-    QStringList sorted(names.begin(), names.end());
-    std::sort(sorted.begin(), sorted.end(), [](const QString& a, const QString& b) {
-        return a.compare(b, Qt::CaseInsensitive) < 0;
-    });
-    for (const QString& name : sorted) list.append(name);
-    return list;
-}
+// ---- Model pinning and loading: the steps of several parts ----
 
 void LidarUtilitiesManager::InitZPModule(QString model) {
     if (model.isEmpty()) return;
     if (!getLidarModelList().contains(model)) return;
     InitConfigFileParser(model);
-    zpNowName = model.toStdString();
+    catalogue_->pinModel(model.toStdString());
     emit lidarModelListChanged();
-}
-
-QString LidarUtilitiesManager::getZPNowName() const {
-    return QString::fromStdString(zpNowName);
-}
-
-std::string LidarUtilitiesManager::resolveModelConfigPath(const QString& model) const {
-    const QString preferred = kVarIdRoot + "/" + model + "/" + model + ".csv";
-    if (QFileInfo(preferred).isFile()) return preferred.toStdString();
-    return (kVarIdRoot + "/" + model + ".csv").toStdString();
-}
-
-QString LidarUtilitiesManager::resolveModelDirPath(const QString& model) const {
-    const QString dir = kVarIdRoot + "/" + model;
-    if (QFileInfo(dir).isDir()) return dir;
-    return QString();
 }
 
 void LidarUtilitiesManager::InitConfigFileParser(QString model) {
@@ -101,29 +62,12 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     else
         link_->setConnectionKind(0);
 
-    const std::string path = resolveModelConfigPath(model);
-    {
-        std::lock_guard<std::recursive_mutex> catalogueLock(catalogueMutex_);
-        std::lock_guard<std::mutex> lock(fieldsMutex_);
-        // Selecting the model that is already loaded costs nothing and announces nothing.
-        if (currentParser && !currentConfigPath.empty() && path == currentConfigPath) return;
-        currentConfigPath = path;
-    }
+    const std::string path = catalogue_->modelConfigPath(model);
+    if (!catalogue_->takeConfigPath(path)) return;
     // A recording's header names the loaded model's monitor variables: another model ends it
     // (with its file kept and said) rather than writing rows of other columns under it.
     stopMonitorRecord();
-    {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        auto cached = parserCache.find(path);
-        if (cached == parserCache.end()) {
-            cached = parserCache.emplace(path, ConfigParser(path)).first;
-            cached->second.ExtractConfigInfo();
-        }
-        currentParser = &cached->second;
-        varTree = &currentParser.load()->varTree;
-        moduleNames = &currentParser.load()->moduleNames;
-        logVars = &currentParser.load()->logVars;
-    }
+    catalogue_->loadParser(path);
     setSelectLidarModel(modelName);
 
     link_->setHostPortUiEnabled(FeatureConfigParser::Load(kFeatureConfigPath, modelName));
@@ -134,7 +78,7 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     monitor_->useLoadedModel();
 
     if (getConnectType() != 0) {
-        buildSerialVarIndexes();
+        catalogue_->buildSerialVarIndexes();
         emit wrenLidarInfoChanged();
     }
 
@@ -144,18 +88,6 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     changeModelEmit();
 }
 
-void LidarUtilitiesManager::buildSerialVarIndexes() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    serialVarsByName.clear();
-    serialVarsByIndex.clear();
-    if (!varTree || varTree.load()->empty() || (*varTree)[0].empty() || (*varTree)[0][0].empty())
-        return;
-    for (VarInfo* var : (*varTree)[0][0]) {
-        serialVarsByName[var->var_name].push_back(var);
-        serialVarsByIndex[var->index] = var;
-    }
-}
-
 void LidarUtilitiesManager::changeModelEmit() {
     setModuleIndexUse(0);
     emit lidarClearModel();
@@ -163,39 +95,7 @@ void LidarUtilitiesManager::changeModelEmit() {
     emit lidarShowModel();
 }
 
-// ---- Lookups ----
-
-VarInfo* LidarUtilitiesManager::searchVarPtr(const std::string& value,
-                                             const std::string& searchType) const {
-    if (!currentParser) return nullptr;
-    if (searchType == "var_name" || searchType == "name")
-        return currentParser.load()->GetVarInfoByName(value);
-    if (searchType == "id" || searchType == "var_id")
-        return currentParser.load()->GetVarInfoByVarID(value);
-    developer_log::writeDeveloperLine("searchVarPtr(): unknown search type");
-    return nullptr;
-}
-
-bool LidarUtilitiesManager::resolveVarPosOffset(const VarInfo& var, int index,
-                                                std::pair<int, int>& out) const {
-    if (currentParser && currentParser.load()->GetVarInfoByVarID(var.var_id) &&
-        currentParser.load()->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
-        return true;
-    if (monitorParser && monitorParser.load()->GetVarPosOffset(var.get_cmd, var.var_id, index, out))
-        return true;
-    if (var.offset >= 1) {
-        out = {var.get_start_pos, var.offset};
-        return true;
-    }
-    return false;
-}
-
-bool LidarUtilitiesManager::CheckVarExistsInConfigFileByName(QString name) const {
-    if (name.isEmpty()) return false;
-    const std::pair<std::string, std::string> forms = getTwoCases(name);
-    return searchVarPtr(forms.first, "name") != nullptr ||
-           searchVarPtr(forms.second, "var_name") != nullptr;
-}
+// ---- Text helpers ----
 
 std::string LidarUtilitiesManager::trim(const std::string& text) {
     const size_t first = text.find_first_not_of('\0');
@@ -208,12 +108,6 @@ bool LidarUtilitiesManager::isNum(const QString& text) {
     bool ok = false;
     text.toInt(&ok, 10);
     return ok;
-}
-
-QString LidarUtilitiesManager::currentValueOf(const VarInfo* var) const {
-    if (!var) return QString();
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    return QString::fromStdString(var->current_val);
 }
 
 // ---- Reading from the lidar ----
@@ -246,7 +140,7 @@ LidarUtilitiesManager::ReadGroups LidarUtilitiesManager::groupByReadRequest(
 
 void LidarUtilitiesManager::GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>& value) {
     std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    if (!var || !client || !client->IsOpen() || !currentParser) return;
+    if (!var || !client || !client->IsOpen() || !catalogue_->parser()) return;
     uint8_t cmd = 0;
     u8Array_t payload;
     if (!buildReadRequest(*var, cmd, payload)) return;
@@ -295,7 +189,7 @@ void LidarUtilitiesManager::GetInfoFromLidarWithSameCmd(
 int LidarUtilitiesManager::readGroupFromLidar(
     std::vector<VarInfo*>& group, std::unordered_map<std::string, std::vector<uint8_t>>* replies,
     bool update) {
-    if (group.empty() || !deviceChannelOpen() || !currentParser) return -1;
+    if (group.empty() || !deviceChannelOpen() || !catalogue_->parser()) return -1;
     uint8_t cmd = 0;
     u8Array_t payload;
     if (!buildReadRequest(*group.front(), cmd, payload)) return -1;
@@ -376,14 +270,15 @@ void LidarUtilitiesManager::GetLidarModuleInfo(int module) {
 
 std::optional<std::vector<LidarUtilitiesManager::ReadFailure>>
 LidarUtilitiesManager::readModuleAndAnnounce(int module, const std::atomic<bool>* runFlag) {
-    if (getConnectType() != 0 || !deviceIsIdle() || !currentParser) return std::nullopt;
+    if (getConnectType() != 0 || !deviceIsIdle() || !catalogue_->parser()) return std::nullopt;
     ReadGroups groups;
     {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size()))
+        const auto lock = catalogue_->lockVariables();
+        if (!catalogue_->variableTree() || module < 0 ||
+            module >= static_cast<int>(catalogue_->variableTree()->size()))
             return std::nullopt;
         std::vector<VarInfo*> vars;
-        for (const auto& page : (*varTree)[module])
+        for (const auto& page : (*catalogue_->variableTree())[module])
             vars.insert(vars.end(), page.begin(), page.end());
         groups = groupByReadRequest(vars);
     }
@@ -405,11 +300,13 @@ std::vector<LidarUtilitiesManager::ReadFailure> LidarUtilitiesManager::getLastMo
 void LidarUtilitiesManager::refreshTimerVariables() {
     ReadGroups groups;
     {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        const auto lock = catalogue_->lockVariables();
         const int module = getModuleIndexUse();
-        if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return;
+        if (!catalogue_->variableTree() || module < 0 ||
+            module >= static_cast<int>(catalogue_->variableTree()->size()))
+            return;
         std::vector<VarInfo*> vars;
-        for (const auto& page : (*varTree)[module])
+        for (const auto& page : (*catalogue_->variableTree())[module])
             for (VarInfo* var : page)
                 if (var->timer_update) vars.push_back(var);
         groups = groupByReadRequest(vars);
@@ -432,7 +329,7 @@ LidarUtilitiesManager::TimerRefresh LidarUtilitiesManager::getLastTimerRefresh()
 }
 
 void LidarUtilitiesManager::updatePagesTimer() {
-    if (!currentParser || !pagesTimerRunning.load()) return;
+    if (!catalogue_->parser() || !pagesTimerRunning.load()) return;
     int counter = 0;
     while (pagesTimerRunning.load()) {
         if (getIsConnected() && !getIsUpgrading() && !getIsDownloadLog()) {
@@ -451,18 +348,7 @@ void LidarUtilitiesManager::updatePagesTimer() {
 }
 
 bool LidarUtilitiesManager::isTimerUpdate(int module, int page, int var) const {
-    return getConnectType() == 0 && timerUpdateAt(module, page, var);
-}
-
-bool LidarUtilitiesManager::timerUpdateAt(int module, int page, int var) const {
-    if (!currentParser) return false;
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return false;
-    const auto& pages = (*varTree)[module];
-    if (page < 0 || page >= static_cast<int>(pages.size())) return false;
-    const auto& vars = pages[page];
-    if (var < 0 || var >= static_cast<int>(vars.size())) return false;
-    return vars[var]->timer_update;
+    return getConnectType() == 0 && catalogue_->timerUpdateAt(module, page, var);
 }
 
 void LidarUtilitiesManager::UpdateUI() {
@@ -509,23 +395,24 @@ QVariantMap LidarUtilitiesManager::varToMap(const VarInfo& var) {
 }
 
 QVariantList LidarUtilitiesManager::getMyMap() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     if (!myMapValid) rebuildMyMapCache();
     return myMapCache;
 }
 
 void LidarUtilitiesManager::rebuildMyMapCache() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     myMapCache.clear();
     if (getConnectType() == 0) myMapCache = buildVariableMap();
     myMapValid = true;
 }
 
 QVariantList LidarUtilitiesManager::buildVariableMap() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     QVariantList map;
-    if (!currentParser || !varTree || varTree.load()->empty()) return map;
-    for (const auto& module : *varTree) {
+    if (!catalogue_->parser() || !catalogue_->variableTree() || catalogue_->variableTree()->empty())
+        return map;
+    for (const auto& module : *catalogue_->variableTree()) {
         QVariantList moduleEntry;
         for (const auto& page : module) {
             QVariantList pageEntry;
@@ -543,38 +430,38 @@ void LidarUtilitiesManager::notifyMyMapChanged() {
     // once however many notifications come before it (a module read of a large catalogue would
     // otherwise spend most of its time building maps nobody has asked for yet).
     {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        const auto lock = catalogue_->lockVariables();
         myMapValid = false;
     }
     emit myMapChanged();
 }
 
 QVariantList LidarUtilitiesManager::level1List() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     if (!uiListsValid) rebuildUiListCache();
     return level1ListCache;
 }
 
 QVariantList LidarUtilitiesManager::level2List() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     if (!uiListsValid) rebuildUiListCache();
     return level2ListCache;
 }
 
 QVariantList LidarUtilitiesManager::logRepeaterModel() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     if (!uiListsValid) rebuildUiListCache();
     return logListCache;
 }
 
 void LidarUtilitiesManager::rebuildUiListCache() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     level1ListCache.clear();
     level2ListCache.clear();
     logListCache.clear();
     if (getConnectType() == 0) buildPageLists(level1ListCache, level2ListCache);
-    if (currentParser && logVars) {
-        for (const VarInfo* var : *logVars)
+    if (catalogue_->parser() && catalogue_->logVariables()) {
+        for (const VarInfo* var : *catalogue_->logVariables())
             if (!var->get_cmd.empty() || !var->set_cmd.empty())
                 logListCache.append(QString::fromStdString(var->var_name));
     }
@@ -582,18 +469,20 @@ void LidarUtilitiesManager::rebuildUiListCache() {
 }
 
 void LidarUtilitiesManager::buildPageLists(QVariantList& level1, QVariantList& level2) const {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    if (!currentParser || !moduleNames || !varTree) return;
-    for (size_t m = 0; m < moduleNames.load()->size(); ++m) {
-        const std::vector<std::string>& names = (*moduleNames)[m];
+    const auto lock = catalogue_->lockVariables();
+    if (!catalogue_->parser() || !catalogue_->moduleNameTable() || !catalogue_->variableTree())
+        return;
+    for (size_t m = 0; m < catalogue_->moduleNameTable()->size(); ++m) {
+        const std::vector<std::string>& names = (*catalogue_->moduleNameTable())[m];
         if (names.empty()) continue;
         level1.append(QString::fromStdString(names.front()));
         if (names.size() < 2) continue;
         QVariantList pages;
         for (size_t p = 1; p < names.size(); ++p) {
             QVariantList pageEntry{QString::fromStdString(names[p])};
-            if (m < varTree.load()->size() && p - 1 < (*varTree)[m].size()) {
-                for (const VarInfo* var : (*varTree)[m][p - 1])
+            if (m < catalogue_->variableTree()->size() &&
+                p - 1 < (*catalogue_->variableTree())[m].size()) {
+                for (const VarInfo* var : (*catalogue_->variableTree())[m][p - 1])
                     if (!var->hidden && !var->name_suffix.empty())
                         pageEntry.append(QString::fromStdString(var->var_name + var->name_suffix));
             }
@@ -604,7 +493,7 @@ void LidarUtilitiesManager::buildPageLists(QVariantList& level1, QVariantList& l
 }
 
 void LidarUtilitiesManager::invalidateUiListCache() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     level1ListCache.clear();
     level2ListCache.clear();
     logListCache.clear();

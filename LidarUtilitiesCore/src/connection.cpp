@@ -16,6 +16,7 @@
 #include "lidar_utilities_manager.h"
 #include "log_download.h"
 #include "monitor_service.h"
+#include "parameter_catalogue.h"
 #include "sdk/serial_client.h"
 
 namespace {
@@ -73,13 +74,6 @@ void LidarUtilitiesManager::pagesLoopPause(long ms) {
 
 // ---- Disconnecting ----
 
-void LidarUtilitiesManager::resetSerialNumberTexts() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    if (!currentParser) return;
-    for (const auto& var : currentParser.load()->AllVars())
-        if (var->var_type == "SN") var->current_val = "xxxxxxxx";
-}
-
 void LidarUtilitiesManager::Stop() {
     // An upgrade pausing (in upgrade mode, or before the restart) is abandoned now, not after.
     upgrade_->stopHappened();
@@ -95,7 +89,7 @@ void LidarUtilitiesManager::Stop() {
                 stopPagesLoop();
                 monitor_->stopThreads();
                 joinThread(pagesTimerThread);
-                resetSerialNumberTexts();
+                catalogue_->resetSerialNumberTexts();
                 link_->setAuthorizedClient(nullptr);
                 staging_->clearOnOwnerThread();
                 emit isConnectedChanged();
@@ -119,7 +113,7 @@ void LidarUtilitiesManager::Stop() {
                 link_->markDisconnected();
                 stopPagesLoop();
                 joinThread(pagesTimerThread);
-                resetSerialNumberTexts();
+                catalogue_->resetSerialNumberTexts();
                 link_->setAuthorizedClient(nullptr);
                 emit isConnectedChanged();
                 emit wrenLidarInfoChanged();

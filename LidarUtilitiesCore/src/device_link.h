@@ -63,7 +63,7 @@ class DeviceLink : public QObject, public DeviceLinkView {
     void setHostPortUiEnabled(bool enabled) { enableVrcClientHostPortUi_.store(enabled); }
     // The local port text stored for the model, "ANY" when none is.
     static QString savedVrcClientHostPort(const QString& model);
-    std::string selectedModel() const;
+    std::string selectedModel() const override;
     void setSelectedModel(std::string model);
     void readSettings();
     void saveConnectionSettings();

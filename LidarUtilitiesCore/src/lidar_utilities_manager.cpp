@@ -13,6 +13,7 @@
 #include "log_download.h"
 #include "manager_views.h"
 #include "monitor_service.h"
+#include "parameter_catalogue.h"
 #include "user_messages.h"
 
 LidarUtilitiesManager* LidarUtilitiesManager::instance_ = nullptr;
@@ -59,16 +60,17 @@ void LidarUtilitiesManager::initInstance(uint8_t tag, std::string configPath) {
 LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath)
     : QObject(nullptr),
       creationTag(tag),
-      currentConfigPath(std::move(configPath)),
       views_(std::make_unique<ManagerViews>(*this)),
       link_(std::make_unique<DeviceLink>(*views_, *views_, *views_, *views_)),
       messages_(std::make_unique<UserMessages>(*link_, *views_)),
       console_(std::make_unique<CommandConsole>(*link_, *views_, *messages_)),
-      staging_(std::make_unique<EditStaging>(*link_, *views_, *views_, *messages_)),
+      catalogue_(std::make_unique<ParameterCatalogue>(std::move(configPath))),
+      staging_(std::make_unique<EditStaging>(*link_, *views_, *catalogue_, *views_, *messages_)),
       fov_(std::make_unique<FieldOfView>(*staging_, *messages_)),
-      monitor_(std::make_unique<MonitorService>(*link_, *views_, *views_, *views_, *messages_)),
-      upgrade_(std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *views_, *views_)),
-      logs_(std::make_unique<LogDownload>(*link_, *views_, *messages_, *views_)) {
+      monitor_(std::make_unique<MonitorService>(*link_, *views_, *catalogue_, *views_, *messages_)),
+      upgrade_(
+          std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *catalogue_, *views_)),
+      logs_(std::make_unique<LogDownload>(*link_, *views_, *messages_, *catalogue_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
     connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
@@ -120,13 +122,6 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     Stop();
     // Stop joins the monitor threads on a network connection only; none may outlive the manager.
     monitor_->stopThreads();
-}
-
-// ---- Shared state ----
-
-std::string LidarUtilitiesManager::getCurrentConfigPath() const {
-    std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return currentConfigPath;
 }
 
 // ---- Log and pop-up messages ----

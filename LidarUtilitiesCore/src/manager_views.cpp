@@ -1,6 +1,7 @@
 #include "manager_views.h"
 
 #include "lidar_utilities_manager.h"
+#include "parameter_catalogue.h"
 #include "user_messages.h"
 
 bool ManagerViews::upgrading() const {
@@ -11,75 +12,12 @@ bool ManagerViews::downloadingLog() const {
     return manager_.getIsDownloadLog();
 }
 
-// The catalogue's part of the façade is not split yet: these reach its fields (ManagerViews is
-// the façade's friend) under its catalogue lock.
-
-bool ManagerViews::catalogueLoaded() const {
-    return manager_.currentParser != nullptr && manager_.varTree != nullptr;
-}
-
-VarInfo* ManagerViews::variableAt(int page, int group, int row) const {
-    std::lock_guard<std::recursive_mutex> lock(manager_.catalogueMutex_);
-    const auto* tree = manager_.varTree.load();
-    if (tree == nullptr || page < 0 || static_cast<size_t>(page) >= tree->size()) return nullptr;
-    const auto& groups = (*tree)[page];
-    if (group < 0 || static_cast<size_t>(group) >= groups.size()) return nullptr;
-    const auto& rows = groups[group];
-    if (row < 0 || static_cast<size_t>(row) >= rows.size()) return nullptr;
-    return rows[row];
-}
-
-std::optional<CatalogueEditView::VarGroups> ManagerViews::pageGroups(int page) const {
-    std::lock_guard<std::recursive_mutex> lock(manager_.catalogueMutex_);
-    const auto* tree = manager_.varTree.load();
-    if (tree == nullptr || page < 0 || static_cast<size_t>(page) >= tree->size())
-        return std::nullopt;
-    return (*tree)[page];
-}
-
-std::vector<VarInfo*> ManagerViews::variablesOfSetCommand(const std::string& setCmd) const {
-    const ConfigParser* parser = manager_.currentParser.load();
-    return parser == nullptr ? std::vector<VarInfo*>() : parser->GetVarInfosBySetCmd(setCmd);
-}
-
-bool ManagerViews::replaceCurrentValue(VarInfo& var, const std::string& text) {
-    std::lock_guard<std::recursive_mutex> lock(manager_.catalogueMutex_);
-    if (var.current_val == text) return false;
-    var.current_val = text;
-    return true;
-}
-
-std::string ManagerViews::currentValue(const VarInfo& var) const {
-    std::lock_guard<std::recursive_mutex> lock(manager_.catalogueMutex_);
-    return var.current_val;
-}
-
-void ManagerViews::readBack(std::vector<VarInfo*>& group, BytesByName& bytes) {
+void ManagerViews::readBack(std::vector<VarInfo*>& group, CatalogueEditView::BytesByName& bytes) {
     manager_.GetInfoFromLidarWithSameCmd(group, &bytes, false);
 }
 
 int ManagerViews::queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) {
     return manager_.queryDevice(cmd, payload, reply);
-}
-
-int ManagerViews::moduleIndexNamed(const std::string& name) const {
-    return manager_.moduleIndexNamed(name);
-}
-
-QString ManagerViews::loadedModel() const {
-    return QString::fromStdString(manager_.getSelectLidarModel());
-}
-
-QString ManagerViews::modelFolder(const QString& model) const {
-    return manager_.resolveModelDirPath(model);
-}
-
-bool ManagerViews::swapInModuleVariant(int module, const std::string& path) {
-    return manager_.swapInModuleVariant(module, path);
-}
-
-void ManagerViews::forgetModuleVariant() {
-    manager_.forgetModuleVariant();
 }
 
 void ManagerViews::rebuildPageLists() {
@@ -102,16 +40,12 @@ bool ManagerViews::deviceChannelOpen() const {
 
 std::optional<std::vector<ShownValue>> ManagerViews::shownValues(int module) const {
     std::vector<ShownValue> values;
-    if (!manager_.shownModuleValues(module, values)) return std::nullopt;
+    if (!manager_.catalogue_->shownModuleValues(module, values)) return std::nullopt;
     return values;
 }
 
 void ManagerViews::announceValues() {
     manager_.notifyMyMapChanged();
-}
-
-const VarInfo* ManagerViews::variableNamed(const std::string& name) const {
-    return manager_.searchVarPtr(name, "var_name");
 }
 
 int ManagerViews::restartLidar() {

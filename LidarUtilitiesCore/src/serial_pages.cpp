@@ -5,6 +5,7 @@
 // get and set commands.
 
 #include "lidar_utilities_manager.h"
+#include "parameter_catalogue.h"
 #include "sdk/serial_client.h"
 
 namespace {
@@ -23,13 +24,15 @@ bool LidarUtilitiesManager::serialKindIdle() const {
 // ---- Reading and showing ----
 
 void LidarUtilitiesManager::WrenGetLidarModuleInfo(int module) {
-    if (!serialKindIdle() || !currentParser) return;
+    if (!serialKindIdle() || !catalogue_->parser()) return;
     ReadGroups groups;
     {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-        if (!varTree || module < 0 || module >= static_cast<int>(varTree.load()->size())) return;
+        const auto lock = catalogue_->lockVariables();
+        if (!catalogue_->variableTree() || module < 0 ||
+            module >= static_cast<int>(catalogue_->variableTree()->size()))
+            return;
         std::vector<VarInfo*> vars;
-        for (const auto& page : (*varTree)[module])
+        for (const auto& page : (*catalogue_->variableTree())[module])
             vars.insert(vars.end(), page.begin(), page.end());
         groups = groupByReadRequest(vars);
     }
@@ -59,5 +62,5 @@ QVariantList LidarUtilitiesManager::wrenLevel2List() {
 }
 
 bool LidarUtilitiesManager::isWrenTimerUpdate(int module, int page, int var) const {
-    return isSerialKind(getConnectType()) && timerUpdateAt(module, page, var);
+    return isSerialKind(getConnectType()) && catalogue_->timerUpdateAt(module, page, var);
 }

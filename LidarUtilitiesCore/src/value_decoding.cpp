@@ -13,6 +13,7 @@
 
 #include "developer_log.h"
 #include "lidar_utilities_manager.h"
+#include "parameter_catalogue.h"
 #include "sdk/logger.h"
 #include "value_parsers.h"
 
@@ -249,7 +250,7 @@ void LidarUtilitiesManager::logToSdkLogger(int line, const char* function,
 void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
                                                       const std::vector<uint8_t>& output,
                                                       std::vector<uint8_t>& value, bool update) {
-    if (currentParser == nullptr) return;
+    if (catalogue_->parser() == nullptr) return;
     if (output.empty()) {
         throw std::runtime_error(std::string("updateSingleVarFromOutput") +
                                  "(): Error with the input 'output'");
@@ -316,7 +317,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
         return;
     }
 
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+    const auto lock = catalogue_->lockVariables();
     var.current_val = text;
 }
 
@@ -334,7 +335,7 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
 
     std::string staged;
     {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        const auto lock = catalogue_->lockVariables();
         staged = var->current_val;
     }
     // The staged text is read exactly, as the writer reads it, and compared exactly after the
@@ -353,17 +354,18 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
 }
 
 bool LidarUtilitiesManager::CheckModuleVarsWithinRange(int module) {
-    if (varTree == nullptr || module < 0 || module >= static_cast<int>(varTree.load()->size())) {
+    if (catalogue_->variableTree() == nullptr || module < 0 ||
+        module >= static_cast<int>(catalogue_->variableTree()->size())) {
         return true;
     }
     // Every variable is checked, so that the user sees all failures at once.
     bool allWithinRange = true;
-    for (const std::vector<VarInfo*>& page : (*varTree)[module]) {
+    for (const std::vector<VarInfo*>& page : (*catalogue_->variableTree())[module]) {
         for (const VarInfo* var : page) {
             if (var->permission == 0) continue;
             std::string staged;
             {
-                std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+                const auto lock = catalogue_->lockVariables();
                 staged = var->current_val;
             }
             const StagedVerdict verdict = checkStagedText(*var, staged);
