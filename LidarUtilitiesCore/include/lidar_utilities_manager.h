@@ -2,14 +2,15 @@
 
 // The single back-end object of the lidar utility. A graphical front end binds to its properties,
 // invokable operations and signals. It is a façade: the work is done by subsystems under
-// LidarUtilitiesCore/src/ (the device link, messages, console, staging, field of view, monitor,
-// upgrade, log download), each owning its state and its lock (docs/architecture.md).
+// LidarUtilitiesCore/src/ (the device link, messages, console, catalogue and page reading,
+// staging, field of view, monitor, upgrade, log download), each owning its state and its lock
+// (docs/architecture.md).
 //
 // Threads (docs/threads.md): the UI thread calls the operations; the connect worker, the
 // page-refresh thread and later workers share the state. Flags are atomics; each subsystem's texts
-// and tables are under its own lock; what the façade still owns (the catalogue, the page reading)
-// under fieldsMutex_, and the catalogue's current_val texts and the UI caches under
-// catalogueMutex_.
+// and tables are under its own lock; what the façade still owns (the model texts) under
+// fieldsMutex_, and the catalogue's current_val texts and the UI caches under the catalogue's
+// variables lock.
 
 #include <QList>
 #include <QObject>
@@ -54,6 +55,7 @@ class FirmwareUpgrade;
 class LogDownload;
 class ManagerViews;
 class MonitorService;
+class PageReader;
 class ParameterCatalogue;
 struct ShownValue;
 class UserMessages;
@@ -198,7 +200,7 @@ class LidarUtilitiesManager : public QObject {
     // Waits for the connect worker (and other short workers) to finish; for scripts and tests.
     void waitForWorkers();
 
-    // ---- Model catalogue (catalogue_reading.cpp) ----
+    // ---- Model catalogue (parameter_catalogue.cpp; loading in model_loading.cpp) ----
     Q_INVOKABLE QVariantList getLidarModelList();
     Q_INVOKABLE void InitZPModule(QString model);
     Q_INVOKABLE QString getZPNowName() const;
@@ -214,13 +216,13 @@ class LidarUtilitiesManager : public QObject {
     ConfigParser* getCurrentParser() const;
     std::string getCurrentConfigPath() const;
 
-    // ---- Range checks and reply decoding (value_decoding.cpp) ----
+    // ---- Range checks and reply decoding (value_decoding.cpp; decoding in page_reader.cpp) ----
     Q_INVOKABLE bool CheckVarIsWithinRange(QString key, QString searchType);
     Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
     void updateSingleVarFromOutput(VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
                                    std::vector<uint8_t>& value, bool update);
 
-    // ---- Reading from the lidar (catalogue_reading.cpp) ----
+    // ---- Reading from the lidar (page_reader.cpp, page_loop.cpp) ----
     void GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>& value);
     Q_INVOKABLE int UpdateSingleVarInfo(QString key, QString searchType);
     void GetInfoFromLidarWithSameCmd(std::vector<VarInfo*>& group,
@@ -256,7 +258,7 @@ class LidarUtilitiesManager : public QObject {
     };
     TimerRefresh getLastTimerRefresh() const;
 
-    // ---- UI caches (catalogue_reading.cpp) ----
+    // ---- UI caches (page_loop.cpp) ----
     Q_INVOKABLE QVariantList getMyMap();
     void rebuildMyMapCache();
     Q_INVOKABLE void notifyMyMapChanged();
@@ -366,7 +368,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList WrenGetDestinationConfig(bool quiet);
     Q_INVOKABLE QVariantList WrenGetLidarFunctionSafety();
 
-    // ---- Pages of the serial models, kinds 1 and 2 (serial_pages.cpp) ----
+    // ---- Pages of the serial models, kinds 1 and 2 (page_reader.cpp, page_loop.cpp) ----
     // The generic reads, map and lists serve the network kind only; these serve the catalogue
     // pages of the serial kinds over their own client (the serial client on kind 1, the VRC
     // client on kind 2) with the same grouping, decoding and encoding. docs/catalogue-format.md,
@@ -453,44 +455,14 @@ class LidarUtilitiesManager : public QObject {
     static void initInstance(uint8_t tag, std::string configPath);
     bool clientIsOpen() const;
     bool deviceIsIdle() const;  // connected, open client, no upgrade or log download
-    void joinThread(std::unique_ptr<std::thread>& thread);
-    void startPagesThread(void (LidarUtilitiesManager::*loop)());
-    void WrenVrcUpdatePagesTimer();
-    // The serial kinds' page loops: updatePagesTimer's, reading over the kind's own client.
-    void WrenUpdatePagesTimer();
     // A request of the catalogue over the connection kind's client: the reply's payload. The VRC
     // client on kinds 0 and 2, the serial client on kind 1. A client result code.
     int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply);
     // The kind's client exists and is open.
     bool deviceChannelOpen() const;
-    // deviceIsIdle for the serial kinds' own client.
-    bool serialKindIdle() const;
-    // The whole variable map and the level-1 and level-2 lists, whatever the kind.
-    QVariantList buildVariableMap();
-    void buildPageLists(QVariantList& level1, QVariantList& level2) const;
 
     int sendDeviceCommand(const char* variableName, const char* fallbackName,
                           const QString& notFoundName, const QString& notFoundCommand);
-    void logToSdkLogger(int line, const char* function, const std::string& message);
-    void refreshTimerVariables();
-    // Variables that are read with one request, under their grouping key, in first-seen order.
-    using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
-    ReadGroups groupByReadRequest(const std::vector<VarInfo*>& vars) const;
-    // GetLidarModuleInfo: the requests that failed, or nullopt when nothing could be read. With
-    // runFlag, stops between groups once it reads false.
-    std::optional<std::vector<ReadFailure>> readModuleAndAnnounce(int module,
-                                                                  const std::atomic<bool>* runFlag);
-    // Reads every group; the requests that failed, in group order.
-    // With runFlag, stops between groups once it reads false.
-    std::vector<ReadFailure> readGroups(ReadGroups& groups, const char* operation,
-                                        const std::atomic<bool>* runFlag = nullptr);
-    // GetInfoFromLidarWithSameCmd with its outcome: the client's result, or -1 when nothing
-    // could be sent (no open client, no catalogue, a command text that is not a command).
-    int readGroupFromLidar(std::vector<VarInfo*>& group,
-                           std::unordered_map<std::string, std::vector<uint8_t>>* replies,
-                           bool update);
-    bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
-    QVariantMap varToMap(const VarInfo& var);
     void startMonitorRefreshLoop();
 
     // A test hook (tests/manager_test_access.h): states a test cannot reach cheaply otherwise.
@@ -501,17 +473,6 @@ class LidarUtilitiesManager : public QObject {
     // ---- Fields shared by several subsystems, in declaration order ----
     static LidarUtilitiesManager* instance_;
     static std::once_flag init_instance_flag_;
-
-    std::atomic<bool> pagesTimerRunning{false};
-    std::unique_ptr<std::thread> pagesTimerThread;
-
-    // UI caches, guarded by the catalogue's variables lock.
-    QVariantList level1ListCache;
-    QVariantList level2ListCache;
-    QVariantList logListCache;
-    QVariantList myMapCache;
-    bool uiListsValid = false;
-    bool myMapValid = false;
 
     std::atomic<bool> isGetPBLVersion{false};
 
@@ -530,10 +491,6 @@ class LidarUtilitiesManager : public QObject {
     };
     ModelInfoTexts modelInfoTexts;
 
-    std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
-    TimerRefresh lastTimerRefresh;                    // guarded by fieldsMutex_
-    uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
-
     // ---- Heron model state and steps (model_functions.cpp) ----
     // The version texts are modelInfoTexts' heron* fields.
     void setHeronText(std::string& field, const std::string& text);
@@ -542,14 +499,6 @@ class LidarUtilitiesManager : public QObject {
 
     // Short workers (connect, configuration-file query, transfers): the link's.
     void startWorker(std::function<void()> job);
-    // Guards the owning pointer of the page thread (set by the connect worker, joined by Stop
-    // on the UI thread).
-    std::mutex threadsMutex_;
-    // Wakes the page loop from its pause when it is told to stop.
-    std::mutex pagesWakeMutex_;
-    std::condition_variable pagesWake_;
-    void stopPagesLoop();
-    void pagesLoopPause(long ms);
     mutable std::mutex fieldsMutex_;
 
     // The subsystems, and the views through which they reach what they do not own. Declared
@@ -560,6 +509,7 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<UserMessages> messages_;
     std::unique_ptr<CommandConsole> console_;
     std::unique_ptr<ParameterCatalogue> catalogue_;
+    std::unique_ptr<PageReader> reader_;
     std::unique_ptr<EditStaging> staging_;
     std::unique_ptr<FieldOfView> fov_;
     std::unique_ptr<MonitorService> monitor_;

@@ -1,5 +1,5 @@
 // The loaded model's pages on every connection kind. The design serves the network kind with
-// the generic operations and the serial kinds with their own (serial_pages.cpp); a front end
+// the generic operations and the serial kinds with their own (the Wren* ones); a front end
 // that should not care which kind it is connected over calls these, and the choice is made here.
 
 #include "lidar_utilities_manager.h"

@@ -13,6 +13,7 @@
 #include "log_download.h"
 #include "manager_views.h"
 #include "monitor_service.h"
+#include "page_reader.h"
 #include "parameter_catalogue.h"
 #include "user_messages.h"
 
@@ -65,9 +66,11 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
       messages_(std::make_unique<UserMessages>(*link_, *views_)),
       console_(std::make_unique<CommandConsole>(*link_, *views_, *messages_)),
       catalogue_(std::make_unique<ParameterCatalogue>(std::move(configPath))),
-      staging_(std::make_unique<EditStaging>(*link_, *views_, *catalogue_, *views_, *messages_)),
+      reader_(std::make_unique<PageReader>(*catalogue_, *link_, *views_, *messages_, *views_)),
+      staging_(std::make_unique<EditStaging>(*link_, *views_, *catalogue_, *reader_, *messages_)),
       fov_(std::make_unique<FieldOfView>(*staging_, *messages_)),
-      monitor_(std::make_unique<MonitorService>(*link_, *views_, *catalogue_, *views_, *messages_)),
+      monitor_(
+          std::make_unique<MonitorService>(*link_, *views_, *catalogue_, *reader_, *messages_)),
       upgrade_(
           std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *catalogue_, *views_)),
       logs_(std::make_unique<LogDownload>(*link_, *views_, *messages_, *catalogue_)) {
@@ -105,6 +108,14 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::downloadOperationLogFinished, Qt::DirectConnection);
     connect(link_.get(), &DeviceLink::isConnectedChanged, this,
             &LidarUtilitiesManager::isConnectedChanged, Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::myMapChanged, this, &LidarUtilitiesManager::myMapChanged,
+            Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::myTimerMapChanged, this,
+            &LidarUtilitiesManager::myTimerMapChanged, Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::fovConfigChanged, this,
+            &LidarUtilitiesManager::fovConfigChanged, Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::wrenLidarInfoChanged, this,
+            &LidarUtilitiesManager::wrenLidarInfoChanged, Qt::DirectConnection);
     link_->readSettings();
     emit initInfoChanged();
 }

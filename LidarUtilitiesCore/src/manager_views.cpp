@@ -1,6 +1,8 @@
 #include "manager_views.h"
 
+#include "field_of_view.h"
 #include "lidar_utilities_manager.h"
+#include "page_reader.h"
 #include "parameter_catalogue.h"
 #include "user_messages.h"
 
@@ -12,40 +14,12 @@ bool ManagerViews::downloadingLog() const {
     return manager_.getIsDownloadLog();
 }
 
-void ManagerViews::readBack(std::vector<VarInfo*>& group, CatalogueEditView::BytesByName& bytes) {
-    manager_.GetInfoFromLidarWithSameCmd(group, &bytes, false);
+int ManagerViews::moduleInUse() const {
+    return manager_.getModuleIndexUse();
 }
 
-int ManagerViews::queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) {
-    return manager_.queryDevice(cmd, payload, reply);
-}
-
-void ManagerViews::rebuildPageLists() {
-    manager_.rebuildUiListCache();
-}
-
-std::optional<std::vector<std::string>> ManagerViews::readModule(
-    int module, const std::atomic<bool>* keepGoing) {
-    const auto failures = manager_.readModuleAndAnnounce(module, keepGoing);
-    if (!failures) return std::nullopt;
-    std::vector<std::string> requests;
-    for (const LidarUtilitiesManager::ReadFailure& failure : *failures)
-        requests.push_back(failure.request);
-    return requests;
-}
-
-bool ManagerViews::deviceChannelOpen() const {
-    return manager_.deviceChannelOpen();
-}
-
-std::optional<std::vector<ShownValue>> ManagerViews::shownValues(int module) const {
-    std::vector<ShownValue> values;
-    if (!manager_.catalogue_->shownModuleValues(module, values)) return std::nullopt;
-    return values;
-}
-
-void ManagerViews::announceValues() {
-    manager_.notifyMyMapChanged();
+void ManagerViews::storeReportedFov(const float* values, int count) {
+    manager_.fov_->storeReported(values, count);
 }
 
 int ManagerViews::restartLidar() {
@@ -56,28 +30,18 @@ int ManagerViews::restartHeron() {
     return manager_.HeronSendRestartCommand();
 }
 
+// The link is made before the page reader: its page-loop steps are passed on to the reader.
 void ManagerViews::askPageLoopToStop() {
-    manager_.stopPagesLoop();
+    manager_.reader_->askPageLoopToStop();
 }
 
 void ManagerViews::endPageLoop() {
-    manager_.stopPagesLoop();
-    manager_.joinThread(manager_.pagesTimerThread);
+    manager_.reader_->askPageLoopToStop();
+    manager_.reader_->joinPageLoop();
 }
 
 void ManagerViews::startPageLoop(int kind) {
-    // The same loop on every kind, under the design's name for each.
-    switch (kind) {
-        case 1:
-            manager_.startPagesThread(&LidarUtilitiesManager::WrenUpdatePagesTimer);
-            break;
-        case 2:
-            manager_.startPagesThread(&LidarUtilitiesManager::WrenVrcUpdatePagesTimer);
-            break;
-        default:
-            manager_.startPagesThread(&LidarUtilitiesManager::updatePagesTimer);
-            break;
-    }
+    manager_.reader_->startPageLoop(kind);
 }
 
 void ManagerViews::startMonitorAutoRefreshIfOn() {
@@ -85,11 +49,11 @@ void ManagerViews::startMonitorAutoRefreshIfOn() {
 }
 
 std::string ManagerViews::catalogueFilePath() const {
-    return manager_.getCurrentConfigPath();
+    return manager_.catalogue_->configFilePath();
 }
 
 void ManagerViews::announceVariableMap() {
-    manager_.notifyMyMapChanged();
+    manager_.reader_->notifyMyMapChanged();
 }
 
 void ManagerViews::stopConnection() {

@@ -12,8 +12,7 @@ class ManagerViews : public BusyView,
                      public ConnectionSteps,
                      public UserMessageSink,
                      public ByteFlowLog,
-                     public GroupReadBack,
-                     public ModuleReadingView,
+                     public PageReadingContext,
                      public DeviceRestart {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
@@ -38,15 +37,10 @@ class ManagerViews : public BusyView,
     bool suspendByteFlow() override;
     void restoreByteFlow(bool wasOn) override;
 
-    void readBack(std::vector<VarInfo*>& group, CatalogueEditView::BytesByName& bytes) override;
-    int queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) override;
-
-    std::optional<std::vector<std::string>> readModule(int module,
-                                                       const std::atomic<bool>* keepGoing) override;
-    bool deviceChannelOpen() const override;
-    std::optional<std::vector<ShownValue>> shownValues(int module) const override;
-    void announceValues() override;
-    void rebuildPageLists() override;
+    // The page reader is made before the monitor and the field of view: it reaches them
+    // through these.
+    int moduleInUse() const override;
+    void storeReportedFov(const float* values, int count) override;
 
     int restartLidar() override;
     int restartHeron() override;

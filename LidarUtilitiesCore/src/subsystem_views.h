@@ -43,6 +43,13 @@ class DeviceLinkView {
     virtual std::shared_ptr<lidar::SerialClient> serialClient() const = 0;
     // The model selected last (its catalogue is the loaded one); empty before any.
     virtual std::string selectedModel() const = 0;
+    // Connected, the VRC client open, no upgrade or log download.
+    virtual bool deviceIsIdle() const = 0;
+    // A request of the catalogue over the kind's client (the VRC client on kinds 0 and 2, the
+    // serial client on kind 1): the reply's payload. A client result code.
+    virtual int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) = 0;
+    // The kind's client exists and is open.
+    virtual bool deviceChannelOpen() const = 0;
     // Ends the connection as the design's Stop does (a restart or reset sent from the console).
     virtual void stopLink() = 0;
 };
@@ -159,6 +166,17 @@ class VariableLookup {
     virtual const VarInfo* variableAt(int module, int page, int var) const = 0;
     // The variable of that var_name; null when the catalogue has none.
     virtual const VarInfo* variableNamed(const std::string& name) const = 0;
+};
+
+// What the page reading needs of the parts made after it: the module whose timer variables the
+// page loop refreshes (the monitor's choice), and where the field of view the lidar reported
+// goes.
+class PageReadingContext {
+  public:
+    virtual ~PageReadingContext() = default;
+    virtual int moduleInUse() const = 0;
+    // The bounds the lidar reported for its first `count` regions: starts, then ends.
+    virtual void storeReportedFov(const float* values, int count) = 0;
 };
 
 // The restart requests an upgrade sends when its package is through.

@@ -1,5 +1,5 @@
-// Turning reply bytes into the display texts of the catalogue, and checking staged texts against
-// the catalogue's limits before they are written.
+// Turning reply bytes into the display texts of the catalogue (the page reader's decoding), and
+// checking staged texts against the catalogue's limits before they are written (the façade's).
 
 #include <QRegExp>
 #include <QString>
@@ -13,6 +13,7 @@
 
 #include "developer_log.h"
 #include "lidar_utilities_manager.h"
+#include "page_reader.h"
 #include "parameter_catalogue.h"
 #include "sdk/logger.h"
 #include "value_parsers.h"
@@ -241,16 +242,15 @@ void reportStagedValueRejected(LidarUtilitiesManager& manager, const VarInfo& va
 
 }  // namespace
 
-void LidarUtilitiesManager::logToSdkLogger(int line, const char* function,
-                                           const std::string& message) {
+void PageReader::logToSdkLogger(int line, const char* function, const std::string& message) {
     Logger::GetInstance().AddToQueue(Logger::kConfigError, kLoggerSourceFile, line, function,
                                      message);
 }
 
-void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
-                                                      const std::vector<uint8_t>& output,
-                                                      std::vector<uint8_t>& value, bool update) {
-    if (catalogue_->parser() == nullptr) return;
+void PageReader::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
+                                           const std::vector<uint8_t>& output,
+                                           std::vector<uint8_t>& value, bool update) {
+    if (catalogue_.parser() == nullptr) return;
     if (output.empty()) {
         throw std::runtime_error(std::string("updateSingleVarFromOutput") +
                                  "(): Error with the input 'output'");
@@ -261,16 +261,16 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
     }
 
     std::pair<int, int> pos;
-    if (!resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
-        writeLogMessage("get <start_pos, offset> failed!", LogLevel::kError);
+    if (!catalogue_.resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
+        messages_.log("get <start_pos, offset> failed!", LogLevel::kError);
         return;
     }
-    const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
+    const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
     const bool extracted =
         client ? client->GetClient().GetValFromOutput(cmd, 0, output, pos.first, pos.second, value)
                : copyValueFromOutput(output, pos.first, pos.second, value);
     if (!extracted) {
-        writeLogMessage("get var pos offset failed!", LogLevel::kError);
+        messages_.log("get var pos offset failed!", LogLevel::kError);
         return;
     }
     if (!update) return;
@@ -296,7 +296,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
         }
         text = type == "HWVER" ? hardwareVersionText(value) : softwareDateVersionText(value);
     } else if (type == "string") {
-        text = trim(std::string(value.begin(), value.end()));
+        text = LidarUtilitiesManager::trim(std::string(value.begin(), value.end()));
     } else if (type == "DT") {
         text = durationText(value);
     } else if (const size_t width = numericWidth(type); width > 0) {
@@ -317,8 +317,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
         return;
     }
 
-    const auto lock = catalogue_->lockVariables();
-    var.current_val = text;
+    catalogue_.storeCurrentValue(var, text);
 }
 
 bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchType) {
