@@ -216,7 +216,7 @@ class LidarUtilitiesManager : public QObject {
     ConfigParser* getCurrentParser() const;
     std::string getCurrentConfigPath() const;
 
-    // ---- Range checks and reply decoding (value_decoding.cpp; decoding in page_reader.cpp) ----
+    // ---- Range checks (value_decoding.cpp) and reply decoding (the page reader's) ----
     Q_INVOKABLE bool CheckVarIsWithinRange(QString key, QString searchType);
     Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
     void updateSingleVarFromOutput(VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
@@ -453,11 +453,6 @@ class LidarUtilitiesManager : public QObject {
 
   private:
     static void initInstance(uint8_t tag, std::string configPath);
-    bool clientIsOpen() const;
-    bool deviceIsIdle() const;  // connected, open client, no upgrade or log download
-    // A request of the catalogue over the connection kind's client: the reply's payload. The VRC
-    // client on kinds 0 and 2, the serial client on kind 1. A client result code.
-    int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply);
     // The kind's client exists and is open.
     bool deviceChannelOpen() const;
 

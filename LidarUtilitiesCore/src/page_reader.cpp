@@ -5,7 +5,6 @@
 
 #include <QString>
 #include <algorithm>
-#include <set>
 
 #include "command_text.h"
 #include "developer_log.h"

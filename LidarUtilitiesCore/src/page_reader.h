@@ -122,6 +122,10 @@ class PageReader : public QObject, public ModuleReadingView, public GroupReadBac
     void refreshTimerVariables();
     bool serialKindIdle() const;
     void logToSdkLogger(int line, const char* function, const std::string& message);
+    // The variable's bytes out of a reply (value_decoding.cpp); false, and logged, when the
+    // catalogue places them nowhere or the reply does not hold them.
+    bool extractValue(const VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
+                      std::vector<uint8_t>& value);
 
     void startPagesThread(void (PageReader::*loop)());
     void WrenUpdatePagesTimer();

@@ -247,6 +247,21 @@ void PageReader::logToSdkLogger(int line, const char* function, const std::strin
                                      message);
 }
 
+bool PageReader::extractValue(const VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
+                              std::vector<uint8_t>& value) {
+    std::pair<int, int> pos;
+    if (!catalogue_.resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
+        messages_.log("get <start_pos, offset> failed!", LogLevel::kError);
+        return false;
+    }
+    const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+    const bool extracted =
+        client ? client->GetClient().GetValFromOutput(cmd, 0, output, pos.first, pos.second, value)
+               : copyValueFromOutput(output, pos.first, pos.second, value);
+    if (!extracted) messages_.log("get var pos offset failed!", LogLevel::kError);
+    return extracted;
+}
+
 void PageReader::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
                                            const std::vector<uint8_t>& output,
                                            std::vector<uint8_t>& value, bool update) {
@@ -260,20 +275,7 @@ void PageReader::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
                                  "(): Error with the input var_info");
     }
 
-    std::pair<int, int> pos;
-    if (!catalogue_.resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
-        messages_.log("get <start_pos, offset> failed!", LogLevel::kError);
-        return;
-    }
-    const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
-    const bool extracted =
-        client ? client->GetClient().GetValFromOutput(cmd, 0, output, pos.first, pos.second, value)
-               : copyValueFromOutput(output, pos.first, pos.second, value);
-    if (!extracted) {
-        messages_.log("get var pos offset failed!", LogLevel::kError);
-        return;
-    }
-    if (!update) return;
+    if (!extractValue(var, cmd, output, value) || !update) return;
 
     // The text is computed first and stored under the lock, so readers never see half a text.
     const std::string& type = var.var_type;
