@@ -2,15 +2,15 @@
 
 // The single back-end object of the lidar utility. A graphical front end binds to its properties,
 // invokable operations and signals. It is a façade: the work is done by subsystems under
-// LidarUtilitiesCore/src/ (the device link, messages, console, staging, field of view, the Heron
-// and Wren operations, monitor, upgrade, log download), each owning its state and its lock
-// (docs/architecture.md).
+// LidarUtilitiesCore/src/ (the device link, messages, console, catalogue and page reading,
+// staging, field of view, the Heron and Wren operations, monitor, upgrade, log download), each
+// owning its state and its lock (docs/architecture.md).
 //
 // Threads (docs/threads.md): the UI thread calls the operations; the connect worker, the
 // page-refresh thread and later workers share the state. Flags are atomics; each subsystem's texts
-// and tables are under its own lock; what the façade still owns (the catalogue, the page reading)
-// under fieldsMutex_, and the catalogue's current_val texts and the UI caches under
-// catalogueMutex_.
+// and tables are under its own lock; what the façade still owns (infoVersion) under
+// fieldsMutex_, and the catalogue's current_val texts and the UI caches under the catalogue's
+// variables lock.
 
 #include <QList>
 #include <QObject>
@@ -56,6 +56,8 @@ class HeronOperations;
 class LogDownload;
 class ManagerViews;
 class MonitorService;
+class PageReader;
+class ParameterCatalogue;
 struct ShownValue;
 class UserMessages;
 class WrenSettings;
@@ -200,7 +202,7 @@ class LidarUtilitiesManager : public QObject {
     // Waits for the connect worker (and other short workers) to finish; for scripts and tests.
     void waitForWorkers();
 
-    // ---- Model catalogue (catalogue_reading.cpp) ----
+    // ---- Model catalogue (parameter_catalogue.cpp; loading in model_loading.cpp) ----
     Q_INVOKABLE QVariantList getLidarModelList();
     Q_INVOKABLE void InitZPModule(QString model);
     Q_INVOKABLE QString getZPNowName() const;
@@ -213,16 +215,16 @@ class LidarUtilitiesManager : public QObject {
     void changeModelEmit();
     static std::string trim(const std::string& text);
     static bool isNum(const QString& text);
-    ConfigParser* getCurrentParser() const { return currentParser; }
+    ConfigParser* getCurrentParser() const;
     std::string getCurrentConfigPath() const;
 
-    // ---- Range checks and reply decoding (value_decoding.cpp) ----
+    // ---- Range checks (value_decoding.cpp) and reply decoding (the page reader's) ----
     Q_INVOKABLE bool CheckVarIsWithinRange(QString key, QString searchType);
     Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
     void updateSingleVarFromOutput(VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
                                    std::vector<uint8_t>& value, bool update);
 
-    // ---- Reading from the lidar (catalogue_reading.cpp) ----
+    // ---- Reading from the lidar (page_reader.cpp, page_loop.cpp) ----
     void GetInfoFromLidar(VarInfo* var, std::vector<uint8_t>& value);
     Q_INVOKABLE int UpdateSingleVarInfo(QString key, QString searchType);
     void GetInfoFromLidarWithSameCmd(std::vector<VarInfo*>& group,
@@ -258,7 +260,7 @@ class LidarUtilitiesManager : public QObject {
     };
     TimerRefresh getLastTimerRefresh() const;
 
-    // ---- UI caches (catalogue_reading.cpp) ----
+    // ---- UI caches (page_loop.cpp) ----
     Q_INVOKABLE QVariantList getMyMap();
     void rebuildMyMapCache();
     Q_INVOKABLE void notifyMyMapChanged();
@@ -368,7 +370,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList WrenGetDestinationConfig(bool quiet);
     Q_INVOKABLE QVariantList WrenGetLidarFunctionSafety();
 
-    // ---- Pages of the serial models, kinds 1 and 2 (serial_pages.cpp) ----
+    // ---- Pages of the serial models, kinds 1 and 2 (page_reader.cpp, page_loop.cpp) ----
     // The generic reads, map and lists serve the network kind only; these serve the catalogue
     // pages of the serial kinds over their own client (the serial client on kind 1, the VRC
     // client on kind 2) with the same grouping, decoding and encoding. docs/catalogue-format.md,
@@ -453,58 +455,12 @@ class LidarUtilitiesManager : public QObject {
 
   private:
     static void initInstance(uint8_t tag, std::string configPath);
-    bool clientIsOpen() const;
-    bool deviceIsIdle() const;  // connected, open client, no upgrade or log download
-    void joinThread(std::unique_ptr<std::thread>& thread);
-    void startPagesThread(void (LidarUtilitiesManager::*loop)());
-    void WrenVrcUpdatePagesTimer();
-    // The serial kinds' page loops: updatePagesTimer's, reading over the kind's own client.
-    void WrenUpdatePagesTimer();
-    // A request of the catalogue over the connection kind's client: the reply's payload. The VRC
-    // client on kinds 0 and 2, the serial client on kind 1. A client result code.
-    int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply);
     // The kind's client exists and is open.
     bool deviceChannelOpen() const;
-    // deviceIsIdle for the serial kinds' own client.
-    bool serialKindIdle() const;
-    // The timer_update flag at a position of the tree; false for a position outside it.
-    bool timerUpdateAt(int module, int page, int var) const;
-    // The whole variable map and the level-1 and level-2 lists, whatever the kind.
-    QVariantList buildVariableMap();
-    void buildPageLists(QVariantList& level1, QVariantList& level2) const;
 
-    void resetSerialNumberTexts();
     int sendDeviceCommand(const char* variableName, const char* fallbackName,
                           const QString& notFoundName, const QString& notFoundCommand);
-    void logToSdkLogger(int line, const char* function, const std::string& message);
-    void buildSerialVarIndexes();
-    void refreshTimerVariables();
-    // Variables that are read with one request, under their grouping key, in first-seen order.
-    using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
-    ReadGroups groupByReadRequest(const std::vector<VarInfo*>& vars) const;
-    // GetLidarModuleInfo: the requests that failed, or nullopt when nothing could be read. With
-    // runFlag, stops between groups once it reads false.
-    std::optional<std::vector<ReadFailure>> readModuleAndAnnounce(int module,
-                                                                  const std::atomic<bool>* runFlag);
-    // Reads every group; the requests that failed, in group order.
-    // With runFlag, stops between groups once it reads false.
-    std::vector<ReadFailure> readGroups(ReadGroups& groups, const char* operation,
-                                        const std::atomic<bool>* runFlag = nullptr);
-    // GetInfoFromLidarWithSameCmd with its outcome: the client's result, or -1 when nothing
-    // could be sent (no open client, no catalogue, a command text that is not a command).
-    int readGroupFromLidar(std::vector<VarInfo*>& group,
-                           std::unordered_map<std::string, std::vector<uint8_t>>* replies,
-                           bool update);
-    bool buildReadRequest(const VarInfo& var, uint8_t& cmd, u8Array_t& payload) const;
-    QVariantMap varToMap(const VarInfo& var);
     void startMonitorRefreshLoop();
-    // The catalogue's side of the monitor variants (catalogue_variants.cpp), which the monitor
-    // service reaches through ManagerViews.
-    int moduleIndexNamed(const std::string& name) const;
-    bool swapInModuleVariant(int module, const std::string& path);
-    void forgetModuleVariant();
-    // False without a catalogue or for a module below 0.
-    bool shownModuleValues(int module, std::vector<ShownValue>& out) const;
 
     // A test hook (tests/manager_test_access.h): states a test cannot reach cheaply otherwise.
     friend struct ManagerTestAccess;
@@ -515,56 +471,19 @@ class LidarUtilitiesManager : public QObject {
     static LidarUtilitiesManager* instance_;
     static std::once_flag init_instance_flag_;
 
-    std::atomic<bool> pagesTimerRunning{false};
-    std::unique_ptr<std::thread> pagesTimerThread;
-
-    // UI caches, guarded by catalogueMutex_.
-    QVariantList level1ListCache;
-    QVariantList level2ListCache;
-    QVariantList logListCache;
-    QVariantList myMapCache;
-    bool uiListsValid = false;
-    bool myMapValid = false;
-
     std::atomic<bool> isGetPBLVersion{false};
 
     const uint8_t creationTag;
-    std::string currentConfigPath;  // guarded by fieldsMutex_
-
-    // Catalogue (UI thread writes them; workers read them while no model load can run).
-    std::unordered_map<std::string, ConfigParser> parserCache;  // guarded by catalogueMutex_
-    // Set on the UI thread, read by workers: atomics. The parsers they point into are never
-    // freed, and their lookup tables do not change after extraction.
-    std::atomic<ConfigParser*> currentParser{nullptr};
-    std::atomic<ConfigParser*> monitorParser{nullptr};
-    std::atomic<std::vector<std::vector<std::vector<VarInfo*>>>*> varTree{nullptr};
-    std::atomic<std::vector<std::vector<std::string>>*> moduleNames{nullptr};
-    std::atomic<std::vector<VarInfo*>*> logVars{nullptr};
-    std::string zpNowName;
-    std::unordered_map<std::string, std::vector<VarInfo*>> serialVarsByName;
-    std::map<int32_t, VarInfo*> serialVarsByIndex;
 
     // The first of the model information texts, the serial models' information pages' own (a
     // dotted version, a placeholder: nothing fills it, the design leaves the pages open). The
     // other four, the Heron's version texts, are HeronOperations'. Guarded by fieldsMutex_.
     std::string infoVersion = "xx.xx.xx.xx";
 
-    std::vector<ReadFailure> lastModuleReadFailures;  // guarded by fieldsMutex_
-    TimerRefresh lastTimerRefresh;                    // guarded by fieldsMutex_
-    uint64_t timerRefreshCount = 0;                   // guarded by fieldsMutex_
 
-    // Short workers (connect, configuration-file query, transfers): the link's.
+    // The connection's short workers (the connect attempt, the configuration-file query): the link's.
     void startWorker(std::function<void()> job);
-    // Guards the owning pointer of the page thread (set by the connect worker, joined by Stop
-    // on the UI thread).
-    std::mutex threadsMutex_;
-    // Wakes the page loop from its pause when it is told to stop.
-    std::mutex pagesWakeMutex_;
-    std::condition_variable pagesWake_;
-    void stopPagesLoop();
-    void pagesLoopPause(long ms);
     mutable std::mutex fieldsMutex_;
-    mutable std::recursive_mutex catalogueMutex_;
 
     // The subsystems, and the views through which they reach what they do not own. Declared
     // last: they are destroyed first, after the destructor has stopped every worker.
@@ -573,6 +492,8 @@ class LidarUtilitiesManager : public QObject {
     std::unique_ptr<DeviceLink> link_;
     std::unique_ptr<UserMessages> messages_;
     std::unique_ptr<CommandConsole> console_;
+    std::unique_ptr<ParameterCatalogue> catalogue_;
+    std::unique_ptr<PageReader> reader_;
     std::unique_ptr<EditStaging> staging_;
     std::unique_ptr<FieldOfView> fov_;
     std::unique_ptr<HeronOperations> heron_;

@@ -3,57 +3,59 @@
 // The monitor service reaches them through ModuleCatalogueView and ModuleReadingView.
 
 #include "command_text.h"
-#include "lidar_utilities_manager.h"
-#include "subsystem_views.h"
+#include "parameter_catalogue.h"
 
-int LidarUtilitiesManager::moduleIndexNamed(const std::string& name) const {
+int ParameterCatalogue::moduleIndexNamed(const std::string& name) const {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    if (!currentParser || !moduleNames) return -1;
-    for (size_t i = 0; i < moduleNames.load()->size(); ++i) {
-        const auto& names = (*moduleNames)[i];
-        if (!names.empty() && names.front() == name) return static_cast<int>(i);
+    const ModuleNames* names = moduleNames_.load();
+    if (!currentParser_ || !names) return -1;
+    for (size_t i = 0; i < names->size(); ++i) {
+        const auto& module = (*names)[i];
+        if (!module.empty() && module.front() == name) return static_cast<int>(i);
     }
     return -1;
 }
 
-bool LidarUtilitiesManager::swapInModuleVariant(int module, const std::string& path) {
-    if (!currentParser) return false;
+bool ParameterCatalogue::swapInModuleVariant(int module, const std::string& path) {
+    if (!currentParser_) return false;
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    auto cached = parserCache.find(path);
-    if (cached == parserCache.end()) {
-        cached = parserCache.emplace(path, ConfigParser(path)).first;
+    auto cached = parserCache_.find(path);
+    if (cached == parserCache_.end()) {
+        cached = parserCache_.emplace(path, ConfigParser(path)).first;
         if (!cached->second.ExtractConfigInfo()) {
-            parserCache.erase(cached);
-            monitorParser = nullptr;
+            parserCache_.erase(cached);
+            monitorParser_ = nullptr;
             return false;
         }
     }
     ConfigParser& variant = cached->second;
     if (variant.varTree.empty()) return false;
-    if (!varTree || module >= static_cast<int>(varTree.load()->size())) return false;
-    (*varTree)[module] = variant.varTree.front();
+    VariableTree* tree = varTree_.load();
+    if (!tree || module >= static_cast<int>(tree->size())) return false;
+    (*tree)[module] = variant.varTree.front();
     // The page names go with the pages: the module keeps its own name, the pages are the
     // variant's.
-    if (moduleNames && module < static_cast<int>(moduleNames.load()->size()) &&
+    ModuleNames* moduleNames = moduleNames_.load();
+    if (moduleNames && module < static_cast<int>(moduleNames->size()) &&
         !variant.moduleNames.empty()) {
         std::vector<std::string>& names = (*moduleNames)[module];
         const std::string name = names.empty() ? std::string("Monitor") : names.front();
         names = variant.moduleNames.front();
         names.front() = name;
     }
-    monitorParser = &variant;
+    monitorParser_ = &variant;
     return true;
 }
 
-void LidarUtilitiesManager::forgetModuleVariant() {
+void ParameterCatalogue::forgetModuleVariant() {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    monitorParser = nullptr;
+    monitorParser_ = nullptr;
 }
 
-bool LidarUtilitiesManager::shownModuleValues(int module, std::vector<ShownValue>& out) const {
+bool ParameterCatalogue::shownModuleValues(int module, std::vector<ShownValue>& out) const {
     std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    const auto* tree = varTree.load();
-    if (!currentParser || module < 0) return false;
+    const VariableTree* tree = varTree_.load();
+    if (!currentParser_ || module < 0) return false;
     if (!tree || module >= static_cast<int>(tree->size())) return true;
     for (const std::vector<VarInfo*>& page : (*tree)[module])
         for (const VarInfo* var : page)

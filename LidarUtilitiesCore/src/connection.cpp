@@ -1,4 +1,4 @@
-// The façade's connection orchestration: the page thread, Stop (the link, the loops and what
+// The façade's connection orchestration: Stop (the link, the loops and what
 // they fed, in the design's order), the two device commands that end a connection (Restart,
 // Reset), and the configuration-file query. The link itself is the DeviceLink (device_link.h).
 
@@ -16,6 +16,8 @@
 #include "lidar_utilities_manager.h"
 #include "log_download.h"
 #include "monitor_service.h"
+#include "page_reader.h"
+#include "parameter_catalogue.h"
 #include "sdk/serial_client.h"
 
 namespace {
@@ -24,61 +26,7 @@ constexpr uint8_t kConfigFileCommand = 0x74;
 
 }  // namespace
 
-// ---- The page thread ----
-
-void LidarUtilitiesManager::joinThread(std::unique_ptr<std::thread>& thread) {
-    std::unique_ptr<std::thread> owned;
-    {
-        std::lock_guard<std::mutex> lock(threadsMutex_);
-        owned = std::move(thread);
-    }
-    if (owned && owned->joinable()) owned->join();
-}
-
-void LidarUtilitiesManager::startPagesThread(void (LidarUtilitiesManager::*loop)()) {
-    // A connect over a live connection replaces the page thread: the old one is stopped first.
-    stopPagesLoop();
-    joinThread(pagesTimerThread);
-    pagesTimerRunning.store(true);
-    std::lock_guard<std::mutex> lock(threadsMutex_);
-    try {
-        pagesTimerThread = std::make_unique<std::thread>(loop, this);
-    } catch (const std::system_error&) {
-        stopPagesLoop();
-        throw;
-    }
-}
-
-// The serial models refresh their timer variables as the network model does: the same loop,
-// whose reads go over the kind's client (queryDevice).
-void LidarUtilitiesManager::WrenVrcUpdatePagesTimer() {
-    updatePagesTimer();
-}
-
-void LidarUtilitiesManager::WrenUpdatePagesTimer() {
-    updatePagesTimer();
-}
-
-void LidarUtilitiesManager::stopPagesLoop() {
-    std::lock_guard<std::mutex> lock(pagesWakeMutex_);
-    pagesTimerRunning.store(false);
-    pagesWake_.notify_all();
-}
-
-void LidarUtilitiesManager::pagesLoopPause(long ms) {
-    std::unique_lock<std::mutex> lock(pagesWakeMutex_);
-    pagesWake_.wait_for(lock, std::chrono::milliseconds(ms),
-                        [this] { return !pagesTimerRunning.load(); });
-}
-
 // ---- Disconnecting ----
-
-void LidarUtilitiesManager::resetSerialNumberTexts() {
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    if (!currentParser) return;
-    for (const auto& var : currentParser.load()->AllVars())
-        if (var->var_type == "SN") var->current_val = "xxxxxxxx";
-}
 
 void LidarUtilitiesManager::Stop() {
     // An upgrade pausing (in upgrade mode, or before the restart) is abandoned now, not after.
@@ -92,10 +40,10 @@ void LidarUtilitiesManager::Stop() {
         switch (link_->connectionKind()) {
             case 0:
                 link_->markDisconnected();
-                stopPagesLoop();
+                reader_->askPageLoopToStop();
                 monitor_->stopThreads();
-                joinThread(pagesTimerThread);
-                resetSerialNumberTexts();
+                reader_->joinPageLoop();
+                catalogue_->resetSerialNumberTexts();
                 link_->setAuthorizedClient(nullptr);
                 staging_->clearOnOwnerThread();
                 emit isConnectedChanged();
@@ -105,11 +53,11 @@ void LidarUtilitiesManager::Stop() {
                 break;
             case 1:
                 link_->markDisconnected();
-                stopPagesLoop();
+                reader_->askPageLoopToStop();
                 // Closing the lines wakes the page loop's query, so the join does not wait for
                 // its time-out.
                 link_->closeSerialLines();
-                joinThread(pagesTimerThread);
+                reader_->joinPageLoop();
                 link_->releaseSerialLink(true, true, true);
                 emit isConnectedChanged();
                 emit wrenLidarInfoChanged();
@@ -117,9 +65,9 @@ void LidarUtilitiesManager::Stop() {
                 break;
             case 2:
                 link_->markDisconnected();
-                stopPagesLoop();
-                joinThread(pagesTimerThread);
-                resetSerialNumberTexts();
+                reader_->askPageLoopToStop();
+                reader_->joinPageLoop();
+                catalogue_->resetSerialNumberTexts();
                 link_->setAuthorizedClient(nullptr);
                 emit isConnectedChanged();
                 emit wrenLidarInfoChanged();

@@ -404,18 +404,6 @@ void LidarUtilitiesManager::setVrcClientLogCallback() {
     link_->setVrcClientLogCallback();
 }
 
-bool LidarUtilitiesManager::clientIsOpen() const {
-    return link_->clientIsOpen();
-}
-
-bool LidarUtilitiesManager::deviceIsIdle() const {
-    return link_->deviceIsIdle();
-}
-
-int LidarUtilitiesManager::queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) {
-    return link_->queryDevice(cmd, payload, reply);
-}
-
 bool LidarUtilitiesManager::deviceChannelOpen() const {
     return link_->deviceChannelOpen();
 }

@@ -83,11 +83,11 @@ class DeviceLink : public QObject, public DeviceLinkView, public PointCloudRateS
     std::shared_ptr<lidar::SerialSource> uartSource() const;
     bool clientIsOpen() const;
     // Connected, the VRC client open, no upgrade or log download.
-    bool deviceIsIdle() const;
+    bool deviceIsIdle() const override;
     // A request of the catalogue over the kind's client: the reply's payload. A client result.
-    int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply);
+    int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) override;
     // The kind's client exists and is open.
-    bool deviceChannelOpen() const;
+    bool deviceChannelOpen() const override;
     // Closes both serial lines, keeping them stored: a query waiting on one wakes up.
     void closeSerialLines();
     // Releases what is named of the serial link, closing the lines outside the lock.

@@ -1,8 +1,9 @@
 // The loaded model's pages on every connection kind. The design serves the network kind with
-// the generic operations and the serial kinds with their own (serial_pages.cpp); a front end
+// the generic operations and the serial kinds with their own (the Wren* ones); a front end
 // that should not care which kind it is connected over calls these, and the choice is made here.
 
 #include "lidar_utilities_manager.h"
+#include "parameter_catalogue.h"
 #include "subsystem_views.h"
 
 QVariantList LidarUtilitiesManager::catalogueLevel1List() {
@@ -19,7 +20,7 @@ QVariantList LidarUtilitiesManager::catalogueVariableMap() {
 
 bool LidarUtilitiesManager::isTimerVariable(int module, int page, int var) const {
     // The page loop refreshes the timer variables on every kind.
-    return timerUpdateAt(module, page, var);
+    return catalogue_->timerUpdateAt(module, page, var);
 }
 
 void LidarUtilitiesManager::readModule(int module) {

@@ -113,6 +113,7 @@ class StagedCommandSender {
     struct Parts {
         DeviceLinkView& link;
         CatalogueEditView& catalogue;
+        GroupReadBack& reads;
         UserMessageSink& messages;
     };
 
@@ -120,6 +121,7 @@ class StagedCommandSender {
                         const std::set<const VarInfo*>& typed, EditStaging::FovBounds fovTable)
         : link_(parts.link),
           catalogue_(parts.catalogue),
+          reads_(parts.reads),
           messages_(parts.messages),
           channel_(std::move(channel)),
           typed_(typed),
@@ -144,7 +146,7 @@ class StagedCommandSender {
     // Leaves in bytes_ what the lidar holds now; the user's texts stay in current_val.
     void readBack(const SetCommandPlan& plan) {
         for (VarGroup& group : groupByReadRequest(plan)) {
-            catalogue_.readBack(group, bytes_);
+            reads_.readBack(group, bytes_);
         }
     }
 
@@ -290,6 +292,7 @@ class StagedCommandSender {
 
     DeviceLinkView& link_;
     CatalogueEditView& catalogue_;
+    GroupReadBack& reads_;
     UserMessageSink& messages_;
     SetChannel channel_;
     const std::set<const VarInfo*>& typed_;
@@ -302,8 +305,8 @@ class StagedCommandSender {
 }  // namespace
 
 EditStaging::EditStaging(DeviceLinkView& link, const BusyView& busy, CatalogueEditView& catalogue,
-                         UserMessageSink& messages)
-    : link_(link), busy_(busy), catalogue_(catalogue), messages_(messages) {}
+                         GroupReadBack& reads, UserMessageSink& messages)
+    : link_(link), busy_(busy), catalogue_(catalogue), reads_(reads), messages_(messages) {}
 
 // ---- Staging ----
 
@@ -464,7 +467,7 @@ void EditStaging::runOverSerialLines(int page, const FovBounds& fov) {
     SetChannel channel;
     channel.protocol = "Serial";
     channel.query = [this](uint8_t command, const u8Array_t& payload, u8Array_t& reply) {
-        return catalogue_.queryKindClient(command, payload, reply);
+        return reads_.queryKindClient(command, payload, reply);
     };
     channel.lastCode = [client] { return client->GetLastReturnCode(); };
     apply(page, channel, fov);
@@ -492,7 +495,7 @@ void EditStaging::apply(int page, const SetChannel& channel, const FovBounds& fo
         typed = typedVars_;
     }
     const SetCommandPlan plan = planStagedCommands(*groups, staged, catalogue_);
-    StagedCommandSender sender({link_, catalogue_, messages_}, channel, typed, fov);
+    StagedCommandSender sender({link_, catalogue_, reads_, messages_}, channel, typed, fov);
     const bool allSent = sender.sendAll(plan);
     // The typed values went with the staged commands, which are consumed either way.
     std::lock_guard<std::mutex> lock(mutex_);

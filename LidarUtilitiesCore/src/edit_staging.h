@@ -32,7 +32,7 @@ class EditStaging : public QObject, public EditStagingSink {
     using FovBounds = std::array<float, 10>;
 
     EditStaging(DeviceLinkView& link, const BusyView& busy, CatalogueEditView& catalogue,
-                UserMessageSink& messages);
+                GroupReadBack& reads, UserMessageSink& messages);
 
     // The UI kinds of a row: 1 a typed value, 2 a row that writes its linked switch, 3 an
     // option index. A text that is not a number raises std::stoi's error on kind 3.
@@ -65,6 +65,7 @@ class EditStaging : public QObject, public EditStagingSink {
     DeviceLinkView& link_;
     const BusyView& busy_;
     CatalogueEditView& catalogue_;
+    GroupReadBack& reads_;
     UserMessageSink& messages_;
 
     mutable std::mutex mutex_;

@@ -14,6 +14,8 @@
 #include "log_download.h"
 #include "manager_views.h"
 #include "monitor_service.h"
+#include "page_reader.h"
+#include "parameter_catalogue.h"
 #include "user_messages.h"
 #include "wren_settings.h"
 
@@ -61,19 +63,21 @@ void LidarUtilitiesManager::initInstance(uint8_t tag, std::string configPath) {
 LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath)
     : QObject(nullptr),
       creationTag(tag),
-      currentConfigPath(std::move(configPath)),
       views_(std::make_unique<ManagerViews>(*this)),
       link_(std::make_unique<DeviceLink>(*views_, *views_, *views_, *views_)),
       messages_(std::make_unique<UserMessages>(*link_, *views_)),
       console_(std::make_unique<CommandConsole>(*link_, *views_, *messages_)),
-      staging_(std::make_unique<EditStaging>(*link_, *views_, *views_, *messages_)),
+      catalogue_(std::make_unique<ParameterCatalogue>(std::move(configPath))),
+      reader_(std::make_unique<PageReader>(*catalogue_, *link_, *views_, *messages_, *views_)),
+      staging_(std::make_unique<EditStaging>(*link_, *views_, *catalogue_, *reader_, *messages_)),
       fov_(std::make_unique<FieldOfView>(*staging_, *messages_)),
       heron_(std::make_unique<HeronOperations>(*link_, *views_, *messages_)),
       wren_(std::make_unique<WrenSettings>(*link_, *views_, *messages_, *link_)),
-      monitor_(std::make_unique<MonitorService>(*link_, *views_, *views_, *views_, *messages_)),
-      upgrade_(std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *views_, *views_,
+      monitor_(
+          std::make_unique<MonitorService>(*link_, *views_, *catalogue_, *reader_, *messages_)),
+      upgrade_(std::make_unique<FirmwareUpgrade>(*link_, *views_, *messages_, *catalogue_, *views_,
                                                  *heron_)),
-      logs_(std::make_unique<LogDownload>(*link_, *views_, *messages_, *views_)) {
+      logs_(std::make_unique<LogDownload>(*link_, *views_, *messages_, *catalogue_)) {
     // Direct: the façade's signal goes out on the thread the subsystem emits on, as it did
     // before the subsystem was split out.
     connect(messages_.get(), &UserMessages::logLine, this, &LidarUtilitiesManager::sendLogMessage,
@@ -110,6 +114,14 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::downloadOperationLogFinished, Qt::DirectConnection);
     connect(link_.get(), &DeviceLink::isConnectedChanged, this,
             &LidarUtilitiesManager::isConnectedChanged, Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::myMapChanged, this, &LidarUtilitiesManager::myMapChanged,
+            Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::myTimerMapChanged, this,
+            &LidarUtilitiesManager::myTimerMapChanged, Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::fovConfigChanged, this,
+            &LidarUtilitiesManager::fovConfigChanged, Qt::DirectConnection);
+    connect(reader_.get(), &PageReader::wrenLidarInfoChanged, this,
+            &LidarUtilitiesManager::wrenLidarInfoChanged, Qt::DirectConnection);
     link_->readSettings();
     emit initInfoChanged();
 }
@@ -127,13 +139,6 @@ LidarUtilitiesManager::~LidarUtilitiesManager() {
     Stop();
     // Stop joins the monitor threads on a network connection only; none may outlive the manager.
     monitor_->stopThreads();
-}
-
-// ---- Shared state ----
-
-std::string LidarUtilitiesManager::getCurrentConfigPath() const {
-    std::lock_guard<std::mutex> lock(fieldsMutex_);
-    return currentConfigPath;
 }
 
 // ---- Log and pop-up messages ----

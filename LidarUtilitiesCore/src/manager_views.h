@@ -12,10 +12,7 @@ class ManagerViews : public BusyView,
                      public ConnectionSteps,
                      public UserMessageSink,
                      public ByteFlowLog,
-                     public CatalogueEditView,
-                     public ModuleCatalogueView,
-                     public ModuleReadingView,
-                     public VariableLookup,
+                     public PageReadingContext,
                      public DeviceRestart {
   public:
     explicit ManagerViews(LidarUtilitiesManager& manager) : manager_(manager) {}
@@ -40,29 +37,10 @@ class ManagerViews : public BusyView,
     bool suspendByteFlow() override;
     void restoreByteFlow(bool wasOn) override;
 
-    bool catalogueLoaded() const override;
-    VarInfo* variableAt(int page, int group, int row) const override;
-    std::optional<VarGroups> pageGroups(int page) const override;
-    std::vector<VarInfo*> variablesOfSetCommand(const std::string& setCmd) const override;
-    bool replaceCurrentValue(VarInfo& var, const std::string& text) override;
-    std::string currentValue(const VarInfo& var) const override;
-    void readBack(std::vector<VarInfo*>& group, BytesByName& bytes) override;
-    int queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) override;
-
-    int moduleIndexNamed(const std::string& name) const override;
-    QString loadedModel() const override;
-    QString modelFolder(const QString& model) const override;
-    bool swapInModuleVariant(int module, const std::string& path) override;
-    void forgetModuleVariant() override;
-    void rebuildPageLists() override;
-
-    std::optional<std::vector<std::string>> readModule(int module,
-                                                       const std::atomic<bool>* keepGoing) override;
-    bool deviceChannelOpen() const override;
-    std::optional<std::vector<ShownValue>> shownValues(int module) const override;
-    void announceValues() override;
-
-    const VarInfo* variableNamed(const std::string& name) const override;
+    // The page reader is made before the monitor and the field of view: it reaches them
+    // through these.
+    int moduleInUse() const override;
+    void storeReportedFov(const float* values, int count) override;
 
     int restartLidar() override;
 

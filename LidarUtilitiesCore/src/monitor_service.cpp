@@ -52,7 +52,7 @@ void MonitorService::scanVariants() {
     catalogue_.forgetModuleVariant();
     moduleIndex_.store(moduleIndex);
     QList<MonitorHwVersionInfo> found;
-    const QString model = catalogue_.loadedModel();
+    const QString model = QString::fromStdString(link_.selectedModel());
     const QString dir = catalogue_.modelFolder(model);
     if (!dir.isEmpty() && moduleIndex >= 0) {
         const QStringList files =
@@ -96,7 +96,7 @@ bool MonitorService::applyVariant(const QString& version, bool withSignals) {
         std::lock_guard<std::mutex> lock(mutex_);
         currentVariant_ = version;
     }
-    catalogue_.rebuildPageLists();
+    reading_.rebuildPageLists();
     emit currentMonitorHwVersionChanged();
     if (withSignals) {
         contentRevision_.fetch_add(1);

@@ -41,10 +41,17 @@ class DeviceLinkView {
     virtual std::shared_ptr<AuthorizedVrcClient> vrcClient() const = 0;
     // The serial client of kind 1, or null.
     virtual std::shared_ptr<lidar::SerialClient> serialClient() const = 0;
+    // The model selected last (its catalogue is the loaded one); empty before any.
+    virtual std::string selectedModel() const = 0;
+    // Connected, the VRC client open, no upgrade or log download.
+    virtual bool deviceIsIdle() const = 0;
+    // A request of the catalogue over the kind's client (the VRC client on kinds 0 and 2, the
+    // serial client on kind 1): the reply's payload. A client result code.
+    virtual int queryDevice(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) = 0;
+    // The kind's client exists and is open.
+    virtual bool deviceChannelOpen() const = 0;
     // Ends the connection as the design's Stop does (a restart or reset sent from the console).
     virtual void stopLink() = 0;
-    // The model chosen for the connection (selectLidarModel): a model's own operations check it.
-    virtual std::string selectedModel() const = 0;
 };
 
 // The rate of the lidar's point-cloud line, which every VRC-over-serial connect sends first.
@@ -91,8 +98,15 @@ class CatalogueEditView {
     // Takes the text unless the variable holds it already; true when it changed.
     virtual bool replaceCurrentValue(VarInfo& var, const std::string& text) = 0;
     virtual std::string currentValue(const VarInfo& var) const = 0;
+};
+
+// The catalogue's requests over the connection kind's client, as an apply reads back what the
+// lidar holds before it writes.
+class GroupReadBack {
+  public:
+    virtual ~GroupReadBack() = default;
     // Reads what the lidar holds for the group into `bytes` (by variable name); the texts stay.
-    virtual void readBack(std::vector<VarInfo*>& group, BytesByName& bytes) = 0;
+    virtual void readBack(std::vector<VarInfo*>& group, CatalogueEditView::BytesByName& bytes) = 0;
     // A request of the catalogue over the connection kind's client: the reply's payload.
     virtual int queryKindClient(uint8_t cmd, const u8Array_t& payload, u8Array_t& reply) = 0;
 };
@@ -105,15 +119,14 @@ class EditStagingSink {
     virtual void stageCommand(const std::string& setCmd) = 0;
 };
 
-// The loaded catalogue's modules as the monitor uses them: a module found by its name, the
+// The loaded catalogue's modules as the monitor uses them: a module found by its name, a
 // model's folder of variant files, and a variant's pages swapped in.
 class ModuleCatalogueView {
   public:
     virtual ~ModuleCatalogueView() = default;
     // The index of the module of that name in the loaded catalogue; -1 without one.
     virtual int moduleIndexNamed(const std::string& name) const = 0;
-    // The loaded model's name, and the folder of a model's catalogue files (empty without one).
-    virtual QString loadedModel() const = 0;
+    // The folder of a model's catalogue files (empty without one).
     virtual QString modelFolder(const QString& model) const = 0;
     // Puts the pages of the catalogue file at path in place of the module's (the module keeps
     // its name); false without a loaded catalogue, or when the file cannot be read or holds no
@@ -121,8 +134,6 @@ class ModuleCatalogueView {
     virtual bool swapInModuleVariant(int module, const std::string& path) = 0;
     // Forgets the variant swapped in last: its offsets are no longer looked up.
     virtual void forgetModuleVariant() = 0;
-    // Rebuilds the page lists after a swap.
-    virtual void rebuildPageLists() = 0;
 };
 
 // One shown variable of a module as the latest reading left it: its name as a column is named
@@ -150,6 +161,8 @@ class ModuleReadingView {
     virtual std::optional<std::vector<ShownValue>> shownValues(int module) const = 0;
     // Tells the UI that the values changed.
     virtual void announceValues() = 0;
+    // Rebuilds the page lists after a variant's pages were swapped in.
+    virtual void rebuildPageLists() = 0;
 };
 
 // The loaded catalogue's variables, as the transfers find the variable whose command they send.
@@ -162,6 +175,17 @@ class VariableLookup {
     virtual const VarInfo* variableAt(int module, int page, int var) const = 0;
     // The variable of that var_name; null when the catalogue has none.
     virtual const VarInfo* variableNamed(const std::string& name) const = 0;
+};
+
+// What the page reading needs of the parts made after it: the module whose timer variables the
+// page loop refreshes (the monitor's choice), and where the field of view the lidar reported
+// goes.
+class PageReadingContext {
+  public:
+    virtual ~PageReadingContext() = default;
+    virtual int moduleInUse() const = 0;
+    // The bounds the lidar reported for its first `count` regions: starts, then ends.
+    virtual void storeReportedFov(const float* values, int count) = 0;
 };
 
 // The restart request an upgrade of a network model sends when its package is through.

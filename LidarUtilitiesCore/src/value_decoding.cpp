@@ -1,5 +1,5 @@
-// Turning reply bytes into the display texts of the catalogue, and checking staged texts against
-// the catalogue's limits before they are written.
+// Turning reply bytes into the display texts of the catalogue (the page reader's decoding), and
+// checking staged texts against the catalogue's limits before they are written (the façade's).
 
 #include <QRegExp>
 #include <QString>
@@ -13,6 +13,8 @@
 
 #include "developer_log.h"
 #include "lidar_utilities_manager.h"
+#include "page_reader.h"
+#include "parameter_catalogue.h"
 #include "sdk/logger.h"
 #include "value_parsers.h"
 
@@ -240,16 +242,30 @@ void reportStagedValueRejected(LidarUtilitiesManager& manager, const VarInfo& va
 
 }  // namespace
 
-void LidarUtilitiesManager::logToSdkLogger(int line, const char* function,
-                                           const std::string& message) {
+void PageReader::logToSdkLogger(int line, const char* function, const std::string& message) {
     Logger::GetInstance().AddToQueue(Logger::kConfigError, kLoggerSourceFile, line, function,
                                      message);
 }
 
-void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
-                                                      const std::vector<uint8_t>& output,
-                                                      std::vector<uint8_t>& value, bool update) {
-    if (currentParser == nullptr) return;
+bool PageReader::extractValue(const VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
+                              std::vector<uint8_t>& value) {
+    std::pair<int, int> pos;
+    if (!catalogue_.resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
+        messages_.log("get <start_pos, offset> failed!", LogLevel::kError);
+        return false;
+    }
+    const std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
+    const bool extracted =
+        client ? client->GetClient().GetValFromOutput(cmd, 0, output, pos.first, pos.second, value)
+               : copyValueFromOutput(output, pos.first, pos.second, value);
+    if (!extracted) messages_.log("get var pos offset failed!", LogLevel::kError);
+    return extracted;
+}
+
+void PageReader::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
+                                           const std::vector<uint8_t>& output,
+                                           std::vector<uint8_t>& value, bool update) {
+    if (catalogue_.parser() == nullptr) return;
     if (output.empty()) {
         throw std::runtime_error(std::string("updateSingleVarFromOutput") +
                                  "(): Error with the input 'output'");
@@ -259,20 +275,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
                                  "(): Error with the input var_info");
     }
 
-    std::pair<int, int> pos;
-    if (!resolveVarPosOffset(var, static_cast<int>(output.size()), pos)) {
-        writeLogMessage("get <start_pos, offset> failed!", LogLevel::kError);
-        return;
-    }
-    const std::shared_ptr<AuthorizedVrcClient> client = getAuthorizedClient();
-    const bool extracted =
-        client ? client->GetClient().GetValFromOutput(cmd, 0, output, pos.first, pos.second, value)
-               : copyValueFromOutput(output, pos.first, pos.second, value);
-    if (!extracted) {
-        writeLogMessage("get var pos offset failed!", LogLevel::kError);
-        return;
-    }
-    if (!update) return;
+    if (!extractValue(var, cmd, output, value) || !update) return;
 
     // The text is computed first and stored under the lock, so readers never see half a text.
     const std::string& type = var.var_type;
@@ -295,7 +298,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
         }
         text = type == "HWVER" ? hardwareVersionText(value) : softwareDateVersionText(value);
     } else if (type == "string") {
-        text = trim(std::string(value.begin(), value.end()));
+        text = LidarUtilitiesManager::trim(std::string(value.begin(), value.end()));
     } else if (type == "DT") {
         text = durationText(value);
     } else if (const size_t width = numericWidth(type); width > 0) {
@@ -316,8 +319,7 @@ void LidarUtilitiesManager::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
         return;
     }
 
-    std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
-    var.current_val = text;
+    catalogue_.storeCurrentValue(var, text);
 }
 
 bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchType) {
@@ -334,7 +336,7 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
 
     std::string staged;
     {
-        std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+        const auto lock = catalogue_->lockVariables();
         staged = var->current_val;
     }
     // The staged text is read exactly, as the writer reads it, and compared exactly after the
@@ -353,17 +355,18 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
 }
 
 bool LidarUtilitiesManager::CheckModuleVarsWithinRange(int module) {
-    if (varTree == nullptr || module < 0 || module >= static_cast<int>(varTree.load()->size())) {
+    if (catalogue_->variableTree() == nullptr || module < 0 ||
+        module >= static_cast<int>(catalogue_->variableTree()->size())) {
         return true;
     }
     // Every variable is checked, so that the user sees all failures at once.
     bool allWithinRange = true;
-    for (const std::vector<VarInfo*>& page : (*varTree)[module]) {
+    for (const std::vector<VarInfo*>& page : (*catalogue_->variableTree())[module]) {
         for (const VarInfo* var : page) {
             if (var->permission == 0) continue;
             std::string staged;
             {
-                std::lock_guard<std::recursive_mutex> lock(catalogueMutex_);
+                const auto lock = catalogue_->lockVariables();
                 staged = var->current_val;
             }
             const StagedVerdict verdict = checkStagedText(*var, staged);
