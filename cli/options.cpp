@@ -386,10 +386,9 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     } catch (const CLI::CallForHelp&) {
         result.helpRequested = true;
         result.ok = true;
-        // The help of the innermost command named (heron upgrade --help: upgrade's).
-        const CLI::App* asked = &app;
-        while (!asked->get_subcommands().empty()) asked = asked->get_subcommands().front();
-        result.helpText = QString::fromStdString(asked->help());
+        // The help of the innermost command named (heron upgrade --help: upgrade's), its usage
+        // line naming the whole command ("lidarutil heron upgrade [OPTIONS] PACKAGE...").
+        result.helpText = QString::fromStdString(app.help());
         return result;
     } catch (const CLI::ParseError& error) {
         const QString unknown = app.get_subcommands().empty() ? firstPositional(arguments) : "";

@@ -190,12 +190,24 @@ QString unwritableFolder(const QString& folder) {
     return QString();
 }
 
+QString unreadablePackage(const QString& path) {
+    const QString refusal = "cannot read the package " + path + ": ";
+    const QFileInfo info(path);
+    if (info.isDir()) return refusal + "it is a folder";
+    // Not opened: a named pipe would block the open until something writes into it.
+    if (info.exists() && !info.isFile()) return refusal + "it is not a regular file";
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return refusal + QString::fromLocal8Bit(std::strerror(errno));
+    ::close(fd);
+    return QString();
+}
+
 int commandUpgrade(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("upgrade takes one package file");
     const QFileInfo package(arguments.front());
-    if (!package.isFile() || !package.isReadable())
-        return usageError("cannot read the package " + arguments.front());
+    if (const QString problem = unreadablePackage(arguments.front()); !problem.isEmpty())
+        return usageError(problem);
     // The manager hands an empty package to the transfer as designed, and the lidar would then be
     // restarted for nothing.
     if (package.size() == 0)

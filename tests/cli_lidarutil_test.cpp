@@ -76,6 +76,13 @@ TEST(Lidarutil, ListsModelsAndShowsTheCatalogueWithoutALidar) {
             << portLines[i].toStdString();
     }
     EXPECT_EQ(lidarutil({"ports", "extra"}).exitCode, 2);
+    // Listing them needs no catalogue: the same lines from any folder, and nothing left there.
+    testsupport::TempDir elsewhere;
+    const QString folder = QString::fromStdString(elsewhere.path());
+    const Outcome portsElsewhere = lidarutil({"ports"}, folder);
+    EXPECT_EQ(portsElsewhere.exitCode, 0) << portsElsewhere.err.toStdString();
+    EXPECT_EQ(portsElsewhere.out, ports.out);
+    EXPECT_TRUE(QDir(folder).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
 }
 
 TEST(Lidarutil, ReadJsonStaysMachineReadable) {
@@ -334,9 +341,15 @@ TEST(Lidarutil, SendPrintsTheReplyAndHistoryKeepsTheCommands) {
     EXPECT_EQ(lines(sent.out).filter("payload: ").front().size(), 9 + 1024 * 3 - 1);
     EXPECT_TRUE(sent.err.contains("only the first 1024 bytes are displayed"));
 
-    const Outcome bad = lidarutil({"send", "zz"}, folder.path());
-    EXPECT_EQ(bad.exitCode, 2);
-    EXPECT_TRUE(bad.err.contains("Incorrect VRC header was entered. Parsing failed."));
+    // A header or payload that is no hexadecimal byte is refused before connecting.
+    for (const auto& [arguments, said] :
+         {std::pair{QStringList{"send", "zz"}, "error: Incorrect VRC header was entered."},
+          std::pair{QStringList{"send", "07", "1g"},
+                    "error: Incorrect VRC payload was entered."}}) {
+        const Outcome bad = lidarutil(arguments, folder.path());
+        EXPECT_EQ(bad.exitCode, 2);
+        EXPECT_EQ(bad.err, QString(said) + " Parsing failed.\n");
+    }
 
     const Outcome history = lidarutil({"--json", "history"}, folder.path());
     ASSERT_EQ(history.exitCode, 0) << history.err.toStdString();
@@ -429,7 +442,9 @@ TEST(Lidarutil, TransferTargetsAndArgumentsAreCheckedBeforeConnecting) {
         {{"oplog", folder}, "lidarutil: " + folder + " is a folder; oplog needs the archive's"},
         {{"oplog", folder + "/"}, "lidarutil: " + folder + "/ is a folder; oplog needs the"},
         {{"upgrade", ""}, "needs a package file (an empty name names none)"},
-        {{"upgrade", folder}, "lidarutil: cannot read the package " + folder},
+        {{"upgrade", folder}, "lidarutil: cannot read the package " + folder + ": it is a folder"},
+        {{"upgrade", folder + "/none.bin"},
+         "lidarutil: cannot read the package " + folder + "/none.bin: No such file or directory"},
         {{"--model", "Heron-VRC", "upgrade", file},
          "lidarutil: Heron-VRC is upgraded with 'heron upgrade PACKAGE'"},
         {{"--host", "127.0.0.1", "--port", "abc", "info"},
@@ -726,6 +741,9 @@ TEST(Lidarutil, HelpNamesValuesForPeople) {
     for (const QStringList& command : commands) {
         const Outcome help = lidarutil(command + QStringList{"--help"});
         EXPECT_EQ(help.exitCode, 0) << command.join(' ').toStdString();
+        // The usage line names the whole command as it is typed.
+        const QString usage = (QStringList{"Usage: lidarutil"} + command).join(' ') + " [OPTIONS]";
+        EXPECT_TRUE(help.out.contains(usage)) << help.out.toStdString();
         EXPECT_FALSE(help.out.contains(typeName)) << command.join(' ').toStdString() << ":\n"
                                                   << help.out.toStdString();
     }
