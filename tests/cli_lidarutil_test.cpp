@@ -341,12 +341,15 @@ TEST(Lidarutil, SendPrintsTheReplyAndHistoryKeepsTheCommands) {
     EXPECT_EQ(lines(sent.out).filter("payload: ").front().size(), 9 + 1024 * 3 - 1);
     EXPECT_TRUE(sent.err.contains("only the first 1024 bytes are displayed"));
 
-    // A header or payload that is no hexadecimal byte is refused before connecting.
+    // A header or payload that is no hexadecimal byte is refused before connecting (nothing
+    // answers on port 1: a connection attempt would fail with status 1).
     for (const auto& [arguments, said] :
          {std::pair{QStringList{"send", "zz"}, "error: Incorrect VRC header was entered."},
+          std::pair{QStringList{"send", "+7"}, "error: Incorrect VRC header was entered."},
           std::pair{QStringList{"send", "07", "1g"},
                     "error: Incorrect VRC payload was entered."}}) {
-        const Outcome bad = lidarutil(arguments, folder.path());
+        const Outcome bad =
+            lidarutil(QStringList{"--host", "127.0.0.1", "--port", "1"} + arguments, folder.path());
         EXPECT_EQ(bad.exitCode, 2);
         EXPECT_EQ(bad.err, QString(said) + " Parsing failed.\n");
     }
@@ -844,11 +847,13 @@ TEST(Lidarutil, TransferOutcomesComeLastAndSayWhy) {
 }
 
 TEST(Lidarutil, SendNamesARefusalAndTheHistoryFileIsNeverLost) {
-    // A network lidar refuses the command: its status in words.
+    // A network lidar refuses the command (hexadecimal letters of either case pass): its status
+    // in words.
     const ConsoleFolder folder;
     const SimulatorProcess refusing("Egret", {"0x07:status=2"});
     const Outcome refused =
-        lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "send", "07"}, folder.path());
+        lidarutil({"--host", "127.0.0.1", "--port", refusing.port(), "send", "07", "af", "AF"},
+                  folder.path());
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_EQ(lines(refused.err).last(),
               "error: the lidar answered with status 2 (unknown command)")
