@@ -18,8 +18,13 @@ int commandShow(Session& session);
 int commandInfo(Session& session);
 int commandRead(Session& session);
 int commandSet(Session& session);
-int commandFov(Session& session);
 int commandWatch(Session& session);
+// Connects and reads the given modules; kExitOk or the failure status. A module of which some
+// request failed still counts as read (its other values are printed), but `complete` is false.
+// Shared by read and fov.
+int connectAndRead(Session& session, const QVector<int>& modules, bool& complete);
+// fov_command.cpp
+int commandFov(Session& session);
 // console_commands.cpp
 int commandSend(Session& session);
 int commandHistory(Session& session);

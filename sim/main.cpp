@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -152,6 +153,53 @@ std::pair<uint8_t, sim::Fault> ParseFaultArgument(const std::string& text) {
     return {static_cast<uint8_t>(code), fault};
 }
 
+// One option, its value taken by `value`, into args; false for a name lidar-sim does not have.
+bool ReadOption(const std::string& name, const std::function<std::string()>& value,
+                Arguments& args) {
+    if (name == "--model") {
+        args.options.model = value();
+    } else if (name == "--config-dir") {
+        args.options.configDir = value();
+    } else if (name == "--bind") {
+        args.options.bindAddress = value();
+    } else if (name == "--token") {
+        args.options.requiredToken = value();
+    } else if (name == "--port") {
+        args.options.port = static_cast<uint16_t>(NumberOption(name, value(), 65535));
+    } else if (name == "--restart-downtime") {
+        args.options.restartDowntimeMs = static_cast<int>(NumberOption(name, value(), 3600000));
+    } else if (name == "--log-size") {
+        args.options.logBytes = static_cast<size_t>(NumberOption(name, value(), 64L * 1024 * 1024));
+    } else if (name == "--seed") {
+        args.options.monitorSeed = static_cast<uint32_t>(NumberOption(name, value(), 0xFFFFFFFFul));
+    } else if (name == "--chaos") {
+        args.options.chaosSeed = static_cast<uint32_t>(NumberOption(name, value(), 0xFFFFFFFFul));
+    } else if (name == "--partition") {
+        const std::string text = value();
+        if (text != "A" && text != "B")
+            throw UsageError{"--partition takes A or B, not '" + text + "'"};
+        args.options.partition = text[0];
+    } else if (name == "--report") {
+        args.reportFile = value();
+        if (args.reportFile.empty()) throw UsageError{"--report needs a file name"};
+    } else if (name == "--fault") {
+        args.faults.push_back(ParseFaultArgument(value()));
+    } else if (name == "--fault-state") {
+        const std::string text = value();
+        sim::SerialState state;
+        if (!sim::SerialState::ParseFaultState(text, state)) {
+            throw UsageError{
+                "--fault-state needs STATE[:CODE,CODE...] (a state 0-255, "
+                "hexadecimal codes 0-FFFF), not '" +
+                text + "'"};
+        }
+        args.faultState = state;
+    } else {
+        return false;
+    }
+    return true;
+}
+
 Arguments ParseArguments(int argc, char** argv) {
     Arguments args;
     args.options.restartDowntimeMs = 1500;
@@ -170,50 +218,9 @@ Arguments ParseArguments(int argc, char** argv) {
             if (i + 1 >= argc) throw UsageError{name + " needs a value"};
             return argv[++i];
         };
-        if (name == "--model") {
-            args.options.model = next();
-        } else if (name == "--config-dir") {
-            args.options.configDir = next();
-        } else if (name == "--bind") {
-            args.options.bindAddress = next();
-        } else if (name == "--token") {
-            args.options.requiredToken = next();
-        } else if (name == "--port") {
-            args.options.port = static_cast<uint16_t>(NumberOption(name, next(), 65535));
-        } else if (name == "--restart-downtime") {
-            args.options.restartDowntimeMs = static_cast<int>(NumberOption(name, next(), 3600000));
-        } else if (name == "--log-size") {
-            args.options.logBytes =
-                static_cast<size_t>(NumberOption(name, next(), 64L * 1024 * 1024));
-        } else if (name == "--seed") {
-            args.options.monitorSeed =
-                static_cast<uint32_t>(NumberOption(name, next(), 0xFFFFFFFFul));
-        } else if (name == "--chaos") {
-            args.options.chaosSeed =
-                static_cast<uint32_t>(NumberOption(name, next(), 0xFFFFFFFFul));
-        } else if (name == "--partition") {
-            const std::string text = next();
-            if (text != "A" && text != "B")
-                throw UsageError{"--partition takes A or B, not '" + text + "'"};
-            args.options.partition = text[0];
-        } else if (name == "--report") {
-            args.reportFile = next();
-            if (args.reportFile.empty()) throw UsageError{"--report needs a file name"};
-        } else if (name == "--fault") {
-            args.faults.push_back(ParseFaultArgument(next()));
-        } else if (name == "--serial" && !inlineValue) {
+        if (name == "--serial" && !inlineValue) {
             args.serial = true;
-        } else if (name == "--fault-state") {
-            const std::string text = next();
-            sim::SerialState state;
-            if (!sim::SerialState::ParseFaultState(text, state)) {
-                throw UsageError{
-                    "--fault-state needs STATE[:CODE,CODE...] (a state 0-255, "
-                    "hexadecimal codes 0-FFFF), not '" +
-                    text + "'"};
-            }
-            args.faultState = state;
-        } else {
+        } else if (!ReadOption(name, next, args)) {
             throw UsageError{"unknown argument " + name};
         }
     }
