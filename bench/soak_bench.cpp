@@ -11,7 +11,6 @@
 // descriptors or threads differ, a busy flag stayed set, an operation ran past its time-out,
 // the background refreshes stopped); 2 a usage error or the simulator did not start.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -43,15 +42,20 @@
 #include "lidar_utilities_manager.h"
 #include "sdk/logger.h"
 #include "sdk/vrc_client.h"
+#include "soak_support.h"
 
 namespace {
 
+using soak::kWarmUpSeconds;
+using soak::RepositoryRoot;
+using soak::Resources;
+using soak::Sample;
+using soak::Simulator;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr int kSampleEverySeconds = 10;
-constexpr int kWarmUpSeconds = 60;
 constexpr long kRssNoiseKib = 2048;
 constexpr int kReceiveTimeoutMs = 4000;  // the manager's, and the bare client's
 constexpr int kRecordSeconds = 5;
@@ -85,150 +89,6 @@ bool ParseArguments(int argc, char** argv, Arguments& args) {
     }
     return true;
 }
-
-std::string ExecutableFolder() {
-    char path[4096];
-    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
-    if (n <= 0) return ".";
-    path[n] = '\0';
-    const std::string exe = path;
-    return exe.substr(0, exe.find_last_of('/'));
-}
-
-// The source path may be relative to the folder it was compiled in (a compiler cache makes it
-// so), which is the folder of this executable.
-std::string RepositoryRoot() {
-    std::string source = __FILE__;
-    if (source[0] != '/') source = ExecutableFolder() + "/" + source;
-    const std::string bench = source.substr(0, source.find_last_of('/'));
-    char resolved[4096];
-    return ::realpath((bench + "/..").c_str(), resolved) ? resolved : bench + "/..";
-}
-
-// ---- resources -------------------------------------------------------------------------------
-
-struct Sample {
-    long rssKib = 0;
-    long descriptors = 0;
-    long threads = 0;
-};
-
-long StatusField(const std::string& name) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(name + ":", 0) == 0) return std::atol(line.c_str() + name.size() + 1);
-    }
-    return -1;
-}
-
-long OpenDescriptors() {
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (!dir) return -1;
-    long count = 0;
-    while (const dirent* entry = ::readdir(dir)) count += entry->d_name[0] != '.';
-    ::closedir(dir);
-    return count - 1;  // the listing's own
-}
-
-Sample TakeSample() {
-    return {StatusField("VmRSS"), OpenDescriptors(), StatusField("Threads")};
-}
-
-// The sample at the end of the warm-up (the first minute, or the first half of a shorter run)
-// and the latest one.
-class Resources {
-  public:
-    explicit Resources(int runSeconds) : warmUpSeconds_(std::min(kWarmUpSeconds, runSeconds / 2)) {}
-
-    void Take(double elapsedSeconds) {
-        const Sample sample = TakeSample();
-        if (!warmedUp_ && elapsedSeconds >= warmUpSeconds_) {
-            warm_ = sample;
-            warmedUp_ = true;
-        }
-        end_ = sample;
-        ++samples_;
-    }
-    const Sample& Warm() const { return warm_; }
-    const Sample& End() const { return end_; }
-    int Samples() const { return samples_; }
-
-  private:
-    int warmUpSeconds_;
-    bool warmedUp_ = false;
-    Sample warm_;
-    Sample end_;
-    int samples_ = 0;
-};
-
-// ---- the simulator ---------------------------------------------------------------------------
-
-class Simulator {
-  public:
-    bool Start(unsigned long seed) {
-        const std::string program = ExecutableFolder() + "/../sim/lidar-sim";
-        const std::string config = RepositoryRoot() + "/Config";
-        const std::string seedText = std::to_string(seed);
-        std::vector<std::string> words = {program, "--model", "Egret", "--config-dir",
-                                          config,  "--chaos", seedText};
-        std::vector<char*> argv;
-        for (auto& word : words) argv.push_back(word.data());
-        argv.push_back(nullptr);
-        int out[2];
-        if (::pipe2(out, O_CLOEXEC) != 0) return false;
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            // It goes when this program goes, whatever ends it.
-            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-            ::dup2(out[1], STDOUT_FILENO);
-            ::execv(program.c_str(), argv.data());
-            std::_Exit(127);
-        }
-        ::close(out[1]);
-        if (pid_ < 0) {
-            ::close(out[0]);
-            return false;
-        }
-        output_ = ::fdopen(out[0], "r");
-        const std::string banner = ReadLine();
-        const size_t colon = banner.rfind(':');
-        if (banner.rfind("listening on ", 0) != 0 || colon == std::string::npos) return false;
-        port_ = static_cast<uint16_t>(std::atoi(banner.c_str() + colon + 1));
-        return port_ != 0;
-    }
-    // Stops it; its closing lines (the request counters and the chaos it played).
-    std::string Stop() {
-        if (pid_ <= 0) return "";
-        ::kill(pid_, SIGTERM);
-        std::string lines;
-        for (std::string line = ReadLine(); !line.empty(); line = ReadLine()) lines += line + "\n";
-        ::waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-        return lines;
-    }
-    void Kill() const {
-        if (pid_ > 0) ::kill(pid_, SIGKILL);
-    }
-    ~Simulator() {
-        Stop();
-        if (output_) std::fclose(output_);
-    }
-    uint16_t Port() const { return port_; }
-
-  private:
-    std::string ReadLine() {
-        char line[4096];
-        if (!output_ || !std::fgets(line, sizeof line, output_)) return "";
-        std::string text = line;
-        while (!text.empty() && text.back() == '\n') text.pop_back();
-        return text;
-    }
-
-    pid_t pid_ = -1;
-    FILE* output_ = nullptr;
-    uint16_t port_ = 0;
-};
 
 // ---- operations and their time-outs ----------------------------------------------------------
 

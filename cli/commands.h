@@ -18,8 +18,13 @@ int commandShow(Session& session);
 int commandInfo(Session& session);
 int commandRead(Session& session);
 int commandSet(Session& session);
-int commandFov(Session& session);
 int commandWatch(Session& session);
+// Connects and reads the given modules; kExitOk or the failure status. A module of which some
+// request failed still counts as read (its other values are printed), but `complete` is false.
+// Shared by read and fov.
+int connectAndRead(Session& session, const QVector<int>& modules, bool& complete);
+// fov_command.cpp
+int commandFov(Session& session);
 // console_commands.cpp
 int commandSend(Session& session);
 int commandHistory(Session& session);
@@ -30,6 +35,9 @@ int commandOperationLog(Session& session);
 // Why lidarutil cannot write a file into `folder` (missing, not a folder, or the cause the file
 // system gives); empty when it can. Checked before connecting by every command that writes there.
 QString unwritableFolder(const QString& folder);
+// Why a package file cannot be read ("cannot read the package PATH: " and the system's reason);
+// empty when it can. Checked before connecting by both upgrades.
+QString unreadablePackage(const QString& path);
 // Polls until `ended` is true, calling `eachPoll` each time; the first Ctrl-C prints
 // firstInterruptWarning(), the second prints `abandoning` and stops the manager's worker.
 // Needs an InterruptGuard in scope.
@@ -42,8 +50,8 @@ void followUntil(LidarUtilitiesManager& manager, const std::function<bool()>& en
 void followUpgrade(LidarUtilitiesManager& manager, const std::atomic<int>& upgradingChanges,
                    const std::function<bool()>& sending,
                    const std::function<QString()>& firstInterruptWarning);
-// port_commands.cpp: needs neither a lidar nor a model
-int commandPorts(Session& session);
+// port_commands.cpp: needs neither a lidar nor a model (nor ./Config)
+int commandPorts(const Options& options);
 // monitor_commands.cpp
 int commandMonitor(Session& session);
 // heron_commands.cpp

@@ -3,6 +3,7 @@
 
 #include <QJsonArray>
 #include <QJsonObject>
+#include <algorithm>
 
 #include "commands.h"
 #include "output.h"
@@ -33,11 +34,40 @@ int lastResult(LidarUtilitiesManager& manager) {
     return client ? client->GetLastReturnCode() : lidar::kVrcNotConnected;
 }
 
+// One byte as the console takes it: hexadecimal digits only ("0x" optional), at most FF.
+bool isHexByte(QString text) {
+    if (text.startsWith("0x", Qt::CaseInsensitive)) text = text.mid(2);
+    const auto hexDigit = [](QChar c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    };
+    bool ok = false;
+    return !text.isEmpty() && std::all_of(text.begin(), text.end(), hexDigit) &&
+           text.toUInt(&ok, 16) <= 0xFF && ok;
+}
+
+// The manager's own words for a header or payload it could not parse ("VRC", or "Serial" for the
+// models reached over serial lines), told before connecting: a typing error costs no connection.
+QString parsingProblem(Session& session, const QString& header, const QString& payload) {
+    const QString path = session.manager().getConnectType() == 0 ? "VRC" : "Serial";
+    if (!isHexByte(header.trimmed()))
+        return "Incorrect " + path + " header was entered. Parsing failed.";
+    const QStringList bytes = payload.split(' ', Qt::SkipEmptyParts);
+    if (!std::all_of(bytes.begin(), bytes.end(), isHexByte))
+        return "Incorrect " + path + " payload was entered. Parsing failed.";
+    return QString();
+}
+
 }  // namespace
 
 int commandSend(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.isEmpty()) return usageError("send needs a command code (HEADER)");
+    if (const QString problem =
+            parsingProblem(session, arguments.front(), arguments.mid(1).join(' '));
+        !problem.isEmpty()) {
+        printDiagnostic("error: " + problem);
+        return kExitUsage;
+    }
     if (int status = session.connect(); status != kExitOk) return status;
     LidarUtilitiesManager& manager = session.manager();
     manager.GetLocalCommandFileLog();

@@ -333,30 +333,38 @@ QString missingGroupCommand(const CLI::App& app, const QStringList& arguments) {
 
 }  // namespace
 
-ParsedCommandLine parseCommandLine(const QStringList& arguments) {
-    ParsedCommandLine result;
-    Options& options = result.options;
+namespace {
 
-    CLI::App app(
-        "lidarutil: a command-line front end over the lidar utilities manager.\n"
-        "Without --host an embedded simulator of the model answers on 127.0.0.1; run "
-        "from the repository root (the catalogues are read from ./Config).",
-        "lidarutil");
+// The program's own options, as CLI11 fills them; readBack copies them into the Options.
+struct ProgramValues {
+    std::string model = "Egret";
+    std::string host;
+    std::string port;
+    std::string localPort;
+    std::string token;
+    std::string rs485;
+    std::string uart;
+};
+
+// The options of the whole program (--model, --host, ...), its description and its footer.
+void declareProgramOptions(CLI::App& app, ProgramValues& values, Options& options) {
     app.require_subcommand(1);
-    std::string model = "Egret", host, port, localPort, token, rs485, uart;
-    app.add_option("--model", model, "model catalogue to use (default Egret)")->type_name("NAME");
-    app.add_option("--host", host, "talk to the lidar at HOST instead of the embedded simulator")
+    app.add_option("--model", values.model, "model catalogue to use (default Egret)")
+        ->type_name("NAME");
+    app.add_option("--host", values.host,
+                   "talk to the lidar at HOST instead of the embedded simulator")
         ->type_name("HOST")
         ->check(kHostName);
-    app.add_option("--port", port, "the lidar's VRC port (with --host; default: the saved port)")
+    app.add_option("--port", values.port,
+                   "the lidar's VRC port (with --host; default: the saved port)")
         ->type_name("PORT")
         ->check(kPortNumber);
-    app.add_option("--local-port", localPort,
+    app.add_option("--local-port", values.localPort,
                    "local port of the VRC client, for models that fix it")
         ->type_name("PORT|ANY")
         ->check(kLocalPort);
     // An empty token would silently mean "no authorisation": refused like an empty host.
-    app.add_option("--token", token, "the embedded simulator requires authorisation with it")
+    app.add_option("--token", values.token, "the embedded simulator requires authorisation with it")
         ->check(CLI::Validator(
             [](std::string& value) {
                 return value.empty() ? std::string("needs a token (an empty one means none)")
@@ -364,49 +372,28 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
             },
             ""))
         ->type_name("TOKEN");
-    app.add_option("--rs485", rs485,
+    app.add_option("--rs485", values.rs485,
                    "the serial model's RS485 line (with --uart; default: the embedded "
                    "simulator's pseudo-terminals)")
         ->type_name("DEV");
-    app.add_option("--uart", uart, "the serial model's UART line (with --rs485)")->type_name("DEV");
+    app.add_option("--uart", values.uart, "the serial model's UART line (with --rs485)")
+        ->type_name("DEV");
     app.add_flag("--json", options.json, "machine-readable output on standard output");
     app.add_flag("-v,--verbose", options.verbose,
                  "the manager's log and developer lines on standard error");
     app.footer("Exit status: 0 success, 1 an operation failed, 2 a usage error.");
-    CommandArguments args;
-    addSubcommands(app, args);
-    nameValuesForPeople(app);
+}
 
-    std::vector<std::string> argv{"lidarutil"};
-    for (const QString& argument : arguments) argv.push_back(argument.toStdString());
-    std::vector<const char*> pointers;
-    for (const std::string& argument : argv) pointers.push_back(argument.c_str());
-    try {
-        app.parse(static_cast<int>(pointers.size()), pointers.data());
-    } catch (const CLI::CallForHelp&) {
-        result.helpRequested = true;
-        result.ok = true;
-        // The help of the innermost command named (heron upgrade --help: upgrade's).
-        const CLI::App* asked = &app;
-        while (!asked->get_subcommands().empty()) asked = asked->get_subcommands().front();
-        result.helpText = QString::fromStdString(asked->help());
-        return result;
-    } catch (const CLI::ParseError& error) {
-        const QString unknown = app.get_subcommands().empty() ? firstPositional(arguments) : "";
-        const QString group = missingGroupCommand(app, arguments);
-        result.error = !unknown.isEmpty() ? "unknown command '" + unknown + "'"
-                       : !group.isEmpty() ? group
-                                          : oneLine(error);
-        return result;
-    }
-
-    options.model = QString::fromStdString(model);
-    options.host = QString::fromStdString(host).trimmed();
-    options.port = QString::fromStdString(port);
-    options.localPort = QString::fromStdString(localPort);
-    options.token = QString::fromStdString(token);
-    options.rs485 = QString::fromStdString(rs485);
-    options.uart = QString::fromStdString(uart);
+// After a successful parse: the values CLI11 filled, into the Options.
+void readBack(const CLI::App& app, const ProgramValues& values, const CommandArguments& args,
+              Options& options) {
+    options.model = QString::fromStdString(values.model);
+    options.host = QString::fromStdString(values.host).trimmed();
+    options.port = QString::fromStdString(values.port);
+    options.localPort = QString::fromStdString(values.localPort);
+    options.token = QString::fromStdString(values.token);
+    options.rs485 = QString::fromStdString(values.rs485);
+    options.uart = QString::fromStdString(values.uart);
     options.vlan = args.vlan;
     options.command = QString::fromStdString(app.get_subcommands().front()->get_name());
     options.count = args.count;
@@ -421,6 +408,48 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     for (const std::string& argument : args.rest)
         options.arguments << QString::fromStdString(argument);
     readHeronAndOtaArguments(*app.get_subcommands().front(), args, options);
+}
+
+}  // namespace
+
+ParsedCommandLine parseCommandLine(const QStringList& arguments) {
+    ParsedCommandLine result;
+    Options& options = result.options;
+
+    CLI::App app(
+        "lidarutil: a command-line front end over the lidar utilities manager.\n"
+        "Without --host an embedded simulator of the model answers on 127.0.0.1; run "
+        "from the repository root (the catalogues are read from ./Config).",
+        "lidarutil");
+    ProgramValues values;
+    declareProgramOptions(app, values, options);
+    CommandArguments args;
+    addSubcommands(app, args);
+    nameValuesForPeople(app);
+
+    std::vector<std::string> argv{"lidarutil"};
+    for (const QString& argument : arguments) argv.push_back(argument.toStdString());
+    std::vector<const char*> pointers;
+    for (const std::string& argument : argv) pointers.push_back(argument.c_str());
+    try {
+        app.parse(static_cast<int>(pointers.size()), pointers.data());
+    } catch (const CLI::CallForHelp&) {
+        result.helpRequested = true;
+        result.ok = true;
+        // The help of the innermost command named (heron upgrade --help: upgrade's), its usage
+        // line naming the whole command ("lidarutil heron upgrade [OPTIONS] PACKAGE...").
+        result.helpText = QString::fromStdString(app.help());
+        return result;
+    } catch (const CLI::ParseError& error) {
+        const QString unknown = app.get_subcommands().empty() ? firstPositional(arguments) : "";
+        const QString group = missingGroupCommand(app, arguments);
+        result.error = !unknown.isEmpty() ? "unknown command '" + unknown + "'"
+                       : !group.isEmpty() ? group
+                                          : oneLine(error);
+        return result;
+    }
+
+    readBack(app, values, args, options);
     result.error = combinationError(options);
     result.ok = result.error.isEmpty();
     return result;

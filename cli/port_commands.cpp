@@ -1,4 +1,5 @@
-// lidarutil ports: the machine's serial ports, for --rs485 and --uart.
+// lidarutil ports: the machine's serial ports, for --rs485 and --uart. Listing them needs no
+// catalogue and no lidar, so it runs from any folder, as ota does.
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -25,9 +26,10 @@ QString portLine(const QVariantMap& port) {
 
 }  // namespace
 
-int commandPorts(Session& session) {
+int commandPorts(const Options& options) {
+    Session session(options);
     const QVariantList ports = session.manager().availableSerialPorts();
-    if (session.options().json) {
+    if (options.json) {
         printJson(QJsonDocument(QJsonArray::fromVariantList(ports)));
         return kExitOk;
     }

@@ -190,31 +190,47 @@ QString unwritableFolder(const QString& folder) {
     return QString();
 }
 
-int commandUpgrade(Session& session) {
-    const QStringList& arguments = session.options().arguments;
-    if (arguments.size() != 1) return usageError("upgrade takes one package file");
-    const QFileInfo package(arguments.front());
-    if (!package.isFile() || !package.isReadable())
-        return usageError("cannot read the package " + arguments.front());
+QString unreadablePackage(const QString& path) {
+    const QString refusal = "cannot read the package " + path + ": ";
+    const QFileInfo info(path);
+    if (info.isDir()) return refusal + "it is a folder";
+    // Not opened: a named pipe would block the open until something writes into it.
+    if (info.exists() && !info.isFile()) return refusal + "it is not a regular file";
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return refusal + QString::fromLocal8Bit(std::strerror(errno));
+    ::close(fd);
+    return QString();
+}
+
+namespace {
+
+// What the upgrade checks before connecting: a usage error's text, or empty with `variable` set
+// to the catalogue variable that starts it (null for the serial-line models, which take their
+// own transfer).
+QString upgradeRequestProblem(Session& session, const QFileInfo& package,
+                              const VarPosition*& variable) {
+    const QString& path = session.options().arguments.front();
+    if (QString problem = unreadablePackage(path); !problem.isEmpty()) return problem;
     // The manager hands an empty package to the transfer as designed, and the lidar would then be
     // restarted for nothing.
-    if (package.size() == 0)
-        return usageError("the package " + arguments.front() + " is empty; nothing was sent");
+    if (package.size() == 0) return "the package " + path + " is empty; nothing was sent";
     // The Heron's firmware comes in components, each with its own transfer: a whole package
     // sent through the generic one would be taken for a firmware it is not.
     if (session.options().model == kHeronModel)
-        return usageError(QString(kHeronModel) +
-                          " is upgraded with 'heron upgrade PACKAGE' (an "
-                          "OTA package of components); nothing was sent");
+        return QString(kHeronModel) +
+               " is upgraded with 'heron upgrade PACKAGE' (an "
+               "OTA package of components); nothing was sent";
     const bool serialModel = session.manager().getConnectType() != 0;
     if (serialModel && !session.options().variable.isEmpty())
-        return usageError("--variable applies to the network models; " + session.options().model +
-                          " takes its own transfer");
+        return "--variable applies to the network models; " + session.options().model +
+               " takes its own transfer";
     QString problem;
-    const VarPosition* variable = serialModel ? nullptr : upgradeVariable(session, problem);
-    if (!serialModel && variable == nullptr) return usageError(problem);
-    if (int status = session.connect(); status != kExitOk) return status;
+    variable = serialModel ? nullptr : upgradeVariable(session, problem);
+    return problem;
+}
 
+// Connected: the transfer with its progress bar, then the restart and the outcome.
+int runUpgrade(Session& session, const QFileInfo& package, const VarPosition* variable) {
     LidarUtilitiesManager& manager = session.manager();
     // Connected before the worker starts: no connection changes while it emits. The upgrade
     // started when isUpgrading went true and is over when it went false again.
@@ -227,9 +243,9 @@ int commandUpgrade(Session& session) {
     const QUrl url = QUrl::fromLocalFile(package.absoluteFilePath());
     // The outcome is shown by the worker while the progress line may still be drawn: it waits.
     session.holdMessages();
-    const int started =
-        serialModel ? manager.WrenUpgradeLidar(url)
-                    : manager.UpgradeLidar(url, variable->module, variable->page, variable->row);
+    const int started = variable == nullptr ? manager.WrenUpgradeLidar(url)
+                                            : manager.UpgradeLidar(url, variable->module,
+                                                                   variable->page, variable->row);
     if (started != 0 || upgradingChanges.load() == 0) {
         session.releaseMessages();
         if (session.errorCount() == 0)
@@ -262,6 +278,19 @@ int commandUpgrade(Session& session) {
                          {"transferred", transferred.seen()},
                          {"restarted", restarted}});
     return restarted ? kExitOk : kExitFailed;
+}
+
+}  // namespace
+
+int commandUpgrade(Session& session) {
+    const QStringList& arguments = session.options().arguments;
+    if (arguments.size() != 1) return usageError("upgrade takes one package file");
+    const QFileInfo package(arguments.front());
+    const VarPosition* variable = nullptr;
+    if (QString problem = upgradeRequestProblem(session, package, variable); !problem.isEmpty())
+        return usageError(problem);
+    if (int status = session.connect(); status != kExitOk) return status;
+    return runUpgrade(session, package, variable);
 }
 
 void followUntil(LidarUtilitiesManager& manager, const std::function<bool()>& ended,
@@ -316,6 +345,47 @@ int refuseOverSerialLines(Session& session, const QString& command) {
                       " is reached over its serial lines, which carry no logs");
 }
 
+QStringList logNames(Session& session) {
+    QStringList names;
+    for (const QVariant& log : session.manager().logRepeaterModel()) names << log.toString();
+    return names;
+}
+
+// After the download's worker: the file it wrote in `folder` since `started`, judged by the
+// lidar's answer; prints the outcome.
+int reportLogDownload(Session& session, const QDir& folder, const QString& name,
+                      const QDateTime& started, bool saved, int errorsBefore) {
+    LidarUtilitiesManager& manager = session.manager();
+    const QString successLine = name + " download successful.";
+    const QFileInfoList written = folder.entryInfoList({name + "_*.bin"}, QDir::Files, QDir::Time);
+    const bool fresh = !written.isEmpty() && written.front().lastModified() >= started;
+    // Any answer but "no reply" is saved; a refusal is a status, not a log.
+    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
+    const int refusal = client ? client->GetLastReturnCode() : 0;
+    QStringList messages = session.takeHeldMessages();
+    if (refusal > 0) messages.removeAll(successLine);
+    for (const QString& line : messages) printDiagnostic(line);
+    if (!saved || session.errorCount() != errorsBefore || !fresh) {
+        // The manager's line gives the client's code alone.
+        if (refusal < 0)
+            printDiagnostic("error: " + name + " not downloaded: " + readFailureText(refusal));
+        return kExitFailed;
+    }
+    const QFileInfo& file = written.front();
+    if (refusal > 0) {
+        const bool empty = file.size() == 0 && QFile::remove(file.absoluteFilePath());
+        printDiagnostic(
+            "error: " + name + " not downloaded: " + readFailureText(refusal) +
+            (empty ? QString("; no file was kept")
+                   : "; the file holds the reply as it came: " + file.absoluteFilePath()));
+        return kExitFailed;
+    }
+    reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
+    if (!session.options().json)
+        printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
+    return kExitOk;
+}
+
 }  // namespace
 
 int commandLog(Session& session) {
@@ -323,11 +393,7 @@ int commandLog(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("log takes one log name");
     const QString& name = arguments.front();
-    const QStringList logs = [&] {
-        QStringList names;
-        for (const QVariant& log : session.manager().logRepeaterModel()) names << log.toString();
-        return names;
-    }();
+    const QStringList logs = logNames(session);
     if (!logs.contains(name))
         return usageError(session.options().model + " has no log '" + name +
                           "'; its logs are: " + logs.join(", "));
@@ -337,8 +403,7 @@ int commandLog(Session& session) {
     if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
-    const QString successLine = name + " download successful.";
-    SuccessWatch saved(manager, successLine);
+    SuccessWatch saved(manager, name + " download successful.");
     // The file's name has a resolution of one second: a download in the same second as an
     // earlier one writes the same file again, so the file is found by its time, not its name.
     const QDateTime started = QDateTime::currentDateTime().addSecs(-1);
@@ -363,34 +428,7 @@ int commandLog(Session& session) {
     }
     progress.finish(0, 0);
     manager.waitForWorkers();
-
-    const QFileInfoList written = folder.entryInfoList({name + "_*.bin"}, QDir::Files, QDir::Time);
-    const bool fresh = !written.isEmpty() && written.front().lastModified() >= started;
-    // Any answer but "no reply" is saved; a refusal is a status, not a log.
-    const std::shared_ptr<AuthorizedVrcClient> client = manager.getAuthorizedClient();
-    const int refusal = client ? client->GetLastReturnCode() : 0;
-    QStringList messages = session.takeHeldMessages();
-    if (refusal > 0) messages.removeAll(successLine);
-    for (const QString& line : messages) printDiagnostic(line);
-    if (!saved.seen() || session.errorCount() != errorsBefore || !fresh) {
-        // The manager's line gives the client's code alone.
-        if (refusal < 0)
-            printDiagnostic("error: " + name + " not downloaded: " + readFailureText(refusal));
-        return kExitFailed;
-    }
-    const QFileInfo& file = written.front();
-    if (refusal > 0) {
-        const bool empty = file.size() == 0 && QFile::remove(file.absoluteFilePath());
-        printDiagnostic(
-            "error: " + name + " not downloaded: " + readFailureText(refusal) +
-            (empty ? QString("; no file was kept")
-                   : "; the file holds the reply as it came: " + file.absoluteFilePath()));
-        return kExitFailed;
-    }
-    reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
-    if (!session.options().json)
-        printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
-    return kExitOk;
+    return reportLogDownload(session, folder, name, started, saved.seen(), errorsBefore);
 }
 
 namespace {
@@ -469,22 +507,58 @@ void keepPartsThatCame(const QString& packing, const QString& archive,
                         notWritten);
 }
 
+// What oplog checks of its archive path before connecting: a usage error's text, or empty.
+QString archiveProblem(const QString& argument) {
+    if (argument.trimmed().isEmpty())
+        return "oplog needs an archive path (an empty one names no file)";
+    // "DIR/" and "DIR" would become DIR/.tar and DIR.tar: a folder is not an archive's name.
+    const QString archive = archivePathOf(argument);
+    if (argument.endsWith('/') || QFileInfo(argument).isDir() || QFileInfo(archive).isDir())
+        return argument + " is a folder; oplog needs the archive's file name (" +
+               QDir(argument).filePath("operation-log.tar") + ", for example)";
+    return unwritableFolder(QFileInfo(archive).absolutePath());
+}
+
+// After the worker: the archive moved into place when the log came whole, or what is kept of
+// it; prints the outcome.
+int reportOperationLog(Session& session, const QString& archive, const QString& packing,
+                       bool managerSucceeded) {
+    const std::vector<int> results = session.manager().getLastOperationLogResults();
+    const QStringList missing = partsNotGiven(results);
+    const QFileInfo packed(packing);
+    // tar's exit code is not what the manager judges: an empty or absent archive is a failure.
+    const bool whole =
+        managerSucceeded && missing.isEmpty() && packed.isFile() && packed.size() > 0;
+    const QString moveProblem = whole ? moveIntoPlace(packing, archive) : QString();
+    QStringList messages = session.takeHeldMessages();
+    if (!whole || !moveProblem.isEmpty()) messages.removeAll("Operation log download successful.");
+    for (const QString& line : messages) printDiagnostic(line);
+    if (whole && moveProblem.isEmpty()) {
+        const QFileInfo file(archive);
+        reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
+        if (!session.options().json)
+            printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
+        return kExitOk;
+    }
+    if (whole) {
+        printDiagnostic("error: the operation log could not be moved to " + archive + ": " +
+                        moveProblem + "; it is kept as " + packing);
+        return kExitFailed;
+    }
+    for (const QString& part : missing) printDiagnostic("error: part not given, " + part);
+    keepPartsThatCame(packing, archive, results);
+    return kExitFailed;
+}
+
 }  // namespace
 
 int commandOperationLog(Session& session) {
     if (overSerialLines(session)) return refuseOverSerialLines(session, "oplog");
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("oplog takes one archive path");
-    const QString& argument = arguments.front();
-    if (argument.trimmed().isEmpty())
-        return usageError("oplog needs an archive path (an empty one names no file)");
-    // "DIR/" and "DIR" would become DIR/.tar and DIR.tar: a folder is not an archive's name.
-    const QString archive = archivePathOf(argument);
-    if (argument.endsWith('/') || QFileInfo(argument).isDir() || QFileInfo(archive).isDir())
-        return usageError(argument + " is a folder; oplog needs the archive's file name (" +
-                          QDir(argument).filePath("operation-log.tar") + ", for example)");
-    if (QString problem = unwritableFolder(QFileInfo(archive).absolutePath()); !problem.isEmpty())
+    if (QString problem = archiveProblem(arguments.front()); !problem.isEmpty())
         return usageError(problem);
+    const QString archive = archivePathOf(arguments.front());
     if (int status = session.connect(); status != kExitOk) return status;
 
     LidarUtilitiesManager& manager = session.manager();
@@ -509,31 +583,7 @@ int commandOperationLog(Session& session) {
     }
     progress.finish(0, 0);
     manager.waitForWorkers();
-    const std::vector<int> results = manager.getLastOperationLogResults();
-    const QStringList missing = partsNotGiven(results);
-    const QFileInfo packed(packing);
-    // tar's exit code is not what the manager judges: an empty or absent archive is a failure.
-    const bool whole =
-        outcome.load() == 1 && missing.isEmpty() && packed.isFile() && packed.size() > 0;
-    const QString moveProblem = whole ? moveIntoPlace(packing, archive) : QString();
-    QStringList messages = session.takeHeldMessages();
-    if (!whole || !moveProblem.isEmpty()) messages.removeAll("Operation log download successful.");
-    for (const QString& line : messages) printDiagnostic(line);
-    if (whole && moveProblem.isEmpty()) {
-        const QFileInfo file(archive);
-        reportJson(session, {{"file", file.absoluteFilePath()}, {"bytes", file.size()}});
-        if (!session.options().json)
-            printResult(file.absoluteFilePath() + " (" + sizeText(file.size()) + ")");
-        return kExitOk;
-    }
-    if (whole) {
-        printDiagnostic("error: the operation log could not be moved to " + archive + ": " +
-                        moveProblem + "; it is kept as " + packing);
-        return kExitFailed;
-    }
-    for (const QString& part : missing) printDiagnostic("error: part not given, " + part);
-    keepPartsThatCame(packing, archive, results);
-    return kExitFailed;
+    return reportOperationLog(session, archive, packing, outcome.load() == 1);
 }
 
 }  // namespace cli

@@ -72,11 +72,27 @@ int standby(Session& session, const QStringList& arguments) {
     });
 }
 
+// The manager sends any byte as designed, but a rate that is not one of the catalogue's options
+// is one that `set "Spin Rate=N"` refuses: the user hears so before it is sent.
+void warnAboutUncataloguedRate(Session& session, int rate) {
+    const VarPosition* position = session.findVariable("Spin Rate");
+    if (position == nullptr || position->var->value_to_option.empty() ||
+        position->var->value_to_option.count(rate) != 0)
+        return;
+    QStringList values;
+    for (const auto& [value, text] : position->var->value_to_option)
+        values << QString::number(value);
+    printDiagnostic("warning: " + QString::number(rate) +
+                    " is not one of the catalogue's spin rates (" + values.join(", ") +
+                    "); sending it as given");
+}
+
 int spinRate(Session& session, const QStringList& arguments) {
     int rate = 0;
     // The lidar takes one byte; 300 would reach it as 44.
     if (arguments.size() != 1 || !parseWhole(arguments[0], 255, rate))
         return usageError("wren spin-rate takes a whole number from 0 to 255");
+    warnAboutUncataloguedRate(session, rate);
     return connected(session, [&] {
         return outcome(session, [&] { session.manager().WrenSetSpinRate(rate); });
     });
@@ -108,8 +124,20 @@ int returnMode(Session& session, const QStringList& arguments) {
     });
 }
 
+// A rate the manager sends: a whole decimal number of bit/s above 0 that 32 bits hold.
+bool isBaudRate(const QString& text) {
+    bool ok = false;
+    const bool digitsOnly = !text.isEmpty() && std::all_of(text.begin(), text.end(), [](QChar c) {
+        return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+    });
+    return digitsOnly && text.toUInt(&ok, 10) > 0 && ok;
+}
+
 int baud(Session& session, const QStringList& arguments) {
     if (arguments.size() > 1) return usageError("wren baud takes at most one rate");
+    if (arguments.size() == 1 && !isBaudRate(arguments[0]))
+        return usageError("wren baud takes a rate in bit/s, a whole number greater than 0, not '" +
+                          arguments[0] + "'");
     return connected(session, [&] {
         LidarUtilitiesManager& manager = session.manager();
         if (arguments.isEmpty()) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -122,6 +123,16 @@ bool ParseNumber(const std::string& text, unsigned long max, int base, unsigned 
     return end == text.c_str() + text.size() && out <= max;
 }
 
+// The value of the option `name`: a whole decimal number from 0 to max, or a usage error that
+// gives the range.
+unsigned long NumberOption(const std::string& name, const std::string& text, unsigned long max) {
+    unsigned long number = 0;
+    if (!ParseNumber(text, max, 10, number))
+        throw UsageError{name + " needs a whole number from 0 to " + std::to_string(max) +
+                         ", not '" + text + "'"};
+    return number;
+}
+
 // "0x22:delay=500" or "22:status=4": the command is always hexadecimal, as everywhere else.
 std::pair<uint8_t, sim::Fault> ParseFaultArgument(const std::string& text) {
     const size_t colon = text.find(':');
@@ -132,13 +143,61 @@ std::pair<uint8_t, sim::Fault> ParseFaultArgument(const std::string& text) {
     }
     unsigned long code = 0;
     if (command.empty() || command.size() > 2 || !ParseNumber(command, 0xFF, 16, code)) {
-        throw UsageError{"--fault: bad command code in " + text};
+        throw UsageError{"--fault: the command code needs a hexadecimal byte (0x00-0xFF), not '" +
+                         text.substr(0, colon) + "'"};
     }
     sim::Fault fault;
     if (!sim::Fault::Parse(text.substr(colon + 1), fault)) {
-        throw UsageError{"--fault: unknown fault mode in " + text};
+        throw UsageError{"--fault: " + sim::Fault::Problem(text.substr(colon + 1))};
     }
     return {static_cast<uint8_t>(code), fault};
+}
+
+// One option, its value taken by `value`, into args; false for a name lidar-sim does not have.
+bool ReadOption(const std::string& name, const std::function<std::string()>& value,
+                Arguments& args) {
+    if (name == "--model") {
+        args.options.model = value();
+    } else if (name == "--config-dir") {
+        args.options.configDir = value();
+    } else if (name == "--bind") {
+        args.options.bindAddress = value();
+    } else if (name == "--token") {
+        args.options.requiredToken = value();
+    } else if (name == "--port") {
+        args.options.port = static_cast<uint16_t>(NumberOption(name, value(), 65535));
+    } else if (name == "--restart-downtime") {
+        args.options.restartDowntimeMs = static_cast<int>(NumberOption(name, value(), 3600000));
+    } else if (name == "--log-size") {
+        args.options.logBytes = static_cast<size_t>(NumberOption(name, value(), 64L * 1024 * 1024));
+    } else if (name == "--seed") {
+        args.options.monitorSeed = static_cast<uint32_t>(NumberOption(name, value(), 0xFFFFFFFFul));
+    } else if (name == "--chaos") {
+        args.options.chaosSeed = static_cast<uint32_t>(NumberOption(name, value(), 0xFFFFFFFFul));
+    } else if (name == "--partition") {
+        const std::string text = value();
+        if (text != "A" && text != "B")
+            throw UsageError{"--partition takes A or B, not '" + text + "'"};
+        args.options.partition = text[0];
+    } else if (name == "--report") {
+        args.reportFile = value();
+        if (args.reportFile.empty()) throw UsageError{"--report needs a file name"};
+    } else if (name == "--fault") {
+        args.faults.push_back(ParseFaultArgument(value()));
+    } else if (name == "--fault-state") {
+        const std::string text = value();
+        sim::SerialState state;
+        if (!sim::SerialState::ParseFaultState(text, state)) {
+            throw UsageError{
+                "--fault-state needs STATE[:CODE,CODE...] (a state 0-255, "
+                "hexadecimal codes 0-FFFF), not '" +
+                text + "'"};
+        }
+        args.faultState = state;
+    } else {
+        return false;
+    }
+    return true;
 }
 
 Arguments ParseArguments(int argc, char** argv) {
@@ -159,60 +218,9 @@ Arguments ParseArguments(int argc, char** argv) {
             if (i + 1 >= argc) throw UsageError{name + " needs a value"};
             return argv[++i];
         };
-        unsigned long number = 0;
-        if (name == "--model") {
-            args.options.model = next();
-        } else if (name == "--config-dir") {
-            args.options.configDir = next();
-        } else if (name == "--bind") {
-            args.options.bindAddress = next();
-        } else if (name == "--token") {
-            args.options.requiredToken = next();
-        } else if (name == "--port") {
-            const std::string text = next();
-            if (!ParseNumber(text, 65535, 10, number)) throw UsageError{"bad --port " + text};
-            args.options.port = static_cast<uint16_t>(number);
-        } else if (name == "--restart-downtime") {
-            const std::string text = next();
-            if (!ParseNumber(text, 3600000, 10, number)) {
-                throw UsageError{"bad --restart-downtime " + text};
-            }
-            args.options.restartDowntimeMs = static_cast<int>(number);
-        } else if (name == "--log-size") {
-            const std::string text = next();
-            if (!ParseNumber(text, 64L * 1024 * 1024, 10, number)) {
-                throw UsageError{"bad --log-size " + text};
-            }
-            args.options.logBytes = static_cast<size_t>(number);
-        } else if (name == "--seed") {
-            const std::string text = next();
-            if (!ParseNumber(text, 0xFFFFFFFFul, 10, number))
-                throw UsageError{"bad --seed " + text};
-            args.options.monitorSeed = static_cast<uint32_t>(number);
-        } else if (name == "--chaos") {
-            const std::string text = next();
-            if (!ParseNumber(text, 0xFFFFFFFFul, 10, number))
-                throw UsageError{"bad --chaos " + text};
-            args.options.chaosSeed = static_cast<uint32_t>(number);
-        } else if (name == "--partition") {
-            const std::string text = next();
-            if (text != "A" && text != "B") throw UsageError{"bad --partition " + text};
-            args.options.partition = text[0];
-        } else if (name == "--report") {
-            args.reportFile = next();
-            if (args.reportFile.empty()) throw UsageError{"--report needs a file name"};
-        } else if (name == "--fault") {
-            args.faults.push_back(ParseFaultArgument(next()));
-        } else if (name == "--serial" && !inlineValue) {
+        if (name == "--serial" && !inlineValue) {
             args.serial = true;
-        } else if (name == "--fault-state") {
-            const std::string text = next();
-            sim::SerialState state;
-            if (!sim::SerialState::ParseFaultState(text, state)) {
-                throw UsageError{"bad --fault-state " + text};
-            }
-            args.faultState = state;
-        } else {
+        } else if (!ReadOption(name, next, args)) {
             throw UsageError{"unknown argument " + name};
         }
     }
@@ -406,7 +414,8 @@ int main(int argc, char** argv) {
     try {
         args = ParseArguments(argc, argv);
     } catch (const UsageError& e) {
-        std::cerr << "lidar-sim: " << e.message << "\n" << Usage();
+        // One line of cause, then where the usage is: the whole usage would bury the cause.
+        std::cerr << "lidar-sim: " << e.message << "\nlidar-sim --help lists the usage\n";
         return kUsageError;
     }
     if (!args.reportFile.empty()) {

@@ -9,6 +9,8 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <cstdlib>
+#include <string>
 
 #include "test_support.h"
 
@@ -105,6 +107,23 @@ class RunningLidarutil {
   private:
     QProcess process_;
     QString err_;
+};
+
+// A folder to run lidarutil in whose ./Config shows the shipped catalogues but keeps the command
+// history to itself.
+class ConsoleFolder {
+  public:
+    ConsoleFolder() {
+        const std::string link = "mkdir -p '" + dir_.file("Config") + "' && ln -s '" +
+                                 testsupport::SourceDir() + "/Config/varID' '" +
+                                 dir_.file("Config/varID") + "'";
+        EXPECT_EQ(std::system(link.c_str()), 0);
+    }
+    QString path() const { return QString::fromStdString(dir_.path()); }
+    std::string file(const std::string& name) const { return dir_.file(name); }
+
+  private:
+    testsupport::TempDir dir_;
 };
 
 inline QStringList lines(const QString& text) {

@@ -86,6 +86,41 @@ TEST(SimFaultModes, EveryModeParsesWithItsValueAndBadTextsAreRefused) {
         fault.kind = sim::Fault::Kind::kDrop;
         EXPECT_FALSE(sim::Fault::Parse(bad, fault)) << bad;
         EXPECT_EQ(fault.kind, sim::Fault::Kind::kDrop) << bad << ": a refused text changes nothing";
+        EXPECT_FALSE(sim::Fault::Problem(bad).empty()) << bad;
+    }
+
+    // Why a text is refused: the mode's value and the range it takes (the count's nine digits).
+    const std::pair<const char*, const char*> kProblems[] = {
+        {"delay=250", ""},
+        {"delay=abc", "delay needs =MS (0-600000), not 'abc'"},
+        {"delay", "delay needs =MS (0-600000)"},
+        {"drop=1", "drop takes no value, not 'drop=1'"},
+        {"status=256", "status needs =N (0-255), not '256'"},
+        {"drop-after-chunks=1000000000",
+         "drop-after-chunks needs =N (0-999999999), not '1000000000'"},
+        {"fail-chunk=0:1", "fail-chunk needs =N:STATUS (N 1-999999999, STATUS 0-255), not '0:1'"},
+        {"refuse-component-type=256:1",
+         "refuse-component-type needs =T:STATUS (T 0-255, STATUS 0-255), not '256:1'"},
+        {"sometimes=1", "unknown fault mode 'sometimes'"}};
+    for (const auto& [text, problem] : kProblems) EXPECT_EQ(sim::Fault::Problem(text), problem);
+}
+
+TEST(SimFaultModes, LidarSimNamesTheWrongValueAndItsRangeInOneLine) {
+    const std::pair<QStringList, std::string> kRefusals[] = {
+        {{"--fault", "0x07:delay=abc"},
+         "lidar-sim: --fault: delay needs =MS (0-600000), not 'abc'"},
+        {{"--port", "70000"},
+         "lidar-sim: --port needs a whole number from 0 to 65535, not '70000'"},
+        {{"--fault", "0x7g:drop"},
+         "lidar-sim: --fault: the command code needs a hexadecimal byte (0x00-0xFF), not '0x7g'"}};
+    for (const auto& [arguments, said] : kRefusals) {
+        QProcess process;
+        process.start(LIDAR_BINARY_DIR "/sim/lidar-sim",
+                      QStringList{"--model", "Egret"} + arguments);
+        ASSERT_TRUE(process.waitForFinished(10000));
+        EXPECT_EQ(process.exitCode(), 2);
+        EXPECT_EQ(process.readAllStandardError().toStdString(),
+                  said + "\nlidar-sim --help lists the usage\n");
     }
 }
 

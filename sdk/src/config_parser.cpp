@@ -7,7 +7,9 @@
 #include <cmath>
 #include <stdexcept>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include "sdk/csv_table.h"
 #include "sdk/logger.h"
@@ -123,6 +125,47 @@ bool IsAllEmpty(const std::vector<std::string>& fields) {
     }
     return true;
 }
+
+// Finds, or adds, the module and page of each row while the tree is built. Rows of one page
+// usually follow each other: the page of the previous row is tried before the hash maps.
+class TreePlacer {
+  public:
+    TreePlacer(std::vector<std::vector<std::string>>& moduleNames,
+               std::vector<std::vector<std::vector<VarInfo*>>>& varTree)
+        : moduleNames_(moduleNames), varTree_(varTree) {}
+
+    // The module's and the page's indexes.
+    std::pair<size_t, size_t> Place(const std::string& module, const std::string& page) {
+        const bool samePage = lastModule_ != kNoPosition &&
+                              module == moduleNames_[lastModule_][0] &&
+                              page == moduleNames_[lastModule_][lastPage_ + 1];
+        if (samePage) return {lastModule_, lastPage_};
+        const auto [mod, newModule] = moduleIndex_.try_emplace(module, moduleNames_.size());
+        if (newModule) {
+            moduleNames_.push_back({module});
+            varTree_.emplace_back();
+            pageIndex_.emplace_back();
+        }
+        lastModule_ = mod->second;
+        const auto [pg, newPage] =
+            pageIndex_[lastModule_].try_emplace(page, varTree_[lastModule_].size());
+        if (newPage) {
+            moduleNames_[lastModule_].push_back(page);
+            varTree_[lastModule_].emplace_back();
+        }
+        lastPage_ = pg->second;
+        return {lastModule_, lastPage_};
+    }
+
+  private:
+    static constexpr size_t kNoPosition = static_cast<size_t>(-1);
+    std::vector<std::vector<std::string>>& moduleNames_;
+    std::vector<std::vector<std::vector<VarInfo*>>>& varTree_;
+    std::unordered_map<std::string, size_t> moduleIndex_;
+    std::vector<std::unordered_map<std::string, size_t>> pageIndex_;
+    size_t lastModule_ = kNoPosition;
+    size_t lastPage_ = 0;
+};
 
 }  // namespace
 
@@ -432,16 +475,13 @@ void ConfigParser::ResolveSwitchVars(std::vector<Candidate>& candidates,
 }
 
 void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
-    std::unordered_map<std::string, size_t> moduleIndex;
-    std::vector<std::unordered_map<std::string, size_t>> pageIndex;
+    TreePlacer tree(moduleNames, varTree);
     std::vector<int32_t> varsInModule;
     std::unordered_map<std::string, int32_t> setPayloadEnd;
     std::unordered_set<std::string> nonContiguousSetCmds;
-    constexpr size_t kNoPosition = static_cast<size_t>(-1);
     std::vector<VarInfo*>* lastSetGroup = nullptr;
     int32_t* lastPayloadEnd = nullptr;
     const std::string* lastSetCmd = nullptr;
-    size_t lastModule = kNoPosition, lastPage = 0;
     vars_.reserve(candidates.size());
     byName_.reserve(candidates.size());
 
@@ -451,29 +491,9 @@ void ConfigParser::BuildCatalogue(std::vector<Candidate>& candidates) {
         WarnAboutVarType(*var, c.line);
         WarnAboutLengthAndLimits(*var, c.line);
 
-        // Rows of one page usually follow each other: the page of the previous row is tried
-        // before the hash maps.
-        const bool samePage = lastModule != kNoPosition && c.module == moduleNames[lastModule][0] &&
-                              c.page == moduleNames[lastModule][lastPage + 1];
-        if (!samePage) {
-            const auto [mod, newModule] = moduleIndex.try_emplace(c.module, moduleNames.size());
-            if (newModule) {
-                moduleNames.push_back({c.module});
-                varTree.emplace_back();
-                pageIndex.emplace_back();
-                varsInModule.push_back(0);
-            }
-            lastModule = mod->second;
-            const auto [pg, newPage] =
-                pageIndex[lastModule].try_emplace(c.page, varTree[lastModule].size());
-            if (newPage) {
-                moduleNames[lastModule].push_back(c.page);
-                varTree[lastModule].emplace_back();
-            }
-            lastPage = pg->second;
-        }
-        const size_t m = lastModule;
-        varTree[m][lastPage].push_back(var);
+        const auto [m, page] = tree.Place(c.module, c.page);
+        varsInModule.resize(moduleNames.size(), 0);
+        varTree[m][page].push_back(var);
         if (!c.hasIndex) var->index = varsInModule[m];
         ++varsInModule[m];
 

@@ -244,13 +244,20 @@ Reply Device::Handle(const vrc::Frame& request, Session& session) {
             return ProbeAuthorisation(session);
         case kAuthorise:
             return Authorise(payload, session);
+        case kFirmwareUpgrade:
+            return Upgrade(command, payload, 0, session);
+        default:
+            return HandleByConnectionOrModel(command, payload, session);
+    }
+}
+
+Reply Device::HandleByConnectionOrModel(uint8_t command, const Bytes& payload, Session& session) {
+    switch (command) {
         case kGetBaudRate:
             return ReachedOverSerialLine() ? GetBaudRate() : Status(vrc::kStatusUnknownCommand);
         case kSetBaudRate:
             return ReachedOverSerialLine() ? SetBaudRate(payload)
                                            : Status(vrc::kStatusUnknownCommand);
-        case kFirmwareUpgrade:
-            return Upgrade(command, payload, 0, session);
         case kSerialFirmwareUpgrade:
         case kComponentUpgrade:
             // The begin phase carries the upgrade mode or the component type after the phase.

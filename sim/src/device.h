@@ -88,6 +88,9 @@ class Device {
     Reply SerialCommand(uint8_t code, const Bytes& payload);
     Bytes GenerateLog(const Bytes& request) const;
     Reply CatalogueCommand(uint8_t command, const Bytes& payload);
+    // Handle's commands whose answer depends on how the device is reached (VRC over a serial
+    // line) or on the model (Heron), and the catalogue's own commands.
+    Reply HandleByConnectionOrModel(uint8_t command, const Bytes& payload, Session& session);
     // Heron-VRC (device_heron.cpp).
     bool IsHeron() const;
     Reply EnterUpgradeMode();

@@ -11,10 +11,11 @@ using Scope = FaultMode::Scope;
 
 constexpr long kMaxDelayMs = 10 * 60 * 1000;
 constexpr long kMaxCount = 1L << 30;
+constexpr size_t kMaxDigits = 9;
 
-// Digits only, no sign, at most `max`.
+// Digits only, no sign, at most `max` (and at most kMaxDigits digits).
 bool ParseCount(const std::string& text, long max, long& out) {
-    if (text.empty() || text.size() > 9) return false;
+    if (text.empty() || text.size() > kMaxDigits) return false;
     for (char c : text) {
         if (!std::isdigit(static_cast<unsigned char>(c))) return false;
     }
@@ -78,7 +79,48 @@ const char* ValueSyntax(Value value) {
     return "";
 }
 
+// "0-255": the numbers ParseCount takes up to `max`, digit limit included.
+std::string RangeText(long min, long max) {
+    const long mostDigits = 999999999;  // kMaxDigits nines
+    return std::to_string(min) + "-" + std::to_string(max < mostDigits ? max : mostDigits);
+}
+
+// What a mode's value takes, as the message about a wrong one says it: "=MS (0-600000)".
+std::string ValueTaken(Value value) {
+    switch (value) {
+        case Value::kNone:
+            return "no value";
+        case Value::kMilliseconds:
+            return "=MS (" + RangeText(0, kMaxDelayMs) + ")";
+        case Value::kStatus:
+            return "=N (" + RangeText(0, 255) + ")";
+        case Value::kCount:
+            return "=N (" + RangeText(0, kMaxCount) + ")";
+        case Value::kPositionAndStatus:
+            return "=N:STATUS (N " + RangeText(1, kMaxCount) + ", STATUS " + RangeText(0, 255) +
+                   ")";
+        case Value::kTypeAndStatus:
+            return "=T:STATUS (T " + RangeText(0, 255) + ", STATUS " + RangeText(0, 255) + ")";
+    }
+    return "";
+}
+
 }  // namespace
+
+std::string Fault::Problem(const std::string& text) {
+    Fault parsed;
+    if (Parse(text, parsed)) return "";
+    const size_t equals = text.find('=');
+    const std::string name = text.substr(0, equals);
+    for (const FaultMode& mode : FaultModes()) {
+        if (name != mode.name) continue;
+        const std::string taken = ValueTaken(mode.value);
+        if (mode.value == Value::kNone) return name + " takes " + taken + ", not '" + text + "'";
+        if (equals == std::string::npos) return name + " needs " + taken;
+        return name + " needs " + taken + ", not '" + text.substr(equals + 1) + "'";
+    }
+    return "unknown fault mode '" + name + "'";
+}
 
 std::string FaultMode::Syntax() const {
     return std::string(name) + ValueSyntax(value);

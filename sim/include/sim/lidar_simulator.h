@@ -44,6 +44,9 @@ struct Fault {
     // Parses a mode of FaultModes() with its value ("no-reply", "delay=500",
     // "refuse-component=2:5"); false for anything else.
     static bool Parse(const std::string& text, Fault& out);
+    // Why Parse refuses `text`, in words ("delay needs =MS (0-600000), not 'abc'", "unknown fault
+    // mode 'x'"); empty when it takes it.
+    static std::string Problem(const std::string& text);
 };
 
 // One fault mode as lidar-sim's --fault and Fault::Parse take it. lidar-sim's help is made from
@@ -54,8 +57,8 @@ struct FaultMode {
         kNone,
         kMilliseconds,       // "MS", 0 to 10 minutes: delayMs
         kStatus,             // "N", 0-255: status
-        kCount,              // "N", 0 to 2^30: count
-        kPositionAndStatus,  // "N:STATUS", N from 1 to 2^30: count and status
+        kCount,              // "N", 0 to 999999999 (nine digits): count
+        kPositionAndStatus,  // "N:STATUS", N from 1 to 999999999: count and status
         kTypeAndStatus,      // "T:STATUS", T 0-255: count and status
     };
     // The requests a mode is meant for (it may be set on any command).

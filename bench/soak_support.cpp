@@ -1,0 +1,57 @@
+// The soak's lidar-sim process and resource samples (soak_support.h).
+
+#include "soak_support.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdlib.h>
+
+#include <fstream>
+
+namespace soak {
+namespace {
+
+long StatusField(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind(name + ":", 0) == 0) return std::atol(line.c_str() + name.size() + 1);
+    }
+    return -1;
+}
+
+long OpenDescriptors() {
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (!dir) return -1;
+    long count = 0;
+    while (const dirent* entry = ::readdir(dir)) count += entry->d_name[0] != '.';
+    ::closedir(dir);
+    return count - 1;  // the listing's own
+}
+
+}  // namespace
+
+Sample TakeSample() {
+    return {StatusField("VmRSS"), OpenDescriptors(), StatusField("Threads")};
+}
+
+std::string ExecutableFolder() {
+    char path[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n <= 0) return ".";
+    path[n] = '\0';
+    const std::string exe = path;
+    return exe.substr(0, exe.find_last_of('/'));
+}
+
+// The source path may be relative to the folder it was compiled in (a compiler cache makes it
+// so), which is the folder of this executable.
+std::string RepositoryRoot() {
+    std::string source = __FILE__;
+    if (source[0] != '/') source = ExecutableFolder() + "/" + source;
+    const std::string bench = source.substr(0, source.find_last_of('/'));
+    char resolved[4096];
+    return ::realpath((bench + "/..").c_str(), resolved) ? resolved : bench + "/..";
+}
+
+}  // namespace soak
