@@ -480,8 +480,8 @@ class LidarUtilitiesManager : public QObject {
     // other four, the Heron's version texts, are HeronOperations'. Guarded by fieldsMutex_.
     std::string infoVersion = "xx.xx.xx.xx";
 
-
-    // The connection's short workers (the connect attempt, the configuration-file query): the link's.
+    // The connection's short workers (the connect attempt, the configuration-file query): the
+    // link's.
     void startWorker(std::function<void()> job);
     mutable std::mutex fieldsMutex_;
 
