@@ -25,6 +25,19 @@ const char* kLocalPortFailure =
     "Failed to bind VRC client local port or connection refused. Check the local port is free and "
     "matches lidar ACL (e.g. 42524).";
 
+sim::Fault Silent() {
+    sim::Fault fault;
+    fault.kind = sim::Fault::Kind::kNoReply;
+    return fault;
+}
+
+sim::Fault Refusing(uint8_t status) {
+    sim::Fault fault;
+    fault.kind = sim::Fault::Kind::kStatus;
+    fault.status = status;
+    return fault;
+}
+
 // Holds a listening socket on a loopback port, so that nobody else can bind it.
 class PortHolder {
   public:
@@ -95,10 +108,8 @@ TEST(Connection, RefusedPortAndBadPortTextAreReported) {
 
 TEST(Connection, SilentLidarGivesNoVrcReplyWithLocalPortMessage) {
     auto lidar = StartSimulator("Tern");
-    sim::Fault silent;
-    silent.kind = sim::Fault::Kind::kNoReply;
-    lidar->SetFault(0x07, silent);
-    lidar->SetFault(0x08, silent);
+    lidar->SetFault(0x07, Silent());
+    lidar->SetFault(0x08, Silent());
     ManagerSession s("Tern");
     ASSERT_TRUE(s.m().getEnableVrcClientHostPortUi());
     s.m().setVrcClientHostPort(QString::number(UnusedPort()));
@@ -113,18 +124,13 @@ TEST(Connection, SilentLidarGivesNoVrcReplyWithLocalPortMessage) {
 // sent and the connect fails at once.
 TEST(Connection, ProbeFallsBackToTheSecondCommandOnlyAfterARefusal) {
     auto lidar = StartSimulator("Tern");
-    sim::Fault refused;
-    refused.kind = sim::Fault::Kind::kStatus;
-    refused.status = 5;
-    lidar->SetFault(0x07, refused);
+    lidar->SetFault(0x07, Refusing(5));
     ManagerSession s("Tern");
     ASSERT_TRUE(s.Connect(lidar->Port()));
     EXPECT_EQ(lidar->RequestCount(0x08), 1u);
     s.m().Stop();
 
-    sim::Fault silent;
-    silent.kind = sim::Fault::Kind::kNoReply;
-    lidar->SetFault(0x07, silent);
+    lidar->SetFault(0x07, Silent());
     lidar->ResetCounters();
     EXPECT_FALSE(s.Connect(lidar->Port()));
     EXPECT_TRUE(s.LogHas("Connection Error: Lidar has No VRC reply.|ERROR"));
@@ -176,10 +182,7 @@ TEST(Connection, RestartAndResetSucceedThenStop) {
 
 TEST(Connection, RestartFailureNamesTheReturnCode) {
     auto lidar = StartSimulator("Egret");
-    sim::Fault failing;
-    failing.kind = sim::Fault::Kind::kStatus;
-    failing.status = 5;
-    lidar->SetFault(0x10, failing);
+    lidar->SetFault(0x10, Refusing(5));
     ManagerSession s("Egret");
     ASSERT_TRUE(s.Connect(lidar->Port()));
 
