@@ -44,9 +44,7 @@ constexpr uint8_t kMonitorRead = 0x41;
 constexpr uint8_t kStatusRead = 0x40;
 
 std::string RepositoryRoot() {
-    const std::string source = __FILE__;
-    const std::string bench = source.substr(0, source.find_last_of('/'));
-    return bench.substr(0, bench.find_last_of('/'));
+    return LIDAR_SOURCE_DIR;
 }
 
 int BenchSeconds() {

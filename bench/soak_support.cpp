@@ -44,14 +44,8 @@ std::string ExecutableFolder() {
     return exe.substr(0, exe.find_last_of('/'));
 }
 
-// The source path may be relative to the folder it was compiled in (a compiler cache makes it
-// so), which is the folder of this executable.
 std::string RepositoryRoot() {
-    std::string source = __FILE__;
-    if (source[0] != '/') source = ExecutableFolder() + "/" + source;
-    const std::string bench = source.substr(0, source.find_last_of('/'));
-    char resolved[4096];
-    return ::realpath((bench + "/..").c_str(), resolved) ? resolved : bench + "/..";
+    return LIDAR_SOURCE_DIR;
 }
 
 }  // namespace soak

@@ -29,9 +29,7 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kMiB = 1024 * 1024;
 
 std::string RepositoryRoot() {
-    const std::string source = __FILE__;
-    const std::string bench = source.substr(0, source.find_last_of('/'));
-    return bench.substr(0, bench.find_last_of('/'));
+    return LIDAR_SOURCE_DIR;
 }
 
 double Seconds(Clock::time_point since) {

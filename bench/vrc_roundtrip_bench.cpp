@@ -13,11 +13,8 @@
 
 namespace {
 
-// The repository's Config folder, found from this file's path so the bench runs from anywhere.
 std::string ConfigDir() {
-    const std::string source = __FILE__;
-    const std::string bench = source.substr(0, source.find_last_of('/'));
-    return bench.substr(0, bench.find_last_of('/')) + "/Config";
+    return std::string(LIDAR_SOURCE_DIR) + "/Config";
 }
 
 std::unique_ptr<sim::LidarSimulator> StartSimulator(benchmark::State& state) {
