@@ -59,6 +59,13 @@ TEST(Apply, TwoFieldsOfOneCommandMakeOneRequestAndKeepTheDevicesOtherFields) {
     s.m().SetText(3, kOperation, 0, 1, "0");
     s.m().Run(kOperation);
     EXPECT_EQ(lidar->Block(0x30), (std::vector<uint8_t>{0x04, 0xB0, 0, 0, 0, 0, 0, 0xFD}));
+
+    // An applied edit is not applied again: the lidar's return mode changes behind the manager's
+    // back, and the next apply of the same command, for the spin rate alone, keeps it.
+    lidar->WriteBlock(0x30, {}, 2, {1});
+    s.m().SetText(3, kOperation, 0, 0, "1");
+    s.m().Run(kOperation);
+    EXPECT_EQ(lidar->Block(0x30).at(2), 1) << "the return mode nobody edited this time";
 }
 
 TEST(Apply, NetworkCommandGoesLastWithRestartNoteThenStops) {
