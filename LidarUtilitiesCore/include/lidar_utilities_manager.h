@@ -294,9 +294,6 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE void stopMonitorRecord();
     void writeMonitorRecordHeader(QTextStream& stream);
     void writeMonitorRecordRow(QTextStream& stream);
-    // A row after a reading: the variables read by one of `failedRequests` (read request keys)
-    // are left empty rather than repeating an older value as this reading's.
-    void writeMonitorRecordRow(QTextStream& stream, const std::set<std::string>& failedRequests);
     void monitorAutoRefreshLoop();
     void monitorRecordLoop(QString path, int interval, int duration);
     // The file of the running (or the last) recording, and the rows written to it so far: what

@@ -223,11 +223,6 @@ void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream) {
     monitor_->writeRecordRow(stream, {});
 }
 
-void LidarUtilitiesManager::writeMonitorRecordRow(QTextStream& stream,
-                                                  const std::set<std::string>& failedRequests) {
-    monitor_->writeRecordRow(stream, failedRequests);
-}
-
 QString LidarUtilitiesManager::getMonitorRecordFilePath() const {
     return monitor_->recordFilePath();
 }
