@@ -199,3 +199,30 @@ TEST(OperationLog, AFailingPartOrAMissingTarLeavesTheWorkFolder) {
 }
 
 }  // namespace
+
+// A catalogue without the operation log: the download says what is missing and asks nothing.
+TEST(OperationLog, ACatalogueWithoutItIsToldAndNothingIsAsked) {
+    TempDir root;
+    const std::string source = SourceDir() + "/Config";
+    const std::string config = root.file("Config");
+    const std::string make = "mkdir -p '" + config + "/varID/Egret' && ln -s '" + source +
+                             "/auth_config.csv' '" + source + "/feature_config.csv' '" + config +
+                             "/' && grep -v ',Operation Log,' '" + source +
+                             "/varID/Egret/Egret.csv' > '" + config + "/varID/Egret/Egret.csv'";
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    auto simulator = StartWithLogs(source, 5000);
+    ManagerSession session("Egret", root.path());
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    TempDir folder;
+
+    ASSERT_EQ(session.m().DownloadOperationLog(Url(folder.file("ops"))), 0);
+    ASSERT_TRUE(WaitFor([&] { return session.operationLogsFinished.load() == 1; }, 20000));
+    EXPECT_FALSE(session.lastOperationLogOk.load());
+    EXPECT_TRUE(
+        session.Shown("error: Operation Log download error: Can not find Operation Log name"));
+    EXPECT_TRUE(session.Shown("error: Operation log download failed."));
+    EXPECT_EQ(simulator->RequestCount(0x75), 0u);
+    EXPECT_FALSE(session.m().getIsDownloadLog());
+    EXPECT_FALSE(FileExists(folder.file("ops.tar")));
+    QDir(WorkFolder()).removeRecursively();
+}
