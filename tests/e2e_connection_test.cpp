@@ -13,6 +13,7 @@
 
 #include "e2e_support.h"
 
+using testsupport::EditedCatalogueRoot;
 using testsupport::ManagerSession;
 using testsupport::SpyTexts;
 using testsupport::StartSimulator;
@@ -178,6 +179,25 @@ TEST(Connection, RestartAndResetSucceedThenStop) {
     EXPECT_EQ(s.m().Reset(), 0);
     EXPECT_FALSE(s.m().getIsConnected());
     EXPECT_EQ(lidar->RequestCount(0x25), 1u);
+}
+
+// A catalogue whose Restart and Reset name no command:
+// each is refused with its message, and nothing goes to the lidar.
+TEST(Connection, RestartAndResetWithoutACommandSendNothing) {
+    const EditedCatalogueRoot root(
+        "Egret",
+        "sed -e 's/,restart,Restart,,raw,,,0x10,/,restart,Restart,,raw,,,,/' "
+        "-e 's/,reset,Reset,,raw,,,0x25,/,reset,Reset,,raw,,,,/'");
+    auto lidar = StartSimulator("Egret");
+    ManagerSession s("Egret", root.root());
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+
+    EXPECT_EQ(s.m().Restart(), -1);
+    EXPECT_EQ(s.m().getErrorMessage(), "Can not find restart command");
+    EXPECT_EQ(s.m().Reset(), -1);
+    EXPECT_EQ(s.m().getErrorMessage(), "Can not find reset command");
+    EXPECT_EQ(lidar->RequestCount(0x10) + lidar->RequestCount(0x25), 0u);
+    EXPECT_TRUE(s.m().getIsConnected());
 }
 
 TEST(Connection, RestartFailureNamesTheReturnCode) {

@@ -202,16 +202,9 @@ TEST(OperationLog, AFailingPartOrAMissingTarLeavesTheWorkFolder) {
 
 // A catalogue without the operation log: the download says what is missing and asks nothing.
 TEST(OperationLog, ACatalogueWithoutItIsToldAndNothingIsAsked) {
-    TempDir root;
-    const std::string source = SourceDir() + "/Config";
-    const std::string config = root.file("Config");
-    const std::string make = "mkdir -p '" + config + "/varID/Egret' && ln -s '" + source +
-                             "/auth_config.csv' '" + source + "/feature_config.csv' '" + config +
-                             "/' && grep -v ',Operation Log,' '" + source +
-                             "/varID/Egret/Egret.csv' > '" + config + "/varID/Egret/Egret.csv'";
-    ASSERT_EQ(std::system(make.c_str()), 0);
-    auto simulator = StartWithLogs(source, 5000);
-    ManagerSession session("Egret", root.path());
+    const EditedCatalogueRoot root("Egret", "grep -v ',Operation Log,'");
+    auto simulator = StartWithLogs(SourceDir() + "/Config", 5000);
+    ManagerSession session("Egret", root.root());
     ASSERT_TRUE(session.Connect(simulator->Port()));
     TempDir folder;
 

@@ -92,6 +92,27 @@ class PrivateConfigRoot {
     TempDir root_;
 };
 
+// A root whose ./Config holds the shipped access and feature files and the shipped catalogue of
+// `model` passed through `filter` (a shell command that reads it on standard input, e.g. a sed
+// that takes a command away): the catalogue a test needs to reach a path no shipped one does.
+class EditedCatalogueRoot {
+  public:
+    EditedCatalogueRoot(const std::string& model, const std::string& filter) {
+        const std::string source = SourceDir() + "/Config";
+        const std::string config = root_.file("Config");
+        const std::string folder = config + "/varID/" + model;
+        const std::string make = "mkdir -p '" + folder + "' && ln -s '" + source +
+                                 "/auth_config.csv' '" + source + "/feature_config.csv' '" +
+                                 config + "/' && " + filter + " < '" + source + "/varID/" + model +
+                                 "/" + model + ".csv' > '" + folder + "/" + model + ".csv'";
+        if (std::system(make.c_str()) != 0) ADD_FAILURE() << "could not make " << folder;
+    }
+    const std::string& root() const { return root_.path(); }
+
+  private:
+    TempDir root_;
+};
+
 // Where the catalogue variable `name` sits: the indexes UpgradeLidar and SetText take.
 inline bool FindVarPosition(LidarUtilitiesManager& manager, const std::string& name, int& module,
                             int& page, int& row) {

@@ -62,11 +62,13 @@ TEST(WrenSerial, ConnectsOverBothLinesAndStopReleasesThem) {
     EXPECT_EQ(wren.session.connectedSignals().count(), 0);
 
     ASSERT_TRUE(wren.Connect());
+    EXPECT_EQ(wren.session.connectedSignals().count(), 1);
     EXPECT_TRUE(wren.session.LogHas("Lidar connected|INFO"));
     ASSERT_NE(m.getSerialClient(), nullptr);
     EXPECT_TRUE(m.getSerialClient()->IsOpen());
     m.Stop();
     EXPECT_FALSE(m.getIsConnected());
+    EXPECT_EQ(wren.session.connectedSignals().count(), 2);
     EXPECT_TRUE(wren.session.LogHas("Lidar disconnected|INFO"));
     EXPECT_EQ(m.getSerialClient(), nullptr);
     EXPECT_EQ(m.getRs485Source(), nullptr);
