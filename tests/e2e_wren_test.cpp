@@ -288,6 +288,8 @@ TEST(WrenVrc, SettingsAndReadersWithTheirChecks) {
 
     EXPECT_EQ(m.WrenGetNetConfig(false),
               (QVariantList{"192.168.1.204", "255.255.255.0", "192.168.1.1", "0", "0"}));
+    EXPECT_EQ(m.WrenSetDestinationIPandPort("10.1.2.3", 65535), 1) << "the field's largest port";
+    EXPECT_EQ(m.WrenGetDestinationConfig(false), (QVariantList{"10.1.2.3", "65535"}));
     EXPECT_EQ(m.WrenSetDestinationIPandPort("10.1.2.3", 4000), 1);
     EXPECT_TRUE(session.Shown("success: set destination IP and port successful"));
     EXPECT_EQ(m.WrenGetDestinationConfig(false), (QVariantList{"10.1.2.3", "4000"}));
@@ -347,7 +349,9 @@ TEST(WrenVrc, EveryOperationRefusesWhileNotConnected) {
     EXPECT_EQ(m.WrenSetDestinationIPandPort("10.1.2.3", 4000), 0);
     EXPECT_EQ(m.WrenSetNet("10.9.8.7", "255.255.0.0", "10.9.0.1", 0, 0), 0);
     // The readers refuse quietly when asked to.
+    const size_t shown = session.Messages().size();
     EXPECT_TRUE(m.WrenGetNetConfig(true).isEmpty());
+    EXPECT_EQ(session.Messages().size(), shown);
     EXPECT_TRUE(m.WrenGetDestinationConfig(false).isEmpty());
     const std::vector<std::string> messages = session.Messages();
     EXPECT_EQ(std::count(messages.begin(), messages.end(),
