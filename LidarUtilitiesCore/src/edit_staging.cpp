@@ -454,7 +454,7 @@ void EditStaging::runOverVrc(int page, const FovBounds& fov) {
 
 void EditStaging::runOverSerialLines(int page, const FovBounds& fov) {
     // The VRC-over-serial kind applies as the network kind does, over its VRC client.
-    if (link_.connectionKind() != 1) {
+    if (link_.connectionKind() != kSerialLinesKind) {
         runOverVrc(page, fov);
         return;
     }

@@ -28,11 +28,11 @@ void LidarUtilitiesManager::InitZPModule(QString model) {
 void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     const std::string modelName = model.toStdString();
     if (modelName == Wren_Str)
-        link_->setConnectionKind(1);
+        link_->setConnectionKind(kSerialLinesKind);
     else if (modelName == Wren_VRC_Str || modelName == Heron_VRC_Str)
-        link_->setConnectionKind(2);
+        link_->setConnectionKind(kVrcOverSerialKind);
     else
-        link_->setConnectionKind(0);
+        link_->setConnectionKind(kNetworkKind);
 
     const std::string path = catalogue_->modelConfigPath(model);
     if (!catalogue_->takeConfigPath(path)) return;
@@ -49,7 +49,7 @@ void LidarUtilitiesManager::InitConfigFileParser(QString model) {
 
     monitor_->useLoadedModel();
 
-    if (getConnectType() != 0) {
+    if (getConnectType() != kNetworkKind) {
         catalogue_->buildSerialVarIndexes();
         emit wrenLidarInfoChanged();
     }
