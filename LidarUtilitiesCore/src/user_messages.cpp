@@ -63,14 +63,17 @@ void UserMessages::setSuccess(const QString& text) {
     if (!text.isEmpty()) emit successChanged();
 }
 
+// The texts are handed out as copies of their own, sharing no data with the stored ones: a
+// shared QString would be freed by whichever thread lets go of it last, and the writer's
+// assignment happens inside Qt, out of sight of ThreadSanitizer's view of that order.
 QString UserMessages::error() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return error_;
+    return QString(error_.constData(), error_.size());
 }
 
 QString UserMessages::success() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return success_;
+    return QString(success_.constData(), success_.size());
 }
 
 void UserMessages::deviceBytes(const std::string& line) {
