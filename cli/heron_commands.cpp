@@ -248,6 +248,8 @@ int heronUpgrade(Session& session) {
     QObject context;
     watchHeronUpgrade(manager, context, watch, session.options().verbose);
     const int errorsBefore = session.errorCount();
+    // From before the worker starts: a Ctrl-C as soon as it prints must reach the upgrade.
+    InterruptGuard guard;
     // The outcome is shown by the worker while the bar may still be drawn: it waits for the bar.
     session.holdMessages();
     if (manager.HeronUpgradeLidar(QUrl::fromLocalFile(package.absoluteFilePath())) != 0) {
@@ -256,16 +258,13 @@ int heronUpgrade(Session& session) {
     }
     printDiagnostic("upgrading with " + package.fileName() + " (" +
                     QString::number(package.size()) + " bytes) ...");
-    {
-        InterruptGuard guard;
-        followUpgrade(
-            manager, watch.upgradingChanges,
-            [&watch] { return watch.stage.load() == HeronStage::kSending; },
-            [&watch] { return interruptWarning(watch.stage.load()); });
-        session.releaseMessages();
-        // The worker ends after the restart request and the stop.
-        manager.waitForWorkers();
-    }
+    followUpgrade(
+        manager, watch.upgradingChanges,
+        [&watch] { return watch.stage.load() == HeronStage::kSending; },
+        [&watch] { return interruptWarning(watch.stage.load()); });
+    session.releaseMessages();
+    // The worker ends after the restart request and the stop.
+    manager.waitForWorkers();
     const bool restarted = watch.restarted.load();
     if (!watch.completed.load())
         explainUpgradeFailure(manager, session.errorCount() != errorsBefore);

@@ -11,9 +11,14 @@ void onInterrupt(int) {
     interrupted.store(true);
 }
 
+// Guards are made and ended on the main thread only.
+int guardDepth = 0;
+
 }  // namespace
 
 InterruptGuard::InterruptGuard() {
+    // An inner guard keeps a Ctrl-C that the outer one already caught.
+    if (guardDepth++ > 0) return;
     interrupted.store(false);
     struct sigaction action {};
     action.sa_handler = onInterrupt;
@@ -22,7 +27,7 @@ InterruptGuard::InterruptGuard() {
 }
 
 InterruptGuard::~InterruptGuard() {
-    sigaction(SIGINT, &previous_, nullptr);
+    if (--guardDepth == 0) sigaction(SIGINT, &previous_, nullptr);
 }
 
 }  // namespace cli

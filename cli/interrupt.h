@@ -13,7 +13,8 @@ namespace cli {
 // lock-free atomic is safe for both.
 extern std::atomic<bool> interrupted;
 
-// Installs the handler (and clears the flag) for its lifetime.
+// Installs the handler (and clears the flag) for its lifetime. Guards nest: an inner one changes
+// nothing, so a command can hold one from before its worker starts until the end.
 class InterruptGuard {
   public:
     InterruptGuard();

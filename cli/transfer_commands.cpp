@@ -241,6 +241,9 @@ int runUpgrade(Session& session, const QFileInfo& package, const VarPosition* va
         &manager, &LidarUtilitiesManager::isUpgradingChanged, &context,
         [&upgradingChanges] { ++upgradingChanges; }, Qt::DirectConnection);
     const QUrl url = QUrl::fromLocalFile(package.absoluteFilePath());
+    // From before the worker starts, and over the restart's pause too: a Ctrl-C at any point
+    // must reach the manager, not end lidarutil.
+    InterruptGuard guard;
     // The outcome is shown by the worker while the progress line may still be drawn: it waits.
     session.holdMessages();
     const int started = variable == nullptr ? manager.WrenUpgradeLidar(url)
@@ -257,8 +260,6 @@ int runUpgrade(Session& session, const QFileInfo& package, const VarPosition* va
     }
     printDiagnostic("upgrading with " + package.fileName() + " (" + sizeText(package.size()) +
                     ") ...");
-    // Covers the restart's pause too: a Ctrl-C there must reach the manager, not end lidarutil.
-    InterruptGuard guard;
     followUpgrade(
         manager, upgradingChanges, [] { return true; },
         [] {
