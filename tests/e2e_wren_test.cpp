@@ -64,17 +64,22 @@ TEST(WrenSerial, ConnectsOverBothLinesAndStopReleasesThem) {
     ASSERT_TRUE(wren.Connect());
     EXPECT_EQ(wren.session.connectedSignals().count(), 1);
     EXPECT_TRUE(wren.session.LogHas("Lidar connected|INFO"));
-    ASSERT_NE(m.getSerialClient(), nullptr);
-    EXPECT_TRUE(m.getSerialClient()->IsOpen());
+    // Whoever still holds the client (a query on another thread) keeps it, not the lines.
+    const std::shared_ptr<lidar::SerialClient> held = m.getSerialClient();
+    ASSERT_NE(held, nullptr);
+    EXPECT_TRUE(held->IsOpen());
     m.Stop();
+    EXPECT_FALSE(held->IsOpen());
     EXPECT_FALSE(m.getIsConnected());
     EXPECT_EQ(wren.session.connectedSignals().count(), 2);
     EXPECT_TRUE(wren.session.LogHas("Lidar disconnected|INFO"));
     EXPECT_EQ(m.getSerialClient(), nullptr);
     EXPECT_EQ(m.getRs485Source(), nullptr);
     EXPECT_EQ(m.getUartSource(), nullptr);
-    // The lines are free again: a second connection opens them.
+    // The lines are free again, although the old client is still held: a second connection
+    // opens them (each line is opened exclusively).
     ASSERT_TRUE(wren.Connect());
+    EXPECT_TRUE(m.getSerialClient()->IsOpen());
 }
 
 TEST(WrenSerial, SettingsReadersAndConsoleOverTheSerialLines) {

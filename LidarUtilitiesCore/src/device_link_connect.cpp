@@ -380,11 +380,8 @@ bool DeviceLink::connectSerialLines() {
     std::shared_ptr<lidar::SerialClient> client(
         new lidar::SerialClient(), [rs485, uart](lidar::SerialClient* c) { delete c; });
     client->SetSerial(uart.get(), rs485.get());
-    if (!commitConnection(attempt, kSerialLinesKind, client)) {
-        uart->Close();
-        rs485->Close();
-        return false;
-    }
+    // Not committed: the link has let go of the lines, and they close with the last holder, here.
+    if (!commitConnection(attempt, kSerialLinesKind, client)) return false;
     emit isConnectedChanged();
     return true;
 }
