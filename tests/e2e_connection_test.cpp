@@ -253,10 +253,17 @@ TEST(Connection, VrcOverSerialSetsTheBaudRateWithoutProbing) {
     ManagerSession s("Wren-VRC");
     ASSERT_EQ(s.m().getConnectType(), 2);
     s.m().set_baud_rate("921600");
+    s.m().SetLogBytesFlowStatus(true);
     QSignalSpy wrenInfo(&s.m(), &LidarUtilitiesManager::wrenLidarInfoChanged);
 
     ASSERT_TRUE(s.Connect(lidar->Port()));
     EXPECT_TRUE(s.LogHas("Lidar connected|INFO"));
+    const auto sent = [&s](const std::string& start) {
+        for (const std::string& line : s.LogLines())
+            if (line.rfind(start, 0) == 0) return true;
+        return false;
+    };
+    EXPECT_TRUE(sent("SEND 0xB1")) << "the connect's own bytes flow into the log";
     EXPECT_EQ(lidar->RequestCount(0xB1), 1u);
     EXPECT_EQ(lidar->Block(0xB0), (std::vector<uint8_t>{0x00, 0x0E, 0x10, 0x00}));
     EXPECT_EQ(lidar->RequestCount(0x07), 0u) << "no liveness probe over the serial bridge";
@@ -267,4 +274,11 @@ TEST(Connection, VrcOverSerialSetsTheBaudRateWithoutProbing) {
     EXPECT_FALSE(s.m().getIsConnected());
     EXPECT_EQ(wrenInfo.count(), 1);
     EXPECT_TRUE(s.LogHas("Lidar disconnected|INFO"));
+
+    // A lidar that refuses the rate is still connected, and the client keeps the rate asked for.
+    s.m().set_baud_rate("460800");
+    lidar->SetFault(0xB1, Refusing(5));
+    ASSERT_TRUE(s.Connect(lidar->Port()));
+    EXPECT_EQ(s.m().getAuthorizedClient()->GetSerialBaudRate(), 460800u);
+    s.m().Stop();
 }

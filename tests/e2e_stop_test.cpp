@@ -51,6 +51,7 @@ TEST(Stop, DuringAConnectAttemptLeavesNothingConnected) {
         s.m().setPort(QString::number(lidar->Port()));
         ASSERT_TRUE(s.m().ConnectLidar());
         sleepFor(delayMs);
+        EXPECT_FALSE(s.m().ConnectLidar()) << "one attempt at a time";
 
         EXPECT_LT(timeStop(s.m()), kPrompt);
         EXPECT_FALSE(s.m().isConnecting());
