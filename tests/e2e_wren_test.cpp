@@ -80,6 +80,12 @@ TEST(WrenSerial, ConnectsOverBothLinesAndStopReleasesThem) {
     // opens them (each line is opened exclusively).
     ASSERT_TRUE(wren.Connect());
     EXPECT_TRUE(m.getSerialClient()->IsOpen());
+    // A connect over the live link drops it whole, held client or not, and opens the lines anew.
+    const std::shared_ptr<lidar::SerialClient> live = m.getSerialClient();
+    ASSERT_TRUE(wren.Connect());
+    EXPECT_FALSE(live->IsOpen());
+    EXPECT_NE(m.getSerialClient(), live);
+    EXPECT_TRUE(m.getSerialClient()->IsOpen());
 }
 
 TEST(WrenSerial, SettingsReadersAndConsoleOverTheSerialLines) {
