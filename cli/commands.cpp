@@ -143,12 +143,15 @@ bool hasChoices(const VarView& view) {
 
 // ---- models ----
 
-QString connectionKind(const QString& model) {
-    const std::string name = model.toStdString();
-    if (name == LidarUtilitiesManager::Wren_Str) return "serial";
-    if (name == LidarUtilitiesManager::Wren_VRC_Str || name == LidarUtilitiesManager::Heron_VRC_Str)
-        return "VRC over serial";
-    return "network";
+QString connectionKind(const LidarUtilitiesManager& manager, const QString& model) {
+    switch (manager.connectTypeOfModel(model)) {
+        case 1:
+            return "serial";
+        case 2:
+            return "VRC over serial";
+        default:
+            return "network";
+    }
 }
 
 // ---- show ----
@@ -344,7 +347,7 @@ int commandModels(Session& session) {
     QVector<QStringList> rows;
     QJsonArray models;
     for (const QVariant& name : session.manager().getLidarModelList()) {
-        const QString kind = connectionKind(name.toString());
+        const QString kind = connectionKind(session.manager(), name.toString());
         rows.push_back({name.toString(), kind});
         models.append(QJsonObject{{"name", name.toString()}, {"connection", kind}});
     }
@@ -362,7 +365,8 @@ int commandShow(Session& session) {
         printJson(QJsonDocument(modulesJson(session.options().model, modules, showVariableJson)));
         return kExitOk;
     }
-    printResult(session.options().model + " (" + connectionKind(session.options().model) +
+    printResult(session.options().model + " (" +
+                connectionKind(session.manager(), session.options().model) +
                 "): " + QString::number(modules.size()) + " modules");
     for (const ModuleView& module : modules) {
         printModuleHeading(module, false);

@@ -5,7 +5,11 @@ set -euo pipefail
 packages=(cmake g++ make pkg-config qtbase5-dev libqt5serialport5-dev libcsv-dev googletest
           libgtest-dev libbenchmark-dev tar libcli11-dev zlib1g-dev clang locales
           libgmp-dev libclang-rt-14-dev libqt5charts5-dev fonts-dejavu-core
-          libboost-dev)
+          libboost-dev
+          qtdeclarative5-dev qtquickcontrols2-5-dev qml-module-qtquick2 qml-module-qtquick-window2
+          qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qtquick-layouts
+          qml-module-qtquick-dialogs qml-module-qt-labs-platform qml-module-qtqml-models2
+          qml-module-qtcharts qml-module-qttest xvfb xauth libgl1-mesa-dri)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -98,6 +98,8 @@ class LidarUtilitiesManager : public QObject {
     Q_PROPERTY(QString lidarModelFromLidar READ getLidarModelFromLidar CONSTANT)
     Q_PROPERTY(QVariantList lidarModelList READ getLidarModelList NOTIFY lidarModelListChanged)
     Q_PROPERTY(QString zpNowName READ getZPNowName NOTIFY lidarModelListChanged)
+    // The loaded model (pinned or not), for a front end that offers every model.
+    Q_PROPERTY(QString selectedLidarModel READ getSelectedLidarModel NOTIFY lidarModelChanged)
     Q_PROPERTY(QVariantList myMap READ getMyMap NOTIFY myMapChanged)
     Q_PROPERTY(QVariantList level1List READ level1List NOTIFY lidarModelChanged)
     Q_PROPERTY(QVariantList level2List READ level2List NOTIFY lidarModelChanged)
@@ -157,6 +159,7 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE bool getEnableVrcClientHostPortUi() const;
     std::string getSelectLidarModel() const;
     void setSelectLidarModel(std::string model);
+    Q_INVOKABLE QString getSelectedLidarModel() const;
     Q_INVOKABLE bool getIsConnected() const;
     Q_INVOKABLE int getConnectType() const;
     Q_INVOKABLE bool getIsUpgrading() const;
@@ -206,6 +209,9 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList getLidarModelList();
     Q_INVOKABLE void InitZPModule(QString model);
     Q_INVOKABLE QString getZPNowName() const;
+    // The connection kind (getConnectType's numbers) that loading `model` gives, without loading
+    // it: 0 network, 1 serial lines, 2 VRC over a serial line.
+    Q_INVOKABLE int connectTypeOfModel(QString model) const;
     Q_INVOKABLE void InitConfigFileParser(QString model);
     std::string resolveModelConfigPath(const QString& model) const;
     QString resolveModelDirPath(const QString& model) const;

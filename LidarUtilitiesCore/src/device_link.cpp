@@ -364,6 +364,10 @@ std::string LidarUtilitiesManager::getSelectLidarModel() const {
     return link_->selectedModel();
 }
 
+QString LidarUtilitiesManager::getSelectedLidarModel() const {
+    return QString::fromStdString(link_->selectedModel());
+}
+
 void LidarUtilitiesManager::setSelectLidarModel(std::string model) {
     link_->setSelectedModel(std::move(model));
 }

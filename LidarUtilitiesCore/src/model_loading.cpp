@@ -25,14 +25,16 @@ void LidarUtilitiesManager::InitZPModule(QString model) {
     emit lidarModelListChanged();
 }
 
+int LidarUtilitiesManager::connectTypeOfModel(QString model) const {
+    const std::string modelName = model.toStdString();
+    if (modelName == Wren_Str) return kSerialLinesKind;
+    if (modelName == Wren_VRC_Str || modelName == Heron_VRC_Str) return kVrcOverSerialKind;
+    return kNetworkKind;
+}
+
 void LidarUtilitiesManager::InitConfigFileParser(QString model) {
     const std::string modelName = model.toStdString();
-    if (modelName == Wren_Str)
-        link_->setConnectionKind(kSerialLinesKind);
-    else if (modelName == Wren_VRC_Str || modelName == Heron_VRC_Str)
-        link_->setConnectionKind(kVrcOverSerialKind);
-    else
-        link_->setConnectionKind(kNetworkKind);
+    link_->setConnectionKind(connectTypeOfModel(model));
 
     const std::string path = catalogue_->modelConfigPath(model);
     if (!catalogue_->takeConfigPath(path)) return;

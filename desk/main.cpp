@@ -1,0 +1,78 @@
+// lidar-desk: the window over the manager. `lidar-desk --simulate MODEL` opens it on the embedded
+// simulator of MODEL, connected, so that every view works with no hardware.
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QFileInfo>
+#include <QQmlApplicationEngine>
+#include <QQuickStyle>
+#include <QTemporaryDir>
+#include <QTextStream>
+#include <cstdlib>
+#include <memory>
+
+#include "desk_session.h"
+#include "desk_types.h"
+#include "lidar_utilities_manager.h"
+
+namespace {
+
+int fail(const QString& text) {
+    QTextStream(stderr) << "lidar-desk: " << text << "\n";
+    return 2;
+}
+
+// A simulated run keeps the manager's settings file in a private home, so the simulator's
+// loopback address never replaces the user's saved connection settings.
+std::unique_ptr<QTemporaryDir> isolateSettings() {
+    auto home = std::make_unique<QTemporaryDir>();
+    if (!home->isValid()) return nullptr;
+    setenv("HOME", home->path().toLocal8Bit().constData(), 1);
+    unsetenv("XDG_CONFIG_HOME");
+    return home;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    // Qt Charts draws through the widget module: the application must be a QApplication.
+    QApplication app(argc, argv);
+    QApplication::setApplicationName("lidar-desk");
+    QApplication::setApplicationVersion(LIDAR_VERSION);
+    QQuickStyle::setStyle("Fusion");
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription("The lidar configuration window.");
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption simulate(
+        "simulate", "Open on the embedded simulator of MODEL, connected.", "MODEL");
+    parser.addOption(simulate);
+    parser.process(app);
+
+    if (!QFileInfo("./Config/varID").isDir())
+        return fail("no catalogues here: run it from a folder that has Config/varID");
+
+    std::unique_ptr<QTemporaryDir> privateHome;
+    if (parser.isSet(simulate)) privateHome = isolateSettings();
+
+    LidarUtilitiesManager& manager = *LidarUtilitiesManager::getInstance(0, "");
+    DeskSession session(manager, "./Config");
+    if (parser.isSet(simulate)) {
+        const QString model = parser.value(simulate);
+        if (!session.selectModel(model)) {
+            QStringList names;
+            for (const QVariant& name : manager.getLidarModelList()) names << name.toString();
+            return fail("unknown model '" + model + "'; the models are: " + names.join(", "));
+        }
+        session.setSimulated(true);
+    }
+    registerDeskTypes(manager, session);
+
+    QQmlApplicationEngine engine;
+    engine.load(QUrl("qrc:/qml/Main.qml"));
+    if (engine.rootObjects().isEmpty()) return fail("the window could not be loaded");
+    if (parser.isSet(simulate)) session.connectLidar();
+    const int status = app.exec();
+    return status;
+}

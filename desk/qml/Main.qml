@@ -1,0 +1,102 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import QtQuick.Window 2.15
+import Lidar 1.0
+import "controls"
+import "views"
+
+ApplicationWindow {
+    id: window
+    width: 1280
+    height: 800
+    minimumWidth: 1024
+    minimumHeight: 640
+    visible: true
+    title: "lidar-desk" + (Manager.selectedLidarModel ? " - " + Manager.selectedLidarModel : "")
+
+    // The views in the side navigation; `shown` hides those the model does not have.
+    readonly property bool serialModel: Manager.connectType !== 0
+    readonly property bool hasFieldOfView: Manager.fovList.length > 0
+    readonly property bool hasModelOperations: Manager.selectedLidarModel === "Wren"
+                                               || Manager.selectedLidarModel === "Wren-VRC"
+                                               || Manager.selectedLidarModel === "Heron-VRC"
+    readonly property var views: [
+        { name: "Connect", source: "views/ConnectView.qml", shown: true },
+        { name: "Device", source: "views/DeviceView.qml", shown: true },
+        { name: "Parameters", source: "views/ParametersView.qml", shown: true },
+        { name: "Field of view", source: "views/FieldOfViewView.qml", shown: hasFieldOfView },
+        { name: "Console", source: "views/ConsoleView.qml", shown: true },
+        { name: "Firmware", source: "views/FirmwareView.qml", shown: true },
+        { name: "Logs", source: "views/LogsView.qml", shown: true },
+        { name: "Monitor", source: "views/MonitorView.qml", shown: true },
+        { name: "Model operations", source: "views/ModelOperationsView.qml",
+          shown: hasModelOperations }
+    ]
+    property int currentView: 0
+
+    // Opens the view of that name (tests and the keyboard use it).
+    function showView(name) {
+        for (var i = 0; i < views.length; ++i) {
+            if (views[i].name === name && views[i].shown) {
+                currentView = i
+                return true
+            }
+        }
+        return false
+    }
+    readonly property Item currentViewItem: viewLoader.item
+
+    RowLayout {
+        anchors.fill: parent
+        spacing: 0
+
+        Pane {
+            Layout.fillHeight: true
+            Layout.preferredWidth: 190
+            padding: 0
+            ListView {
+                id: navigation
+                anchors.fill: parent
+                model: window.views
+                currentIndex: window.currentView
+                keyNavigationEnabled: true
+                activeFocusOnTab: true
+                delegate: ItemDelegate {
+                    width: navigation.width
+                    height: modelData.shown ? implicitHeight : 0
+                    visible: modelData.shown
+                    text: modelData.name
+                    highlighted: index === window.currentView
+                    onClicked: window.currentView = index
+                }
+                Keys.onReturnPressed: window.currentView = currentIndex
+            }
+        }
+
+        ColumnLayout {
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            spacing: 0
+
+            Loader {
+                id: viewLoader
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                source: window.views[window.currentView].source
+            }
+            LogPane {
+                Layout.fillWidth: true
+                Layout.preferredHeight: 160
+            }
+            StatusLine {
+                Layout.fillWidth: true
+            }
+        }
+    }
+
+    MessagePopups {
+        objectName: "messagePopups"
+        anchors.fill: parent
+    }
+}

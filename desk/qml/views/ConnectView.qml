@@ -1,0 +1,182 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import Lidar 1.0
+
+// The model, the settings of its connection kind, Connect / Disconnect, Restart and Reset.
+ScrollView {
+    id: view
+    clip: true
+    readonly property bool linkIdle: !Manager.isConnected && !Desk.connecting
+    readonly property var kindNames: ["network", "serial lines", "VRC over a serial line"]
+
+    function kindOf(model) { return kindNames[Manager.connectTypeOfModel(model)] }
+    function serialPortNames() {
+        var names = []
+        var ports = Manager.availableSerialPorts()
+        for (var i = 0; i < ports.length; ++i) names.push(ports[i].systemLocation)
+        return names
+    }
+
+    ColumnLayout {
+        width: view.availableWidth
+        spacing: 12
+
+        GroupBox {
+            title: "Model"
+            Layout.fillWidth: true
+            RowLayout {
+                anchors.fill: parent
+                ComboBox {
+                    id: modelChooser
+                    objectName: "modelChooser"
+                    Layout.preferredWidth: 320
+                    enabled: view.linkIdle
+                    model: Manager.lidarModelList
+                    displayText: currentIndex < 0 ? "choose a model"
+                                                  : currentText + " (" + view.kindOf(currentText) + ")"
+                    delegate: ItemDelegate {
+                        width: modelChooser.width
+                        text: modelData + " (" + view.kindOf(modelData) + ")"
+                        highlighted: modelChooser.highlightedIndex === index
+                    }
+                    currentIndex: Manager.lidarModelList.indexOf(Manager.selectedLidarModel)
+                    onActivated: Desk.selectModel(textAt(index))
+                }
+                CheckBox {
+                    objectName: "simulatedLidar"
+                    text: "Simulated lidar"
+                    enabled: view.linkIdle
+                    checked: Desk.simulated
+                    onToggled: Desk.simulated = checked
+                    ToolTip.visible: hovered
+                    ToolTip.text: "Connect to a simulator of the selected model instead of a lidar"
+                }
+            }
+        }
+
+        GroupBox {
+            title: "Network"
+            visible: Manager.connectType !== 1
+            Layout.fillWidth: true
+            enabled: view.linkIdle && !Desk.simulated
+            GridLayout {
+                columns: 2
+                Label { text: "Address" }
+                TextField {
+                    objectName: "ipAddress"
+                    text: Manager.ipAddress
+                    Layout.preferredWidth: 240
+                    onEditingFinished: Manager.ipAddress = text
+                }
+                Label { text: "VRC port" }
+                TextField {
+                    objectName: "vrcPort"
+                    text: Manager.port
+                    Layout.preferredWidth: 120
+                    validator: IntValidator { bottom: 1; top: 65535 }
+                    onEditingFinished: Manager.port = text
+                }
+                Label { text: "Local port"; visible: Manager.enableVrcClientHostPortUi }
+                TextField {
+                    objectName: "localPort"
+                    visible: Manager.enableVrcClientHostPortUi
+                    text: Manager.vrcClientHostPort
+                    Layout.preferredWidth: 120
+                    onEditingFinished: Manager.vrcClientHostPort = text
+                }
+            }
+        }
+
+        GroupBox {
+            title: "Serial lines"
+            visible: Manager.connectType !== 0
+            Layout.fillWidth: true
+            enabled: view.linkIdle && !Desk.simulated
+            GridLayout {
+                columns: 2
+                Label { text: "RS485"; visible: Manager.connectType === 1 }
+                ComboBox {
+                    objectName: "rs485Device"
+                    visible: Manager.connectType === 1
+                    editable: true
+                    Layout.preferredWidth: 320
+                    model: view.serialPortNames()
+                    editText: Manager.serial_port_485()
+                    onAccepted: Manager.set_serial_port_485(editText)
+                    onActivated: Manager.set_serial_port_485(textAt(index))
+                }
+                Label { text: "UART"; visible: Manager.connectType === 1 }
+                ComboBox {
+                    objectName: "uartDevice"
+                    visible: Manager.connectType === 1
+                    editable: true
+                    Layout.preferredWidth: 320
+                    model: view.serialPortNames()
+                    editText: Manager.serial_port_232()
+                    onAccepted: Manager.set_serial_port_232(editText)
+                    onActivated: Manager.set_serial_port_232(textAt(index))
+                }
+                Label { text: "Baud rate" }
+                TextField {
+                    objectName: "baudRate"
+                    text: Manager.baudRate
+                    Layout.preferredWidth: 120
+                    onEditingFinished: Manager.baudRate = text
+                }
+            }
+        }
+
+        Label {
+            Layout.fillWidth: true
+            wrapMode: Text.Wrap
+            text: "A lidar that asks for authorisation is given the token of the access "
+                  + "configuration (Config/auth_config.csv)."
+            color: "gray"
+        }
+
+        RowLayout {
+            Button {
+                objectName: "connectButton"
+                text: Desk.connecting ? "Connecting..." : "Connect"
+                enabled: view.linkIdle && Manager.selectedLidarModel !== ""
+                onClicked: Desk.connectLidar()
+            }
+            Button {
+                objectName: "disconnectButton"
+                text: "Disconnect"
+                enabled: Manager.isConnected || Desk.connecting
+                onClicked: Desk.disconnectLidar()
+            }
+            Item { width: 24 }
+            Button {
+                text: "Restart"
+                enabled: Manager.isConnected && !Desk.queue.busy
+                onClicked: confirm.ask("Restart", "Restart the lidar? The connection ends.")
+            }
+            Button {
+                text: "Reset"
+                enabled: Manager.isConnected && !Desk.queue.busy
+                onClicked: confirm.ask("Reset",
+                                       "Reset the lidar to its factory settings? The connection ends.")
+            }
+        }
+    }
+
+    Dialog {
+        id: confirm
+        objectName: "confirmDialog"
+        property string operation
+        function ask(name, question) {
+            operation = name
+            questionLabel.text = question
+            open()
+        }
+        anchors.centerIn: Overlay.overlay
+        modal: true
+        title: operation
+        standardButtons: Dialog.Ok | Dialog.Cancel
+        Label { id: questionLabel; wrapMode: Text.Wrap }
+        onAccepted: Desk.queue.call(operation, [])
+    }
+}

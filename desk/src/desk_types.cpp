@@ -1,0 +1,20 @@
+#include "desk_types.h"
+
+#include <QtQml>
+
+#include "desk_session.h"
+#include "device_queue.h"
+#include "lidar_utilities_manager.h"
+
+// The QML files are compiled into this library: their resource must be registered by name.
+static void initDeskResources() {
+    Q_INIT_RESOURCE(desk_qml);
+}
+
+void registerDeskTypes(LidarUtilitiesManager& manager, DeskSession& session) {
+    initDeskResources();
+    qmlRegisterSingletonInstance("Lidar", 1, 0, "Manager", &manager);
+    qmlRegisterSingletonInstance("Lidar", 1, 0, "Desk", &session);
+    qmlRegisterUncreatableType<DeviceQueue>("Lidar", 1, 0, "DeviceQueue",
+                                            "the queue belongs to the session");
+}
