@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QQmlApplicationEngine>
 #include <QQuickStyle>
+#include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTextStream>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include "desk_session.h"
 #include "desk_types.h"
 #include "lidar_utilities_manager.h"
+#include "screenshot_tour.h"
 
 namespace {
 
@@ -48,7 +50,12 @@ int main(int argc, char* argv[]) {
     const QCommandLineOption simulate(
         "simulate", "Open on the embedded simulator of MODEL, connected.", "MODEL");
     parser.addOption(simulate);
+    const QCommandLineOption screenshots(
+        "screenshots", "With --simulate: save every view as a PNG file in DIR, then exit.", "DIR");
+    parser.addOption(screenshots);
     parser.process(app);
+    if (parser.isSet(screenshots) && !parser.isSet(simulate))
+        return fail("--screenshots needs --simulate MODEL");
 
     if (!QFileInfo("./Config/varID").isDir())
         return fail("no catalogues here: run it from a folder that has Config/varID");
@@ -73,6 +80,21 @@ int main(int argc, char* argv[]) {
     engine.load(QUrl("qrc:/qml/Main.qml"));
     if (engine.rootObjects().isEmpty()) return fail("the window could not be loaded");
     if (parser.isSet(simulate)) session.connectLidar();
-    const int status = app.exec();
+    if (!parser.isSet(screenshots)) return app.exec();
+
+    auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().first());
+    if (window == nullptr) return fail("the window could not be loaded");
+    window->resize(1280, 800);
+    ScreenshotTour tour(*window, session, parser.value(screenshots));
+    int status = 0;
+    QObject::connect(&tour, &ScreenshotTour::finished, &app,
+                     [&status, &tour](bool ok, const QString& why) {
+                         for (const QString& path : tour.written())
+                             QTextStream(stdout) << path << "\n";
+                         if (!ok) status = fail("screenshots: " + why);
+                         QApplication::exit(status);
+                     });
+    tour.start();
+    app.exec();
     return status;
 }

@@ -160,6 +160,8 @@ class LidarUtilitiesManager : public QObject {
     std::string getSelectLidarModel() const;
     void setSelectLidarModel(std::string model);
     Q_INVOKABLE QString getSelectedLidarModel() const;
+    // The settings file that a connect writes the connection settings into.
+    Q_INVOKABLE QString connectionSettingsFilePath() const;
     Q_INVOKABLE bool getIsConnected() const;
     Q_INVOKABLE int getConnectType() const;
     Q_INVOKABLE bool getIsUpgrading() const;

@@ -368,6 +368,10 @@ QString LidarUtilitiesManager::getSelectedLidarModel() const {
     return QString::fromStdString(link_->selectedModel());
 }
 
+QString LidarUtilitiesManager::connectionSettingsFilePath() const {
+    return DeviceLink::settingsFilePath();
+}
+
 void LidarUtilitiesManager::setSelectLidarModel(std::string model) {
     link_->setSelectedModel(std::move(model));
 }

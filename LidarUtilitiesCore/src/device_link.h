@@ -33,6 +33,8 @@ class DeviceLink : public QObject, public DeviceLinkView, public PointCloudRateS
     Q_OBJECT
 
   public:
+    // The settings file of the connection settings (under the user's documents).
+    static QString settingsFilePath();
     DeviceLink(ConnectionSteps& steps, const BusyView& busy, UserMessageSink& messages,
                ByteFlowLog& byteFlow);
 
@@ -139,7 +141,6 @@ class DeviceLink : public QObject, public DeviceLinkView, public PointCloudRateS
     bool beginSerialAttempt(uint64_t attempt);
     bool openSerialLines(uint64_t attempt, const std::shared_ptr<lidar::SerialSource>& rs485,
                          const std::shared_ptr<lidar::SerialSource>& uart);
-    static QString settingsFilePath();
     static QString writableSettingsFilePath();
 
     ConnectionSteps& steps_;

@@ -1,7 +1,9 @@
 #include "desk_session.h"
 
 #include <QDesktopServices>
+#include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 #include <QThread>
 
 #include "lidar_utilities_manager.h"
@@ -10,6 +12,34 @@ namespace {
 
 // How often the queue's connect job looks whether the attempt has ended.
 constexpr int kConnectPollMs = 10;
+
+// Puts a file back as it was (or removes it, when it did not exist) at the end of a scope; an
+// empty path keeps nothing.
+class FileSnapshot {
+  public:
+    explicit FileSnapshot(QString path) : path_(std::move(path)) {
+        if (path_.isEmpty()) return;
+        QFile file(path_);
+        existed_ = file.open(QIODevice::ReadOnly);
+        if (existed_) bytes_ = file.readAll();
+    }
+    ~FileSnapshot() {
+        if (path_.isEmpty()) return;
+        if (!existed_) {
+            QFile::remove(path_);
+            return;
+        }
+        QSaveFile file(path_);
+        if (file.open(QIODevice::WriteOnly) && file.write(bytes_) == bytes_.size()) file.commit();
+    }
+    FileSnapshot(const FileSnapshot&) = delete;
+    FileSnapshot& operator=(const FileSnapshot&) = delete;
+
+  private:
+    QString path_;
+    bool existed_ = false;
+    QByteArray bytes_;
+};
 
 }  // namespace
 
@@ -32,8 +62,25 @@ DeskSession::~DeskSession() {
 void DeskSession::setSimulated(bool on) {
     if (on == simulated_) return;
     simulated_ = on;
-    if (!on) simulator_.stop();
+    if (on) {
+        userSettings_ = currentLinkSettings();
+    } else {
+        simulator_.stop();
+        restoreLinkSettings(userSettings_);
+    }
     emit simulatedChanged();
+}
+
+DeskSession::LinkSettings DeskSession::currentLinkSettings() const {
+    return {manager_.getIpAddress(), manager_.getPort(), manager_.serial_port_485(),
+            manager_.serial_port_232()};
+}
+
+void DeskSession::restoreLinkSettings(const LinkSettings& settings) {
+    manager_.setIpAddress(settings.address);
+    manager_.setPort(settings.port);
+    manager_.set_serial_port_485(settings.rs485);
+    manager_.set_serial_port_232(settings.uart);
 }
 
 bool DeskSession::serialModel(const QString& model) const {
@@ -76,7 +123,11 @@ void DeskSession::connectLidar() {
     if (simulated_ && !startSimulator()) return;
     setConnecting(true);
     LidarUtilitiesManager* manager = &manager_;
-    queue_.post("connecting", [this, manager] {
+    const QString keptFile = simulated_ ? manager_.connectionSettingsFilePath() : QString();
+    queue_.post("connecting", [this, manager, keptFile] {
+        // A connect saves the connection settings: the simulator's loopback address must not
+        // replace the user's saved ones.
+        const FileSnapshot kept(keptFile);
         const bool started = manager->ConnectLidar();
         // The attempt ends connected, failed (its message is shown) or stopped.
         while (started && manager->isConnecting()) QThread::msleep(kConnectPollMs);

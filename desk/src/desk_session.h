@@ -56,6 +56,12 @@ class DeskSession : public QObject {
     void connectingChanged();
 
   private:
+    // The user's own connection settings, kept while the simulator's replace them.
+    struct LinkSettings {
+        QString address, port, rs485, uart;
+    };
+    LinkSettings currentLinkSettings() const;
+    void restoreLinkSettings(const LinkSettings& settings);
     bool serialModel(const QString& model) const;
     bool startSimulator();
     void setConnecting(bool on);
@@ -66,4 +72,5 @@ class DeskSession : public QObject {
     EmbeddedSimulator simulator_;
     bool simulated_ = false;
     bool connecting_ = false;
+    LinkSettings userSettings_;
 };

@@ -12,7 +12,8 @@ TestCase {
     height: 800
 
     property var window: null
-    readonly property var popups: window ? named("messagePopups") : null
+    // The pop-up messages (errorText, successText), found once the window is open.
+    property var popups: null
 
     // The item of that objectName inside `item` (default: the window), or null.
     function named(name, item) {
@@ -48,7 +49,15 @@ TestCase {
         compare(component.status, Component.Ready, component.errorString())
         window = component.createObject(null)
         verify(window)
+        popups = named("messagePopups")
+        verify(popups)
         waitForRendering(window.contentItem)
+    }
+    // Waits until the queue is empty and the manager's signals of its last operation, queued
+    // onto this thread, have been delivered.
+    function idle() {
+        tryVerify(function() { return !Desk.queue.busy }, 10000)
+        wait(0)
     }
     function cleanup() {
         Desk.disconnectLidar()

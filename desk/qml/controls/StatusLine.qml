@@ -7,9 +7,26 @@ import Lidar 1.0
 Pane {
     id: line
     padding: 6
-    readonly property string address: Manager.connectType === 1
-        ? "RS485 " + Manager.serial_port_485() + ", UART " + Manager.serial_port_232()
-        : Manager.ipAddress + ":" + Manager.port
+    // The manager announces its address settings only when a model loads: read again whenever
+    // the link may have changed.
+    property string address: ""
+    function readAddress() {
+        address = Manager.connectType === 1
+            ? "RS485 " + Manager.serial_port_485() + ", UART " + Manager.serial_port_232()
+            : Manager.getIpAddress() + ":" + Manager.getPort()
+    }
+    Component.onCompleted: readAddress()
+    Connections {
+        target: Manager
+        function onIsConnectedChanged() { line.readAddress() }
+        function onInitInfoChanged() { line.readAddress() }
+        function onConnectTypeChanged() { line.readAddress() }
+    }
+    Connections {
+        target: Desk
+        function onConnectingChanged() { line.readAddress() }
+        function onSimulatedChanged() { line.readAddress() }
+    }
     readonly property var busyWith: {
         var busy = []
         if (Desk.connecting) busy.push("connecting")
@@ -28,16 +45,15 @@ Pane {
             color: Manager.isConnected ? "darkgreen" : "firebrick"
         }
         Label { text: Manager.selectedLidarModel || "no model" }
-        Label { text: line.address + (Desk.simulated ? " (simulated)" : "") }
-        Item { Layout.fillWidth: true }
-        BusyIndicator {
-            running: line.busyWith.length > 0
-            implicitHeight: 20
-            implicitWidth: 20
+        Label {
+            objectName: "linkAddress"
+            text: line.address + (Desk.simulated ? " (simulated)" : "")
         }
+        Item { Layout.fillWidth: true }
         Label {
             objectName: "busyWith"
-            text: line.busyWith.join(", ")
+            text: line.busyWith.length > 0 ? "busy: " + line.busyWith.join(", ") : ""
+            font.italic: true
         }
     }
 }
