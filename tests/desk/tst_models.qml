@@ -141,6 +141,10 @@ WindowTestCase {
         openView("Model operations")
         idle()
         var angular = named("imuAngularRange")
+        // The lists show the ranges the lidar reports (its codes at bytes 3 and 4 of 0x30).
+        compare(angular.currentIndex, [0, 1, 2, 3, 4, 8].indexOf(parseInt(blockBytes(0x30)[3], 16)))
+        verify(angular.currentIndex > 0)
+        compare(named("imuAccelerationRange").currentIndex, parseInt(blockBytes(0x30)[4], 16))
         compare(angular.count, 6)
         compare(angular.textAt(5), "4000 dps")
         angular.currentIndex = 5

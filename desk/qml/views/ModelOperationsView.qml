@@ -21,6 +21,9 @@ ScrollView {
     // The confirmation asked before an operation that ends the connection.
     readonly property alias confirmDialog: confirm
 
+    // The IMU range codes the lidar takes, by the index the lists offer.
+    readonly property var angularCodes: [0, 1, 2, 3, 4, 8]
+    readonly property var accelerationCodes: [0, 1, 2, 3]
     // What the readers last returned, by the ticket the queue gave their call.
     readonly property var pending: ({})
     property var safety: []
@@ -70,6 +73,20 @@ ScrollView {
         var mode = catalogueVariable("Return Mode")
         if (mode && (mode.current_val === "0" || mode.current_val === "1"))
             returnMode.currentIndex = Number(mode.current_val)
+    }
+    // The IMU ranges the lidar last reported, as indexes of the code lists.
+    function showReportedImuRanges() {
+        var angular = catalogueVariable("IMU Angular Range")
+        var index = angular ? angularCodes.indexOf(Number(angular.current_val)) : -1
+        if (angular && angular.current_val !== "" && index >= 0) angularRange.currentIndex = index
+        var acceleration = catalogueVariable("IMU Acceleration Range")
+        index = acceleration ? accelerationCodes.indexOf(Number(acceleration.current_val)) : -1
+        if (acceleration && acceleration.current_val !== "" && index >= 0)
+            accelerationRange.currentIndex = index
+    }
+    function readImuRanges() {
+        var module = moduleOf("IMU Angular Range")
+        if (module >= 0) callThen("readModule", [module], function() { showReportedImuRanges() })
     }
     function readModes() {
         var module = moduleOf("Standby")
@@ -171,7 +188,10 @@ ScrollView {
     function readOnOpen() {
         if (!Manager.isConnected) return
         if (wren) readModes()
-        if (heron) readHeronVersions()
+        if (heron) {
+            readHeronVersions()
+            readImuRanges()
+        }
         if (wrenOverVrc) {
             readDestination(true)
             readNetwork(true)
@@ -433,7 +453,7 @@ ScrollView {
                     id: angularRange
                     objectName: "imuAngularRange"
                     Layout.preferredWidth: 150
-                    model: view.heron ? view.optionTexts("IMU Angular Range", [0, 1, 2, 3, 4, 8],
+                    model: view.heron ? view.optionTexts("IMU Angular Range", view.angularCodes,
                                                          ["125 dps", "250 dps", "500 dps",
                                                           "1000 dps", "2000 dps", "4000 dps"])
                                       : []
@@ -443,7 +463,8 @@ ScrollView {
                     id: accelerationRange
                     objectName: "imuAccelerationRange"
                     Layout.preferredWidth: 150
-                    model: view.heron ? view.optionTexts("IMU Acceleration Range", [0, 1, 2, 3],
+                    model: view.heron ? view.optionTexts("IMU Acceleration Range",
+                                                         view.accelerationCodes,
                                                          ["2 g", "4 g", "8 g", "16 g"])
                                       : []
                 }
