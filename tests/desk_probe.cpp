@@ -3,6 +3,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <algorithm>
+#include <vector>
 
 #include "desk_session.h"
 
@@ -52,13 +54,68 @@ void DeskProbe::clearFaults() {
 }
 
 QVariantMap DeskProbe::serialState() const {
-    const sim::SerialLidarSimulator* lidar = session_.simulator().serial();
-    if (lidar == nullptr) return {};
-    const sim::SerialState state = lidar->GetState();
+    sim::SerialState state;
+    if (const sim::SerialLidarSimulator* lidar = session_.simulator().serial())
+        state = lidar->GetState();
+    else if (const sim::LidarSimulator* network = session_.simulator().network())
+        state = network->GetSerialState();
+    else
+        return {};
     return {{"standby", state.standby},
             {"spinRate", state.spinRate},
             {"returnMode", state.returnMode},
             {"faultState", state.faultState}};
+}
+
+bool DeskProbe::setFaultState(int state, const QVariantList& codes) {
+    std::vector<uint16_t> faultCodes;
+    for (const QVariant& code : codes) faultCodes.push_back(static_cast<uint16_t>(code.toUInt()));
+    const auto stateByte = static_cast<uint8_t>(state);
+    if (sim::SerialLidarSimulator* lidar = session_.simulator().serial()) {
+        lidar->SetFaultState(stateByte, faultCodes);
+        return true;
+    }
+    if (sim::LidarSimulator* lidar = session_.simulator().network()) {
+        lidar->SetSerialFaultState(stateByte, faultCodes);
+        return true;
+    }
+    return false;
+}
+
+namespace {
+
+std::vector<uint8_t> bytesOfHex(const QString& hex) {
+    const QByteArray bytes = QByteArray::fromHex(hex.toLatin1());
+    return std::vector<uint8_t>(bytes.begin(), bytes.end());
+}
+
+}  // namespace
+
+QString DeskProbe::blockText(int command, const QString& payloadHex, int offset, int length) const {
+    const auto code = static_cast<uint8_t>(command);
+    std::vector<uint8_t> block;
+    if (const sim::LidarSimulator* lidar = session_.simulator().network())
+        block = lidar->Block(code, bytesOfHex(payloadHex));
+    else if (const sim::SerialLidarSimulator* lidar = session_.simulator().serial())
+        block = lidar->Block(code, bytesOfHex(payloadHex));
+    QByteArray text;
+    for (int i = offset; i < offset + length && i < static_cast<int>(block.size()); ++i) {
+        if (block[i] == 0) break;
+        text.append(static_cast<char>(block[i]));
+    }
+    return QString::fromLatin1(text);
+}
+
+bool DeskProbe::writeBlockText(int command, const QString& payloadHex, int offset, int length,
+                               const QString& text) {
+    sim::LidarSimulator* lidar = session_.simulator().network();
+    const QByteArray bytes = text.toLatin1();
+    if (lidar == nullptr || bytes.size() > length) return false;
+    std::vector<uint8_t> padded(static_cast<size_t>(length), 0);
+    std::copy(bytes.begin(), bytes.end(), padded.begin());
+    lidar->WriteBlock(static_cast<uint8_t>(command), bytesOfHex(payloadHex),
+                      static_cast<size_t>(offset), padded);
+    return true;
 }
 
 QString DeskProbe::writeFile(const QString& name, int size) const {

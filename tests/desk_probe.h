@@ -6,6 +6,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QVariantList>
 #include <QVariantMap>
 
 class DeskSession;
@@ -24,8 +25,19 @@ class DeskProbe : public QObject {
     // is not one.
     Q_INVOKABLE bool setFault(int command, const QString& fault);
     Q_INVOKABLE void clearFaults();
-    // The serial simulator's settings (standby, spinRate, returnMode, ...).
+    // The Wren's serial-side settings (standby, spinRate, returnMode, ...), whether the
+    // simulator serves its serial lines or VRC over a serial line.
     Q_INVOKABLE QVariantMap serialState() const;
+    // The function-safety state the simulated Wren reports from now on, and its fault codes.
+    Q_INVOKABLE bool setFaultState(int state, const QVariantList& codes);
+    // The text a get block holds at `offset` (up to `length` bytes, cut at the first NUL), for
+    // the request payload `payloadHex` ("" or "01"); either kind of simulator.
+    Q_INVOKABLE QString blockText(int command, const QString& payloadHex, int offset,
+                                  int length) const;
+    // Writes `text` (NUL-padded to `length`) into a network simulator's get block; false when
+    // none runs or the text is longer.
+    Q_INVOKABLE bool writeBlockText(int command, const QString& payloadHex, int offset, int length,
+                                    const QString& text);
 
     // The test's own folder, and files in it.
     Q_INVOKABLE QString folder() const { return folder_; }

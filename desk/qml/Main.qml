@@ -17,7 +17,18 @@ ApplicationWindow {
 
     // The views in the side navigation; `shown` hides those the model does not have.
     readonly property bool serialModel: Manager.connectType !== 0
-    readonly property bool hasFieldOfView: Manager.fovList.length > 0
+    // The manager's table always holds ten bounds: a model has the view when its catalogue
+    // reads the table (0x23). The argument makes the binding follow a change of model.
+    readonly property bool hasFieldOfView: catalogueReads("0x23", Manager.selectedLidarModel)
+    function catalogueReads(command, model) {
+        if (model === "") return false
+        var map = Manager.catalogueVariableMap()
+        for (var m = 0; m < map.length; ++m)
+            for (var p = 0; p < map[m].length; ++p)
+                for (var v = 0; v < map[m][p].length; ++v)
+                    if (map[m][p][v].get_cmd === command) return true
+        return false
+    }
     readonly property bool hasModelOperations: Manager.selectedLidarModel === "Wren"
                                                || Manager.selectedLidarModel === "Wren-VRC"
                                                || Manager.selectedLidarModel === "Heron-VRC"
