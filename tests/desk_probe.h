@@ -27,6 +27,11 @@ class DeskProbe : public QObject {
     // The serial simulator's settings (standby, spinRate, returnMode, ...).
     Q_INVOKABLE QVariantMap serialState() const;
 
+    // Keys as a person types them, delivered to `item` itself (a field, a list): the test
+    // case's own key functions reach only its own window, not the window under test.
+    Q_INVOKABLE void typeText(QObject* item, const QString& text) const;
+    Q_INVOKABLE void pressKey(QObject* item, int key) const;
+
     // The test's own folder, and files in it.
     Q_INVOKABLE QString folder() const { return folder_; }
     Q_INVOKABLE QString writeFile(const QString& name, int size) const;
