@@ -17,7 +17,8 @@ using testsupport::TempDir;
 
 // One page. Tree rows: 0 a hidden selection, 1 a number with limits -5..5, 2 a port 1..65535,
 // 3 a scaled int32 without limits, 4 a device operation, 5 a read-only value, 6 a row linked
-// to row 0, 7 a value the lidar only reports. Module 1 holds a float with limits.
+// to row 0, 7 a value the lidar only reports, 8 a writable row linked to the read-only row 5.
+// Module 1 holds a float with limits and a number whose lower limit is 0.
 const char* const kCatalogue =
     "module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,"
     "type,options,switch_var,permission,hidden,scale,min_val,max_val\n"
@@ -29,7 +30,9 @@ const char* const kCatalogue =
     "Setup,Scan,count,Count,uint8,0x23,0x22,0,0,1,0,,,0,0,1,0,0\n"
     "Setup,Scan,link,Link,uint8,,,0,0,0,2,,flag,1,0,1,0,0\n"
     "Setup,Scan,status,Status,uint8,0x40,,0,0,1,0,,,0,0,1,0,0\n"
-    "Tuning,Gains,gain,Gain,float32,0x50,0x51,0,0,4,0,,,1,0,1,1,10\n";
+    "Setup,Scan,lockedLink,Locked Link,uint8,,,0,0,0,2,0|1,count,1,0,1,0,0\n"
+    "Tuning,Gains,gain,Gain,float32,0x50,0x51,0,0,4,0,,,1,0,1,1,10\n"
+    "Tuning,Gains,level,Level,uint8,0x50,0x51,4,4,1,0,,,1,0,1,0,100\n";
 
 class TextCheckTest : public ::testing::Test {
   protected:
@@ -94,6 +97,8 @@ TEST_F(TextCheckTest, RefusesValuesOutsideTheCatalogueLimits) {
     // A float keeps its fraction, so 10.01 is beyond a limit of 10.
     EXPECT_EQ(manager_.checkVariableText(1, 0, 0, "10.01").toStdString(), "Gain must be 1 to 10");
     EXPECT_EQ(manager_.checkVariableText(1, 0, 0, "10").toStdString(), "");
+    // A limit of 0 turns the check off, as designed: only the type's range holds.
+    EXPECT_EQ(manager_.checkVariableText(1, 0, 1, "150").toStdString(), "");
 }
 
 TEST_F(TextCheckTest, TellsTheLimitsItHoldsARowTo) {
@@ -101,15 +106,18 @@ TEST_F(TextCheckTest, TellsTheLimitsItHoldsARowTo) {
     EXPECT_EQ(manager_.variableLimits(0, 0, 2).toStdString(), "1 to 65535");
     EXPECT_EQ(manager_.variableLimits(1, 0, 0).toStdString(), "1 to 10");
     EXPECT_EQ(manager_.variableLimits(0, 0, 3).toStdString(), "");  // no limits
+    EXPECT_EQ(manager_.variableLimits(1, 0, 1).toStdString(), "");  // a limit of 0
     EXPECT_EQ(manager_.variableLimits(0, 0, 6).toStdString(), "");  // its target has none
-    EXPECT_EQ(manager_.variableLimits(0, 0, 9).toStdString(), "");
+    EXPECT_EQ(manager_.variableLimits(0, 0, 10).toStdString(), "");
 }
 
 TEST_F(TextCheckTest, RefusesRowsThatAreNoSetting) {
     EXPECT_EQ(check(4, "01"), "Restart is a device operation, not a setting");
     EXPECT_EQ(check(5, "1"), "Count is read-only: the lidar reports it, it is not a setting");
     EXPECT_EQ(check(7, "1"), "Status cannot be written");
-    EXPECT_EQ(check(8, "1"), "no variable at module 0, page 0, row 8");
+    // Either side read-only is enough.
+    EXPECT_EQ(check(8, "1"), "Locked Link is read-only: the lidar reports it, it is not a setting");
+    EXPECT_EQ(check(9, "1"), "no variable at module 0, page 0, row 9");
     EXPECT_EQ(manager_.checkVariableText(2, 0, 0, "1").toStdString(),
               "no variable at module 2, page 0, row 0");
 }
@@ -126,7 +134,8 @@ TEST_F(TextCheckTest, ShownRowsMapToTheirPlaceInTheTree) {
     EXPECT_EQ(manager_.catalogueRow(0, 0, 0), 1);  // the hidden row 0 is not shown
     EXPECT_EQ(manager_.catalogueRow(0, 0, 5), 6);
     EXPECT_EQ(manager_.catalogueRow(0, 0, 6), 7);
-    EXPECT_EQ(manager_.catalogueRow(0, 0, 7), -1);
+    EXPECT_EQ(manager_.catalogueRow(0, 0, 7), 8);
+    EXPECT_EQ(manager_.catalogueRow(0, 0, 8), -1);
     EXPECT_EQ(manager_.catalogueRow(0, 0, -1), -1);
     EXPECT_EQ(manager_.catalogueRow(1, 0, 0), 0);
     EXPECT_EQ(manager_.catalogueRow(0, 1, 0), -1);
