@@ -205,6 +205,17 @@ WindowTestCase {
         tryVerify(function() { return !Desk.queue.busy }, 10000)
     }
 
+    // The serial models read their pages through the same view (VRC over a serial line here).
+    function test_aSerialModelShowsItsValues() {
+        connectSimulated("Wren-VRC")
+        var view = openView("Parameters")
+        tryVerify(function() {
+            var shown = row(view, "Serial Number")
+            return shown !== null && named("value", shown).text !== ""
+        }, 10000, "the serial lidar's first module was read")
+        verify(named("readOnlyField", row(view, "Serial Number")), "a value the lidar reports")
+    }
+
     function test_aModelChangeWithEditsWaitingAsksFirst() {
         var view = openModule("Operation", "Spin Rate")
         chooseAnotherOption(named("optionField", row(view, "Spin Rate")))
