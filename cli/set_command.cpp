@@ -69,36 +69,6 @@ namespace {
 const std::string kNetworkSetCmd = "0x21";
 const std::string kFovSetCmd = "0x22";
 
-// Empty when the value can be encoded for the variable; the reason otherwise.
-QString encodingProblem(const VarInfo& var, const QString& value) {
-    const QString name = qs(var.var_name);
-    // Write-only raw commands (restart, reset, upgrade) are device operations, not settings.
-    if (var.var_type == "raw") return name + " is a device operation, not a setting";
-    std::unique_ptr<StrParser> parser = parserForVarType(var.var_type);
-    if (!parser) return name + ": values of type " + qs(var.var_type) + " cannot be written";
-    try {
-        parser->parse(value.toStdString(), var.scale);
-    } catch (const std::exception& e) {
-        const QString refusal = name + ": '" + value + "' is not accepted (" + e.what() + ")";
-        const std::string range = typeRangeIfOutside(var.var_type, value.toStdString(), var.scale);
-        if (range.empty()) return refusal;
-        return refusal + "; it is beyond what a " + qs(var.var_type) + " holds: " + qs(range);
-    }
-    // The manager's writer truncates a fraction toward zero, as designed; a person who types
-    // 1.5 for a port made a mistake, so lidarutil refuses it rather than write 1.
-    const std::string step = stepIfFractionCut(var.var_type, value.toStdString(), var.scale);
-    if (step.empty()) return QString();
-    const QString kept =
-        step == "1" ? QString("whole numbers") : "whole steps of " + qs(step) + " (its scale)";
-    return name + ": '" + value + "' has a fraction; a " + qs(var.var_type) + " holds " + kept +
-           " and would be written cut toward zero";
-}
-
-// "1 to 4094": the catalogue's limits of a variable.
-QString limitsOf(const VarInfo& var) {
-    return QString::number(var.min_val) + " to " + QString::number(var.max_val);
-}
-
 // One NAME=VALUE of the command line, resolved against the catalogue.
 struct Edit {
     QString requested;
@@ -159,11 +129,9 @@ class SetCommand {
         edit.row = session_.findVariable(name);
         if (edit.row == nullptr) return hiddenVariableProblem(name);
         VarInfo* var = edit.row->var;
-        edit.target = var->type == 2 ? var->switch_var : var;
-        if (edit.target == nullptr || edit.target->set_cmd.empty())
-            return qs(var->var_name) + " cannot be written";
-        if (var->permission == 0 || edit.target->permission == 0)
-            return qs(var->var_name) + " is read-only: the lidar reports it, it is not a setting";
+        if (QString problem = LidarUtilitiesManager::writeProblem(*var); !problem.isEmpty())
+            return problem;
+        edit.target = LidarUtilitiesManager::writtenVariable(*var);
         edit.targetRow = session_.positionOf(edit.target);
         if (isFovBound(*edit.target))
             return qs(var->var_name) + " is a field-of-view bound: use lidarutil fov";
@@ -178,7 +146,8 @@ class SetCommand {
         } else {
             edit.expected = edit.stagedText = edit.requested;
         }
-        return encodingProblem(*edit.target, edit.expected);
+        // The catalogue's limits come later, after the module check has had its say.
+        return LidarUtilitiesManager::encodingProblem(*edit.target, edit.expected);
     }
 
     // A name the catalogue keeps hidden: the shown variable that writes it, when there is one.
@@ -255,11 +224,12 @@ class SetCommand {
             withinLimits = manager_.CheckModuleVarsWithinRange(module) && withinLimits;
         QObject::disconnect(&manager_, nullptr, &receiver, nullptr);
         for (const Edit& edit : edits_) {
-            const VarInfo& target = *edit.target;
             // Off, as designed, when either limit is 0; the module check covers those.
-            if (manager_.CheckVarIsWithinRange(qs(target.var_id), "var_id")) continue;
+            const QString problem =
+                LidarUtilitiesManager::limitsProblem(*edit.target, edit.expected);
+            if (problem.isEmpty()) continue;
             withinLimits = false;
-            printDiagnostic("lidarutil: " + qs(target.var_name) + " must be " + limitsOf(target));
+            printDiagnostic("lidarutil: " + problem);
         }
         for (const Edit& edit : edits_) {
             if (edit.targetRow == nullptr) continue;
@@ -281,7 +251,8 @@ class SetCommand {
         if (edited || var == nullptr) return;
         const bool bounded = var->min_val != 0 || var->max_val != 0;
         printDiagnostic("lidarutil: the lidar holds " + name + "=" + manager_.currentValueOf(var) +
-                        (bounded ? ", outside its limits " + limitsOf(*var) : QString()) +
+                        (bounded ? ", outside its limits " + LidarUtilitiesManager::limitsText(*var)
+                                 : QString()) +
                         ", and the check refuses the module's edits while it does: correct it "
                         "in the same command ('" +
                         name + "=VALUE')");

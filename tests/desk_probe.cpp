@@ -3,6 +3,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QGuiApplication>
+#include <QKeyEvent>
 #include <algorithm>
 #include <vector>
 
@@ -17,6 +19,26 @@ QString DeskProbe::block(int command) const {
     const std::vector<uint8_t> bytes = lidar->Block(static_cast<uint8_t>(command));
     return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()))
         .toHex(' ');
+}
+
+namespace {
+
+void sendKey(QObject* item, int key, const QString& text) {
+    QKeyEvent press(QEvent::KeyPress, key, Qt::NoModifier, text);
+    QGuiApplication::sendEvent(item, &press);
+    QKeyEvent release(QEvent::KeyRelease, key, Qt::NoModifier, text);
+    QGuiApplication::sendEvent(item, &release);
+}
+
+}  // namespace
+
+void DeskProbe::typeText(QObject* item, const QString& text) const {
+    if (item == nullptr) return;
+    for (const QChar character : text) sendKey(item, character.toUpper().unicode(), character);
+}
+
+void DeskProbe::pressKey(QObject* item, int key) const {
+    if (item != nullptr) sendKey(item, key, QString());
 }
 
 int DeskProbe::requestCount(int command) const {

@@ -39,6 +39,11 @@ class DeskProbe : public QObject {
     Q_INVOKABLE bool writeBlockText(int command, const QString& payloadHex, int offset, int length,
                                     const QString& text);
 
+    // Keys as a person types them, delivered to `item` itself (a field, a list): the test
+    // case's own key functions reach only its own window, not the window under test.
+    Q_INVOKABLE void typeText(QObject* item, const QString& text) const;
+    Q_INVOKABLE void pressKey(QObject* item, int key) const;
+
     // The test's own folder, and files in it.
     Q_INVOKABLE QString folder() const { return folder_; }
     Q_INVOKABLE QString writeFile(const QString& name, int size) const;

@@ -229,6 +229,28 @@ class LidarUtilitiesManager : public QObject {
     // ---- Range checks (value_decoding.cpp) and reply decoding (the page reader's) ----
     Q_INVOKABLE bool CheckVarIsWithinRange(QString key, QString searchType);
     Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
+    // Ours: whether a text would be written as typed, checked without staging it. `row` is the
+    // variable's place in the page tree (hidden rows count); the text is the value the written
+    // variable takes (for a linked switch, its linked variable's). "" when the text would be
+    // written as typed; otherwise why not: not writable, read-only, a device operation, a text
+    // the variable's parser refuses, a fraction the writer would cut, outside the catalogue's
+    // limits ("NAME must be MIN to MAX").
+    Q_INVOKABLE QString checkVariableText(int module, int page, int row, QString text);
+    // The limits that check holds that row's text to ("-5 to 5"); "" when it holds it to none.
+    Q_INVOKABLE QString variableLimits(int module, int page, int row) const;
+    // The parts of that check, for a front end that reports them at different moments.
+    static QString writeProblem(const VarInfo& row);
+    // The variable whose value a row's set command carries: a linked switch row's linked one.
+    static const VarInfo* writtenVariable(const VarInfo& row);
+    static VarInfo* writtenVariable(VarInfo& row);
+    static QString encodingProblem(const VarInfo& var, const QString& value);
+    static QString limitsProblem(const VarInfo& var, const QString& value);
+    // "1 to 4094": the catalogue's limits of a variable.
+    static QString limitsText(const VarInfo& var);
+    // Whether the catalogue's limits are checked for this variable at all.
+    static bool limitsApply(const VarInfo& var);
+    // CheckVarIsWithinRange's verdict on a text instead of the staged value.
+    static bool textWithinLimits(const VarInfo& var, const std::string& text);
     void updateSingleVarFromOutput(VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
                                    std::vector<uint8_t>& value, bool update);
 
@@ -317,6 +339,10 @@ class LidarUtilitiesManager : public QObject {
     static void writeSubCmdIntoInput(std::string text, u8Array_t& out);
     static std::pair<std::string, std::string> getTwoCases(QString name);
     size_t getEditedVarCount() const;
+    // Ours: the set commands that hold staged edits ("0x21" makes the lidar drop the link).
+    Q_INVOKABLE QStringList stagedSetCommands() const;
+    // Ours: whether the row at that place of the page tree holds an edit not applied yet.
+    Q_INVOKABLE bool isEditedRow(int module, int page, int row) const;
     Q_INVOKABLE void Run(int page);
 
     // ---- Channel field of view (field_of_view.cpp) ----
@@ -400,6 +426,10 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QVariantList catalogueLevel2List();
     Q_INVOKABLE QVariantList catalogueVariableMap();
     Q_INVOKABLE bool isTimerVariable(int module, int page, int var) const;
+    // The place in the page tree (what SetText and checkVariableText take) of a page's
+    // `shownRow`-th variable of catalogueVariableMap(), which leaves the hidden ones out; -1
+    // when the page shows fewer.
+    Q_INVOKABLE int catalogueRow(int module, int page, int shownRow) const;
     // Reads one module over the kind's client; getLastModuleReadFailures() tells what failed.
     Q_INVOKABLE void readModule(int module);
     // Applies the staged edits of one level-1 page over the kind's client.

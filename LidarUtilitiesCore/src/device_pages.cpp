@@ -23,6 +23,16 @@ bool LidarUtilitiesManager::isTimerVariable(int module, int page, int var) const
     return catalogue_->timerUpdateAt(module, page, var);
 }
 
+int LidarUtilitiesManager::catalogueRow(int module, int page, int shownRow) const {
+    if (shownRow < 0) return -1;
+    int shown = -1;
+    for (int row = 0;; ++row) {
+        const VarInfo* var = catalogue_->variableAt(module, page, row);
+        if (var == nullptr) return -1;
+        if (!var->hidden && ++shown == shownRow) return row;
+    }
+}
+
 void LidarUtilitiesManager::readModule(int module) {
     if (getConnectType() == kNetworkKind)
         GetLidarModuleInfo(module);

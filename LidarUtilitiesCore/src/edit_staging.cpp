@@ -22,6 +22,7 @@
 #include "developer_log.h"
 #include "field_of_view.h"
 #include "lidar_utilities_manager.h"
+#include "parameter_catalogue.h"
 #include "sdk/serial_client.h"
 #include "sdk/text_fields.h"
 #include "sdk/vrc_client.h"
@@ -388,6 +389,18 @@ size_t EditStaging::editedVarCount() const {
     return editedVarMap_.size();
 }
 
+std::vector<std::string> EditStaging::stagedCommands() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> commands;
+    for (const auto& entry : setMap_) commands.push_back(entry.first);
+    return commands;
+}
+
+bool EditStaging::isEdited(const VarInfo* row) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return editedVarMap_.count(const_cast<VarInfo*>(row)) > 0;
+}
+
 void EditStaging::clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     setMap_.clear();
@@ -515,6 +528,18 @@ unsigned long LidarUtilitiesManager::getSetMapSize() const {
 
 size_t LidarUtilitiesManager::getEditedVarCount() const {
     return staging_->editedVarCount();
+}
+
+QStringList LidarUtilitiesManager::stagedSetCommands() const {
+    QStringList commands;
+    for (const std::string& command : staging_->stagedCommands())
+        commands << QString::fromStdString(command);
+    return commands;
+}
+
+bool LidarUtilitiesManager::isEditedRow(int module, int page, int row) const {
+    const VarInfo* var = catalogue_->variableAt(module, page, row);
+    return var != nullptr && staging_->isEdited(var);
 }
 
 void LidarUtilitiesManager::ClearSetMap() {

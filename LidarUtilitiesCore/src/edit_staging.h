@@ -40,6 +40,10 @@ class EditStaging : public QObject, public EditStagingSink {
     void stageCommand(const std::string& setCmd) override;
     unsigned long stagedCommandCount() const;
     size_t editedVarCount() const;
+    // The set commands that hold staged edits, in the set map's order.
+    std::vector<std::string> stagedCommands() const;
+    // Whether the user edited this row since the last successful apply.
+    bool isEdited(const VarInfo* row) const;
     void clear();
     // clear() now on the owner thread, queued to its event loop from any other.
     void clearOnOwnerThread();

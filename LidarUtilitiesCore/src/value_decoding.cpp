@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 
 #include "developer_log.h"
@@ -331,19 +332,29 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
             key.toStdString());
         return true;
     }
-    if (var->var_type == "string") return true;
-    if (var->min_val == 0 || var->max_val == 0) return true;
-
     std::string staged;
     {
         const auto lock = catalogue_->lockVariables();
         staged = var->current_val;
     }
-    // The staged text is read exactly, as the writer reads it, and compared exactly after the
-    // range scale: a check and an encoding that disagree would let a value past the limits.
+    return textWithinLimits(*var, staged);
+}
+
+namespace {
+
+QString qs(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+}  // namespace
+
+bool LidarUtilitiesManager::textWithinLimits(const VarInfo& var, const std::string& text) {
+    if (!limitsApply(var)) return true;
+    // The text is read exactly, as the writer reads it, and compared exactly after the range
+    // scale: a check and an encoding that disagree would let a value past the limits.
     const LimitCheck verdict =
-        checkDecimalWithinLimits(staged, var->range_scale, var->min_val, var->max_val,
-                                 std::numeric_limits<float>::max(), encodesInteger(var->var_type));
+        checkDecimalWithinLimits(text, var.range_scale, var.min_val, var.max_val,
+                                 std::numeric_limits<float>::max(), encodesInteger(var.var_type));
     if (verdict == LimitCheck::kNotANumber || verdict == LimitCheck::kBeyondConversion) {
         developer_log::writeDeveloperLine(
             std::string("CheckVarIsWithinRange") +
@@ -352,6 +363,79 @@ bool LidarUtilitiesManager::CheckVarIsWithinRange(QString key, QString searchTyp
         return false;
     }
     return verdict == LimitCheck::kWithin;
+}
+
+QString LidarUtilitiesManager::writeProblem(const VarInfo& row) {
+    const QString name = qs(row.var_name);
+    const VarInfo* target = writtenVariable(row);
+    if (target == nullptr || target->set_cmd.empty()) return name + " cannot be written";
+    if (row.permission == 0 || target->permission == 0)
+        return name + " is read-only: the lidar reports it, it is not a setting";
+    return QString();
+}
+
+const VarInfo* LidarUtilitiesManager::writtenVariable(const VarInfo& row) {
+    return row.type == 2 ? row.switch_var : &row;
+}
+
+VarInfo* LidarUtilitiesManager::writtenVariable(VarInfo& row) {
+    return row.type == 2 ? row.switch_var : &row;
+}
+
+QString LidarUtilitiesManager::encodingProblem(const VarInfo& var, const QString& value) {
+    const QString name = qs(var.var_name);
+    // Write-only raw commands (restart, reset, upgrade) are device operations, not settings.
+    if (var.var_type == "raw") return name + " is a device operation, not a setting";
+    std::unique_ptr<StrParser> parser = parserForVarType(var.var_type);
+    if (!parser) return name + ": values of type " + qs(var.var_type) + " cannot be written";
+    try {
+        parser->parse(value.toStdString(), var.scale);
+    } catch (const std::exception& e) {
+        const QString refusal = name + ": '" + value + "' is not accepted (" + e.what() + ")";
+        const std::string range = typeRangeIfOutside(var.var_type, value.toStdString(), var.scale);
+        if (range.empty()) return refusal;
+        return refusal + "; it is beyond what a " + qs(var.var_type) + " holds: " + qs(range);
+    }
+    // The writer truncates a fraction toward zero, as designed; a person who types 1.5 for a
+    // port made a mistake, so the text is refused rather than written as 1.
+    const std::string step = stepIfFractionCut(var.var_type, value.toStdString(), var.scale);
+    if (step.empty()) return QString();
+    const QString kept =
+        step == "1" ? QString("whole numbers") : "whole steps of " + qs(step) + " (its scale)";
+    return name + ": '" + value + "' has a fraction; a " + qs(var.var_type) + " holds " + kept +
+           " and would be written cut toward zero";
+}
+
+QString LidarUtilitiesManager::limitsProblem(const VarInfo& var, const QString& value) {
+    if (textWithinLimits(var, value.toStdString())) return QString();
+    return qs(var.var_name) + " must be " + limitsText(var);
+}
+
+bool LidarUtilitiesManager::limitsApply(const VarInfo& var) {
+    // Texts and variables without both limits are not range-checked, as designed.
+    return var.var_type != "string" && var.min_val != 0 && var.max_val != 0;
+}
+
+QString LidarUtilitiesManager::variableLimits(int module, int page, int row) const {
+    const VarInfo* var = catalogue_->variableAt(module, page, row);
+    const VarInfo* target = var == nullptr ? nullptr : writtenVariable(*var);
+    if (target == nullptr || !limitsApply(*target)) return QString();
+    return limitsText(*target);
+}
+
+QString LidarUtilitiesManager::limitsText(const VarInfo& var) {
+    return QString::number(var.min_val) + " to " + QString::number(var.max_val);
+}
+
+QString LidarUtilitiesManager::checkVariableText(int module, int page, int row, QString text) {
+    const VarInfo* var = catalogue_->variableAt(module, page, row);
+    if (var == nullptr)
+        return "no variable at module " + QString::number(module) + ", page " +
+               QString::number(page) + ", row " + QString::number(row);
+    if (QString problem = writeProblem(*var); !problem.isEmpty()) return problem;
+    const VarInfo& target = *writtenVariable(*var);
+    if (QString problem = encodingProblem(target, text); !problem.isEmpty()) return problem;
+    return limitsProblem(target, text);
 }
 
 bool LidarUtilitiesManager::CheckModuleVarsWithinRange(int module) {

@@ -106,6 +106,21 @@ ApplicationWindow {
         }
     }
 
+    // Closing with edits not applied asks first.
+    property bool closeSettled: false
+    onClosing: function(close) {
+        if (closeSettled) return
+        close.accepted = false
+        closeGuard.whenSettled("close the window", function() {
+            closeSettled = true
+            Qt.callLater(window.close)
+        })
+    }
+    UnappliedEditsDialog {
+        id: closeGuard
+        objectName: "closeGuard"
+    }
+
     MessagePopups {
         objectName: "messagePopups"
         anchors.fill: parent

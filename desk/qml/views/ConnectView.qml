@@ -2,6 +2,7 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import Lidar 1.0
+import "../controls"
 
 // The model, the settings of its connection kind, Connect / Disconnect, Restart and Reset.
 ScrollView {
@@ -9,6 +10,22 @@ ScrollView {
     clip: true
     readonly property bool linkIdle: !Manager.isConnected && !Desk.connecting
     readonly property var kindNames: ["network", "serial lines", "VRC over a serial line"]
+
+    // The model chosen while connected, loaded once the disconnect has let the queue empty.
+    property string modelAfterDisconnect: ""
+    function switchModel(model) {
+        Desk.disconnectLidar()
+        if (Desk.queue.busy) modelAfterDisconnect = model
+        else Desk.selectModel(model)
+    }
+    Connections {
+        target: Desk.queue
+        function onBusyChanged() {
+            if (Desk.queue.busy || view.modelAfterDisconnect === "") return
+            Desk.selectModel(view.modelAfterDisconnect)
+            view.modelAfterDisconnect = ""
+        }
+    }
 
     function kindOf(model) { return kindNames[Manager.connectTypeOfModel(model)] }
     function serialPortNames() {
@@ -31,7 +48,9 @@ ScrollView {
                     id: modelChooser
                     objectName: "modelChooser"
                     Layout.preferredWidth: 320
-                    enabled: view.linkIdle
+                    // While connected, choosing another model disconnects first (asking about
+                    // edits not applied yet).
+                    enabled: !Desk.connecting && !Desk.queue.busy
                     model: Manager.lidarModelList
                     displayText: currentIndex < 0 ? "choose a model"
                                                   : currentText + " (" + view.kindOf(currentText) + ")"
@@ -41,7 +60,20 @@ ScrollView {
                         highlighted: modelChooser.highlightedIndex === index
                     }
                     currentIndex: Manager.lidarModelList.indexOf(Manager.selectedLidarModel)
-                    onActivated: Desk.selectModel(textAt(index))
+                    onActivated: {
+                        var model = textAt(index)
+                        currentIndex = Qt.binding(function() {
+                            return Manager.lidarModelList.indexOf(Manager.selectedLidarModel)
+                        })
+                        if (model === Manager.selectedLidarModel) return
+                        if (!Manager.isConnected) {
+                            Desk.selectModel(model)
+                            return
+                        }
+                        unappliedEdits.whenSettled("disconnect and choose " + model, function() {
+                            view.switchModel(model)
+                        })
+                    }
                 }
                 CheckBox {
                     objectName: "simulatedLidar"
@@ -146,7 +178,7 @@ ScrollView {
                 objectName: "disconnectButton"
                 text: "Disconnect"
                 enabled: Manager.isConnected || Desk.connecting
-                onClicked: Desk.disconnectLidar()
+                onClicked: unappliedEdits.whenSettled("disconnect", Desk.disconnectLidar)
             }
             Item { width: 24 }
             Button {
@@ -162,6 +194,8 @@ ScrollView {
             }
         }
     }
+
+    UnappliedEditsDialog { id: unappliedEdits }
 
     Dialog {
         id: confirm

@@ -1,7 +1,384 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import Lidar 1.0
+import "../controls"
+import "../controls/editedRows.js" as EditedRows
 
-// Built next: see the window's plan in docs/desk.md.
+// The loaded model's variables: modules as tabs, pages as sections, one row per shown variable
+// (name, value, unit, editor). Every read and apply goes through the device queue; edits are
+// staged in the manager at once and sent by Apply. The rows show the manager's map: they are
+// re-read when it announces new values, and updated in place.
 Pane {
-    Label { text: "Parameters" }
+    id: view
+    objectName: "parametersView"
+    padding: 8
+
+    property var variableMap: []
+    property var moduleNames: []
+    property var pageLists: []
+    // Bumped whenever the staging may have changed, so that what is read from it is read again.
+    property int stagingRevision: 0
+    readonly property int stagedCount: { stagingRevision; return Manager.getSetMapSize() }
+    readonly property var editedRows: { stagingRevision; variableMap; return EditedRows.editedRows(Manager) }
+    readonly property int editedModule: editedRows.length > 0 ? editedRows[0].module : -1
+    readonly property int currentModule: tabs.currentIndex
+    readonly property bool linkReady: Manager.isConnected && !Desk.queue.busy
+    property int readTicket: -1
+    property int applyTicket: -1
+    property bool applyDropsConnection: false
+    property string addressAfterApply: ""
+    property var applyOutcomes: []
+
+    function reload() {
+        variableMap = Manager.catalogueVariableMap()
+        moduleNames = Manager.catalogueLevel1List()
+        pageLists = Manager.catalogueLevel2List()
+        stagingRevision++
+    }
+    function moduleName(m) { return m < moduleNames.length ? moduleNames[m] : "Module " + (m + 1) }
+    function pageName(m, p) {
+        var pages = pageLists[m]
+        return pages && pages[p] ? pages[p][0] : ""
+    }
+    // The unit the catalogue appends to a name in the page lists (" (°C)" shows as "°C").
+    function unitOf(m, p, name) {
+        var pages = pageLists[m]
+        var entries = pages && pages[p] ? pages[p] : []
+        for (var i = 1; i < entries.length; ++i) {
+            if (entries[i].indexOf(name) !== 0) continue
+            var suffix = entries[i].substring(name.length).trim()
+            return suffix.replace(/^\((.*)\)$/, "$1")
+        }
+        return ""
+    }
+    // The first variable of the field-of-view command is its mode; the bounds after it are
+    // written as a table by the Field of view view.
+    function isFieldOfViewBound(v) {
+        if (v.set_cmd !== "0x22") return false
+        for (var m = 0; m < variableMap.length; ++m)
+            for (var p = 0; p < variableMap[m].length; ++p)
+                for (var i = 0; i < variableMap[m][p].length; ++i)
+                    if (variableMap[m][p][i].set_cmd === "0x22")
+                        return variableMap[m][p][i].var_id !== v.var_id
+        return false
+    }
+    function shownValue(v) {
+        var value = v.type === 2 ? v.switch_index : v.current_val
+        if (value === undefined) return ""
+        var text = (v.varname_value_to_option || {})[value]
+        return text === undefined || text === "" ? value : value + " (" + text + ")"
+    }
+
+    function readCurrentModule() {
+        if (!Manager.isConnected || currentModule < 0) return
+        // The page timer refreshes the timer variables of the module in use: the one shown.
+        Manager.setModuleIndexUse(currentModule)
+        readTicket = Desk.queue.call("readModule", [currentModule])
+    }
+    function requestApply() {
+        if (EditedRows.dropsConnection(Manager)) {
+            networkDialog.open()
+            return
+        }
+        startApply()
+    }
+    function startApply() {
+        var module = editedModule >= 0 ? editedModule : currentModule
+        applyDropsConnection = EditedRows.dropsConnection(Manager)
+        addressAfterApply = applyDropsConnection ? EditedRows.newAddress(Manager) : ""
+        applyOutcomes = []
+        collectingOutcomes = true
+        applyTicket = Desk.queue.call("applyPage", [module])
+    }
+    function discard() {
+        var module = editedModule
+        Manager.ClearSetMap()
+        stagingRevision++
+        // The edited texts stay in the values until the lidar's are read again.
+        if (module >= 0 && Manager.isConnected) {
+            Manager.setModuleIndexUse(module)
+            readTicket = Desk.queue.call("readModule", [module])
+        }
+    }
+    // The messages from an apply on, until the next edit: what each set command came to.
+    property bool collectingOutcomes: false
+    function noteOutcome(text) {
+        if (!collectingOutcomes || text === "") return
+        applyOutcomes = applyOutcomes.concat([text])
+    }
+
+    onCurrentModuleChanged: readCurrentModule()
+    Component.onCompleted: {
+        reload()
+        readCurrentModule()
+    }
+    Connections {
+        target: Manager
+        function onMyMapChanged() { view.reload() }
+        function onWrenLidarInfoChanged() { view.reload() }
+        // The timer's values are in the catalogue; the map is rebuilt from them on request.
+        function onMyTimerMapChanged() { Manager.UpdateUI() }
+        function onLidarModelChanged() { view.reload() }
+        function onConnectTypeChanged() { view.reload() }
+        function onIsConnectedChanged() {
+            view.reload()
+            if (Manager.isConnected) view.readCurrentModule()
+        }
+        function onSuccessMessageChanged() { view.noteOutcome(Manager.successMessage) }
+        function onErrorMessageChanged() { view.noteOutcome(Manager.errorMessage) }
+    }
+    Connections {
+        target: Desk.queue
+        function onFinished(ticket) {
+            if (ticket === view.readTicket) {
+                view.readTicket = -1
+                view.reload()
+            }
+            if (ticket !== view.applyTicket) return
+            view.applyTicket = -1
+            view.reload()
+            if (view.applyDropsConnection && !Manager.isConnected) {
+                reconnectDialog.open()
+            } else if (Manager.isConnected) {
+                view.readCurrentModule()
+            }
+        }
+    }
+
+    ColumnLayout {
+        anchors.fill: parent
+        spacing: 6
+
+        Label {
+            visible: view.variableMap.length === 0
+            text: Manager.selectedLidarModel === "" ? "Choose a model in Connect."
+                                                    : "Connect to read the lidar's values."
+            color: "gray"
+        }
+
+        TabBar {
+            id: tabs
+            objectName: "moduleTabs"
+            Layout.fillWidth: true
+            Repeater {
+                model: view.variableMap.length
+                TabButton {
+                    objectName: "moduleTab_" + view.moduleName(index)
+                    text: view.moduleName(index)
+                    width: implicitWidth
+                }
+            }
+        }
+
+        RowLayout {
+            Layout.fillWidth: true
+            Label {
+                objectName: "stagedCount"
+                Layout.fillWidth: true
+                text: view.stagedCount === 0 && view.editedRows.length === 0 ? "No edits"
+                      : view.stagedCount + " set command" + (view.stagedCount === 1 ? "" : "s")
+                        + " to send; edited: " + EditedRows.names(view.editedRows)
+            }
+            Button {
+                objectName: "refreshButton"
+                text: "Refresh"
+                enabled: view.linkReady && view.editedModule !== view.currentModule
+                ToolTip.visible: hovered
+                ToolTip.text: view.editedModule === view.currentModule
+                              ? "Apply or discard the edits first: reading replaces them"
+                              : "Read this module from the lidar again"
+                onClicked: view.readCurrentModule()
+            }
+            Button {
+                objectName: "discardButton"
+                text: "Discard"
+                enabled: !Desk.queue.busy && (view.stagedCount > 0 || view.editedRows.length > 0)
+                onClicked: view.discard()
+            }
+            Button {
+                objectName: "applyButton"
+                text: "Apply"
+                highlighted: true
+                enabled: view.linkReady && view.stagedCount > 0
+                onClicked: view.requestApply()
+            }
+        }
+        Label {
+            objectName: "applyOutcome"
+            Layout.fillWidth: true
+            visible: text !== ""
+            wrapMode: Text.Wrap
+            text: view.applyOutcomes.join("\n")
+        }
+        Label {
+            objectName: "otherModuleNote"
+            visible: view.editedModule >= 0 && view.editedModule !== view.currentModule
+            text: "Edits of " + view.moduleName(view.editedModule)
+                  + " wait: apply or discard them before editing this module."
+            color: "darkorange"
+        }
+
+        ScrollView {
+            id: scroller
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            clip: true
+            ColumnLayout {
+                width: scroller.availableWidth
+                Repeater {
+                    model: view.currentModule >= 0 && view.currentModule < view.variableMap.length
+                           ? view.variableMap[view.currentModule].length : 0
+                    delegate: ColumnLayout {
+                        id: pageSection
+                        readonly property int page: index
+                        Layout.fillWidth: true
+                        Label {
+                            text: view.pageName(view.currentModule, pageSection.page)
+                            font.bold: true
+                            topPadding: 8
+                        }
+                        Repeater {
+                            model: view.variableMap[view.currentModule]
+                                   && view.variableMap[view.currentModule][pageSection.page]
+                                   ? view.variableMap[view.currentModule][pageSection.page].length : 0
+                            delegate: Rectangle {
+                                id: rowItem
+                                readonly property int module: view.currentModule
+                                readonly property int treeRow: Manager.catalogueRow(module, pageSection.page, index)
+                                readonly property var variable: view.variableMap[module]
+                                                                && view.variableMap[module][pageSection.page]
+                                                                ? view.variableMap[module][pageSection.page][index] || ({})
+                                                                : ({})
+                                readonly property bool edited: { view.stagingRevision
+                                    return Manager.isEditedRow(module, pageSection.page, treeRow) }
+                                objectName: "row_" + (variable.var_name || "")
+                                Layout.fillWidth: true
+                                implicitHeight: rowLayout.implicitHeight + 6
+                                color: edited ? "#fff8e1" : "transparent"
+                                RowLayout {
+                                    id: rowLayout
+                                    anchors.fill: parent
+                                    anchors.leftMargin: 4
+                                    Label {
+                                        objectName: "name"
+                                        text: rowItem.variable.var_name || ""
+                                        Layout.preferredWidth: 220
+                                        elide: Text.ElideRight
+                                    }
+                                    Label {
+                                        objectName: "value"
+                                        text: view.shownValue(rowItem.variable)
+                                        Layout.preferredWidth: 200
+                                        elide: Text.ElideRight
+                                    }
+                                    Label {
+                                        objectName: "unit"
+                                        text: view.unitOf(rowItem.module, pageSection.page,
+                                                          rowItem.variable.var_name || "")
+                                        Layout.preferredWidth: 60
+                                        color: "gray"
+                                    }
+                                    VariableEditor {
+                                        objectName: "editor"
+                                        module: rowItem.module
+                                        page: pageSection.page
+                                        row: rowItem.treeRow
+                                        variable: rowItem.variable
+                                        fieldOfViewBound: view.isFieldOfViewBound(rowItem.variable)
+                                        enabled: view.linkReady && (view.editedModule < 0
+                                                 || view.editedModule === rowItem.module)
+                                        Layout.preferredWidth: 420
+                                        // The map is rebuilt to show the staged text.
+                                        onStaged: {
+                                            view.collectingOutcomes = false
+                                            Manager.UpdateUI()
+                                        }
+                                    }
+                                    Label {
+                                        objectName: "editedMark"
+                                        text: rowItem.edited ? "edited" : ""
+                                        color: "darkorange"
+                                    }
+                                    Item { Layout.fillWidth: true }
+                                }
+                            }
+                        }
+                    }
+                }
+            }
+        }
+    }
+
+    Dialog {
+        id: networkDialog
+        objectName: "networkApplyDialog"
+        parent: Overlay.overlay
+        anchors.centerIn: parent
+        modal: true
+        title: "Network settings"
+        ColumnLayout {
+            Label {
+                objectName: "networkApplyText"
+                wrapMode: Text.Wrap
+                Layout.maximumWidth: 480
+                text: "These edits change the lidar's network settings. The lidar drops the "
+                      + "connection when it takes them, and may need a restart before it answers "
+                      + "at its new address. Apply them?"
+            }
+            RowLayout {
+                Layout.alignment: Qt.AlignRight
+                Button {
+                    objectName: "applyNetworkButton"
+                    text: "Apply"
+                    onClicked: {
+                        networkDialog.close()
+                        view.startApply()
+                    }
+                }
+                Button {
+                    objectName: "cancelNetworkButton"
+                    text: "Cancel"
+                    onClicked: networkDialog.close()
+                }
+            }
+        }
+    }
+    Dialog {
+        id: reconnectDialog
+        objectName: "reconnectDialog"
+        parent: Overlay.overlay
+        anchors.centerIn: parent
+        modal: true
+        title: "Connection closed"
+        ColumnLayout {
+            Label {
+                objectName: "reconnectText"
+                wrapMode: Text.Wrap
+                Layout.maximumWidth: 480
+                text: "The lidar took the network settings and closed the connection. "
+                      + (view.addressAfterApply === "" ? "Connect again?"
+                                                       : "Connect at " + view.addressAfterApply + "?")
+            }
+            RowLayout {
+                Layout.alignment: Qt.AlignRight
+                Button {
+                    objectName: "reconnectButton"
+                    text: "Connect"
+                    onClicked: {
+                        reconnectDialog.close()
+                        // The simulated lidar answers on this machine whatever address it took.
+                        if (view.addressAfterApply !== "" && !Desk.simulated)
+                            Manager.ipAddress = view.addressAfterApply
+                        Desk.connectLidar()
+                    }
+                }
+                Button {
+                    objectName: "notNowButton"
+                    text: "Not now"
+                    onClicked: reconnectDialog.close()
+                }
+            }
+        }
+    }
 }
