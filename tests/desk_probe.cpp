@@ -1,10 +1,13 @@
 #include "desk_probe.h"
 
+#include <zlib.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
 #include "desk_session.h"
+#include "heron_ota_package.h"
 
 DeskProbe::DeskProbe(DeskSession& session, QString folder, QObject* parent)
     : QObject(parent), session_(session), folder_(std::move(folder)) {}
@@ -59,6 +62,78 @@ QVariantMap DeskProbe::serialState() const {
             {"spinRate", state.spinRate},
             {"returnMode", state.returnMode},
             {"faultState", state.faultState}};
+}
+
+namespace {
+
+QString crcText(uint32_t crc) {
+    return "0x" + QString::number(crc, 16).toUpper().rightJustified(8, '0');
+}
+
+QVariantMap transferMap(const sim::Transfer& transfer) {
+    return {{"command", int(transfer.command)},
+            {"announcedSize", qint64(transfer.announcedSize)},
+            {"receivedSize", qint64(transfer.receivedSize)},
+            {"receivedCrc", crcText(transfer.receivedCrc)},
+            {"completed", transfer.completed}};
+}
+
+}  // namespace
+
+QVariantList DeskProbe::transfers() const {
+    std::vector<sim::Transfer> received;
+    if (const sim::LidarSimulator* lidar = session_.simulator().network())
+        received = lidar->Transfers();
+    else if (const sim::SerialLidarSimulator* lidar = session_.simulator().serial())
+        received = lidar->Transfers();
+    QVariantList list;
+    for (const sim::Transfer& transfer : received) list.append(transferMap(transfer));
+    return list;
+}
+
+QVariantList DeskProbe::components() const {
+    QVariantList list;
+    const sim::LidarSimulator* lidar = session_.simulator().network();
+    if (lidar == nullptr) return list;
+    for (const sim::Component& component : lidar->Components()) {
+        const uint32_t crc = static_cast<uint32_t>(
+            crc32(0L, component.bytes.data(), static_cast<uInt>(component.bytes.size())));
+        list.append(QVariantMap{{"type", int(component.type)},
+                                {"size", qint64(component.bytes.size())},
+                                {"crc", crcText(crc)},
+                                {"completed", component.completed}});
+    }
+    return list;
+}
+
+QString DeskProbe::crc32Of(const QString& path) const {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return QString();
+    const QByteArray bytes = file.readAll();
+    return crcText(static_cast<uint32_t>(crc32(
+        0L, reinterpret_cast<const Bytef*>(bytes.constData()), static_cast<uInt>(bytes.size()))));
+}
+
+QString DeskProbe::writeOtaPackage(const QString& name, const QVariantMap& sizes) const {
+    std::array<std::optional<u8Array_t>, heron_ota::kComponentCount> parts;
+    for (auto size = sizes.begin(); size != sizes.end(); ++size) {
+        const std::optional<size_t> index = heron_ota::ComponentIndex(size.key().toStdString());
+        if (!index) return QString();
+        u8Array_t bytes(static_cast<size_t>(size.value().toInt()));
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<uint8_t>(i * 13 + *index * 41 + (i >> 9));
+        parts[*index] = std::move(bytes);
+    }
+    u8Array_t package;
+    std::string error;
+    if (!heron_ota::BuildPackage(parts, package, error)) return QString();
+    const QString path = QDir(folder_).filePath(name);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) ||
+        file.write(reinterpret_cast<const char*>(package.data()), qint64(package.size())) !=
+            qint64(package.size()))
+        return QString();
+    return path;
 }
 
 QString DeskProbe::writeFile(const QString& name, int size) const {
