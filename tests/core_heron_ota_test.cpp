@@ -290,3 +290,16 @@ TEST_F(HeronOtaPackageTest, InspectionGivesTheUpgradesReasonForARefusal) {
     EXPECT_EQ(seen["reason"].toString(), QString::fromStdString("cannot read " + missing));
     EXPECT_TRUE(Logged().empty());
 }
+
+TEST(HeronOtaHeaderCheck, AReusedReasonIsClearedBeforeTheCheck) {
+    // The upgrade logs the reason whenever it is not empty: a package smaller than the header
+    // must not carry the refusal of the package checked before it.
+    HeronOtaPackageInfo info;
+    std::string reason = "Invalid OTA package magic";
+    EXPECT_FALSE(heron_ota::CheckHeader(Bytes(40, 1), info, reason));
+    EXPECT_EQ(reason, "");
+    std::string extracted = "stale";
+    EXPECT_EQ(heron_ota::ExtractComponent(Bytes(60, 1), At(0, 4), "TMB_PARAM", extracted).size(),
+              4u);
+    EXPECT_EQ(extracted, "");
+}
