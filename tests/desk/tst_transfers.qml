@@ -150,4 +150,31 @@ WindowTestCase {
         verify(Probe.fileSize(written.text) > 0)
         compare(named("logOutcome").text, "Operation log saved.")
     }
+
+    // Closing the connection is the only way to end a log request in flight: the first Cancel
+    // says so, the second does it, and nothing is saved.
+    function test_aSlowLogDownloadIsCancelledInTwoSteps() {
+        connectSimulated("Egret")
+        openView("Logs")
+        var field = named("logFolder")
+        field.text = Probe.folder()
+        field.editingFinished()
+        var before = Probe.filesIn(Probe.folder()).length
+        verify(Probe.setFault(0x75, "delay=4000"))
+        var button = named("downloadLog_Device Log")
+        tryVerify(function() { return button.enabled }, 5000)
+        button.clicked()
+        var cancel = named("cancelDownload")
+        tryVerify(function() { return cancel.visible }, 5000, "Cancel offered while it runs")
+        cancel.clicked()
+        verify(named("logCancelWarning").text.indexOf("Press Cancel again") > 0)
+        verify(Manager.isConnected)
+        cancel.clicked()
+        // Had the request waited for the lidar's late answer, the log would have been saved.
+        tryVerify(function() { return !Manager.isDownloadLog }, 10000, "the request ended")
+        verify(!Manager.isConnected)
+        tryCompare(named("logOutcome"), "text", "Device Log was not saved.")
+        compare(Probe.filesIn(Probe.folder()).length, before, "no file written")
+        Probe.clearFaults()
+    }
 }
