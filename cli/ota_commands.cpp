@@ -1,8 +1,6 @@
 // ota: Heron OTA packages without a lidar. pack builds one from component files; inspect checks
-// one with the manager's own parser (what the upgrade would refuse, it refuses with the same
-// reason) and lists its components.
-
-#include <zlib.h>
+// one with the package reader the upgrade uses (what the upgrade would refuse, it refuses with
+// the same reason) and lists its components, as the window's firmware view does.
 
 #include <QFile>
 #include <QFileInfo>
@@ -13,7 +11,6 @@
 
 #include "commands.h"
 #include "heron_ota_package.h"
-#include "lidar_utilities_manager.h"
 #include "output.h"
 
 namespace cli {
@@ -21,11 +18,6 @@ namespace {
 
 QString hex(uint32_t value, int digits) {
     return "0x" + QString::number(value, 16).toUpper().rightJustified(digits, '0');
-}
-
-// zlib's CRC-32, as "0x" and eight hexadecimal digits.
-QString crcText(const uint8_t* bytes, size_t size) {
-    return hex(static_cast<uint32_t>(crc32(0L, bytes, static_cast<uInt>(size))), 8);
 }
 
 // A package, as the upgrade takes it, is at most 2 GiB (the upgrade refuses a larger file).
@@ -48,84 +40,44 @@ std::optional<u8Array_t> readFile(const QString& path, QString& why) {
                      reinterpret_cast<const uint8_t*>(bytes.constData()) + bytes.size());
 }
 
-// The manager's verdict on a package, with the reason its parser logged when it refuses one.
-struct Verdict {
-    bool valid = false;
-    QString reason;
-    HeronOtaPackageInfo info;
-    std::vector<u8Array_t> sent;  // per present component, in flag-bit order: what the lidar gets
-};
-
-Verdict judge(const u8Array_t& package) {
-    Verdict verdict;
-    LidarUtilitiesManager manager(0, "");
-    QString lastLine;
-    {
-        QObject context;
-        QObject::connect(
-            &manager, &LidarUtilitiesManager::sendLogMessage, &context,
-            [&lastLine](const QString& line, const QString&) { lastLine = line; },
-            Qt::DirectConnection);
-        verdict.valid = manager.HeronParseOtaPackageHeader(package, verdict.info);
-        if (verdict.valid) {
-            for (const heron_ota::ComponentKind& kind : heron_ota::kComponents) {
-                const HeronOtaComponentInfo& component = verdict.info.*(kind.info);
-                if (component.present)
-                    verdict.sent.push_back(
-                        manager.HeronExtractComponentData(package, component, kind.name));
-            }
-        }
-    }
-    if (!verdict.valid)
-        verdict.reason = !lastLine.isEmpty()
-                             ? lastLine
-                             : "the file holds " + QString::number(package.size()) +
-                                   " bytes, fewer than the " +
-                                   QString::number(heron_ota::kHeaderSize) + " of the header";
-    return verdict;
-}
-
 // The components' table (or JSON), and a note when the header's size is not the file's.
-int printPackage(const QString& path, const u8Array_t& package, const Verdict& verdict, bool json) {
+int printPackage(const QString& path, const u8Array_t& package,
+                 const heron_ota::Inspection& inspection, bool json) {
     QVector<QStringList> rows;
     QJsonArray components;
-    size_t sentIndex = 0;
-    for (const heron_ota::ComponentKind& kind : heron_ota::kComponents) {
-        const HeronOtaComponentInfo& component = verdict.info.*(kind.info);
-        if (!component.present) continue;
-        const QString crc =
-            crcText(package.data() + heron_ota::kHeaderSize + component.offset, component.size);
-        const u8Array_t& sent = verdict.sent[sentIndex++];
-        const QString sentCrc = crcText(sent.data(), sent.size());
-        rows.push_back({kind.name, QString::number(kind.type), QString::number(component.offset),
-                        QString::number(component.size), crc, QString::number(sent.size()),
+    for (const heron_ota::ComponentReport& component : inspection.components) {
+        const QString name = QString::fromStdString(component.name);
+        const QString crc = hex(component.crc32, 8);
+        const QString sentCrc = hex(component.sentCrc32, 8);
+        rows.push_back({name, QString::number(component.type), QString::number(component.offset),
+                        QString::number(component.size), crc, QString::number(component.sentSize),
                         sentCrc});
-        components.append(QJsonObject{{"name", kind.name},
-                                      {"type", kind.type},
+        components.append(QJsonObject{{"name", name},
+                                      {"type", component.type},
                                       {"offset", qint64(component.offset)},
                                       {"size", qint64(component.size)},
                                       {"crc32", crc},
-                                      {"sent", qint64(sent.size())},
+                                      {"sent", qint64(component.sentSize)},
                                       {"sent_crc32", sentCrc}});
     }
     if (json) {
         printJson(QJsonDocument(QJsonObject{{"file", path},
                                             {"bytes", qint64(package.size())},
-                                            {"total_size", qint64(verdict.info.total_size)},
-                                            {"flags", verdict.info.flags},
+                                            {"total_size", qint64(inspection.info.total_size)},
+                                            {"flags", inspection.info.flags},
                                             {"components", components}}));
     } else {
         printResult(path + ": " + QString::number(package.size()) +
-                    " bytes, flags=" + hex(verdict.info.flags, 2) + ", " +
+                    " bytes, flags=" + hex(inspection.info.flags, 2) + ", " +
                     QString::number(rows.size()) + " component" + (rows.size() == 1 ? "" : "s"));
         // SENT: the bytes the upgrade sends (an FPGA image loses its leading 1024-byte block) and
         // their CRC, which is what a lidar, and lidar-sim's report, computes over what it got.
         printResult(formatTable({"NAME", "TYPE", "OFFSET", "SIZE", "CRC32", "SENT", "SENT-CRC32"},
                                 rows, 2));
     }
-    if (verdict.info.total_size != package.size())
+    if (inspection.info.total_size != package.size())
         printDiagnostic("note: the header's total_size is " +
-                        QString::number(verdict.info.total_size) + ", the file holds " +
+                        QString::number(inspection.info.total_size) + ", the file holds " +
                         QString::number(package.size()) + " bytes (the upgrade does not check it)");
     return kExitOk;
 }
@@ -170,12 +122,13 @@ int otaPack(const Options& options) {
         printDiagnostic("error: cannot write " + options.output + ": " + out.errorString());
         return kExitFailed;
     }
-    const Verdict verdict = judge(package);
-    if (!verdict.valid) {  // the builder and the parser disagree: a defect, said plainly
-        printDiagnostic("error: the package written is refused by the upgrade: " + verdict.reason);
+    const heron_ota::Inspection inspection = heron_ota::Inspect(package);
+    if (!inspection.valid) {  // the builder and the parser disagree: a defect, said plainly
+        printDiagnostic("error: the package written is refused by the upgrade: " +
+                        QString::fromStdString(inspection.reason));
         return kExitFailed;
     }
-    return printPackage(QFileInfo(options.output).absoluteFilePath(), package, verdict,
+    return printPackage(QFileInfo(options.output).absoluteFilePath(), package, inspection,
                         options.json);
 }
 
@@ -185,14 +138,14 @@ int otaInspect(const Options& options) {
     QString why;
     const std::optional<u8Array_t> package = readFile(path, why);
     if (!package) return usageError(why);
-    const Verdict verdict = judge(*package);
-    if (!verdict.valid) {
-        printDiagnostic(
-            "error: " + path +
-            " is not a valid Heron OTA package (the upgrade refuses it): " + verdict.reason);
+    const heron_ota::Inspection inspection = heron_ota::Inspect(*package);
+    if (!inspection.valid) {
+        printDiagnostic("error: " + path +
+                        " is not a valid Heron OTA package (the upgrade refuses it): " +
+                        QString::fromStdString(inspection.reason));
         return kExitFailed;
     }
-    return printPackage(QFileInfo(path).absoluteFilePath(), *package, verdict, options.json);
+    return printPackage(QFileInfo(path).absoluteFilePath(), *package, inspection, options.json);
 }
 
 }  // namespace
@@ -201,8 +154,8 @@ QString otaPackageRefusal(const QString& path) {
     QString why;
     const std::optional<u8Array_t> package = readFile(path, why);
     if (!package) return why;
-    const Verdict verdict = judge(*package);
-    return verdict.valid ? QString() : verdict.reason;
+    const heron_ota::Inspection inspection = heron_ota::Inspect(*package);
+    return inspection.valid ? QString() : QString::fromStdString(inspection.reason);
 }
 
 int commandOta(const Options& options) {

@@ -2,8 +2,10 @@
 // code or described header field by header field, with the log line each refusal writes.
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <QSignalSpy>
+#include <QUrl>
 
 #include "heron_ota_package.h"
 #include "lidar_utilities_manager.h"
@@ -203,3 +205,101 @@ TEST_F(HeronOtaPackageTest, BuiltPackagesOfEverySubsetParseBackToTheirComponents
 }
 
 }  // namespace
+
+// ---- The inspection that lidarutil's ota inspect and the window's firmware view show ----
+
+namespace {
+
+QString Crc(const uint8_t* bytes, size_t size) {
+    return "0x" + QString::number(uint32_t(crc32(0L, bytes, uInt(size))), 16)
+                      .toUpper()
+                      .rightJustified(8, '0');
+}
+
+QVariantMap InspectFile(const LidarUtilitiesManager& manager, const std::string& path,
+                        const u8Array_t& bytes) {
+    testsupport::WriteFile(path, std::string(bytes.begin(), bytes.end()));
+    return manager.HeronInspectOtaPackage(QUrl::fromLocalFile(QString::fromStdString(path)));
+}
+
+}  // namespace
+
+TEST_F(HeronOtaPackageTest, InspectionListsWhatThePackageHoldsAndWhatIsSent) {
+    const u8Array_t app = Bytes(3000, 1);
+    const u8Array_t fpga = Bytes(2048, 2);
+    std::array<std::optional<u8Array_t>, heron_ota::kComponentCount> parts;
+    parts[1] = app;   // BMB_APP_B
+    parts[3] = fpga;  // TMB_FPGA
+    u8Array_t package;
+    std::string error;
+    ASSERT_TRUE(heron_ota::BuildPackage(parts, package, error)) << error;
+    testsupport::TempDir dir;
+    log_.clear();
+
+    const QVariantMap seen = InspectFile(manager_, dir.file("two.ota"), package);
+    EXPECT_TRUE(seen["valid"].toBool());
+    EXPECT_EQ(seen["reason"].toString(), "");
+    EXPECT_EQ(seen["bytes"].toLongLong(), qint64(package.size()));
+    EXPECT_EQ(seen["totalSize"].toLongLong(), qint64(56 + 3000 + 2048));
+    EXPECT_EQ(seen["flags"].toInt(), 0x0A);
+    const QVariantList components = seen["components"].toList();
+    ASSERT_EQ(components.size(), 2);
+    const QVariantMap first = components[0].toMap();
+    EXPECT_EQ(first["name"].toString(), "BMB_APP_B");
+    EXPECT_EQ(first["type"].toInt(), 2);
+    EXPECT_EQ(first["offset"].toLongLong(), 0);
+    EXPECT_EQ(first["size"].toLongLong(), 3000);
+    EXPECT_EQ(first["crc32"].toString(), Crc(app.data(), app.size()));
+    EXPECT_EQ(first["sent"].toLongLong(), 3000);
+    EXPECT_EQ(first["sentCrc32"].toString(), Crc(app.data(), app.size()));
+    // An FPGA image is sent without its leading 1024-byte block.
+    const QVariantMap second = components[1].toMap();
+    EXPECT_EQ(second["name"].toString(), "TMB_FPGA");
+    EXPECT_EQ(second["type"].toInt(), 0);
+    EXPECT_EQ(second["offset"].toLongLong(), 3000);
+    EXPECT_EQ(second["size"].toLongLong(), 2048);
+    EXPECT_EQ(second["crc32"].toString(), Crc(fpga.data(), fpga.size()));
+    EXPECT_EQ(second["sent"].toLongLong(), 1024);
+    EXPECT_EQ(second["sentCrc32"].toString(), Crc(fpga.data() + 1024, 1024));
+    EXPECT_TRUE(Logged().empty()) << "an inspection is not an upgrade: it logs nothing";
+}
+
+TEST_F(HeronOtaPackageTest, InspectionGivesTheUpgradesReasonForARefusal) {
+    testsupport::TempDir dir;
+    HeronOtaPackageInfo info;
+    info.flags = 0x20;
+    QVariantMap seen = InspectFile(manager_, dir.file("flags.ota"), Described(info, 8));
+    EXPECT_FALSE(seen["valid"].toBool());
+    EXPECT_EQ(seen["reason"].toString(), "Invalid OTA component flags");
+    EXPECT_TRUE(seen["components"].toList().isEmpty());
+
+    info.flags = 0x01 | 0x10;
+    info.bmb_app_a = At(0, 17);
+    info.tmb_param = At(16, 8);
+    seen = InspectFile(manager_, dir.file("overlap.ota"), Described(info, 24));
+    EXPECT_EQ(seen["reason"].toString(), "Component overlap");
+
+    seen = InspectFile(manager_, dir.file("short.ota"), Bytes(40, 3));
+    EXPECT_FALSE(seen["valid"].toBool());
+    EXPECT_EQ(seen["reason"].toString(),
+              "the file holds 40 bytes, fewer than the 56 of the header");
+
+    const std::string missing = dir.file("missing.ota");
+    seen = manager_.HeronInspectOtaPackage(QUrl::fromLocalFile(QString::fromStdString(missing)));
+    EXPECT_FALSE(seen["valid"].toBool());
+    EXPECT_EQ(seen["reason"].toString(), QString::fromStdString("cannot read " + missing));
+    EXPECT_TRUE(Logged().empty());
+}
+
+TEST(HeronOtaHeaderCheck, AReusedReasonIsClearedBeforeTheCheck) {
+    // The upgrade logs the reason whenever it is not empty: a package smaller than the header
+    // must not carry the refusal of the package checked before it.
+    HeronOtaPackageInfo info;
+    std::string reason = "Invalid OTA package magic";
+    EXPECT_FALSE(heron_ota::CheckHeader(Bytes(40, 1), info, reason));
+    EXPECT_EQ(reason, "");
+    std::string extracted = "stale";
+    EXPECT_EQ(heron_ota::ExtractComponent(Bytes(60, 1), At(0, 4), "TMB_PARAM", extracted).size(),
+              4u);
+    EXPECT_EQ(extracted, "");
+}

@@ -292,3 +292,32 @@ TEST(ManagerCatalogue, ShippedModelsLoadWithoutRejectedRows) {
     EXPECT_GE(m.getMonitorModuleIndex(), 0);
     EXPECT_EQ(m.getCurrentMonitorHwVersion(), m.getMonitorHwVersionList().first());
 }
+
+TEST(ManagerCatalogue, FirmwareUpgradeVariableIsTheCataloguesUpgradeCommand) {
+    ScopedCwd cwd(testsupport::SourceDir());
+    LidarUtilitiesManager m(0, "");
+    EXPECT_TRUE(m.firmwareUpgradeVariable().isEmpty()) << "no model loaded";
+    for (const QString& model : {QString("Egret"), QString("Tern"), QString("Heron-VRC")}) {
+        m.InitConfigFileParser(model);
+        const QVariantList at = m.firmwareUpgradeVariable();
+        ASSERT_EQ(at.size(), 3) << model.toStdString();
+        const VarInfo* var =
+            m.getCurrentParser()->varTree.at(at[0].toInt()).at(at[1].toInt()).at(at[2].toInt());
+        EXPECT_EQ(var->set_cmd, "0x83") << model.toStdString();
+    }
+    m.InitConfigFileParser("Wren");  // upgraded by its own transfer: no such variable
+    EXPECT_TRUE(m.firmwareUpgradeVariable().isEmpty());
+}
+
+TEST(ManagerCatalogue, FirmwareUpgradeVariableIsTheFirstOfSeveral) {
+    TempDir dir;
+    WriteFile(dir.path() + "/Config/varID/Delta/Delta.csv",
+              std::string(kHeader) + "Net,Main,d1,Address,IP,0x08,0x21,0,0,4,1,0,,,1,0\n" +
+                  "Sys,Tools,d2,Reset,uint8,,0x25,0,0,1,1,0,,,1,0\n" +
+                  "Sys,Tools,d3,Firmware,uint8,,0X83,0,0,1,1,0,,,1,0\n" +
+                  "Sys,Tools,d4,Loader,uint8,,0x83,0,0,1,1,0,,,1,0\n");
+    ScopedCwd cwd(dir.path());
+    LidarUtilitiesManager m(0, "");
+    m.InitConfigFileParser("Delta");
+    EXPECT_EQ(m.firmwareUpgradeVariable(), (QVariantList{1, 0, 1}));
+}

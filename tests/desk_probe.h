@@ -44,12 +44,25 @@ class DeskProbe : public QObject {
     Q_INVOKABLE void typeText(QObject* item, const QString& text) const;
     Q_INVOKABLE void pressKey(QObject* item, int key) const;
 
+    // The firmware transfers the running simulator received, oldest first: "command",
+    // "announcedSize", "receivedSize", "receivedCrc" ("0x" and eight hexadecimal digits) and
+    // "completed" (the end phase matched size and CRC).
+    Q_INVOKABLE QVariantList transfers() const;
+    // The Heron components the network simulator received, oldest first: "type", "size",
+    // "crc" (as above) and "completed".
+    Q_INVOKABLE QVariantList components() const;
+
     // The test's own folder, and files in it.
     Q_INVOKABLE QString folder() const { return folder_; }
     Q_INVOKABLE QString writeFile(const QString& name, int size) const;
     Q_INVOKABLE qint64 fileSize(const QString& path) const;
     Q_INVOKABLE QStringList filesIn(const QString& folder) const;
     Q_INVOKABLE QString readText(const QString& path) const;
+    // The CRC-32 of a file's bytes, as transfers() writes it; "" when it cannot be read.
+    Q_INVOKABLE QString crc32Of(const QString& path) const;
+    // A Heron OTA package in the test's folder holding the components of `sizes` (component
+    // name -> byte count, each filled with its own pattern); its path, "" when it cannot be built.
+    Q_INVOKABLE QString writeOtaPackage(const QString& name, const QVariantMap& sizes) const;
 
   private:
     DeskSession& session_;

@@ -63,18 +63,27 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
         << files[0].toStdString();
     EXPECT_EQ(Bytes(folder.file(files[0].toStdString())), simulator->LogContent({0}));
     EXPECT_TRUE(session.Shown("success: Device Log download successful."));
+    // The window shows the file written: the manager names it.
+    EXPECT_EQ(m.lastDownloadedLogFile().toStdString(), folder.file(files[0].toStdString()));
 
     // A name the catalogue does not have: the exception path, still one finished signal.
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Crash Log"), 0);
     ASSERT_TRUE(WaitFor([&] { return finished.load() == 2; }, 5000));
     EXPECT_TRUE(session.Shown("error: Crash Log download error: Can not find Crash Log name"));
     EXPECT_FALSE(m.getIsDownloadLog());
+    EXPECT_EQ(m.lastDownloadedLogFile(), "") << "no file this time";
+
+    // A folder that is not there: the reply came, but no file holds it.
+    ASSERT_EQ(m.DownloadLog(Url(folder.file("missing")), "Device Log"), 0);
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 3; }, 10000));
+    EXPECT_TRUE(session.Shown("error: Device Log: Failed to open file."));
+    EXPECT_EQ(m.lastDownloadedLogFile(), "");
 
     // A status answer is the device's answer: saved (empty here) and reported successful.
     simulator->SetFault(0x75, sim::Fault{sim::Fault::Kind::kStatus, 0, 1, 0});
     session.ClearSpies();
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
-    ASSERT_TRUE(WaitFor([&] { return finished.load() == 3; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 4; }, 10000));
     EXPECT_EQ(session.Messages(),
               std::vector<std::string>{"success: Device Log download successful."});
     QDir(QString::fromStdString(folder.path())).removeRecursively();
@@ -83,15 +92,16 @@ TEST(DeviceLog, SavedUnderItsNamePatternWithTheDevicesBytes) {
     // No complete reply: the failure names the client's code.
     simulator->SetFault(0x75, sim::Fault{sim::Fault::Kind::kCloseMidReply, 0, 0, 0});
     ASSERT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), 0);
-    ASSERT_TRUE(WaitFor([&] { return finished.load() == 4; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return finished.load() == 5; }, 10000));
     EXPECT_TRUE(session.Shown("error: Device Log download failed. return code: -2"));
     EXPECT_FALSE(m.getIsDownloadLog());
+    EXPECT_EQ(m.lastDownloadedLogFile(), "");
     // The connection is gone with the broken reply: refused, without a word or a signal.
     const size_t shown = session.Messages().size();
     EXPECT_EQ(m.DownloadLog(Url(folder.path()), "Device Log"), -1);
     EXPECT_EQ(m.DownloadOperationLog(Url(folder.file("ops"))), -1);
     EXPECT_EQ(session.Messages().size(), shown);
-    EXPECT_EQ(finished.load(), 4);
+    EXPECT_EQ(finished.load(), 5);
 }
 
 TEST(DeviceLog, CommandFromSetCommandAndLowerCaseOperationLog) {

@@ -367,6 +367,10 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE int WrenUpgradeLidar(QUrl file);
     Q_INVOKABLE void WrenSetUpgradeMode(int mode);
     void GetLidarUpgradeInfo(u8Array_t& package, std::string command);
+    // Where UpgradeLidar finds its command: [module, page, variable] of the first catalogue
+    // variable whose set command is the firmware upgrade command (0x83); empty when the loaded
+    // model has none.
+    Q_INVOKABLE QVariantList firmwareUpgradeVariable() const;
 
     // ---- Heron model: device operations (heron_operations.cpp), OTA upgrade (heron_upgrade.cpp)
     // The program-wide text of a component version that is not known.
@@ -388,6 +392,12 @@ class LidarUtilitiesManager : public QObject {
     u8Array_t HeronExtractComponentData(const u8Array_t& package,
                                         const HeronOtaComponentInfo& component,
                                         const std::string& name);
+    // A package file as the Heron upgrade would take it, without a lidar: "valid", "reason" (why
+    // the upgrade refuses it), "bytes", "totalSize", "flags" and "components", one map per
+    // present component in flag-bit order ("name", "type", "offset", "size", "crc32", "sent" and
+    // "sentCrc32": the bytes the lidar is sent, an FPGA image without its leading block). Logs
+    // nothing.
+    Q_INVOKABLE QVariantMap HeronInspectOtaPackage(QUrl file) const;
 
     // ---- Wren serial settings (wren_settings.cpp) ----
     Q_INVOKABLE void WrenSetStandby(int standby);
@@ -452,6 +462,9 @@ class LidarUtilitiesManager : public QObject {
     // 1..255 the lidar answered with that status (and no log), -1 no complete reply. The design
     // judges only -1 a failure; a front end that reports the parts needs the statuses too.
     std::vector<int> getLastOperationLogResults() const;
+    // The file the latest DownloadLog wrote whole (absolute path); "" while one runs, or when it
+    // wrote none (the lidar did not answer, the file could not be written).
+    Q_INVOKABLE QString lastDownloadedLogFile() const;
     // Where the operation log's parts wait for tar, and stay when the download fails.
     static QString operationLogWorkFolder();
 

@@ -11,8 +11,10 @@
 
 #include "developer_log.h"
 #include "lidar_utilities_manager.h"
+#include "parameter_catalogue.h"
 #include "sdk/authorized_vrc_client.h"
 #include "sdk/serial_client.h"
+#include "sdk/text_fields.h"
 #include "subsystem_views.h"
 
 namespace {
@@ -252,6 +254,23 @@ void LidarUtilitiesManager::WrenSetUpgradeMode(int mode) {
 
 void LidarUtilitiesManager::GetLidarUpgradeInfo(u8Array_t& package, std::string command) {
     upgrade_->transfer(package, std::move(command));
+}
+
+QVariantList LidarUtilitiesManager::firmwareUpgradeVariable() const {
+    constexpr uint8_t kFirmwareUpgradeCommand = 0x83;
+    // A monitor variant may swap pages of the tree meanwhile: it is walked under the lock.
+    const auto lock = catalogue_->lockVariables();
+    const ParameterCatalogue::VariableTree* tree = catalogue_->variableTree();
+    if (tree == nullptr) return {};
+    for (size_t m = 0; m < tree->size(); ++m)
+        for (size_t p = 0; p < (*tree)[m].size(); ++p)
+            for (size_t v = 0; v < (*tree)[m][p].size(); ++v) {
+                uint8_t code = 0;
+                if (lidar::text::ParseCommandCode((*tree)[m][p][v]->set_cmd, code) &&
+                    code == kFirmwareUpgradeCommand)
+                    return {int(m), int(p), int(v)};
+            }
+    return {};
 }
 
 bool LidarUtilitiesManager::getIsUpgrading() const {

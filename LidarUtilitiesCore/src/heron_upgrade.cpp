@@ -6,6 +6,8 @@
 // arithmetic before it is used.
 
 #include <QFile>
+#include <QFileInfo>
+#include <QVariantMap>
 #include <algorithm>
 #include <climits>
 #include <system_error>
@@ -34,11 +36,6 @@ constexpr size_t kBmbFpga = 2;
 constexpr size_t kTmbFpga = 3;
 constexpr size_t kTmbParam = 4;
 
-uint32_t readLittleEndian32(const u8Array_t& bytes, size_t at) {
-    return uint32_t(bytes[at]) | (uint32_t(bytes[at + 1]) << 8) | (uint32_t(bytes[at + 2]) << 16) |
-           (uint32_t(bytes[at + 3]) << 24);
-}
-
 std::string partitionName(uint8_t partition) {
     return partition == 0 ? "A" : "B";
 }
@@ -53,81 +50,19 @@ uint64_t unitsOf(size_t bytes) {
 // ---- The package ----
 
 bool FirmwareUpgrade::parseHeronPackageHeader(const u8Array_t& package, HeronOtaPackageInfo& info) {
-    info = HeronOtaPackageInfo{};
-    if (package.size() < heron_ota::kHeaderSize) return false;
-    if (!std::equal(std::begin(heron_ota::kMagic), std::end(heron_ota::kMagic), package.begin(),
-                    [](char expected, uint8_t byte) { return uint8_t(expected) == byte; })) {
-        messages_.log("Invalid OTA package magic", LogLevel::kInfo);
-        return false;
-    }
-    info.total_size = readLittleEndian32(package, heron_ota::kTotalSizeAt);
-    info.flags = package[heron_ota::kFlagsAt];
-    if ((info.flags & heron_ota::kUnknownFlags) != 0) {
-        messages_.log("Invalid OTA component flags", LogLevel::kInfo);
-        return false;
-    }
-    for (size_t i = 0; i < heron_ota::kComponentCount; ++i) {
-        if ((info.flags & (1u << i)) == 0) continue;
-        HeronOtaComponentInfo& component = info.*(heron_ota::kComponents[i].info);
-        component.offset = readLittleEndian32(package, heron_ota::kFirstComponentAt + 8 * i);
-        component.size = readLittleEndian32(package, heron_ota::kFirstComponentAt + 8 * i + 4);
-        component.present = true;
-    }
-
-    const uint64_t dataLength = package.size() - heron_ota::kHeaderSize;
-    std::vector<std::pair<uint64_t, uint64_t>> ranges;  // offset, size
-    for (const heron_ota::ComponentKind& kind : heron_ota::kComponents) {
-        const HeronOtaComponentInfo& component = info.*(kind.info);
-        if (!component.present) continue;
-        const std::string name = kind.name;
-        if (component.size == 0) {
-            messages_.log("Component " + name + " size is zero", LogLevel::kInfo);
-            return false;
-        }
-        if (component.offset > dataLength || component.size > dataLength - component.offset) {
-            messages_.log("Component " + name + " is out of file range", LogLevel::kInfo);
-            return false;
-        }
-        ranges.emplace_back(component.offset, component.size);
-    }
-    if (ranges.empty()) {
-        messages_.log("No component found in package", LogLevel::kInfo);
-        return false;
-    }
-    std::stable_sort(ranges.begin(), ranges.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
-    for (size_t i = 1; i < ranges.size(); ++i) {
-        // Sorted, so the difference cannot wrap; equal offsets overlap (sizes are not zero).
-        if (ranges[i - 1].second > ranges[i].first - ranges[i - 1].first) {
-            messages_.log("Component overlap", LogLevel::kInfo);
-            return false;
-        }
-    }
-    return true;
+    std::string reason;
+    const bool valid = heron_ota::CheckHeader(package, info, reason);
+    if (!reason.empty()) messages_.log(reason, LogLevel::kInfo);
+    return valid;
 }
 
 u8Array_t FirmwareUpgrade::extractHeronComponent(const u8Array_t& package,
                                                  const HeronOtaComponentInfo& component,
                                                  const std::string& name) {
-    if (package.size() < heron_ota::kHeaderSize) {
-        messages_.log("Component " + name + " package too small", LogLevel::kInfo);
-        return {};
-    }
-    const uint64_t dataLength = package.size() - heron_ota::kHeaderSize;
-    if (component.offset > dataLength || component.size > dataLength - component.offset) {
-        messages_.log("Component " + name + " data out of range", LogLevel::kInfo);
-        return {};
-    }
-    uint64_t first = heron_ota::kHeaderSize + uint64_t(component.offset);
-    uint64_t count = component.size;
-    // FPGA images lead with a block the lidar does not take; a smaller image goes whole.
-    const std::optional<size_t> index = heron_ota::ComponentIndex(name);
-    if (index && heron_ota::kComponents[*index].fpga && count > heron_ota::kFpgaLeadingBlock) {
-        first += heron_ota::kFpgaLeadingBlock;
-        count -= heron_ota::kFpgaLeadingBlock;
-    }
-    const auto begin = package.begin() + static_cast<std::ptrdiff_t>(first);
-    return u8Array_t(begin, begin + static_cast<std::ptrdiff_t>(count));
+    std::string reason;
+    u8Array_t bytes = heron_ota::ExtractComponent(package, component, name, reason);
+    if (!reason.empty()) messages_.log(reason, LogLevel::kInfo);
+    return bytes;
 }
 
 // ---- Starting ----
@@ -367,4 +302,49 @@ u8Array_t LidarUtilitiesManager::HeronExtractComponentData(const u8Array_t& pack
                                                            const HeronOtaComponentInfo& component,
                                                            const std::string& name) {
     return upgrade_->extractHeronComponent(package, component, name);
+}
+
+namespace {
+
+// A package, as the upgrade takes it, is at most 2 GiB.
+constexpr qint64 kLargestPackage = INT32_MAX;
+
+QString crcText(uint32_t crc) {
+    return "0x" + QString::number(crc, 16).toUpper().rightJustified(8, '0');
+}
+
+QVariantMap componentMap(const heron_ota::ComponentReport& component) {
+    return {{"name", QString::fromStdString(component.name)},
+            {"type", int(component.type)},
+            {"offset", qint64(component.offset)},
+            {"size", qint64(component.size)},
+            {"crc32", crcText(component.crc32)},
+            {"sent", qint64(component.sentSize)},
+            {"sentCrc32", crcText(component.sentCrc32)}};
+}
+
+}  // namespace
+
+QVariantMap LidarUtilitiesManager::HeronInspectOtaPackage(QUrl file) const {
+    const QString path = file.isLocalFile() ? file.toLocalFile() : file.toString();
+    QFile package(path);
+    if (!QFileInfo(path).isFile() || !package.open(QIODevice::ReadOnly))
+        return {{"valid", false}, {"reason", "cannot read " + path}};
+    if (package.size() > kLargestPackage)
+        return {{"valid", false},
+                {"reason", path + " holds " + QString::number(package.size()) +
+                               " bytes; a package is at most 2 GiB"}};
+    const QByteArray bytes = package.readAll();
+    const auto* first = reinterpret_cast<const uint8_t*>(bytes.constData());
+    const heron_ota::Inspection inspection =
+        heron_ota::Inspect(u8Array_t(first, first + bytes.size()));
+    QVariantList components;
+    for (const heron_ota::ComponentReport& component : inspection.components)
+        components.append(componentMap(component));
+    return {{"valid", inspection.valid},
+            {"reason", QString::fromStdString(inspection.reason)},
+            {"bytes", qint64(bytes.size())},
+            {"totalSize", qint64(inspection.info.total_size)},
+            {"flags", int(inspection.info.flags)},
+            {"components", components}};
 }

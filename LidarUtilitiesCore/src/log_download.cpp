@@ -115,6 +115,7 @@ void LogDownload::setDownloading(bool downloading) {
 // ---- The device log ----
 
 void LogDownload::downloadDeviceLog(const QUrl& folder, const QString& name) {
+    setLastDeviceLogFile(QString());
     setDownloading(true);
     const QString path = folder.toLocalFile() + "/" + name + "_" +
                          QDateTime::currentDateTime().toString("yyyyMMdd-hhmmss") + ".bin";
@@ -149,9 +150,12 @@ void LogDownload::deviceLogOutcome(const QString& name, int result, int lastCode
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         messages_.showError(name + ": Failed to open file.");
     } else {
-        if (!writeFile(file, reply))
-            messages_.showError(name + ": Failed to write binary data to file.");
+        const bool written = writeFile(file, reply);
         file.close();
+        if (written)
+            setLastDeviceLogFile(QFileInfo(path).absoluteFilePath());
+        else
+            messages_.showError(name + ": Failed to write binary data to file.");
     }
     setDownloading(false);
     messages_.showSuccess(name + " download successful.");
@@ -203,6 +207,16 @@ void LogDownload::downloadOperationLog(const QUrl& archive) {
 void LogDownload::setLastOperationLogResults(std::vector<int> results) {
     std::lock_guard<std::mutex> lock(mutex_);
     lastOperationLogResults_ = std::move(results);
+}
+
+void LogDownload::setLastDeviceLogFile(const QString& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    lastDeviceLogFile_ = path;
+}
+
+QString LogDownload::lastDeviceLogFile() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return lastDeviceLogFile_;
 }
 
 std::vector<int> LogDownload::lastOperationLogResults() const {
@@ -260,6 +274,10 @@ void LidarUtilitiesManager::setIsDownloadLog(bool downloading) {
 
 std::vector<int> LidarUtilitiesManager::getLastOperationLogResults() const {
     return logs_->lastOperationLogResults();
+}
+
+QString LidarUtilitiesManager::lastDownloadedLogFile() const {
+    return logs_->lastDeviceLogFile();
 }
 
 QString LidarUtilitiesManager::operationLogWorkFolder() {

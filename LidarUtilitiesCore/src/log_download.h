@@ -41,6 +41,9 @@ class LogDownload : public QObject {
     // Sets the flag; its signal when it changed.
     void setDownloading(bool downloading);
     std::vector<int> lastOperationLogResults() const;
+    // The file the latest device-log download wrote whole; "" while one runs, or when it wrote
+    // none.
+    QString lastDeviceLogFile() const;
     // Where the operation log's parts wait for tar, and stay when the download fails.
     static QString workFolder();
     // Waits for the log workers started so far.
@@ -57,6 +60,7 @@ class LogDownload : public QObject {
     void deviceLogOutcome(const QString& name, int result, int lastCode, const QString& path,
                           const u8Array_t& reply);
     void setLastOperationLogResults(std::vector<int> results);
+    void setLastDeviceLogFile(const QString& path);
     static bool runTar(const QString& workFolder, const QString& archivePath,
                        const QStringList& names);
 
@@ -69,6 +73,8 @@ class LogDownload : public QObject {
     mutable std::mutex mutex_;
     // The four results of the latest operation-log download, in part order; under mutex_.
     std::vector<int> lastOperationLogResults_;
+    // The latest device log's file; under mutex_.
+    QString lastDeviceLogFile_;
     // Last: joined before the state the workers use is destroyed.
     WorkerThreads workers_;
 };
