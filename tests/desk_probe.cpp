@@ -112,129 +112,130 @@ namespace {
 std::vector<uint8_t> bytesOfHex(const QString& hex) {
     const QByteArray bytes = QByteArray::fromHex(hex.toLatin1());
     return std::vector<uint8_t>(bytes.begin(), bytes.end());
+}
 
-    namespace {
+}  // namespace
 
-    QString crcText(uint32_t crc) {
-        return "0x" + QString::number(crc, 16).toUpper().rightJustified(8, '0');
+QString DeskProbe::blockText(int command, const QString& payloadHex, int offset, int length) const {
+    const auto code = static_cast<uint8_t>(command);
+    std::vector<uint8_t> block;
+    if (const sim::LidarSimulator* lidar = session_.simulator().network())
+        block = lidar->Block(code, bytesOfHex(payloadHex));
+    else if (const sim::SerialLidarSimulator* lidar = session_.simulator().serial())
+        block = lidar->Block(code, bytesOfHex(payloadHex));
+    QByteArray text;
+    for (int i = offset; i < offset + length && i < static_cast<int>(block.size()); ++i) {
+        if (block[i] == 0) break;
+        text.append(static_cast<char>(block[i]));
     }
+    return QString::fromLatin1(text);
+}
 
-    QVariantMap transferMap(const sim::Transfer& transfer) {
-        return {{"command", int(transfer.command)},
-                {"announcedSize", qint64(transfer.announcedSize)},
-                {"receivedSize", qint64(transfer.receivedSize)},
-                {"receivedCrc", crcText(transfer.receivedCrc)},
-                {"completed", transfer.completed}};
+bool DeskProbe::writeBlockText(int command, const QString& payloadHex, int offset, int length,
+                               const QString& text) {
+    sim::LidarSimulator* lidar = session_.simulator().network();
+    const QByteArray bytes = text.toLatin1();
+    if (lidar == nullptr || bytes.size() > length) return false;
+    std::vector<uint8_t> padded(static_cast<size_t>(length), 0);
+    std::copy(bytes.begin(), bytes.end(), padded.begin());
+    lidar->WriteBlock(static_cast<uint8_t>(command), bytesOfHex(payloadHex),
+                      static_cast<size_t>(offset), padded);
+    return true;
+}
+
+namespace {
+
+QString crcText(uint32_t crc) {
+    return "0x" + QString::number(crc, 16).toUpper().rightJustified(8, '0');
+}
+
+QVariantMap transferMap(const sim::Transfer& transfer) {
+    return {{"command", int(transfer.command)},
+            {"announcedSize", qint64(transfer.announcedSize)},
+            {"receivedSize", qint64(transfer.receivedSize)},
+            {"receivedCrc", crcText(transfer.receivedCrc)},
+            {"completed", transfer.completed}};
+}
+
+}  // namespace
+
+QVariantList DeskProbe::transfers() const {
+    std::vector<sim::Transfer> received;
+    if (const sim::LidarSimulator* lidar = session_.simulator().network())
+        received = lidar->Transfers();
+    else if (const sim::SerialLidarSimulator* lidar = session_.simulator().serial())
+        received = lidar->Transfers();
+    QVariantList list;
+    for (const sim::Transfer& transfer : received) list.append(transferMap(transfer));
+    return list;
+}
+
+QVariantList DeskProbe::components() const {
+    QVariantList list;
+    const sim::LidarSimulator* lidar = session_.simulator().network();
+    if (lidar == nullptr) return list;
+    for (const sim::Component& component : lidar->Components()) {
+        const uint32_t crc = static_cast<uint32_t>(
+            crc32(0L, component.bytes.data(), static_cast<uInt>(component.bytes.size())));
+        list.append(QVariantMap{{"type", int(component.type)},
+                                {"size", qint64(component.bytes.size())},
+                                {"crc", crcText(crc)},
+                                {"completed", component.completed}});
     }
+    return list;
+}
 
-    }  // namespace
+QString DeskProbe::crc32Of(const QString& path) const {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return QString();
+    const QByteArray bytes = file.readAll();
+    return crcText(static_cast<uint32_t>(crc32(
+        0L, reinterpret_cast<const Bytef*>(bytes.constData()), static_cast<uInt>(bytes.size()))));
+}
 
-    QString DeskProbe::blockText(int command, const QString& payloadHex, int offset, int length)
-        const {
-        const auto code = static_cast<uint8_t>(command);
-        std::vector<uint8_t> block;
-        if (const sim::LidarSimulator* lidar = session_.simulator().network())
-            block = lidar->Block(code, bytesOfHex(payloadHex));
-        else if (const sim::SerialLidarSimulator* lidar = session_.simulator().serial())
-            block = lidar->Block(code, bytesOfHex(payloadHex));
-        QByteArray text;
-        for (int i = offset; i < offset + length && i < static_cast<int>(block.size()); ++i) {
-            if (block[i] == 0) break;
-            text.append(static_cast<char>(block[i]));
-        }
-        return QString::fromLatin1(text);
+QString DeskProbe::writeOtaPackage(const QString& name, const QVariantMap& sizes) const {
+    std::array<std::optional<u8Array_t>, heron_ota::kComponentCount> parts;
+    for (auto size = sizes.begin(); size != sizes.end(); ++size) {
+        const std::optional<size_t> index = heron_ota::ComponentIndex(size.key().toStdString());
+        if (!index) return QString();
+        u8Array_t bytes(static_cast<size_t>(size.value().toInt()));
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<uint8_t>(i * 13 + *index * 41 + (i >> 9));
+        parts[*index] = std::move(bytes);
     }
+    u8Array_t package;
+    std::string error;
+    if (!heron_ota::BuildPackage(parts, package, error)) return QString();
+    const QString path = QDir(folder_).filePath(name);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) ||
+        file.write(reinterpret_cast<const char*>(package.data()), qint64(package.size())) !=
+            qint64(package.size()))
+        return QString();
+    return path;
+}
 
-    bool DeskProbe::writeBlockText(int command, const QString& payloadHex, int offset, int length,
-                                   const QString& text) {
-        sim::LidarSimulator* lidar = session_.simulator().network();
-        const QByteArray bytes = text.toLatin1();
-        if (lidar == nullptr || bytes.size() > length) return false;
-        std::vector<uint8_t> padded(static_cast<size_t>(length), 0);
-        std::copy(bytes.begin(), bytes.end(), padded.begin());
-        lidar->WriteBlock(static_cast<uint8_t>(command), bytesOfHex(payloadHex),
-                          static_cast<size_t>(offset), padded);
-        return true;
+QString DeskProbe::writeFile(const QString& name, int size) const {
+    const QString path = QDir(folder_).filePath(name);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) return QString();
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + 3) & 0xFF);
+    file.write(bytes);
+    return path;
+}
 
-        QVariantList DeskProbe::transfers() const {
-            std::vector<sim::Transfer> received;
-            if (const sim::LidarSimulator* lidar = session_.simulator().network())
-                received = lidar->Transfers();
-            else if (const sim::SerialLidarSimulator* lidar = session_.simulator().serial())
-                received = lidar->Transfers();
-            QVariantList list;
-            for (const sim::Transfer& transfer : received) list.append(transferMap(transfer));
-            return list;
-        }
+qint64 DeskProbe::fileSize(const QString& path) const {
+    const QFileInfo info(path);
+    return info.exists() ? info.size() : -1;
+}
 
-        QVariantList DeskProbe::components() const {
-            QVariantList list;
-            const sim::LidarSimulator* lidar = session_.simulator().network();
-            if (lidar == nullptr) return list;
-            for (const sim::Component& component : lidar->Components()) {
-                const uint32_t crc = static_cast<uint32_t>(
-                    crc32(0L, component.bytes.data(), static_cast<uInt>(component.bytes.size())));
-                list.append(QVariantMap{{"type", int(component.type)},
-                                        {"size", qint64(component.bytes.size())},
-                                        {"crc", crcText(crc)},
-                                        {"completed", component.completed}});
-            }
-            return list;
-        }
+QStringList DeskProbe::filesIn(const QString& folder) const {
+    return QDir(folder).entryList(QDir::Files, QDir::Name);
+}
 
-        QString DeskProbe::crc32Of(const QString& path) const {
-            QFile file(path);
-            if (!file.open(QIODevice::ReadOnly)) return QString();
-            const QByteArray bytes = file.readAll();
-            return crcText(
-                static_cast<uint32_t>(crc32(0L, reinterpret_cast<const Bytef*>(bytes.constData()),
-                                            static_cast<uInt>(bytes.size()))));
-        }
-
-        QString DeskProbe::writeOtaPackage(const QString& name, const QVariantMap& sizes) const {
-            std::array<std::optional<u8Array_t>, heron_ota::kComponentCount> parts;
-            for (auto size = sizes.begin(); size != sizes.end(); ++size) {
-                const std::optional<size_t> index =
-                    heron_ota::ComponentIndex(size.key().toStdString());
-                if (!index) return QString();
-                u8Array_t bytes(static_cast<size_t>(size.value().toInt()));
-                for (size_t i = 0; i < bytes.size(); ++i)
-                    bytes[i] = static_cast<uint8_t>(i * 13 + *index * 41 + (i >> 9));
-                parts[*index] = std::move(bytes);
-            }
-            u8Array_t package;
-            std::string error;
-            if (!heron_ota::BuildPackage(parts, package, error)) return QString();
-            const QString path = QDir(folder_).filePath(name);
-            QFile file(path);
-            if (!file.open(QIODevice::WriteOnly) ||
-                file.write(reinterpret_cast<const char*>(package.data()), qint64(package.size())) !=
-                    qint64(package.size()))
-                return QString();
-            return path;
-        }
-
-        QString DeskProbe::writeFile(const QString& name, int size) const {
-            const QString path = QDir(folder_).filePath(name);
-            QFile file(path);
-            if (!file.open(QIODevice::WriteOnly)) return QString();
-            QByteArray bytes(size, '\0');
-            for (int i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + 3) & 0xFF);
-            file.write(bytes);
-            return path;
-        }
-
-        qint64 DeskProbe::fileSize(const QString& path) const {
-            const QFileInfo info(path);
-            return info.exists() ? info.size() : -1;
-        }
-
-        QStringList DeskProbe::filesIn(const QString& folder) const {
-            return QDir(folder).entryList(QDir::Files, QDir::Name);
-        }
-
-        QString DeskProbe::readText(const QString& path) const {
-            QFile file(path);
-            if (!file.open(QIODevice::ReadOnly)) return QString();
-            return QString::fromUtf8(file.readAll());
-        }
+QString DeskProbe::readText(const QString& path) const {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return QString();
+    return QString::fromUtf8(file.readAll());
+}
