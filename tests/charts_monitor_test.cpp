@@ -262,6 +262,11 @@ TEST(MonitorChartsLive, ACellDrawnAloneMatchesTheGrid) {
         set.renderChart(7, painter, QRectF(QPointF(0, 0), QSizeF(cell)));  // no such chart
     }
     EXPECT_EQ(alone, grid.copy(QRect(QPoint(cell.width(), 0), cell)));
+    EXPECT_EQ(set.chart(7), nullptr);
+    EXPECT_EQ(set.chart(-1), nullptr);
+    EXPECT_EQ(set.pointCount(7), 0);
+    EXPECT_EQ(set.pointCount(-1), 0);
+    EXPECT_EQ(set.pointCount(0), 5);
     EXPECT_NE(alone, grid.copy(QRect(QPoint(0, 0), cell)));
 }
 
