@@ -6,6 +6,8 @@
 
 #include <QApplication>
 #include <QDateTime>
+#include <QImage>
+#include <QPainter>
 #include <QSet>
 #include <QtCharts/QChart>
 #include <QtCharts/QLineSeries>
@@ -173,6 +175,99 @@ TEST(MonitorCharts, ARecordingGivesAChartPerNumericColumnWithItsGaps) {
     std::remove(path.c_str());
     EXPECT_EQ(MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error), nullptr);
     EXPECT_TRUE(error.startsWith("cannot read ")) << error.toStdString();
+}
+
+// A live chart keeps the trailing window only: the readings before it are dropped, with the runs
+// they leave empty, and both axes refit to what is left.
+TEST(MonitorChartsLive, ATimeWindowKeepsTheLatestReadingsAndRefitsTheAxes) {
+    MonitorChartSet set(QStringList{"Input Voltage (V)"});
+    set.setTimeWindow(10);
+    EXPECT_EQ(set.timeWindow(), 10);
+    const QDateTime start = QDateTime::currentDateTime();
+    // A spike at 0 s, a gap at 2 s, then a steady 12 V.
+    set.appendRow(start, {"90.0"});
+    set.appendRow(start.addSecs(1), {"12.0"});
+    set.appendRow(start.addSecs(2), {""});
+    for (int s = 3; s <= 11; ++s) set.appendRow(start.addSecs(s), {"12.5"});
+    EXPECT_EQ(set.rowCount(), 12);
+    // 11 s back from 11 s reaches 1 s: the spike is gone, the run after it is kept.
+    EXPECT_EQ(runsOf(set.chart(0)).size(), 2);
+    EXPECT_EQ(set.pointCount(0), 10);
+    EXPECT_EQ(runsOf(set.chart(0)).front(), (QVector<QPointF>{{1, 12.0}}));
+    const QValueAxis* value = axisOf(set.chart(0), Qt::Vertical);
+    EXPECT_LT(value->max(), 20.0) << "the dropped spike still stretches the value axis";
+    EXPECT_GE(value->max(), 12.5);
+    EXPECT_LE(value->min(), 12.0);
+    const QValueAxis* time = axisOf(set.chart(0), Qt::Horizontal);
+    EXPECT_GE(time->max(), 11.0);
+    EXPECT_LE(time->min(), 1.0);
+
+    // Two more seconds: the lone reading's run goes as a whole, the line keeps its colour.
+    const QColor colour = static_cast<QLineSeries*>(set.chart(0)->series().front())->color();
+    set.appendRow(start.addSecs(12), {"12.5"});
+    set.appendRow(start.addSecs(13), {"12.5"});
+    EXPECT_EQ(runsOf(set.chart(0)).size(), 1);
+    EXPECT_EQ(set.pointCount(0), 11);  // 3 s .. 13 s
+    EXPECT_EQ(static_cast<QLineSeries*>(set.chart(0)->series().front())->color(), colour);
+    EXPECT_LE(axisOf(set.chart(0), Qt::Horizontal)->min(), 3.0);
+    EXPECT_GE(axisOf(set.chart(0), Qt::Horizontal)->max(), 13.0);
+
+    // Long after: the time axis shows the window, not everything since the first reading.
+    for (int s = 14; s <= 100; ++s) set.appendRow(start.addSecs(s), {"12.5"});
+    EXPECT_EQ(set.pointCount(0), 11);
+    EXPECT_GT(axisOf(set.chart(0), Qt::Horizontal)->min(), 80.0);
+    EXPECT_LE(axisOf(set.chart(0), Qt::Horizontal)->min(), 90.0);
+    EXPECT_GE(axisOf(set.chart(0), Qt::Horizontal)->max(), 100.0);
+}
+
+TEST(MonitorChartsLive, WithoutAWindowEveryReadingStaysAndTheTimeAxisFollowsGaps) {
+    MonitorChartSet set(QStringList{"A", "B"});
+    EXPECT_EQ(set.timeWindow(), 0);
+    set.setTimeWindow(-5);  // no window rather than a window that drops everything
+    EXPECT_EQ(set.timeWindow(), 0);
+    const QDateTime start = QDateTime::currentDateTime();
+    for (int s = 0; s < 30; ++s) set.appendRow(start.addSecs(s), {"1", s < 20 ? "2" : ""});
+    EXPECT_EQ(set.pointCount(0), 30);
+    EXPECT_EQ(set.pointCount(1), 20);
+    EXPECT_EQ(set.pointCount(2), 0);
+    EXPECT_EQ(axisOf(set.chart(0), Qt::Horizontal)->min(), 0.0);
+    // The chart whose readings failed still shows the time up to the latest row.
+    EXPECT_GE(axisOf(set.chart(1), Qt::Horizontal)->max(), 29.0);
+    // A window that leaves a chart no reading empties it; the next reading starts it again.
+    MonitorChartSet live(QStringList{"A"});
+    live.setTimeWindow(5);
+    live.appendRow(start, {"3"});
+    live.appendRow(start.addSecs(20), {""});
+    EXPECT_EQ(live.pointCount(0), 0);
+    EXPECT_TRUE(live.chart(0)->series().isEmpty());
+    live.appendRow(start.addSecs(21), {"4"});
+    EXPECT_EQ(runsOf(live.chart(0)), (QVector<QVector<QPointF>>{{{21, 4}}}));
+    EXPECT_GE(axisOf(live.chart(0), Qt::Vertical)->max(), 4.0);
+    EXPECT_LE(axisOf(live.chart(0), Qt::Vertical)->min(), 4.0);
+}
+
+// One chart drawn into a cell is the cell render() draws for it.
+TEST(MonitorChartsLive, ACellDrawnAloneMatchesTheGrid) {
+    MonitorChartSet set(QStringList{"A (V)", "B (A)"});
+    const QDateTime start = QDateTime::currentDateTime();
+    for (int s = 0; s < 5; ++s) set.appendRow(start.addSecs(s), {QString::number(s), "1"});
+    const QSize cell(240, 160);
+    const QImage grid = set.render(QString(), cell, 2);
+    QImage alone(cell, QImage::Format_ARGB32_Premultiplied);
+    alone.fill(Qt::white);
+    {
+        QPainter painter(&alone);
+        painter.setRenderHint(QPainter::Antialiasing);
+        set.renderChart(1, painter, QRectF(QPointF(0, 0), QSizeF(cell)));
+        set.renderChart(7, painter, QRectF(QPointF(0, 0), QSizeF(cell)));  // no such chart
+    }
+    EXPECT_EQ(alone, grid.copy(QRect(QPoint(cell.width(), 0), cell)));
+    EXPECT_EQ(set.chart(7), nullptr);
+    EXPECT_EQ(set.chart(-1), nullptr);
+    EXPECT_EQ(set.pointCount(7), 0);
+    EXPECT_EQ(set.pointCount(-1), 0);
+    EXPECT_EQ(set.pointCount(0), 5);
+    EXPECT_NE(alone, grid.copy(QRect(QPoint(0, 0), cell)));
 }
 
 }  // namespace

@@ -44,6 +44,17 @@ void DeskProbe::pressKey(QObject* item, int key) const {
     if (item != nullptr) sendKey(item, key, QString());
 }
 
+bool DeskProbe::writeBlock(int command, int offset, const QString& hex) {
+    sim::LidarSimulator* lidar = session_.simulator().network();
+    const QByteArray text = hex.toLatin1().replace(' ', "");
+    if (lidar == nullptr || offset < 0 || text.isEmpty() || text.size() % 2 != 0) return false;
+    const QByteArray bytes = QByteArray::fromHex(text);
+    if (bytes.toHex() != text.toLower()) return false;  // fromHex skips what is not a digit
+    lidar->WriteBlock(static_cast<uint8_t>(command), {}, static_cast<size_t>(offset),
+                      std::vector<uint8_t>(bytes.begin(), bytes.end()));
+    return true;
+}
+
 int DeskProbe::requestCount(int command) const {
     const auto code = static_cast<uint8_t>(command);
     if (const sim::LidarSimulator* lidar = session_.simulator().network())

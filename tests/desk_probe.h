@@ -19,6 +19,10 @@ class DeskProbe : public QObject {
     // The simulator's stored block of a get command, in hexadecimal ("01 2c"); "" when no
     // network simulator runs.
     Q_INVOKABLE QString block(int command) const;
+    // Overwrites bytes of the network simulator's stored block of a get command from `offset`
+    // with `hex` ("2f 1c"), so that a test knows the value the lidar gives; false when no network
+    // simulator runs or the text is not hexadecimal.
+    Q_INVOKABLE bool writeBlock(int command, int offset, const QString& hex);
     Q_INVOKABLE int requestCount(int command) const;
     Q_INVOKABLE void resetCounters();
     // A fault in lidar-sim's words ("no-reply", "delay=3000", "status=5"); false when the text

@@ -2,6 +2,7 @@
 // Each test process works in a folder of its own whose ./Config shows the shipped catalogues and
 // keeps the command history to itself, with a private HOME for the settings file.
 
+#include <QApplication>
 #include <QDir>
 #include <QQmlEngine>
 #include <QTemporaryDir>
@@ -51,6 +52,13 @@ class DeskTestSetup : public QObject {
     std::unique_ptr<DeskProbe> probe_;
 };
 
-QUICK_TEST_MAIN_WITH_SETUP(desk, DeskTestSetup)
+// The monitor charts draw through the widget module (Qt Charts), so the tests run in a
+// QApplication as lidar-desk does; the Quick test runner uses the application it finds.
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    QTEST_SET_MAIN_SOURCE_PATH
+    DeskTestSetup setup;
+    return quick_test_main_with_setup(argc, argv, "desk", nullptr, &setup);
+}
 
 #include "desk_quick_test.moc"

@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QRegularExpression>
+#include <QTextStream>
 #include <QThread>
 #include <QUrl>
 
@@ -233,6 +234,42 @@ TEST(MonitorRecord, AModelWithoutMonitorModuleRefuses) {
     EXPECT_FALSE(session.m().applyMonitorHwVersion("HW2.0", true));
     session.m().selectMonitorHwVersion("HW2.0");
     EXPECT_TRUE(session.Shown("error: Failed to load monitor config for version HW2.0"));
+}
+
+// What a live chart is fed: the record's columns and the values a row would hold now.
+TEST(MonitorLiveReading, ColumnsAreTheHeadersAndAFailedReadingLeavesItsValuesEmpty) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret");
+    LidarUtilitiesManager& m = session.m();
+    EXPECT_EQ(m.getMonitorColumns(), kHw2Columns);
+    m.setMonitorAutoRefresh(false);
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    m.refreshMonitor();
+    QStringList reading = m.getMonitorReading();
+    ASSERT_EQ(reading.size(), kHw2Columns.size());
+    for (const QString& value : reading)
+        EXPECT_FALSE(value.isEmpty()) << reading.join(',').toStdString();
+    // The same values a record row writes after the same reading.
+    QString row;
+    QTextStream stream(&row);
+    m.writeMonitorRecordRow(stream);
+    stream.flush();
+    EXPECT_EQ(row.trimmed().section(',', 1), reading.join(','));
+
+    simulator->SetFault(kMonitorRead, sim::Fault{sim::Fault::Kind::kStatus, 0, 4, 0});
+    m.refreshMonitor();
+    EXPECT_EQ(m.getMonitorReading().join('|'), QString(kHw2Columns.size() - 1, '|'));
+    simulator->ClearFaults();
+    m.refreshMonitor();
+    reading = m.getMonitorReading();
+    EXPECT_EQ(reading.size(), kHw2Columns.size());
+    EXPECT_FALSE(reading.contains(QString()));
+
+    // A model without a monitor module has no columns.
+    CraftedConfig config("Heron-VRC", {});
+    ManagerSession heron("Heron-VRC", config.root());
+    EXPECT_TRUE(heron.m().getMonitorColumns().isEmpty());
+    EXPECT_TRUE(heron.m().getMonitorReading().isEmpty());
 }
 
 TEST(MonitorRecord, AMonitorModuleFirstInItsCatalogueIsRefreshedAndRecorded) {

@@ -330,6 +330,11 @@ class LidarUtilitiesManager : public QObject {
     // a front end shows while it records.
     Q_INVOKABLE QString getMonitorRecordFilePath() const;
     Q_INVOKABLE int getMonitorRecordRowCount() const;
+    // The monitor values as a record has them, for a live chart: the header's column labels
+    // (without "timestamp"), and the values now held, those whose request failed in the latest
+    // module read left empty, as a row leaves them.
+    Q_INVOKABLE QStringList getMonitorColumns() const;
+    Q_INVOKABLE QStringList getMonitorReading() const;
     Q_INVOKABLE int getModuleIndexUse() const;
 
     // ---- Edit staging and applying (edit_staging.cpp) ----

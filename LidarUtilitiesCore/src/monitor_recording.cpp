@@ -159,26 +159,51 @@ QString MonitorService::recordFilePath() const {
 
 // ---- The record file ----
 
-void MonitorService::writeRecordHeader(QTextStream& stream) {
+// The labels of the header, under one lock: a variant swapped in meanwhile gives all or none.
+std::optional<QStringList> MonitorService::shownLabels() const {
     const std::optional<std::vector<ShownValue>> values = reading_.shownValues(moduleIndex_.load());
-    if (!values) return;
+    if (!values) return std::nullopt;
+    QStringList labels;
+    for (const ShownValue& value : *values) labels << QString::fromStdString(value.name);
+    return labels;
+}
+
+// One reading's values together: a read on another thread does not slip in between them.
+std::optional<QStringList> MonitorService::shownTexts(
+    const std::set<std::string>& failedRequests) const {
+    const std::optional<std::vector<ShownValue>> values = reading_.shownValues(moduleIndex_.load());
+    if (!values) return std::nullopt;
+    QStringList texts;
+    for (const ShownValue& value : *values)
+        texts << (failedRequests.count(value.request) == 0 ? QString::fromStdString(value.text)
+                                                           : QString());
+    return texts;
+}
+
+void MonitorService::writeRecordHeader(QTextStream& stream) {
+    const std::optional<QStringList> labels = shownLabels();
+    if (!labels) return;
     stream << "timestamp";
-    for (const ShownValue& value : *values) stream << "," << QString::fromStdString(value.name);
+    for (const QString& label : *labels) stream << "," << label;
     stream << "\n";
 }
 
 void MonitorService::writeRecordRow(QTextStream& stream,
                                     const std::set<std::string>& failedRequests) {
     const QString time = QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss.zzz");
-    // One reading's values together: a read on another thread does not slip in between them.
-    const std::optional<std::vector<ShownValue>> values = reading_.shownValues(moduleIndex_.load());
-    if (!values) return;
+    const std::optional<QStringList> texts = shownTexts(failedRequests);
+    if (!texts) return;
     stream << time;
-    for (const ShownValue& value : *values) {
-        stream << ",";
-        if (failedRequests.count(value.request) == 0) stream << QString::fromStdString(value.text);
-    }
+    for (const QString& text : *texts) stream << "," << text;
     stream << "\n";
+}
+
+QStringList MonitorService::recordLabels() const {
+    return shownLabels().value_or(QStringList());
+}
+
+QStringList MonitorService::recordValues(const std::set<std::string>& failedRequests) const {
+    return shownTexts(failedRequests).value_or(QStringList());
 }
 
 // ---- The façade's monitor recording operations ----
@@ -229,4 +254,14 @@ QString LidarUtilitiesManager::getMonitorRecordFilePath() const {
 
 int LidarUtilitiesManager::getMonitorRecordRowCount() const {
     return monitor_->recordRowCount();
+}
+
+QStringList LidarUtilitiesManager::getMonitorColumns() const {
+    return monitor_->recordLabels();
+}
+
+QStringList LidarUtilitiesManager::getMonitorReading() const {
+    std::set<std::string> failed;
+    for (const ReadFailure& failure : getLastModuleReadFailures()) failed.insert(failure.request);
+    return monitor_->recordValues(failed);
 }

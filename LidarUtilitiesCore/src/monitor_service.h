@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -86,6 +87,11 @@ class MonitorService : public QObject {
     void writeRecordRow(QTextStream& stream, const std::set<std::string>& failedRequests);
     QString recordFilePath() const;
     int recordRowCount() const { return recordRows_.load(); }
+    // A record's columns without its timestamp, for a live view that shows what a recording
+    // would write: the header's labels, and a row's values (empty for `failedRequests`). Empty
+    // without a monitor module.
+    QStringList recordLabels() const;
+    QStringList recordValues(const std::set<std::string>& failedRequests) const;
 
     // Clears both threads' flags, wakes their waits and joins them: what Stop and the
     // destructor do, so that no reading runs after they return.
@@ -110,6 +116,8 @@ class MonitorService : public QObject {
     void joinThread(std::unique_ptr<std::thread>& thread);
     QString recordPathIn(const QUrl& folderUrl) const;
     void recordOneRow(QTextStream& stream);
+    std::optional<QStringList> shownLabels() const;
+    std::optional<QStringList> shownTexts(const std::set<std::string>& failedRequests) const;
     void endRecording(const QString& path);
 
     const DeviceLinkView& link_;

@@ -156,6 +156,18 @@ std::unique_ptr<MonitorChartSet> MonitorChartSet::fromRecordFile(const QString& 
     return set;
 }
 
+void MonitorChartSet::setTimeWindow(double seconds) {
+    window_ = std::max(seconds, 0.0);
+}
+
+int MonitorChartSet::pointCount(int i) const {
+    if (i < 0 || i >= charts_.size()) return 0;
+    int points = 0;
+    for (QAbstractSeries* run : charts_[i].chart->series())
+        points += static_cast<QLineSeries*>(run)->count();
+    return points;
+}
+
 void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values) {
     if (!first_.isValid()) {
         first_ = time;
@@ -167,13 +179,39 @@ void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values
     for (int i = 0; i < charts_.size(); ++i) {
         Column& column = charts_[i];
         double value = 0;
-        if (i >= values.size() || !parseReading(values[i], value)) {
+        if (i < values.size() && parseReading(values[i], value)) {
+            column.decimals = std::max(column.decimals, decimalsOf(values[i]));
+            addPoint(column, seconds, value);
+        } else {
             column.run = nullptr;  // a failed reading: the line breaks here
+        }
+        if (window_ > 0) dropPointsBefore(column, seconds - window_);
+        if (column.hasValue) fitValueAxis(column);
+        fitTimeAxis(column, seconds);
+    }
+}
+
+// Drops the readings older than `start`, and the runs left empty; the value range is taken
+// again from the readings that are left, so an old spike no longer flattens the line.
+void MonitorChartSet::dropPointsBefore(Column& column, double start) {
+    column.hasValue = false;
+    for (QAbstractSeries* abstractRun : column.chart->series()) {
+        auto* run = static_cast<QLineSeries*>(abstractRun);
+        int old = 0;
+        while (old < run->count() && run->at(old).x() < start) ++old;
+        if (old > 0) run->removePoints(0, old);
+        if (run->count() == 0) {
+            if (column.run == run) column.run = nullptr;
+            column.chart->removeSeries(run);
+            delete run;
             continue;
         }
-        column.decimals = std::max(column.decimals, decimalsOf(values[i]));
-        addPoint(column, seconds, value);
-        fitAxes(column, seconds);
+        run->setPointsVisible(run->count() == 1);
+        for (const QPointF& point : run->pointsVector()) {
+            column.low = column.hasValue ? std::min(column.low, point.y()) : point.y();
+            column.high = column.hasValue ? std::max(column.high, point.y()) : point.y();
+            column.hasValue = true;
+        }
     }
 }
 
@@ -198,7 +236,7 @@ void MonitorChartSet::addPoint(Column& column, double seconds, double value) {
 // The vertical range follows the readings with a margin; a flat line gets a narrow band around
 // it. Counters and other whole numbers get whole-number ticks. Tick labels carry as many
 // decimals as the readings do, and more when the tick step needs them to stay distinct.
-void MonitorChartSet::fitAxes(Column& column, double seconds) {
+void MonitorChartSet::fitValueAxis(Column& column) {
     const double span = column.high - column.low;
     if (column.decimals == 0 && span <= 4) {
         const double low = std::floor(column.low) - 1;
@@ -212,7 +250,12 @@ void MonitorChartSet::fitAxes(Column& column, double seconds) {
         column.valueAxis->applyNiceNumbers();
     }
     column.valueAxis->setLabelFormat(tickLabelFormat(*column.valueAxis, column.decimals));
-    column.timeAxis->setRange(0, std::max(seconds, 1.0));
+}
+
+// From the first reading, or over the trailing window of a live chart, to the latest one.
+void MonitorChartSet::fitTimeAxis(Column& column, double seconds) {
+    const double start = window_ > 0 ? std::max(seconds - window_, 0.0) : 0.0;
+    column.timeAxis->setRange(start, std::max(seconds, start + 1.0));
     column.timeAxis->applyNiceNumbers();
     column.timeAxis->setLabelFormat(tickLabelFormat(*column.timeAxis, 0));
 }
@@ -245,19 +288,24 @@ QImage MonitorChartSet::render(const QString& title, QSize cell, int perRow) con
         painter.drawText(QRect(0, 0, size.width(), kTitleHeight), Qt::AlignCenter, title);
     }
     for (int i = 0; i < charts_.size(); ++i) {
-        QChart* chart = charts_[i].chart;
-        const QRectF source(QPointF(0, 0), QSizeF(cell));
         const QRectF target(
             QPointF((i % perRow) * cell.width(), top + (i / perRow) * cell.height()), QSizeF(cell));
-        // A scene owns what it holds: the chart is lent to it for the drawing only.
-        QGraphicsScene scene;
-        scene.addItem(chart);
-        chart->setGeometry(source);
-        scene.setSceneRect(source);
-        scene.render(&painter, target, source);
-        scene.removeItem(chart);
+        renderChart(i, painter, target);
     }
     return image;
+}
+
+void MonitorChartSet::renderChart(int i, QPainter& painter, const QRectF& target) const {
+    QChart* chart = this->chart(i);
+    if (chart == nullptr || target.isEmpty()) return;
+    const QRectF source(QPointF(0, 0), target.size());
+    // A scene owns what it holds: the chart is lent to it for the drawing only.
+    QGraphicsScene scene;
+    scene.addItem(chart);
+    chart->setGeometry(source);
+    scene.setSceneRect(source);
+    scene.render(&painter, target, source);
+    scene.removeItem(chart);
 }
 
 bool MonitorChartSet::savePng(const QString& path, const QString& title, QString* error) const {

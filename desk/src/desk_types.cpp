@@ -5,6 +5,7 @@
 #include "desk_session.h"
 #include "device_queue.h"
 #include "lidar_utilities_manager.h"
+#include "monitor_chart_item.h"
 
 // The QML files are compiled into this library: their resource must be registered by name.
 static void initDeskResources() {
@@ -17,4 +18,5 @@ void registerDeskTypes(LidarUtilitiesManager& manager, DeskSession& session) {
     qmlRegisterSingletonInstance("Lidar", 1, 0, "Desk", &session);
     qmlRegisterUncreatableType<DeviceQueue>("Lidar", 1, 0, "DeviceQueue",
                                             "the queue belongs to the session");
+    qmlRegisterType<MonitorChartItem>("Lidar", 1, 0, "MonitorChart");
 }

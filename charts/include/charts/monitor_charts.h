@@ -11,11 +11,14 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QImage>
+#include <QRectF>
 #include <QSize>
 #include <QString>
 #include <QStringList>
 #include <QVector>
 #include <memory>
+
+class QPainter;
 
 namespace QtCharts {
 class QChart;
@@ -67,14 +70,24 @@ class MonitorChartSet {
     // side of it are not joined. Each unbroken run of readings is a series of its own.
     void appendRow(const QDateTime& time, const QStringList& values);
 
+    // A live chart keeps only the readings of the last `seconds` (counted back from the latest
+    // row): older points are dropped and the axes refit to what is left. 0, the default, keeps
+    // every reading, as a recording's chart does.
+    void setTimeWindow(double seconds);
+    double timeWindow() const { return window_; }
+
     int chartCount() const { return charts_.size(); }
     int rowCount() const { return rows_; }
+    // The points chart i holds now, over all its runs.
+    int pointCount(int i) const;
     // The chart of column i, owned by this set; a front end shows it in a QChartView.
     QtCharts::QChart* chart(int i) const;
     // A title band (when `title` is not empty) above every chart in a grid of `perRow` columns,
     // each `cell` large.
     QImage render(const QString& title = QString(), QSize cell = defaultCell(),
                   int perRow = kDefaultPerRow) const;
+    // Draws chart i into `target` of the painter, as render() draws each cell.
+    void renderChart(int i, QPainter& painter, const QRectF& target) const;
     bool savePng(const QString& path, const QString& title, QString* error) const;
 
     static constexpr int kDefaultPerRow = 2;
@@ -98,11 +111,14 @@ class MonitorChartSet {
         int decimals = 0;  // the most digits after the point of any reading
     };
     void addPoint(Column& column, double seconds, double value);
-    void fitAxes(Column& column, double seconds);
+    void dropPointsBefore(Column& column, double seconds);
+    void fitValueAxis(Column& column);
+    void fitTimeAxis(Column& column, double seconds);
 
     QVector<Column> charts_;
     QDateTime first_;
     int rows_ = 0;
+    double window_ = 0;
 };
 
 }  // namespace monitorcharts
