@@ -153,15 +153,15 @@ int main(int argc, char* argv[]) {
     // The window's first frames are drawn before anything is measured.
     meter.measure([] {}, [] { return false; }, 1000);
     const Lateness idle = meter.measure([] {}, [] { return false; }, kIdleMs);
-    const Lateness connecting = meter.measure([&] { session.connectLidar(); },
-                                              [&] { return manager.getIsConnected(); },
-                                              kLongestPhaseMs + 6000);
+    const Lateness connecting =
+        meter.measure([&] { session.connectLidar(); }, [&] { return manager.getIsConnected(); },
+                      kLongestPhaseMs + 6000);
     reconnectIfStopped();
     int module = 0, page = 0, row = 0;
     const bool found = findVariable(manager, "Spin Rate", module, page, row);
     if (!found) std::fprintf(stderr, "Spin Rate is not in the variable map: apply not measured\n");
-    const Lateness reading = meter.measure([&] { queue.call("readModule", {module}); }, queueIdle,
-                                           kLongestPhaseMs);
+    const Lateness reading =
+        meter.measure([&] { queue.call("readModule", {module}); }, queueIdle, kLongestPhaseMs);
     reconnectIfStopped();
     const Lateness applying = meter.measure(
         [&] {
@@ -173,11 +173,14 @@ int main(int argc, char* argv[]) {
         },
         queueIdle, kLongestPhaseMs);
     reconnectIfStopped();
-    const Lateness console = meter.measure([&] { queue.call("SendCommand", {"07", ""}); },
-                                           queueIdle, kLongestPhaseMs);
+    const Lateness console = meter.measure(
+        [&] {
+            queue.call("SendCommand", {"07", ""});
+        },
+        queueIdle, kLongestPhaseMs);
     reconnectIfStopped();
-    const Lateness monitor = meter.measure([&] { queue.call("refreshMonitor", {}); }, queueIdle,
-                                           kLongestPhaseMs);
+    const Lateness monitor =
+        meter.measure([&] { queue.call("refreshMonitor", {}); }, queueIdle, kLongestPhaseMs);
     session.disconnectLidar();
 
     std::printf("UI-thread lateness of a %d ms timer, every reply delayed %d ms\n", kTickMs,
@@ -188,8 +191,8 @@ int main(int argc, char* argv[]) {
     print("apply", applying, idle);
     print("console send", console, idle);
     print("monitor refresh", monitor, idle);
-    const double worst = std::max({connecting.max, reading.max, applying.max, console.max,
-                                   monitor.max});
+    const double worst =
+        std::max({connecting.max, reading.max, applying.max, console.max, monitor.max});
     std::printf("worst maximum %.2f ms (target: at most 50 ms)\n", worst);
     return 0;
 }
