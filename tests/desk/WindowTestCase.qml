@@ -60,6 +60,7 @@ TestCase {
         wait(0)
     }
     function cleanup() {
+        Probe.clearFaults()
         Desk.disconnectLidar()
         tryVerify(function() { return !Desk.queue.busy }, 10000)
     }
