@@ -9,6 +9,7 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTextStream>
+#include <QTimer>
 #include <cstdlib>
 #include <memory>
 
@@ -94,7 +95,9 @@ int main(int argc, char* argv[]) {
                          if (!ok) status = fail("screenshots: " + why);
                          QApplication::exit(status);
                      });
-    tour.start();
+    // Started from the event loop, so that a tour that ends at once (its folder cannot be
+    // made) still ends the loop.
+    QTimer::singleShot(0, &tour, &ScreenshotTour::start);
     app.exec();
     return status;
 }
