@@ -9,7 +9,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QQmlApplicationEngine>
-#include <QQuickStyle>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <algorithm>
@@ -115,7 +114,7 @@ int main(int argc, char* argv[]) {
     setenv("HOME", home.path().toLocal8Bit().constData(), 1);
     unsetenv("XDG_CONFIG_HOME");
     QApplication app(argc, argv);
-    QQuickStyle::setStyle("Fusion");
+    useDeskLook();
     if (!enterWorkFolder(work)) return 1;
 
     LidarUtilitiesManager& manager = *LidarUtilitiesManager::getInstance(0, "");

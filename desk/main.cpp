@@ -5,7 +5,6 @@
 #include <QCommandLineParser>
 #include <QFileInfo>
 #include <QQmlApplicationEngine>
-#include <QQuickStyle>
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTextStream>
@@ -42,7 +41,7 @@ int main(int argc, char* argv[]) {
     QApplication app(argc, argv);
     QApplication::setApplicationName("lidar-desk");
     QApplication::setApplicationVersion(LIDAR_VERSION);
-    QQuickStyle::setStyle("Fusion");
+    useDeskLook();
 
     QCommandLineParser parser;
     parser.setApplicationDescription("The lidar configuration window.");

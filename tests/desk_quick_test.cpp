@@ -36,6 +36,7 @@ class DeskTestSetup : public QObject {
         session_ = std::make_unique<DeskSession>(manager, "./Config");
         probe_ = std::make_unique<DeskProbe>(*session_, files_.path());
         registerDeskTypes(manager, *session_);
+        useDeskLook();
         qmlRegisterSingletonInstance("LidarTest", 1, 0, "Probe", probe_.get());
     }
 

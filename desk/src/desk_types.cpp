@@ -1,5 +1,7 @@
 #include "desk_types.h"
 
+#include <QQuickStyle>
+#include <QQuickWindow>
 #include <QtQml>
 
 #include "desk_session.h"
@@ -19,4 +21,9 @@ void registerDeskTypes(LidarUtilitiesManager& manager, DeskSession& session) {
     qmlRegisterUncreatableType<DeviceQueue>("Lidar", 1, 0, "DeviceQueue",
                                             "the queue belongs to the session");
     qmlRegisterType<MonitorChartItem>("Lidar", 1, 0, "MonitorChart");
+}
+
+void useDeskLook() {
+    QQuickStyle::setStyle("Fusion");
+    QQuickWindow::setTextRenderType(QQuickWindow::NativeTextRendering);
 }

@@ -7,3 +7,9 @@ class LidarUtilitiesManager;
 class DeskSession;
 
 void registerDeskTypes(LidarUtilitiesManager& manager, DeskSession& session);
+
+// The window's look, set before its first item is made: the Fusion style, and text drawn with
+// the platform's glyphs. The scene graph's default distance-field text adds glyphs to one texture
+// that grows as new characters appear; with software OpenGL each growth stalled the UI thread
+// for 100 ms or more (the frame-gap benchmark), when a read first showed new characters.
+void useDeskLook();
