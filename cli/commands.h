@@ -35,9 +35,6 @@ int commandOperationLog(Session& session);
 // Why lidarutil cannot write a file into `folder` (missing, not a folder, or the cause the file
 // system gives); empty when it can. Checked before connecting by every command that writes there.
 QString unwritableFolder(const QString& folder);
-// Why a package file cannot be read ("cannot read the package PATH: " and the system's reason);
-// empty when it can. Checked before connecting by both upgrades.
-QString unreadablePackage(const QString& path);
 // Polls until `ended` is true, calling `eachPoll` each time; the first Ctrl-C prints
 // firstInterruptWarning(), the second prints `abandoning` and stops the manager's worker.
 // Needs an InterruptGuard in scope.

@@ -231,7 +231,8 @@ int heronUpgrade(Session& session) {
     const QStringList& arguments = session.options().arguments;
     if (arguments.size() != 1) return usageError("heron upgrade takes one package file");
     const QFileInfo package(arguments.front());
-    if (const QString problem = unreadablePackage(arguments.front()); !problem.isEmpty())
+    if (const QString problem = session.manager().firmwarePackageProblem(arguments.front());
+        !problem.isEmpty())
         return usageError(problem);
     // Judged before the lidar is touched: a package the upgrade refuses never costs a connection.
     if (const QString refusal = otaPackageRefusal(package.absoluteFilePath()); !refusal.isEmpty()) {

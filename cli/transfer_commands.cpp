@@ -190,30 +190,15 @@ QString unwritableFolder(const QString& folder) {
     return QString();
 }
 
-QString unreadablePackage(const QString& path) {
-    const QString refusal = "cannot read the package " + path + ": ";
-    const QFileInfo info(path);
-    if (info.isDir()) return refusal + "it is a folder";
-    // Not opened: a named pipe would block the open until something writes into it.
-    if (info.exists() && !info.isFile()) return refusal + "it is not a regular file";
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return refusal + QString::fromLocal8Bit(std::strerror(errno));
-    ::close(fd);
-    return QString();
-}
-
 namespace {
 
 // What the upgrade checks before connecting: a usage error's text, or empty with `variable` set
 // to the catalogue variable that starts it (null for the serial-line models, which take their
 // own transfer).
-QString upgradeRequestProblem(Session& session, const QFileInfo& package,
-                              const VarPosition*& variable) {
+QString upgradeRequestProblem(Session& session, const VarPosition*& variable) {
     const QString& path = session.options().arguments.front();
-    if (QString problem = unreadablePackage(path); !problem.isEmpty()) return problem;
-    // The manager hands an empty package to the transfer as designed, and the lidar would then be
-    // restarted for nothing.
-    if (package.size() == 0) return "the package " + path + " is empty; nothing was sent";
+    if (QString problem = session.manager().firmwarePackageProblem(path); !problem.isEmpty())
+        return problem;
     // The Heron's firmware comes in components, each with its own transfer: a whole package
     // sent through the generic one would be taken for a firmware it is not.
     if (session.options().model == kHeronModel)
@@ -288,7 +273,7 @@ int commandUpgrade(Session& session) {
     if (arguments.size() != 1) return usageError("upgrade takes one package file");
     const QFileInfo package(arguments.front());
     const VarPosition* variable = nullptr;
-    if (QString problem = upgradeRequestProblem(session, package, variable); !problem.isEmpty())
+    if (QString problem = upgradeRequestProblem(session, variable); !problem.isEmpty())
         return usageError(problem);
     if (int status = session.connect(); status != kExitOk) return status;
     return runUpgrade(session, package, variable);

@@ -1,6 +1,7 @@
 // The manager without a device: settings, messages, model listing and loading, lookups, caches.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QFile>
 #include <QSettings>
@@ -307,6 +308,25 @@ TEST(ManagerCatalogue, FirmwareUpgradeVariableIsTheCataloguesUpgradeCommand) {
     }
     m.InitConfigFileParser("Wren");  // upgraded by its own transfer: no such variable
     EXPECT_TRUE(m.firmwareUpgradeVariable().isEmpty());
+}
+
+// Every upgrade checks its package with this before anything is sent.
+TEST(ManagerFirmware, APackageThatCannotBeSentIsNamedWithTheReason) {
+    TempDir dir;
+    LidarUtilitiesManager m(0, "");
+    const QString folder = QString::fromStdString(dir.path());
+    WriteFile(dir.path() + "/firmware.bin", "\x01");
+    EXPECT_EQ(m.firmwarePackageProblem(folder + "/firmware.bin"), "");
+    WriteFile(dir.path() + "/empty.bin", "");
+    EXPECT_EQ(m.firmwarePackageProblem(folder + "/empty.bin"),
+              "the package " + folder + "/empty.bin is empty; nothing was sent");
+    EXPECT_EQ(m.firmwarePackageProblem(folder),
+              "cannot read the package " + folder + ": it is a folder");
+    EXPECT_EQ(m.firmwarePackageProblem(folder + "/missing.bin"),
+              "cannot read the package " + folder + "/missing.bin: No such file or directory");
+    ASSERT_EQ(::mkfifo((dir.path() + "/pipe").c_str(), 0600), 0);
+    EXPECT_EQ(m.firmwarePackageProblem(folder + "/pipe"),
+              "cannot read the package " + folder + "/pipe: it is not a regular file");
 }
 
 TEST(ManagerCatalogue, FirmwareUpgradeVariableIsTheFirstOfSeveral) {

@@ -59,6 +59,10 @@ struct Tour {
     QStringList pictures;
 };
 
+void PrintTo(const Tour& tour, std::ostream* out) {
+    *out << tour.model;
+}
+
 class DeskScreenshots : public ::testing::TestWithParam<Tour> {};
 
 TEST_P(DeskScreenshots, EveryViewTheModelShowsIsWrittenAt1280x800AndNoTwoAlike) {

@@ -376,6 +376,10 @@ class LidarUtilitiesManager : public QObject {
     // variable whose set command is the firmware upgrade command (0x83); empty when the loaded
     // model has none.
     Q_INVOKABLE QVariantList firmwareUpgradeVariable() const;
+    // Why a package file cannot be sent as it is ("" when it can): it cannot be opened, is a
+    // folder or not a regular file, or is empty. The upgrades themselves hand an empty package
+    // to the transfer, and the lidar would then be restarted for nothing. Names the path as given.
+    Q_INVOKABLE QString firmwarePackageProblem(const QString& path) const;
 
     // ---- Heron model: device operations (heron_operations.cpp), OTA upgrade (heron_upgrade.cpp)
     // The program-wide text of a component version that is not known.

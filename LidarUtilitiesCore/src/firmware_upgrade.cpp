@@ -3,9 +3,15 @@
 
 #include "firmware_upgrade.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <QFile>
+#include <QFileInfo>
+#include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstring>
 #include <optional>
 #include <system_error>
 
@@ -271,6 +277,19 @@ QVariantList LidarUtilitiesManager::firmwareUpgradeVariable() const {
                     return {int(m), int(p), int(v)};
             }
     return {};
+}
+
+QString LidarUtilitiesManager::firmwarePackageProblem(const QString& path) const {
+    const QString refusal = "cannot read the package " + path + ": ";
+    const QFileInfo info(path);
+    if (info.isDir()) return refusal + "it is a folder";
+    // Not opened: a named pipe would block the open until something writes into it.
+    if (info.exists() && !info.isFile()) return refusal + "it is not a regular file";
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return refusal + QString::fromLocal8Bit(std::strerror(errno));
+    ::close(fd);
+    if (info.size() == 0) return "the package " + path + " is empty; nothing was sent";
+    return QString();
 }
 
 bool LidarUtilitiesManager::getIsUpgrading() const {

@@ -159,6 +159,31 @@ WindowTestCase {
         compare(Probe.requestCount(operationSet), setsBefore)
     }
 
+    // The lidar refuses the set command: the edit is named as not applied (nothing is staged
+    // any more), the lidar keeps its bytes, and Discard clears the mark.
+    function test_aRefusedApplyLeavesItsEditMarkedNotApplied() {
+        var view = openModule("Operation", "Spin Rate")
+        var before = Probe.block(operationGet)
+        var spin = named("optionField", row(view, "Spin Rate"))
+        chooseAnotherOption(spin)
+        tryCompare(named("editedMark", row(view, "Spin Rate")), "text", "edited")
+        verify(Probe.setFault(operationSet, "status=3"))
+        mouseClick(named("applyButton", view))
+        tryVerify(function() { return view.applyTicket < 0 && !Desk.queue.busy }, 10000)
+        tryCompare(named("editedMark", row(view, "Spin Rate")), "text", "not applied")
+        compare(named("stagedCount", view).text, "Not applied: Spin Rate. Edit them again to "
+                + "send them, or Discard to show the lidar's values.")
+        var outcome = named("applyOutcome", view).text
+        verify(outcome !== "" && outcome.indexOf("success") < 0, outcome)
+        verify(!named("applyButton", view).enabled, "nothing is staged to apply")
+        compare(Probe.block(operationGet), before)
+
+        Probe.clearFaults()
+        mouseClick(named("discardButton", view))
+        tryCompare(named("editedMark", row(view, "Spin Rate")), "text", "")
+        tryCompare(named("stagedCount", view), "text", "No edits")
+    }
+
     function test_networkSettingsSayTheConnectionDropsAndOfferToConnectAgain() {
         connectSimulated("Egret")
         var view = openView("Parameters")

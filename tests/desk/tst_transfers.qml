@@ -14,9 +14,12 @@ WindowTestCase {
         field.text = path
         field.editingFinished()
     }
-    function startUpgrade() {
+    function startUpgrade() { startUpgradeOf(function() {}) }
+    // Presses Upgrade once it is enabled, after `beforePress` has run.
+    function startUpgradeOf(beforePress) {
         var button = named("upgradeButton")
         tryVerify(function() { return button.enabled }, 5000, "Upgrade enabled")
+        beforePress()
         // Not a mouse click: an error pop-up of the test before may lie over the button.
         button.clicked()
     }
@@ -66,6 +69,37 @@ WindowTestCase {
             return named("upgradeOutcome").text.indexOf("the lidar was not restarted") > 0
         }, 5000, "the manager's word on the abandoned restart is shown")
         compare(Probe.requestCount(0x10), 0, "no restart was sent")
+    }
+
+    // An empty, missing or folder "package" is named at the field, before anything is sent; the
+    // lidar would otherwise be restarted for nothing.
+    function test_aFileThatCannotBeSentIsRefusedAtTheField() {
+        connectSimulated("Egret")
+        openView("Firmware")
+        var transfersBefore = Probe.transfers().length
+        var problem = named("packageProblem")
+        var empty = Probe.writeFile("empty.bin", 0)
+        choosePackage(empty)
+        compare(problem.text, "The package " + empty + " is empty; nothing was sent")
+        verify(problem.visible)
+        verify(!named("upgradeButton").enabled, "no upgrade of an empty file")
+
+        choosePackage(Probe.folder() + "/missing.bin")
+        verify(problem.text.indexOf("Cannot read the package " + Probe.folder()
+                                    + "/missing.bin: ") === 0, problem.text)
+        choosePackage(Probe.folder())
+        compare(problem.text, "Cannot read the package " + Probe.folder() + ": it is a folder")
+        verify(!named("upgradeButton").enabled)
+
+        // A file that becomes empty after it was chosen is checked again at Upgrade.
+        var firmware = Probe.writeFile("later-empty.bin", 4096)
+        choosePackage(firmware)
+        verify(!problem.visible, problem.text)
+        startUpgradeOf(function() { Probe.writeFile("later-empty.bin", 0) })
+        compare(problem.text, "The package " + firmware + " is empty; nothing was sent")
+        verify(!Manager.isUpgrading)
+        idle()
+        compare(Probe.transfers().length, transfersBefore)
     }
 
     function test_aHeronPackageIsListedThenSentComponentByComponent() {

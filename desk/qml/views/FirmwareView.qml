@@ -15,10 +15,12 @@ ScrollView {
     readonly property bool heron: Manager.selectedLidarModel === "Heron-VRC"
     readonly property bool canStart: Manager.isConnected && !Desk.queue.busy
                                      && !Manager.isUpgrading && !Manager.isDownloadLog
-                                     && !restartPending && packagePath !== ""
+                                     && !restartPending && packagePath !== "" && packageProblem === ""
                                      && (!heron || inspection.valid === true)
     property string packagePath: ""
     property var inspection: ({})
+    // Why the chosen file cannot be sent (the manager's check), "" when it can.
+    property string packageProblem: ""
 
     // What the progress shows: KiB sent and to send, and when the transfer began.
     property int progressKiB: 0
@@ -45,6 +47,7 @@ ScrollView {
 
     function setPackage(path) {
         packagePath = path
+        packageProblem = path !== "" ? Manager.firmwarePackageProblem(path) : ""
         inspection = heron && path !== "" ? Manager.HeronInspectOtaPackage(Desk.fileUrl(path)) : ({})
         componentStates = ({})
         componentSending = ""
@@ -58,6 +61,9 @@ ScrollView {
     }
 
     function startUpgrade() {
+        // The file may have changed since it was chosen.
+        setPackage(packagePath)
+        if (packageProblem !== "" || (heron && inspection.valid !== true)) return
         var url = Desk.fileUrl(packagePath)
         if (Manager.connectType === 0) {
             var at = Manager.firmwareUpgradeVariable()
@@ -255,8 +261,17 @@ ScrollView {
                     }
                 }
                 Label {
+                    objectName: "packageProblem"
+                    visible: view.packageProblem !== ""
+                    Layout.fillWidth: true
+                    wrapMode: Text.Wrap
+                    color: "firebrick"
+                    text: view.packageProblem.charAt(0).toUpperCase() + view.packageProblem.slice(1)
+                }
+                Label {
                     objectName: "packageRefusal"
-                    visible: view.heron && view.packagePath !== "" && view.inspection.valid === false
+                    visible: view.heron && view.packagePath !== "" && view.packageProblem === ""
+                             && view.inspection.valid === false
                     Layout.fillWidth: true
                     wrapMode: Text.Wrap
                     color: "firebrick"

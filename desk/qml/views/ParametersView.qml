@@ -20,6 +20,10 @@ Pane {
     // Bumped whenever the staging may have changed, so that what is read from it is read again.
     property int stagingRevision: 0
     readonly property int stagedCount: { stagingRevision; return Manager.getSetMapSize() }
+    readonly property var stagedCommands: { stagingRevision; return Manager.stagedSetCommands() }
+    // An apply that failed leaves its rows edited with nothing staged: they were not applied.
+    readonly property var notAppliedRows: editedRows.filter(function(row) {
+        return stagedCommands.indexOf(row.setCmd) < 0 })
     readonly property var editedRows: { stagingRevision; variableMap; return EditedRows.editedRows(Manager) }
     readonly property int editedModule: editedRows.length > 0 ? editedRows[0].module : -1
     readonly property int currentModule: tabs.currentIndex
@@ -176,7 +180,10 @@ Pane {
             Label {
                 objectName: "stagedCount"
                 Layout.fillWidth: true
-                text: view.stagedCount === 0 && view.editedRows.length === 0 ? "No edits"
+                text: view.editedRows.length === 0 && view.stagedCount === 0 ? "No edits"
+                      : view.notAppliedRows.length === view.editedRows.length && view.stagedCount === 0
+                        ? "Not applied: " + EditedRows.names(view.notAppliedRows)
+                          + ". Edit them again to send them, or Discard to show the lidar's values."
                       : view.stagedCount + " set command" + (view.stagedCount === 1 ? "" : "s")
                         + " to send; edited: " + EditedRows.names(view.editedRows)
             }
@@ -297,7 +304,9 @@ Pane {
                                     }
                                     Label {
                                         objectName: "editedMark"
-                                        text: rowItem.edited ? "edited" : ""
+                                        text: !rowItem.edited ? ""
+                                              : view.stagedCommands.indexOf(rowItem.variable.set_cmd) >= 0
+                                                ? "edited" : "not applied"
                                         color: "darkorange"
                                     }
                                     Item { Layout.fillWidth: true }
