@@ -20,6 +20,13 @@ WindowTestCase {
         // Not a mouse click: an error pop-up of the test before may lie over the button.
         button.clicked()
     }
+    // The log pane's shown line that holds `text`, or null.
+    function logLineContaining(text) {
+        var shown = named("logLines").contentItem.children
+        for (var i = 0; i < shown.length; ++i)
+            if (shown[i].text !== undefined && shown[i].text.indexOf(text) >= 0) return shown[i]
+        return null
+    }
     function lastTransfer() {
         var transfers = Probe.transfers()
         return transfers.length > 0 ? transfers[transfers.length - 1] : null
@@ -66,6 +73,14 @@ WindowTestCase {
             return named("upgradeOutcome").text.indexOf("the lidar was not restarted") > 0
         }, 5000, "the manager's word on the abandoned restart is shown")
         compare(Probe.requestCount(0x10), 0, "no restart was sent")
+        // The log line is longer than the pane is wide: its advice at the end is shown too.
+        var line = null
+        tryVerify(function() {
+            line = logLineContaining("the lidar was not restarted")
+            return line !== null
+        }, 5000, "the log pane shows the abandoned restart")
+        verify(!line.truncated, line.text)
+        verify(line.lineCount > 1, "wrapped over " + line.lineCount + " line(s)")
     }
 
     function test_aHeronPackageIsListedThenSentComponentByComponent() {
