@@ -150,11 +150,15 @@ ScrollView {
                     onActivated: Manager.set_serial_port_232(textAt(index))
                 }
                 Label { text: "Baud rate" }
+                // Only a rate is taken: anything else would be stored as a rate of 0. Text left
+                // unfinished shows the rate kept again.
                 TextField {
                     objectName: "baudRate"
                     text: Manager.baudRate
                     Layout.preferredWidth: 120
+                    validator: IntValidator { bottom: 1 }
                     onEditingFinished: Manager.baudRate = text
+                    onActiveFocusChanged: if (!activeFocus && !acceptableInput) text = Manager.baudRate
                 }
             }
         }
