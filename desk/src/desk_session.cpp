@@ -162,3 +162,8 @@ bool DeskSession::openFolderOf(const QString& path) const {
     const QString folder = info.isDir() ? info.absoluteFilePath() : info.absolutePath();
     return QDesktopServices::openUrl(QUrl::fromLocalFile(folder));
 }
+
+qint64 DeskSession::fileSize(const QString& path) const {
+    const QFileInfo info(path);
+    return info.isFile() ? info.size() : -1;
+}

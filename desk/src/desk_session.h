@@ -50,6 +50,8 @@ class DeskSession : public QObject {
     Q_INVOKABLE QString localPath(const QUrl& url) const;
     Q_INVOKABLE QUrl fileUrl(const QString& path) const;
     Q_INVOKABLE bool openFolderOf(const QString& path) const;
+    // The size in bytes of a regular file; -1 for what is not one (missing, a folder, ...).
+    Q_INVOKABLE qint64 fileSize(const QString& path) const;
 
   signals:
     void simulatedChanged();

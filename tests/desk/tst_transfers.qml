@@ -83,6 +83,30 @@ WindowTestCase {
         verify(line.lineCount > 1, "wrapped over " + line.lineCount + " line(s)")
     }
 
+    function test_anEmptyPackageIsRefusedBeforeAnythingIsSent_data() {
+        return [{ tag: "network", model: "Egret" }, { tag: "serial lines", model: "Wren" }]
+    }
+    function test_anEmptyPackageIsRefusedBeforeAnythingIsSent(data) {
+        var path = Probe.writeFile("empty-" + data.model + ".bin", 0)
+        connectSimulated(data.model)
+        openView("Firmware")
+        var transfers = Probe.transfers().length
+        var upgrading = 0
+        var watch = Qt.createQmlObject("import QtQuick 2.15; import Lidar 1.0; Connections { "
+                                       + "target: Manager; function onIsUpgradingChanged() { "
+                                       + "changed() } signal changed() }", window)
+        watch.changed.connect(function() { ++upgrading })
+        choosePackage(path)
+        startUpgrade()
+        idle()
+        compare(named("upgradeOutcome").text, "The package " + path + " is empty; nothing was sent.")
+        verify(Qt.colorEqual(named("upgradeOutcome").color, "firebrick"), "told as a failure")
+        compare(upgrading, 0, "no upgrade began")
+        compare(Probe.transfers().length, transfers, "the lidar saw no transfer")
+        verify(Manager.isConnected, "the lidar is not restarted")
+        watch.destroy()
+    }
+
     function test_aHeronPackageIsListedThenSentComponentByComponent() {
         var path = Probe.writeOtaPackage("heron.ota", {"BMB_APP_A": 3000, "BMB_APP_B": 5000,
                                                        "TMB_FPGA": 2048, "TMB_PARAM": 700})

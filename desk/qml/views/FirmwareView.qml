@@ -58,6 +58,13 @@ ScrollView {
     }
 
     function startUpgrade() {
+        // The manager would hand an empty package to the transfer, report it sent and restart
+        // the lidar for nothing.
+        if (Desk.fileSize(packagePath) === 0) {
+            outcome = "The package " + packagePath + " is empty; nothing was sent."
+            outcomeIsError = true
+            return
+        }
         var url = Desk.fileUrl(packagePath)
         if (Manager.connectType === 0) {
             var at = Manager.firmwareUpgradeVariable()
