@@ -83,6 +83,25 @@ WindowTestCase {
         verify(line.lineCount > 1, "wrapped over " + line.lineCount + " line(s)")
     }
 
+    // The manager refuses a restart or a reset silently while a transfer runs: the buttons say so.
+    function test_restartAndResetWaitForAnUpgrade() {
+        var path = Probe.writeFile("slow-firmware.bin", 200 * 1024)
+        connectSimulated("Egret")
+        openView("Firmware")
+        verify(Probe.setFault(0x83, "delay=200"))
+        choosePackage(path)
+        startUpgrade()
+        tryVerify(function() { return Manager.isUpgrading }, 5000, "the upgrade runs")
+        // The queue is free again once the manager's worker has taken the transfer over.
+        idle()
+        openView("Connect")
+        verify(Manager.isUpgrading, "still sending")
+        verify(!named("restartButton").enabled, "no restart meanwhile")
+        verify(!named("resetButton").enabled, "no reset meanwhile")
+        Desk.disconnectLidar()
+        tryVerify(function() { return !Manager.isUpgrading }, 10000)
+    }
+
     function test_anEmptyPackageIsRefusedBeforeAnythingIsSent_data() {
         return [{ tag: "network", model: "Egret" }, { tag: "serial lines", model: "Wren" }]
     }
