@@ -123,6 +123,13 @@ WindowTestCase {
         compare(upgrading, 0, "no upgrade began")
         compare(Probe.transfers().length, transfers, "the lidar saw no transfer")
         verify(Manager.isConnected, "the lidar is not restarted")
+
+        // A package that is not there is not taken for an empty one.
+        choosePackage(Probe.folder() + "/no-such-package.bin")
+        startUpgrade()
+        idle()
+        compare(named("upgradeOutcome").text, "Nothing was sent: the package could not be read.")
+        compare(upgrading, 0, "no upgrade began")
         watch.destroy()
     }
 
