@@ -24,6 +24,35 @@ WindowTestCase {
         verify(!Manager.isConnected)
     }
 
+    function test_theBaudRateTakesOnlyARate() {
+        verify(Desk.selectModel("Wren-VRC"))
+        Desk.simulated = false
+        var field = named("baudRate")
+        tryVerify(function() { return field.visible && field.enabled }, 5000, "the field is offered")
+        var kept = Manager.baudRate
+        verify(Number(kept) > 0, "a rate is held: " + kept)
+        window.requestActivate()
+        tryVerify(function() { return window.active }, 5000, "the window has the keyboard")
+
+        field.forceActiveFocus()
+        field.selectAll()
+        Probe.pressKey(field, Qt.Key_Delete)
+        Probe.typeText(field, "abc")
+        Probe.pressKey(field, Qt.Key_Return)
+        compare(Number(Manager.baudRate), Number(kept), "letters are not a rate")
+        named("ipAddress").forceActiveFocus()
+        compare(field.text, String(kept), "the field shows the rate kept")
+
+        field.forceActiveFocus()
+        field.selectAll()
+        Probe.pressKey(field, Qt.Key_Delete)
+        Probe.typeText(field, "115200")
+        Probe.pressKey(field, Qt.Key_Return)
+        compare(Number(Manager.baudRate), 115200)
+        Manager.baudRate = kept
+        Desk.simulated = true
+    }
+
     function test_aModelCannotChangeWhileConnected() {
         connectSimulated("Egret")
         verify(!Desk.selectModel("Plover"))

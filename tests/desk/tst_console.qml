@@ -75,6 +75,40 @@ WindowTestCase {
         compare(named("replyPayload").text.length > 0, true, "the log's reply is shown")
     }
 
+    function within(item, ancestor) {
+        for (var at = item; at; at = at.parent)
+            if (at === ancestor) return true
+        return false
+    }
+    // A person without a mouse: Tab reaches the history, the arrows pick an entry, Enter fills
+    // the fields with it.
+    function test_theHistoryIsReachedAndChosenByKeyboard() {
+        connectSimulated("Egret")
+        var view = openView("Console")
+        send("0x07", "")
+        send("0x75", "01")
+        window.requestActivate()
+        tryVerify(function() { return window.active }, 5000, "the window has the keyboard")
+        named("consoleHeader").text = ""
+        named("consolePayload").text = ""
+        named("consolePayload").forceActiveFocus()
+
+        var history = named("historyList")
+        for (var tabs = 0; tabs < 15 && !within(window.activeFocusItem, history); ++tabs)
+            Probe.pressKey(window, Qt.Key_Tab)
+        verify(within(window.activeFocusItem, history), "Tab reaches the history")
+        compare(history.currentIndex, 0, "the newest entry is picked first")
+        Probe.pressKey(window, Qt.Key_Down)
+        compare(history.currentIndex, 1)
+        Probe.pressKey(window, Qt.Key_Return)
+        compare(named("consoleHeader").text, "07")
+        compare(named("consolePayload").text, "")
+        Probe.pressKey(window, Qt.Key_Up)
+        Probe.pressKey(window, Qt.Key_Space)
+        compare(named("consoleHeader").text, "75")
+        compare(named("consolePayload").text, "01")
+    }
+
     function test_aHeaderThatIsNotHexadecimalIsRefusedByTheManager() {
         connectSimulated("Egret")
         var view = openView("Console")

@@ -23,6 +23,13 @@ WindowTestCase {
         // Not a mouse click: an error pop-up of the test before may lie over the button.
         button.clicked()
     }
+    // The log pane's shown line that holds `text`, or null.
+    function logLineContaining(text) {
+        var shown = named("logLines").contentItem.children
+        for (var i = 0; i < shown.length; ++i)
+            if (shown[i].text !== undefined && shown[i].text.indexOf(text) >= 0) return shown[i]
+        return null
+    }
     function lastTransfer() {
         var transfers = Probe.transfers()
         return transfers.length > 0 ? transfers[transfers.length - 1] : null
@@ -69,6 +76,33 @@ WindowTestCase {
             return named("upgradeOutcome").text.indexOf("the lidar was not restarted") > 0
         }, 5000, "the manager's word on the abandoned restart is shown")
         compare(Probe.requestCount(0x10), 0, "no restart was sent")
+        // The log line is longer than the pane is wide: its advice at the end is shown too.
+        var line = null
+        tryVerify(function() {
+            line = logLineContaining("the lidar was not restarted")
+            return line !== null
+        }, 5000, "the log pane shows the abandoned restart")
+        verify(!line.truncated, line.text)
+        verify(line.lineCount > 1, "wrapped over " + line.lineCount + " line(s)")
+    }
+
+    // The manager refuses a restart or a reset silently while a transfer runs: the buttons say so.
+    function test_restartAndResetWaitForAnUpgrade() {
+        var path = Probe.writeFile("slow-firmware.bin", 200 * 1024)
+        connectSimulated("Egret")
+        openView("Firmware")
+        verify(Probe.setFault(0x83, "delay=200"))
+        choosePackage(path)
+        startUpgrade()
+        tryVerify(function() { return Manager.isUpgrading }, 5000, "the upgrade runs")
+        // The queue is free again once the manager's worker has taken the transfer over.
+        idle()
+        openView("Connect")
+        verify(Manager.isUpgrading, "still sending")
+        verify(!named("restartButton").enabled, "no restart meanwhile")
+        verify(!named("resetButton").enabled, "no reset meanwhile")
+        Desk.disconnectLidar()
+        tryVerify(function() { return !Manager.isUpgrading }, 10000)
     }
 
     // An empty, missing or folder "package" is named at the field, before anything is sent; the

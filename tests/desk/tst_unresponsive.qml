@@ -22,6 +22,7 @@ WindowTestCase {
         uiTick.start()
         verify(Desk.queue.call("SendCommand", ["07", ""]) > 0)
         tryVerify(function() { return Desk.queue.busy })
+        tryCompare(named("busyWith"), "text", "busy: sending a command")
         // While the call waits for its time-out, the UI thread goes on running its timers.
         tryVerify(function() { return uiTick.ticks >= 20 }, 10000, "the UI thread kept running")
         verify(Desk.queue.busy, "the call is still waiting for the lidar")
@@ -37,6 +38,8 @@ WindowTestCase {
         for (var code = 0; code < 256; ++code) verify(Probe.setFault(code, "no-reply"))
         verify(Desk.queue.call("readModule", [2]) > 0)
         tryVerify(function() { return Desk.queue.busy })
+        // The status line says what waits, in words rather than the operation's name.
+        tryCompare(named("busyWith"), "text", "busy: reading the lidar")
         // The person gives up on it: Disconnect does not wait for the read's time-outs.
         Desk.disconnectLidar()
         compare(named("connectionState").text, "disconnected")

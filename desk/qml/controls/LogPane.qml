@@ -46,12 +46,13 @@ Pane {
             clip: true
             model: lines
             ScrollBar.vertical: ScrollBar {}
+            // A long line wraps: its end often holds the advice ("Please reboot lidar manually.").
             delegate: Text {
                 width: list.width
                 text: model.level + "  " + model.message
                 color: pane.colourOf(model.level)
                 font.family: "monospace"
-                elide: Text.ElideRight
+                wrapMode: Text.WrapAtWordBoundaryOrAnywhere
             }
         }
     }

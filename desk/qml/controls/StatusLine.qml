@@ -33,8 +33,20 @@ Pane {
         if (Manager.isUpgrading) busy.push("upgrading")
         if (Manager.isDownloadLog) busy.push("downloading")
         if (Manager.isMonitorRecording) busy.push("recording")
-        if (Desk.queue.busy && Desk.queue.running && !Desk.connecting) busy.push(Desk.queue.running)
+        if (Desk.queue.busy && Desk.queue.running && !Desk.connecting)
+            busy.push(describe(Desk.queue.running))
         return busy
+    }
+    // The queue names the manager operation it runs; a person is told what it does.
+    function describe(operation) {
+        if (/^(Restart|HeronSendRestartCommand)$/.test(operation)) return "restarting the lidar"
+        if (operation === "Reset") return "resetting the lidar"
+        if (/^Send/.test(operation)) return "sending a command"
+        if (/UpgradeLidar$/.test(operation)) return "starting the upgrade"
+        if (/^Download/.test(operation)) return "starting the download"
+        if (/^(applyPage|Run|WrenRun|SetMultiFovConfig)$|^(Wren|Heron)Set/.test(operation))
+            return "writing to the lidar"
+        return "reading the lidar"
     }
     RowLayout {
         anchors.fill: parent

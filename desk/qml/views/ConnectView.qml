@@ -9,6 +9,8 @@ ScrollView {
     id: view
     clip: true
     readonly property bool linkIdle: !Manager.isConnected && !Desk.connecting
+    readonly property bool canRestart: Manager.isConnected && !Desk.queue.busy
+                                        && !Manager.isUpgrading && !Manager.isDownloadLog
     readonly property var kindNames: ["network", "serial lines", "VRC over a serial line"]
 
     // The model chosen while connected, loaded once the disconnect has let the queue empty.
@@ -150,11 +152,15 @@ ScrollView {
                     onActivated: Manager.set_serial_port_232(textAt(index))
                 }
                 Label { text: "Baud rate" }
+                // Only a rate is taken: anything else would be stored as a rate of 0. Text left
+                // unfinished shows the rate kept again.
                 TextField {
                     objectName: "baudRate"
                     text: Manager.baudRate
                     Layout.preferredWidth: 120
+                    validator: IntValidator { bottom: 1 }
                     onEditingFinished: Manager.baudRate = text
+                    onActiveFocusChanged: if (!activeFocus && !acceptableInput) text = Manager.baudRate
                 }
             }
         }
@@ -181,14 +187,17 @@ ScrollView {
                 onClicked: unappliedEdits.whenSettled("disconnect", Desk.disconnectLidar)
             }
             Item { width: 24 }
+            // The manager refuses both without a word while a transfer runs.
             Button {
+                objectName: "restartButton"
                 text: "Restart"
-                enabled: Manager.isConnected && !Desk.queue.busy
+                enabled: view.canRestart
                 onClicked: confirm.ask("Restart", "Restart the lidar? The connection ends.")
             }
             Button {
+                objectName: "resetButton"
                 text: "Reset"
-                enabled: Manager.isConnected && !Desk.queue.busy
+                enabled: view.canRestart
                 onClicked: confirm.ask("Reset",
                                        "Reset the lidar to its factory settings? The connection ends.")
             }

@@ -131,6 +131,13 @@ Pane {
                 clip: true
                 model: view.history
                 currentIndex: -1
+                // Reached by Tab like the fields: the arrows pick an entry, Enter or Space fills
+                // the fields with it.
+                activeFocusOnTab: true
+                keyNavigationEnabled: true
+                Keys.onReturnPressed: if (currentIndex >= 0) view.choose(currentIndex)
+                Keys.onEnterPressed: if (currentIndex >= 0) view.choose(currentIndex)
+                Keys.onSpacePressed: if (currentIndex >= 0) view.choose(currentIndex)
                 delegate: ItemDelegate {
                     objectName: "historyEntry" + index
                     width: historyList.width
