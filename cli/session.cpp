@@ -33,26 +33,7 @@ QString connectionKindOf(int connectType) {
 
 // A read request's result in words: the device's status byte, or the client's own failure.
 QString readFailureText(int code) {
-    static const char* const kStatus[] = {
-        "", "bad payload", "unknown command", "not permitted", "busy", "device failure"};
-    if (code > 0 && code <= 5)
-        return "the lidar answered with status " + QString::number(code) + " (" + kStatus[code] +
-               ")";
-    if (code > 0) return "the lidar answered with status " + QString::number(code);
-    switch (code) {
-        case lidar::kVrcNotConnected:
-            return "not connected (result -1)";
-        case lidar::kVrcClosedByPeer:
-            return "the lidar closed the connection (result -2)";
-        case lidar::kVrcTimeout:
-            return "no answer in time (result -3)";
-        case lidar::kVrcMalformed:
-            return "a malformed reply (result -4)";
-        case lidar::kVrcRefused:
-            return "refused by the access profile (result -5)";
-        default:
-            return "result " + QString::number(code);
-    }
+    return QString::fromStdString(lidar::DescribeVrcResult(code));
 }
 
 Session::Session(const Options& options) : options_(options) {

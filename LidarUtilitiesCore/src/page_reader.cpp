@@ -210,6 +210,7 @@ std::vector<PageReader::ReadFailure> PageReader::readGroups(ReadGroups& groups,
 
 std::optional<std::vector<PageReader::ReadFailure>> PageReader::readModuleAndAnnounce(
     int module, const std::atomic<bool>* runFlag) {
+    forgetModuleReadFailures();
     if (link_.connectionKind() != kNetworkKind || !link_.deviceIsIdle() || !catalogue_.parser())
         return std::nullopt;
     std::optional<ReadGroups> groups = moduleGroups(module);
@@ -229,6 +230,7 @@ bool PageReader::serialKindIdle() const {
 }
 
 void PageReader::readSerialModule(int module) {
+    forgetModuleReadFailures();
     if (!serialKindIdle() || !catalogue_.parser()) return;
     std::optional<ReadGroups> groups = moduleGroups(module);
     if (!groups) return;
@@ -238,6 +240,13 @@ void PageReader::readSerialModule(int module) {
         lastModuleReadFailures_ = std::move(failures);
     }
     emit wrenLidarInfoChanged();
+}
+
+// A read that does not happen (not connected, the device busy) leaves no failures of an earlier
+// read behind to be taken for its own.
+void PageReader::forgetModuleReadFailures() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lastModuleReadFailures_.clear();
 }
 
 std::vector<PageReader::ReadFailure> PageReader::lastModuleReadFailures() const {

@@ -106,6 +106,7 @@ class PageReader : public QObject, public ModuleReadingView, public GroupReadBac
     void wrenLidarInfoChanged();
 
   private:
+    void forgetModuleReadFailures();
     // Variables that are read with one request, under their grouping key, in first-seen order.
     using ReadGroups = std::vector<std::pair<std::string, std::vector<VarInfo*>>>;
 

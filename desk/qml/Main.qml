@@ -38,8 +38,8 @@ ApplicationWindow {
         { name: "Parameters", source: "views/ParametersView.qml", shown: true },
         { name: "Field of view", source: "views/FieldOfViewView.qml", shown: hasFieldOfView },
         { name: "Console", source: "views/ConsoleView.qml", shown: true },
-        { name: "Firmware", source: "views/FirmwareView.qml", shown: true },
-        { name: "Logs", source: "views/LogsView.qml", shown: true },
+        { name: "Firmware", source: "views/FirmwareView.qml", shown: true, kept: true },
+        { name: "Logs", source: "views/LogsView.qml", shown: true, kept: true },
         { name: "Monitor", source: "views/MonitorView.qml", shown: true },
         { name: "Model operations", source: "views/ModelOperationsView.qml",
           shown: hasModelOperations }
@@ -56,7 +56,8 @@ ApplicationWindow {
         }
         return false
     }
-    readonly property Item currentViewItem: viewLoader.item
+    // The item of the view shown (set by its loader).
+    property Item currentViewItem: null
 
     RowLayout {
         anchors.fill: parent
@@ -90,11 +91,31 @@ ApplicationWindow {
             Layout.fillHeight: true
             spacing: 0
 
-            Loader {
-                id: viewLoader
+            // A view is made when it is shown and let go when another is. The transfer views
+            // (`kept`) stay once shown: an upgrade or a download goes on while the person looks
+            // elsewhere, and its progress, outcome and Cancel must be there on the way back.
+            Item {
                 Layout.fillWidth: true
                 Layout.fillHeight: true
-                source: window.views[window.currentView].source
+                Repeater {
+                    objectName: "viewLoaders"
+                    model: window.views
+                    delegate: Loader {
+                        readonly property bool current: index === window.currentView
+                        property bool everShown: false
+                        anchors.fill: parent
+                        active: current || (modelData.kept === true && everShown)
+                        visible: current
+                        source: modelData.source
+                        function showIfCurrent() {
+                            if (!current) return
+                            everShown = true
+                            window.currentViewItem = item
+                        }
+                        onCurrentChanged: showIfCurrent()
+                        onLoaded: showIfCurrent()
+                    }
+                }
             }
             LogPane {
                 Layout.fillWidth: true

@@ -4,9 +4,11 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
+#include <QStringList>
 #include <QThread>
 
 #include "lidar_utilities_manager.h"
+#include "sdk/vrc_client.h"
 
 namespace {
 
@@ -41,6 +43,23 @@ class FileSnapshot {
     QByteArray bytes_;
 };
 
+// At most this many failed requests are named in one message; the rest are counted.
+constexpr size_t kFailuresNamed = 4;
+
+QString readFailuresText(const std::vector<LidarUtilitiesManager::ReadFailure>& failures) {
+    QStringList lines;
+    for (size_t i = 0; i < failures.size() && i < kFailuresNamed; ++i) {
+        QStringList names;
+        for (const std::string& name : failures[i].names) names << QString::fromStdString(name);
+        lines << "Could not read " + names.join(", ") + " (request " +
+                     QString::fromStdString(failures[i].request) +
+                     "): " + QString::fromStdString(lidar::DescribeVrcResult(failures[i].code));
+    }
+    if (failures.size() > kFailuresNamed)
+        lines << QString("and %1 more requests").arg(failures.size() - kFailuresNamed);
+    return lines.join("\n");
+}
+
 }  // namespace
 
 DeskSession::DeskSession(LidarUtilitiesManager& manager, QString configDir, QObject* parent)
@@ -51,6 +70,18 @@ DeskSession::DeskSession(LidarUtilitiesManager& manager, QString configDir, QObj
       simulator_(configDir_) {
     connect(&manager_, &LidarUtilitiesManager::isConnectedChanged, this,
             [this] { setConnecting(false); });
+    connect(&queue_, &DeviceQueue::finished, this,
+            [this](int, const QString& method, const QVariant&) { tellReadFailures(method); });
+}
+
+// The manager keeps a read's failed requests to itself (the values stay as they were): the
+// window tells them as it tells a failed operation. A read cut short by a disconnect is not
+// told; the disconnect says enough.
+void DeskSession::tellReadFailures(const QString& method) {
+    if (method != "readModule" || !manager_.getIsConnected()) return;
+    const std::vector<LidarUtilitiesManager::ReadFailure> failures =
+        manager_.getLastModuleReadFailures();
+    if (!failures.empty()) manager_.showErrorMessage(readFailuresText(failures));
 }
 
 DeskSession::~DeskSession() {

@@ -65,6 +65,7 @@ class DeskSession : public QObject {
     bool serialModel(const QString& model) const;
     bool startSimulator();
     void setConnecting(bool on);
+    void tellReadFailures(const QString& method);
 
     LidarUtilitiesManager& manager_;
     QString configDir_;

@@ -49,6 +49,29 @@ uint16_t DegreesToTenths(float degrees) {
 
 }  // namespace
 
+std::string DescribeVrcResult(int code) {
+    static const char* const kStatus[] = {
+        "", "bad payload", "unknown command", "not permitted", "busy", "device failure"};
+    if (code > 0) {
+        const std::string status = "the lidar answered with status " + std::to_string(code);
+        return code <= 5 ? status + " (" + kStatus[code] + ")" : status;
+    }
+    switch (code) {
+        case kVrcNotConnected:
+            return "not connected (result -1)";
+        case kVrcClosedByPeer:
+            return "the lidar closed the connection (result -2)";
+        case kVrcTimeout:
+            return "no answer in time (result -3)";
+        case kVrcMalformed:
+            return "a malformed reply (result -4)";
+        case kVrcRefused:
+            return "refused by the access profile (result -5)";
+        default:
+            return "result " + std::to_string(code);
+    }
+}
+
 VrcClient::VrcClient(std::string host, uint16_t port, bool /*autoReconnect*/, VrcMode /*mode*/,
                      uint8_t /*retries*/, std::string /*user*/, std::string /*password*/,
                      std::string /*deviceName*/, uint32_t connectTimeoutMs,

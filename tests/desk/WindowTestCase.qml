@@ -63,6 +63,10 @@ TestCase {
         Probe.clearFaults()
         Desk.disconnectLidar()
         tryVerify(function() { return !Desk.queue.busy }, 10000)
+        // Every test starts with fresh views: the transfer views are kept once shown.
+        window.showView("Connect")
+        var loaders = named("viewLoaders")
+        for (var i = 0; i < loaders.count; ++i) loaders.itemAt(i).everShown = false
     }
     function cleanupTestCase() {
         window.destroy()

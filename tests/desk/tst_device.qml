@@ -54,6 +54,23 @@ WindowTestCase {
         compare(Probe.requestCount(0x07), reads + 1)
     }
 
+    // A read the lidar refuses keeps the values shown and says which request failed and why.
+    function test_aReadTheLidarRefusesIsTold() {
+        connectSimulated("Egret")
+        openView("Device")
+        tryVerify(function() { return shown("device_sn") !== "" }, 5000, "serial")
+        idle()
+        var serial = shown("device_sn")
+        verify(!popups.errorShown, popups.errorText)
+        verify(Probe.setFault(0x07, "status=4"))
+        mouseClick(named("readDeviceButton"))
+        tryVerify(function() { return popups.errorShown }, 5000, "an error pop-up")
+        verify(/^Could not read .*Serial Number.* \(request 0x07\): the lidar answered with status 4 \(busy\)$/
+               .test(popups.errorText), popups.errorText)
+        idle()
+        compare(shown("device_sn"), serial)
+    }
+
     function test_deviceViewShowsTheWrenInformationPageOverItsSerialLines() {
         connectSimulated("Wren")
         openView("Device")

@@ -49,6 +49,12 @@ WindowTestCase {
                    "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 seconds.",
                    20000)
         compare(named("upgradeProgressBar").value, 100)
+        // The person looks elsewhere and comes back: the outcome and Cancel are still there.
+        var firmwareView = window.currentViewItem
+        openView("Connect")
+        compare(openView("Firmware"), firmwareView)
+        verify(named("upgradeOutcome").text.indexOf("transmitted successfully") >= 0)
+        verify(named("cancelUpgrade").enabled, "the restart can still be abandoned")
         var percent = named("upgradePercent").text
         verify(percent.indexOf("100 %  ") === 0, percent)
         verify(percent.indexOf(" of 300 KiB") > 0, percent)

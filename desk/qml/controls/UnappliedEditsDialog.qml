@@ -14,17 +14,23 @@ Dialog {
     modal: true
     title: "Edits not applied"
     closePolicy: Popup.CloseOnEscape
+    focus: true
+    // The keyboard starts on Stay, so a stray Enter loses nothing.
+    onOpened: stayButton.forceActiveFocus()
 
     property string actionText
     property var pending: null
     property int applyTicket: -1
     property var rows: []
 
+    function hasEdits() {
+        return Number(Manager.getSetMapSize()) > 0 || EditedRows.editedRows(Manager).length > 0
+    }
     // Runs `action` at once when nothing waits to be applied; asks first otherwise. True when it
     // ran.
     function whenSettled(what, action) {
         rows = EditedRows.editedRows(Manager)
-        if (Number(Manager.getSetMapSize()) === 0 && rows.length === 0) {
+        if (!hasEdits()) {
             action()
             return true
         }
@@ -51,14 +57,14 @@ Dialog {
         }
         RowLayout {
             Layout.alignment: Qt.AlignRight
-            Button {
+            DialogButton {
                 objectName: "applyEditsButton"
                 text: "Apply"
                 enabled: Manager.isConnected && !Desk.queue.busy && dialog.rows.length > 0
                 onClicked: dialog.applyTicket =
                            Desk.queue.call("applyPage", [dialog.rows[0].module])
             }
-            Button {
+            DialogButton {
                 objectName: "discardEditsButton"
                 text: "Discard"
                 enabled: dialog.applyTicket < 0
@@ -67,7 +73,8 @@ Dialog {
                     dialog.proceed()
                 }
             }
-            Button {
+            DialogButton {
+                id: stayButton
                 objectName: "stayButton"
                 text: "Stay"
                 enabled: dialog.applyTicket < 0

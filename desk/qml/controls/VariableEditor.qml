@@ -1,6 +1,7 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import Lidar 1.0
+import "values.js" as Values
 
 // The editor of one variable, chosen from the manager's own row data (catalogueVariableMap):
 // read-only for what the lidar only reports, a linked switch for a row that writes its linked
@@ -52,7 +53,8 @@ Loader {
         id: readOnlyComponent
         ReadOnlyField {
             objectName: "readOnlyField"
-            value: editor.heldValue(editor.variable)
+            // As the value column shows it, so that it can be selected and copied.
+            value: Values.shownValue(editor.variable)
             note: editor.readOnlyNote(editor.variable)
         }
     }

@@ -72,9 +72,16 @@ ScrollView {
                             Desk.selectModel(model)
                             return
                         }
-                        unappliedEdits.whenSettled("disconnect and choose " + model, function() {
-                            view.switchModel(model)
-                        })
+                        var choose = function() { view.switchModel(model) }
+                        if (unappliedEdits.hasEdits()) {
+                            unappliedEdits.whenSettled("disconnect and choose " + model, choose)
+                            return
+                        }
+                        // An arrow key on the chooser is enough to pick a model: the lidar is not
+                        // let go without asking.
+                        confirm.ask("Choose " + model,
+                                    "Disconnect from the lidar and choose " + model + "?",
+                                    choose)
                     }
                 }
                 CheckBox {
@@ -97,11 +104,20 @@ ScrollView {
             GridLayout {
                 columns: 2
                 Label { text: "Address" }
+                // An IPv4 address, as the lidar is reached; text left unfinished shows the address
+                // kept again. The ports likewise.
                 TextField {
                     objectName: "ipAddress"
                     text: Manager.ipAddress
                     Layout.preferredWidth: 240
+                    validator: RegularExpressionValidator {
+                        regularExpression: /((25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9]?[0-9])[.]){3}(25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9]?[0-9])/
+                    }
                     onEditingFinished: Manager.ipAddress = text
+                    onActiveFocusChanged: {
+                        if (!activeFocus && !acceptableInput)
+                            text = Qt.binding(function() { return Manager.ipAddress })
+                    }
                 }
                 Label { text: "VRC port" }
                 TextField {
@@ -110,6 +126,10 @@ ScrollView {
                     Layout.preferredWidth: 120
                     validator: IntValidator { bottom: 1; top: 65535 }
                     onEditingFinished: Manager.port = text
+                    onActiveFocusChanged: {
+                        if (!activeFocus && !acceptableInput)
+                            text = Qt.binding(function() { return Manager.port })
+                    }
                 }
                 Label { text: "Local port"; visible: Manager.enableVrcClientHostPortUi }
                 TextField {
@@ -117,7 +137,12 @@ ScrollView {
                     visible: Manager.enableVrcClientHostPortUi
                     text: Manager.vrcClientHostPort
                     Layout.preferredWidth: 120
+                    validator: IntValidator { bottom: 1; top: 65535 }
                     onEditingFinished: Manager.vrcClientHostPort = text
+                    onActiveFocusChanged: {
+                        if (!activeFocus && !acceptableInput)
+                            text = Qt.binding(function() { return Manager.vrcClientHostPort })
+                    }
                 }
             }
         }
@@ -160,7 +185,10 @@ ScrollView {
                     Layout.preferredWidth: 120
                     validator: IntValidator { bottom: 1 }
                     onEditingFinished: Manager.baudRate = text
-                    onActiveFocusChanged: if (!activeFocus && !acceptableInput) text = Manager.baudRate
+                    onActiveFocusChanged: {
+                        if (!activeFocus && !acceptableInput)
+                            text = Qt.binding(function() { return Manager.baudRate })
+                    }
                 }
             }
         }
@@ -192,34 +220,24 @@ ScrollView {
                 objectName: "restartButton"
                 text: "Restart"
                 enabled: view.canRestart
-                onClicked: confirm.ask("Restart", "Restart the lidar? The connection ends.")
+                onClicked: confirm.ask("Restart", "Restart the lidar? The connection ends.",
+                                       function() { Desk.queue.call("Restart", []) })
             }
             Button {
                 objectName: "resetButton"
                 text: "Reset"
                 enabled: view.canRestart
                 onClicked: confirm.ask("Reset",
-                                       "Reset the lidar to its factory settings? The connection ends.")
+                                       "Reset the lidar to its factory settings? The connection ends.",
+                                       function() { Desk.queue.call("Reset", []) })
             }
         }
     }
 
     UnappliedEditsDialog { id: unappliedEdits }
 
-    Dialog {
+    ConfirmDialog {
         id: confirm
         objectName: "confirmDialog"
-        property string operation
-        function ask(name, question) {
-            operation = name
-            questionLabel.text = question
-            open()
-        }
-        anchors.centerIn: Overlay.overlay
-        modal: true
-        title: operation
-        standardButtons: Dialog.Ok | Dialog.Cancel
-        Label { id: questionLabel; wrapMode: Text.Wrap }
-        onAccepted: Desk.queue.call(operation, [])
     }
 }

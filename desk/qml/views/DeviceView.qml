@@ -3,6 +3,7 @@ import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import Lidar 1.0
 import "../controls"
+import "../controls/values.js" as Values
 
 // The lidar's identity and versions: the catalogue module read with the device-information
 // command (the first module on the serial models, whose information pages come first), read
@@ -31,14 +32,6 @@ ScrollView {
         var moduleLabels = module < labels.length ? labels[module] : []
         var pageLabels = page < moduleLabels.length ? moduleLabels[page] : []
         return pageLabels.length > 0 ? pageLabels[0] : "Page " + (page + 1)
-    }
-    // A selection shows its option's text beside its value, as the parameters do.
-    function shownValue(variable) {
-        var value = variable.current_val
-        var option = variable.varname_value_to_option ? variable.varname_value_to_option[value]
-                                                      : undefined
-        return option !== undefined && option !== "" && option !== value
-                ? value + " (" + option + ")" : value
     }
     function reload() {
         var map = Manager.catalogueVariableMap()
@@ -120,7 +113,7 @@ ScrollView {
                             objectName: "device_" + modelData.var_id
                             Layout.fillWidth: true
                             label: modelData.var_name
-                            value: view.shownValue(modelData)
+                            value: Values.shownValue(modelData)
                         }
                     }
                 }

@@ -497,20 +497,8 @@ ScrollView {
         }
     }
 
-    Dialog {
+    ConfirmDialog {
         id: confirm
         objectName: "operationConfirm"
-        property var action: null
-        function ask(name, question, then) {
-            title = name
-            questionLabel.text = question
-            action = then
-            open()
-        }
-        anchors.centerIn: Overlay.overlay
-        modal: true
-        standardButtons: Dialog.Ok | Dialog.Cancel
-        Label { id: questionLabel; wrapMode: Text.Wrap }
-        onAccepted: if (action) action()
     }
 }

@@ -4,6 +4,7 @@ import QtQuick.Layouts 1.15
 import Lidar 1.0
 import "../controls"
 import "../controls/editedRows.js" as EditedRows
+import "../controls/values.js" as Values
 
 // The loaded model's variables: modules as tabs, pages as sections, one row per shown variable
 // (name, value, unit, editor). Every read and apply goes through the device queue; edits are
@@ -66,12 +67,6 @@ Pane {
                     if (variableMap[m][p][i].set_cmd === "0x22")
                         return variableMap[m][p][i].var_id !== v.var_id
         return false
-    }
-    function shownValue(v) {
-        var value = v.type === 2 ? v.switch_index : v.current_val
-        if (value === undefined) return ""
-        var text = (v.varname_value_to_option || {})[value]
-        return text === undefined || text === "" ? value : value + " (" + text + ")"
     }
 
     function readCurrentModule() {
@@ -275,7 +270,7 @@ Pane {
                                     }
                                     Label {
                                         objectName: "value"
-                                        text: view.shownValue(rowItem.variable)
+                                        text: Values.shownValue(rowItem.variable)
                                         Layout.preferredWidth: 200
                                         elide: Text.ElideRight
                                     }
@@ -325,6 +320,8 @@ Pane {
         parent: Overlay.overlay
         anchors.centerIn: parent
         modal: true
+        focus: true
+        onOpened: cancelNetworkButton.forceActiveFocus()
         title: "Network settings"
         ColumnLayout {
             Label {
@@ -337,7 +334,8 @@ Pane {
             }
             RowLayout {
                 Layout.alignment: Qt.AlignRight
-                Button {
+                DialogButton {
+                    id: applyNetworkButton
                     objectName: "applyNetworkButton"
                     text: "Apply"
                     onClicked: {
@@ -345,7 +343,8 @@ Pane {
                         view.startApply()
                     }
                 }
-                Button {
+                DialogButton {
+                    id: cancelNetworkButton
                     objectName: "cancelNetworkButton"
                     text: "Cancel"
                     onClicked: networkDialog.close()
@@ -359,6 +358,8 @@ Pane {
         parent: Overlay.overlay
         anchors.centerIn: parent
         modal: true
+        focus: true
+        onOpened: reconnectButton.forceActiveFocus()
         title: "Connection closed"
         ColumnLayout {
             Label {
@@ -371,7 +372,8 @@ Pane {
             }
             RowLayout {
                 Layout.alignment: Qt.AlignRight
-                Button {
+                DialogButton {
+                    id: reconnectButton
                     objectName: "reconnectButton"
                     text: "Connect"
                     onClicked: {
@@ -382,7 +384,8 @@ Pane {
                         Desk.connectLidar()
                     }
                 }
-                Button {
+                DialogButton {
+                    id: notNowButton
                     objectName: "notNowButton"
                     text: "Not now"
                     onClicked: reconnectDialog.close()

@@ -28,6 +28,10 @@ enum VrcResult : int {
     kVrcRefused = -5,
 };
 
+// A client result in words for people: the device's status (with its meaning for 1..5), or the
+// client's own failure with its number ("no answer in time (result -3)").
+std::string DescribeVrcResult(int code);
+
 using LogCallback = std::function<void(const std::string&)>;
 
 // A transfer's progress in units of 1024 acknowledged bytes. Written by the transferring thread
