@@ -6,6 +6,7 @@
 #include <atomic>
 #include <functional>
 
+#include "file_checks.h"
 #include "lidar_utilities_manager.h"
 #include "options.h"
 
@@ -32,9 +33,6 @@ int commandHistory(Session& session);
 int commandUpgrade(Session& session);
 int commandLog(Session& session);
 int commandOperationLog(Session& session);
-// Why lidarutil cannot write a file into `folder` (missing, not a folder, or the cause the file
-// system gives); empty when it can. Checked before connecting by every command that writes there.
-QString unwritableFolder(const QString& folder);
 // Polls until `ended` is true, calling `eachPoll` each time; the first Ctrl-C prints
 // firstInterruptWarning(), the second prints `abandoning` and stops the manager's worker.
 // Needs an InterruptGuard in scope.

@@ -406,7 +406,7 @@ int commandMonitor(Session& session) {
     const int module = manager.getMonitorModuleIndex();
     if (module < 0) return usageError(options.model + " has no Monitor module");
     const bool recording = !options.recordDir.isEmpty();
-    if (const QString problem = recording ? unwritableFolder(options.recordDir) : QString();
+    if (const QString problem = recording ? folderWriteProblem(options.recordDir) : QString();
         !problem.isEmpty())
         return usageError(problem);
     if (recording && options.json)

@@ -104,7 +104,7 @@ int otaPack(const Options& options) {
     const QFileInfo target(options.output);
     if (target.isDir())
         return usageError(options.output + " is a folder; ota pack needs the package's file name");
-    if (const QString problem = unwritableFolder(target.absolutePath()); !problem.isEmpty())
+    if (const QString problem = folderWriteProblem(target.absolutePath()); !problem.isEmpty())
         return usageError(problem);
     u8Array_t package;
     std::string error;

@@ -106,25 +106,6 @@ void explainTransferFailure(LidarUtilitiesManager& manager) {
         (why.empty() || code > 0 ? QString() : " (" + QString::fromStdString(why) + ")"));
 }
 
-// Why a folder refuses a new file, in words: the cause, not the C library's text for it (which
-// says "No such file or directory" for /proc).
-QString writeRefusal(int error) {
-    switch (error) {
-        case EACCES:
-        case EPERM:
-            return "permission denied";
-        case EROFS:
-            return "the file system is read-only";
-        case ENOENT:
-            return "the folder takes no new files";
-        case ENOSPC:
-        case EDQUOT:
-            return "no space left";
-        default:
-            return QString::fromLocal8Bit(std::strerror(error));
-    }
-}
-
 // The worker ends after its outcome: on the network models with the restart 10 s after the
 // transfer. A Ctrl-C in that pause warns; a second one calls the manager's Stop, which abandons
 // the restart and says so.
@@ -175,20 +156,6 @@ void reportJson(Session& session, const QJsonObject& object) {
 }
 
 }  // namespace
-
-QString unwritableFolder(const QString& folder) {
-    const QFileInfo info(folder);
-    if (!info.exists()) return "no such folder: " + folder;
-    if (!info.isDir()) return folder + " is not a folder";
-    // Asked of the file system itself: permission bits say nothing of a read-only mount or /proc.
-    const QByteArray probe = QFile::encodeName(folder + "/.lidarutil-write-probe-" +
-                                               QString::number(QCoreApplication::applicationPid()));
-    const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-    if (fd < 0) return "cannot write into " + folder + ": " + writeRefusal(errno);
-    ::close(fd);
-    ::unlink(probe.constData());
-    return QString();
-}
 
 namespace {
 
@@ -384,7 +351,7 @@ int commandLog(Session& session) {
         return usageError(session.options().model + " has no log '" + name +
                           "'; its logs are: " + logs.join(", "));
     const QDir folder(session.options().dir.isEmpty() ? "." : session.options().dir);
-    if (QString problem = unwritableFolder(folder.absolutePath()); !problem.isEmpty())
+    if (QString problem = folderWriteProblem(folder.absolutePath()); !problem.isEmpty())
         return usageError(problem);
     if (int status = session.connect(); status != kExitOk) return status;
 
@@ -502,7 +469,7 @@ QString archiveProblem(const QString& argument) {
     if (argument.endsWith('/') || QFileInfo(argument).isDir() || QFileInfo(archive).isDir())
         return argument + " is a folder; oplog needs the archive's file name (" +
                QDir(argument).filePath("operation-log.tar") + ", for example)";
-    return unwritableFolder(QFileInfo(archive).absolutePath());
+    return folderWriteProblem(QFileInfo(archive).absolutePath());
 }
 
 // After the worker: the archive moved into place when the log came whole, or what is kept of

@@ -7,6 +7,7 @@
 #include <QStringList>
 #include <QThread>
 
+#include "file_checks.h"
 #include "lidar_utilities_manager.h"
 #include "sdk/vrc_client.h"
 
@@ -186,6 +187,10 @@ QString DeskSession::localPath(const QUrl& url) const {
 
 QUrl DeskSession::fileUrl(const QString& path) const {
     return QUrl::fromLocalFile(QFileInfo(path).absoluteFilePath());
+}
+
+QString DeskSession::folderProblem(const QString& folder) const {
+    return folderWriteProblem(folder);
 }
 
 bool DeskSession::openFolderOf(const QString& path) const {

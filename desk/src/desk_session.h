@@ -50,6 +50,8 @@ class DeskSession : public QObject {
     Q_INVOKABLE QString localPath(const QUrl& url) const;
     Q_INVOKABLE QUrl fileUrl(const QString& path) const;
     Q_INVOKABLE bool openFolderOf(const QString& path) const;
+    // Why nothing can be written into the folder ("" when it can), asked before a download.
+    Q_INVOKABLE QString folderProblem(const QString& folder) const;
 
   signals:
     void simulatedChanged();

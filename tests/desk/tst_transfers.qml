@@ -212,6 +212,30 @@ WindowTestCase {
         compare(named("logOutcome").text, "Device Log saved.")
     }
 
+    // A folder that takes no file is named before the lidar is asked for a log.
+    function test_aFolderThatTakesNoFileIsNamedBeforeTheLidarIsAsked() {
+        connectSimulated("Egret")
+        openView("Logs")
+        var field = named("logFolder")
+        field.text = "/proc"
+        field.editingFinished()
+        var button = named("downloadLog_Device Log")
+        tryVerify(function() { return button.enabled }, 5000)
+        var reads = Probe.requestCount(0x75)
+        mouseClick(button)
+        compare(named("logOutcome").text, "Device Log was not downloaded: cannot write into "
+                + "/proc: the folder takes no new files.")
+        idle()
+        verify(!Manager.isDownloadLog)
+        compare(named("writtenFile").text, "")
+        field.text = Probe.folder() + "/missing"
+        field.editingFinished()
+        mouseClick(button)
+        compare(named("logOutcome").text, "Device Log was not downloaded: no such folder: "
+                + Probe.folder() + "/missing.")
+        compare(Probe.requestCount(0x75), reads, "the lidar was not asked")
+    }
+
     function test_theOperationLogIsPackedIntoTheArchive() {
         connectSimulated("Egret")
         openView("Logs")

@@ -30,7 +30,16 @@ ScrollView {
         cancelRequests = 0
         cancelNote = ""
     }
+    // A folder that takes no file is named before the lidar is asked for anything.
+    function refusedFolder(what, path) {
+        var problem = Desk.folderProblem(path)
+        if (problem === "") return false
+        begin("")
+        outcome = what + " was not downloaded: " + problem + "."
+        return true
+    }
     function downloadLog(name) {
+        if (refusedFolder(name, folder)) return
         begin(name)
         Desk.queue.call("DownloadLog", [Desk.fileUrl(folder), name])
     }
@@ -40,6 +49,8 @@ ScrollView {
         return path.slice(-4) === ".tar" ? path : path + ".tar"
     }
     function downloadOperationLog() {
+        var path = archivePath()
+        if (refusedFolder("Operation log", path.substring(0, path.lastIndexOf("/")))) return
         begin("Operation log")
         Desk.queue.call("DownloadOperationLog", [Desk.fileUrl(archive)])
     }

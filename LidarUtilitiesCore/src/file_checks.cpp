@@ -1,0 +1,46 @@
+#include "file_checks.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// Why a folder refuses a new file, in words: the cause, not the C library's text for it (which
+// says "No such file or directory" for /proc).
+QString writeRefusal(int error) {
+    switch (error) {
+        case EACCES:
+        case EPERM:
+            return "permission denied";
+        case EROFS:
+            return "the file system is read-only";
+        case ENOENT:
+            return "the folder takes no new files";
+        case ENOSPC:
+        case EDQUOT:
+            return "no space left";
+        default:
+            return QString::fromLocal8Bit(std::strerror(error));
+    }
+}
+
+}  // namespace
+
+QString folderWriteProblem(const QString& folder) {
+    const QFileInfo info(folder);
+    if (!info.exists()) return "no such folder: " + folder;
+    if (!info.isDir()) return folder + " is not a folder";
+    const QByteArray probe = QFile::encodeName(folder + "/.lidar-write-probe-" +
+                                               QString::number(QCoreApplication::applicationPid()));
+    const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    if (fd < 0) return "cannot write into " + folder + ": " + writeRefusal(errno);
+    ::close(fd);
+    ::unlink(probe.constData());
+    return QString();
+}
