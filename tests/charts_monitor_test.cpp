@@ -246,6 +246,44 @@ TEST(MonitorChartsLive, WithoutAWindowEveryReadingStaysAndTheTimeAxisFollowsGaps
     EXPECT_LE(axisOf(live.chart(0), Qt::Vertical)->min(), 4.0);
 }
 
+// Choosing a narrower window takes effect at once: the readings behind it go and the axes refit
+// without waiting for the next reading; a wider window again brings nothing back.
+TEST(MonitorChartsLive, ANarrowerWindowDropsTheOlderReadingsAtOnce) {
+    MonitorChartSet set(QStringList{"Input Voltage (V)", "Frame Drops"});
+    const QDateTime start = QDateTime::currentDateTime();
+    for (int s = 0; s <= 100; ++s) set.appendRow(start.addSecs(s), {s == 5 ? "90.0" : "12.5", "3"});
+    ASSERT_EQ(set.pointCount(0), 101);
+    ASSERT_GE(axisOf(set.chart(0), Qt::Vertical)->max(), 90.0);
+
+    set.setTimeWindow(10);
+    EXPECT_EQ(set.rowCount(), 101);  // the rows seen, not the points kept
+    for (int chart : {0, 1}) {
+        SCOPED_TRACE(chart);
+        EXPECT_EQ(set.pointCount(chart), 11);  // 90 s .. 100 s
+        ASSERT_EQ(runsOf(set.chart(chart)).size(), 1);
+        EXPECT_EQ(runsOf(set.chart(chart)).front().front().x(), 90.0);
+        const QValueAxis* time = axisOf(set.chart(chart), Qt::Horizontal);
+        EXPECT_GE(time->min(), 80.0);
+        EXPECT_LE(time->min(), 90.0);
+        EXPECT_GE(time->max(), 100.0);
+    }
+    const QValueAxis* value = axisOf(set.chart(0), Qt::Vertical);
+    EXPECT_LT(value->max(), 20.0) << "the dropped spike still stretches the value axis";
+    EXPECT_LE(value->min(), 12.5);
+
+    set.setTimeWindow(0);
+    EXPECT_EQ(set.pointCount(0), 11);
+    EXPECT_EQ(axisOf(set.chart(0), Qt::Horizontal)->min(), 0.0);
+    EXPECT_GE(axisOf(set.chart(0), Qt::Horizontal)->max(), 100.0);
+
+    // A window chosen before any reading holds for the readings that come.
+    MonitorChartSet fresh(QStringList{"A"});
+    fresh.setTimeWindow(5);
+    EXPECT_EQ(fresh.pointCount(0), 0);
+    for (int s = 0; s <= 20; ++s) fresh.appendRow(start.addSecs(s), {"1"});
+    EXPECT_EQ(fresh.pointCount(0), 6);
+}
+
 // One chart drawn into a cell is the cell render() draws for it.
 TEST(MonitorChartsLive, ACellDrawnAloneMatchesTheGrid) {
     MonitorChartSet set(QStringList{"A (V)", "B (A)"});
