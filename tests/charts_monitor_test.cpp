@@ -142,18 +142,19 @@ TEST(MonitorCharts, ARecordingGivesAChartPerNumericColumnWithItsGaps) {
     FILE* file = std::fopen(path.c_str(), "w");
     ASSERT_NE(file, nullptr);
     std::fputs(
-        "timestamp,Input Voltage (V),Mode,Frame Drops\n"
-        "2026-03-01 10:00:00.000,12.10,run,0\n"
-        "2026-03-01 10:00:01.000,,run,\n"
-        "2026-03-01 10:00:02.000,12.30,idle,2\n"
+        "timestamp,Input Voltage (V),Mode,Frame Drops,Fan (rpm),Spare\n"
+        "2026-03-01 10:00:00.000,12.10,run,0,1200,\n"
+        "2026-03-01 10:00:01.000,,run,,stalled,\n"
+        "2026-03-01 10:00:02.000,12.30,idle,2,1180,\n"
         "2026-03-01 10:00:03.0\n",
         file);
     std::fclose(file);
     QString error;
     const auto set = MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error);
     ASSERT_NE(set, nullptr) << error.toStdString();
-    ASSERT_EQ(set->chartCount(), 2);  // the text column is left out
-    EXPECT_EQ(set->rowCount(), 3);    // the row cut short is skipped
+    // Left out: the text column, the numbers mixed with a text, the column without a number.
+    ASSERT_EQ(set->chartCount(), 2);
+    EXPECT_EQ(set->rowCount(), 3);  // the row cut short is skipped
     EXPECT_EQ(set->chart(0)->title(), "Input Voltage");
     EXPECT_EQ(runsOf(set->chart(0)), (QVector<QVector<QPointF>>{{{0, 12.1}}, {{2, 12.3}}}));
     EXPECT_EQ(set->chart(1)->title(), "Frame Drops");

@@ -106,7 +106,7 @@ QString MonitorChartModel::timeAxisTitle(int column) const {
 
 QColor MonitorChartModel::seriesColor(int column) const {
     const QtCharts::QChart* chart = charts_->chart(column);
-    if (chart == nullptr || chart->series().isEmpty()) return QColor();
+    if (chart == nullptr || chart->series().isEmpty()) return QColor(Qt::transparent);
     return static_cast<const QtCharts::QLineSeries*>(chart->series().front())->color();
 }
 

@@ -61,7 +61,7 @@ class MonitorChartModel : public QObject {
     Q_INVOKABLE QString chartTitle(int column) const;
     Q_INVOKABLE QString valueAxisTitle(int column) const;
     Q_INVOKABLE QString timeAxisTitle(int column) const;
-    // The colour of the chart's line; invalid before its first point.
+    // The colour of the chart's line; transparent before its first point.
     Q_INVOKABLE QColor seriesColor(int column) const;
 
     // The shown indexes that name a chart, in the order chosen, each once.

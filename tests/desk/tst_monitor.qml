@@ -200,6 +200,9 @@ WindowTestCase {
         compare(MonitorCharts.shownColumns, [voltageColumn])
         compare(MonitorCharts.windowSeconds, 60, "the new charts keep the window")
         compare(MonitorCharts.timeAxisTitle(voltageColumn), "s")  // no first reading yet
+        // No line yet, so no colour; nor for a chart that does not exist.
+        compare(MonitorCharts.seriesColor(voltageColumn).a, 0)
+        compare(MonitorCharts.seriesColor(MonitorCharts.columns.length).a, 0)
         // Nothing to clear: nothing to tell.
         mouseClick(named("clearChartsButton"))
         compare(rowsChanges.count, 1)
