@@ -66,14 +66,15 @@ QString DeskProbe::grabItem(QObject* item, const QString& name) const {
     return window.copy(pixels).save(path, "PNG") ? path : QString();
 }
 
-int DeskProbe::pixelsOfColour(const QString& path, const QColor& colour, int tolerance) const {
+int DeskProbe::pixelsOfColour(const QString& path, const QColor& colour, int tolerance,
+                              int fromX) const {
     QImage image;
     if (!image.load(path)) return -1;
     image = image.convertToFormat(QImage::Format_RGB32);
     int count = 0;
     for (int y = 0; y < image.height(); ++y) {
         const auto* line = reinterpret_cast<const QRgb*>(image.constScanLine(y));
-        for (int x = 0; x < image.width(); ++x)
+        for (int x = std::max(fromX, 0); x < image.width(); ++x)
             if (std::abs(qRed(line[x]) - colour.red()) <= tolerance &&
                 std::abs(qGreen(line[x]) - colour.green()) <= tolerance &&
                 std::abs(qBlue(line[x]) - colour.blue()) <= tolerance)

@@ -55,9 +55,10 @@ class DeskProbe : public QObject {
     // What `item` shows on screen now, saved as a PNG file `name` in the test's folder; its path,
     // "" when the item is not in a window.
     Q_INVOKABLE QString grabItem(QObject* item, const QString& name) const;
-    // The pixels of an image file within `tolerance` of `colour` in each of red, green and blue;
-    // -1 when the file cannot be read.
-    Q_INVOKABLE int pixelsOfColour(const QString& path, const QColor& colour, int tolerance) const;
+    // The pixels of an image file within `tolerance` of `colour` in each of red, green and blue,
+    // from column `fromX` rightwards; -1 when the file cannot be read.
+    Q_INVOKABLE int pixelsOfColour(const QString& path, const QColor& colour, int tolerance,
+                                   int fromX = 0) const;
 
     // The firmware transfers the running simulator received, oldest first: "command",
     // "announcedSize", "receivedSize", "receivedCrc" ("0x" and eight hexadecimal digits) and

@@ -29,11 +29,10 @@ void MonitorChartModel::follow(LidarUtilitiesManager& manager) {
     // the thread the charts (graphics items) belong to.
     connect(&manager, &LidarUtilitiesManager::monitorReadingTaken, this,
             &MonitorChartModel::takeReading, Qt::QueuedConnection);
-    // A model load or a variant applied gives the record other columns.
+    // Every model load and every variant applied announce the variant, after the monitor module
+    // holds its pages: the record's columns are read again then.
     const auto takeColumns = [this, &manager] { setColumns(manager.getMonitorColumns()); };
     connect(&manager, &LidarUtilitiesManager::currentMonitorHwVersionChanged, this, takeColumns);
-    connect(&manager, &LidarUtilitiesManager::monitorContentChanged, this, takeColumns);
-    connect(&manager, &LidarUtilitiesManager::lidarModelChanged, this, takeColumns);
     takeColumns();
 }
 

@@ -64,8 +64,8 @@ class MonitorChartModel : public QObject {
     // The colour of the chart's line; transparent before its first point.
     Q_INVOKABLE QColor seriesColor(int column) const;
 
-    // The shown indexes that name a chart, in the order chosen, each once.
-    QList<int> drawnColumns() const;
+    // The charts drawn: the shown indexes that name a chart, in the order chosen, each once.
+    Q_INVOKABLE QList<int> drawnColumns() const;
     const monitorcharts::MonitorChartSet& charts() const { return *charts_; }
 
   signals:

@@ -165,16 +165,19 @@ WindowTestCase {
         var rows = MonitorCharts.rowCount
         var points = MonitorCharts.pointCount(voltageColumn)
         var announced = mapChanges.count
+        rowsChanges.clear()
         // As the Parameters view reads a page.
         Desk.queue.call("readModule", [other])
         waitIdle()
         verify(mapChanges.count > announced, "the module was read and announced")
         compare(MonitorCharts.rowCount, rows)
         compare(MonitorCharts.pointCount(voltageColumn), points)
-        // The monitor's own reading does add one.
+        compare(rowsChanges.count, 0)
+        // The monitor's own reading does add one, and says so.
         Desk.queue.call("refreshMonitor", [])
         waitIdle()
-        tryCompare(MonitorCharts, "rowCount", rows + 1, 5000)
+        tryCompare(rowsChanges, "count", 1, 5000)
+        compare(MonitorCharts.rowCount, rows + 1)
         compare(MonitorCharts.pointCount(voltageColumn), points + 1)
     }
     SignalSpy {
@@ -239,6 +242,65 @@ WindowTestCase {
         // No chart chosen: no line.
         MonitorCharts.shownColumns = []
         compare(linePixels("none", colour), 0)
+        // Only indexes that name a chart are drawn, each once.
+        MonitorCharts.shownColumns = [voltageColumn, 99, -1, voltageColumn, "x"]
+        compare(MonitorCharts.drawnColumns(), [voltageColumn])
+        verify(linePixels("again", colour) > 40)
+    }
+
+    Component {
+        id: chartOnItsOwn
+        MonitorChart {}
+    }
+    // An item draws its model as soon as it is given one, and again at every new size.
+    function test_aChartItemDrawsItsModelAtEveryNewSize() {
+        Manager.monitorAutoRefresh = false
+        connectSimulated("Egret")
+        MonitorCharts.shownColumns = [voltageColumn]
+        Desk.queue.call("refreshMonitor", [])
+        waitIdle()
+        verify(Probe.writeBlock(monitorRead, voltageOffset, "30 d4"))
+        Desk.queue.call("refreshMonitor", [])
+        waitIdle()
+        tryCompare(MonitorCharts, "rowCount", 2, 5000)
+        var colour = MonitorCharts.seriesColor(voltageColumn)
+
+        var chart = createTemporaryObject(chartOnItsOwn, window.contentItem,
+                                          { x: 200, y: 300, width: 300, height: 200 })
+        verify(chart)
+        waitForRendering(chart)
+        var blank = Probe.grabItem(chart, "own-blank.png")
+        compare(Probe.pixelsOfColour(blank, colour, lineTolerance), 0)
+        chart.model = MonitorCharts
+        waitForRendering(chart)
+        verify(Probe.pixelsOfColour(Probe.grabItem(chart, "own-300.png"), colour, lineTolerance) > 20)
+        // Twice as wide: the chart is drawn again across the new width (its axis, grid and
+        // labels reach into the new half, which a frame of the old size would leave white).
+        chart.width = 600
+        waitForRendering(chart)
+        var wide = Probe.grabItem(chart, "own-600.png")
+        var newHalf = (600 - 320) * 200
+        var whiteInNewHalf = Probe.pixelsOfColour(wide, "white", 0, 320)
+        verify(whiteInNewHalf >= 0 && whiteInNewHalf < newHalf - 200,
+               whiteInNewHalf + " of " + newHalf + " pixels white")
+        verify(Probe.pixelsOfColour(wide, colour, lineTolerance) > 20)
+        // Without a model: nothing.
+        chart.model = null
+        waitForRendering(chart)
+        compare(Probe.pixelsOfColour(Probe.grabItem(chart, "own-none.png"), colour, lineTolerance), 0)
+    }
+
+    // Another model's monitor gives the charts its columns, and the charts start again.
+    function test_theChartsTakeTheColumnsOfTheModelLoaded() {
+        verify(Desk.selectModel("Egret"))
+        var egret = MonitorCharts.columns.join(",")
+        compare(MonitorCharts.columns, Manager.getMonitorColumns())
+        verify(Desk.selectModel("Tern"))
+        compare(MonitorCharts.columns, Manager.getMonitorColumns())
+        verify(MonitorCharts.columns.join(",") !== egret, "Tern's monitor is not Egret's")
+        compare(MonitorCharts.rowCount, 0)
+        verify(Desk.selectModel("Egret"))
+        compare(MonitorCharts.columns.join(","), egret)
     }
 
     function test_theRecordingControlsFitTheWindowAndTakeTheKeyboard() {
