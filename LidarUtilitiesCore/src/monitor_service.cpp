@@ -166,20 +166,23 @@ std::optional<std::set<std::string>> MonitorService::readAndAnnounce(
     if (!failures || (keepGoing != nullptr && !keepGoing->load())) return std::nullopt;
     // Keyed by request, not by name: two variables may share a name, not a request.
     std::set<std::string> failed(failures->begin(), failures->end());
-    // Labels and values from one look under the catalogue's lock: a variant swapped in meanwhile
-    // gives all of the one or all of the other.
-    const std::optional<std::vector<ShownValue>> shown = reading_.shownValues(module);
-    if (shown) {
-        QStringList columns;
-        QStringList values;
-        for (const ShownValue& value : *shown) {
-            columns << QString::fromStdString(value.name);
-            values << (failed.count(value.request) == 0 ? QString::fromStdString(value.text)
-                                                        : QString());
-        }
-        emit monitorReadingTaken(columns, values);
-    }
+    announceReading(module, failed);
     return failed;
+}
+
+// Labels and values from one look under the catalogue's lock: a variant swapped in meanwhile
+// gives all of the one or all of the other.
+void MonitorService::announceReading(int module, const std::set<std::string>& failedRequests) {
+    const std::optional<std::vector<ShownValue>> shown = reading_.shownValues(module);
+    if (!shown) return;
+    QStringList columns;
+    QStringList values;
+    for (const ShownValue& value : *shown) {
+        columns << QString::fromStdString(value.name);
+        values << (failedRequests.count(value.request) == 0 ? QString::fromStdString(value.text)
+                                                            : QString());
+    }
+    emit monitorReadingTaken(columns, values);
 }
 
 void MonitorService::setAutoRefresh(bool on) {

@@ -126,6 +126,7 @@ class MonitorService : public QObject {
     // Reads the module; nullopt when no reading could be made or `keepGoing` was cleared during
     // it. Otherwise the requests that failed, after the reading was announced.
     std::optional<std::set<std::string>> readAndAnnounce(const std::atomic<bool>* keepGoing);
+    void announceReading(int module, const std::set<std::string>& failedRequests);
 
     const DeviceLinkView& link_;
     const BusyView& busy_;

@@ -9,6 +9,15 @@
 namespace {
 
 constexpr int kFirstShown = 2;
+constexpr double kDefaultWindowSeconds = 300;
+
+// A chart set is made for one list of columns: other columns, or a fresh start, take a new one.
+std::unique_ptr<monitorcharts::MonitorChartSet> newCharts(const QStringList& columns,
+                                                          double windowSeconds) {
+    auto charts = std::make_unique<monitorcharts::MonitorChartSet>(columns);
+    charts->setTimeWindow(windowSeconds);
+    return charts;
+}
 
 QtCharts::QAbstractAxis* axisOf(const QtCharts::QChart* chart, Qt::Orientation orientation) {
     const QList<QtCharts::QAbstractAxis*> axes =
@@ -18,9 +27,10 @@ QtCharts::QAbstractAxis* axisOf(const QtCharts::QChart* chart, Qt::Orientation o
 
 }  // namespace
 
-MonitorChartModel::MonitorChartModel(QObject* parent) : QObject(parent) {
-    startCharts();
-}
+MonitorChartModel::MonitorChartModel(QObject* parent)
+    : QObject(parent),
+      windowSeconds_(kDefaultWindowSeconds),
+      charts_(newCharts(columns_, windowSeconds_)) {}
 
 MonitorChartModel::~MonitorChartModel() = default;
 
@@ -79,11 +89,9 @@ void MonitorChartModel::clear() {
     startCharts();
 }
 
-// A chart set is made for one list of columns: other columns, or a fresh start, take a new one.
 void MonitorChartModel::startCharts() {
-    const bool hadRows = charts_ && charts_->rowCount() > 0;
-    charts_ = std::make_unique<monitorcharts::MonitorChartSet>(columns_);
-    charts_->setTimeWindow(windowSeconds_);
+    const bool hadRows = charts_->rowCount() > 0;
+    charts_ = newCharts(columns_, windowSeconds_);
     if (hadRows) emit rowsChanged();
     emit chartsChanged();
 }

@@ -82,6 +82,6 @@ class MonitorChartModel : public QObject {
 
     QStringList columns_;
     QVariantList shown_;
-    double windowSeconds_ = 300;
-    std::unique_ptr<monitorcharts::MonitorChartSet> charts_;
+    double windowSeconds_;
+    std::unique_ptr<monitorcharts::MonitorChartSet> charts_;  // never null
 };

@@ -394,6 +394,10 @@ WindowTestCase {
         tryVerify(function() { return !Desk.queue.busy }, 5000)
         verify(chart.columns.join(",") !== hw2Columns, "the charts take the variant's values")
         compare(chart.columns, Manager.getMonitorColumns())
+        // The chooser offers the variant's values.
+        for (var c = 0; c < chart.columns.length; ++c)
+            compare(named("chartChoice_" + c).text, chart.columns[c])
+        verify(!named("chartChoice_" + chart.columns.length))
         compare(named("monitorValues").count, chart.columns.length)
         chooser.activated(chooser.find("HW2.0"))
         tryCompare(chooser, "currentText", "HW2.0", 5000)
