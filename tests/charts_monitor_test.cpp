@@ -142,18 +142,19 @@ TEST(MonitorCharts, ARecordingGivesAChartPerNumericColumnWithItsGaps) {
     FILE* file = std::fopen(path.c_str(), "w");
     ASSERT_NE(file, nullptr);
     std::fputs(
-        "timestamp,Input Voltage (V),Mode,Frame Drops\n"
-        "2026-03-01 10:00:00.000,12.10,run,0\n"
-        "2026-03-01 10:00:01.000,,run,\n"
-        "2026-03-01 10:00:02.000,12.30,idle,2\n"
+        "timestamp,Input Voltage (V),Mode,Frame Drops,Fan (rpm),Spare\n"
+        "2026-03-01 10:00:00.000,12.10,run,0,1200,\n"
+        "2026-03-01 10:00:01.000,,run,,stalled,\n"
+        "2026-03-01 10:00:02.000,12.30,idle,2,1180,\n"
         "2026-03-01 10:00:03.0\n",
         file);
     std::fclose(file);
     QString error;
     const auto set = MonitorChartSet::fromRecordFile(QString::fromStdString(path), &error);
     ASSERT_NE(set, nullptr) << error.toStdString();
-    ASSERT_EQ(set->chartCount(), 2);  // the text column is left out
-    EXPECT_EQ(set->rowCount(), 3);    // the row cut short is skipped
+    // Left out: the text column, the numbers mixed with a text, the column without a number.
+    ASSERT_EQ(set->chartCount(), 2);
+    EXPECT_EQ(set->rowCount(), 3);  // the row cut short is skipped
     EXPECT_EQ(set->chart(0)->title(), "Input Voltage");
     EXPECT_EQ(runsOf(set->chart(0)), (QVector<QVector<QPointF>>{{{0, 12.1}}, {{2, 12.3}}}));
     EXPECT_EQ(set->chart(1)->title(), "Frame Drops");
@@ -244,6 +245,44 @@ TEST(MonitorChartsLive, WithoutAWindowEveryReadingStaysAndTheTimeAxisFollowsGaps
     EXPECT_EQ(runsOf(live.chart(0)), (QVector<QVector<QPointF>>{{{21, 4}}}));
     EXPECT_GE(axisOf(live.chart(0), Qt::Vertical)->max(), 4.0);
     EXPECT_LE(axisOf(live.chart(0), Qt::Vertical)->min(), 4.0);
+}
+
+// Choosing a narrower window takes effect at once: the readings behind it go and the axes refit
+// without waiting for the next reading; a wider window again brings nothing back.
+TEST(MonitorChartsLive, ANarrowerWindowDropsTheOlderReadingsAtOnce) {
+    MonitorChartSet set(QStringList{"Input Voltage (V)", "Frame Drops"});
+    const QDateTime start = QDateTime::currentDateTime();
+    for (int s = 0; s <= 100; ++s) set.appendRow(start.addSecs(s), {s == 5 ? "90.0" : "12.5", "3"});
+    ASSERT_EQ(set.pointCount(0), 101);
+    ASSERT_GE(axisOf(set.chart(0), Qt::Vertical)->max(), 90.0);
+
+    set.setTimeWindow(10);
+    EXPECT_EQ(set.rowCount(), 101);  // the rows seen, not the points kept
+    for (int chart : {0, 1}) {
+        SCOPED_TRACE(chart);
+        EXPECT_EQ(set.pointCount(chart), 11);  // 90 s .. 100 s
+        ASSERT_EQ(runsOf(set.chart(chart)).size(), 1);
+        EXPECT_EQ(runsOf(set.chart(chart)).front().front().x(), 90.0);
+        const QValueAxis* time = axisOf(set.chart(chart), Qt::Horizontal);
+        EXPECT_GE(time->min(), 80.0);
+        EXPECT_LE(time->min(), 90.0);
+        EXPECT_GE(time->max(), 100.0);
+    }
+    const QValueAxis* value = axisOf(set.chart(0), Qt::Vertical);
+    EXPECT_LT(value->max(), 20.0) << "the dropped spike still stretches the value axis";
+    EXPECT_LE(value->min(), 12.5);
+
+    set.setTimeWindow(0);
+    EXPECT_EQ(set.pointCount(0), 11);
+    EXPECT_EQ(axisOf(set.chart(0), Qt::Horizontal)->min(), 0.0);
+    EXPECT_GE(axisOf(set.chart(0), Qt::Horizontal)->max(), 100.0);
+
+    // A window chosen before any reading holds for the readings that come.
+    MonitorChartSet fresh(QStringList{"A"});
+    fresh.setTimeWindow(5);
+    EXPECT_EQ(fresh.pointCount(0), 0);
+    for (int s = 0; s <= 20; ++s) fresh.appendRow(start.addSecs(s), {"1"});
+    EXPECT_EQ(fresh.pointCount(0), 6);
 }
 
 // One chart drawn into a cell is the cell render() draws for it.

@@ -6,8 +6,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QImage>
 #include <QKeyEvent>
+#include <QQuickItem>
+#include <QQuickWindow>
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "desk_session.h"
@@ -42,6 +46,41 @@ void DeskProbe::typeText(QObject* item, const QString& text) const {
 
 void DeskProbe::pressKey(QObject* item, int key) const {
     if (item != nullptr) sendKey(item, key, QString());
+}
+
+void DeskProbe::pressKeyInWindow(QObject* item, int key) const {
+    const auto* quickItem = qobject_cast<QQuickItem*>(item);
+    if (quickItem != nullptr && quickItem->window() != nullptr)
+        sendKey(quickItem->window(), key, QString());
+}
+
+QString DeskProbe::grabItem(QObject* item, const QString& name) const {
+    const auto* quickItem = qobject_cast<QQuickItem*>(item);
+    if (quickItem == nullptr || quickItem->window() == nullptr) return QString();
+    const QImage window = quickItem->window()->grabWindow();
+    const qreal scale = window.width() / static_cast<qreal>(quickItem->window()->width());
+    const QRectF scene = quickItem->mapRectToScene(quickItem->boundingRect());
+    const QRect pixels(qRound(scene.x() * scale), qRound(scene.y() * scale),
+                       qRound(scene.width() * scale), qRound(scene.height() * scale));
+    const QString path = QDir(folder_).filePath(name);
+    return window.copy(pixels).save(path, "PNG") ? path : QString();
+}
+
+int DeskProbe::pixelsOfColour(const QString& path, const QColor& colour, int tolerance,
+                              int fromX) const {
+    QImage image;
+    if (!image.load(path)) return -1;
+    image = image.convertToFormat(QImage::Format_RGB32);
+    int count = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        const auto* line = reinterpret_cast<const QRgb*>(image.constScanLine(y));
+        for (int x = std::max(fromX, 0); x < image.width(); ++x)
+            if (std::abs(qRed(line[x]) - colour.red()) <= tolerance &&
+                std::abs(qGreen(line[x]) - colour.green()) <= tolerance &&
+                std::abs(qBlue(line[x]) - colour.blue()) <= tolerance)
+                ++count;
+    }
+    return count;
 }
 
 bool DeskProbe::writeBlock(int command, int offset, const QString& hex) {

@@ -4,6 +4,7 @@
 // it holds, the requests it saw, faults to play) and files in the test's own folder. Reachable
 // from QML as the singleton `Probe` (import LidarTest 1.0).
 
+#include <QColor>
 #include <QObject>
 #include <QString>
 #include <QVariantList>
@@ -47,6 +48,17 @@ class DeskProbe : public QObject {
     // case's own key functions reach only its own window, not the window under test.
     Q_INVOKABLE void typeText(QObject* item, const QString& text) const;
     Q_INVOKABLE void pressKey(QObject* item, int key) const;
+    // A key given to the window that shows `item`, as the keyboard gives it: to the item with
+    // the active focus, Tab moving the focus along the chain.
+    Q_INVOKABLE void pressKeyInWindow(QObject* item, int key) const;
+
+    // What `item` shows on screen now, saved as a PNG file `name` in the test's folder; its path,
+    // "" when the item is not in a window.
+    Q_INVOKABLE QString grabItem(QObject* item, const QString& name) const;
+    // The pixels of an image file within `tolerance` of `colour` in each of red, green and blue,
+    // from column `fromX` rightwards; -1 when the file cannot be read.
+    Q_INVOKABLE int pixelsOfColour(const QString& path, const QColor& colour, int tolerance,
+                                   int fromX = 0) const;
 
     // The firmware transfers the running simulator received, oldest first: "command",
     // "announcedSize", "receivedSize", "receivedCrc" ("0x" and eight hexadecimal digits) and

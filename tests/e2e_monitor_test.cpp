@@ -8,6 +8,9 @@
 #include <QTextStream>
 #include <QThread>
 #include <QUrl>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 #include "e2e_support.h"
 
@@ -270,6 +273,93 @@ TEST(MonitorLiveReading, ColumnsAreTheHeadersAndAFailedReadingLeavesItsValuesEmp
     ManagerSession heron("Heron-VRC", config.root());
     EXPECT_TRUE(heron.m().getMonitorColumns().isEmpty());
     EXPECT_TRUE(heron.m().getMonitorReading().isEmpty());
+}
+
+// The readings monitorReadingTaken announced, as they came (on whatever thread read).
+class ReadingLog {
+  public:
+    explicit ReadingLog(LidarUtilitiesManager& m) {
+        QObject::connect(
+            &m, &LidarUtilitiesManager::monitorReadingTaken, &context_,
+            [this](const QStringList& columns, const QStringList& values) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                readings_.push_back({columns, values});
+            },
+            Qt::DirectConnection);
+    }
+    int count() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return static_cast<int>(readings_.size());
+    }
+    std::pair<QStringList, QStringList> last() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return readings_.empty() ? std::pair<QStringList, QStringList>() : readings_.back();
+    }
+
+  private:
+    QObject context_;
+    mutable std::mutex mutex_;
+    std::vector<std::pair<QStringList, QStringList>> readings_;
+};
+
+// A live chart takes monitorReadingTaken: every monitor reading, whoever made it, and nothing
+// else that reads the lidar.
+TEST(MonitorLiveReading, EveryMonitorReadingIsAnnouncedWithItsColumnsAndNothingElse) {
+    auto simulator = StartSimulator("Egret");
+    ManagerSession session("Egret");
+    LidarUtilitiesManager& m = session.m();
+    m.setMonitorAutoRefresh(false);
+    ASSERT_TRUE(session.Connect(simulator->Port()));
+    ReadingLog readings(m);
+
+    // The other modules, read as a parameters page reads them, announce no monitor reading.
+    {
+        QSignalSpy mapChanged(&m, &LidarUtilitiesManager::myMapChanged);
+        const int monitor = m.getMonitorModuleIndex();
+        ASSERT_GE(monitor, 0);
+        for (int module = 0; module < m.level1List().size(); ++module)
+            if (module != monitor) m.GetLidarModuleInfo(module);
+        EXPECT_GE(mapChanged.count(), m.level1List().size() - 1);
+        EXPECT_EQ(readings.count(), 0);
+    }
+
+    // A single refresh: the record's columns and the values a row would hold.
+    m.refreshMonitor();
+    ASSERT_EQ(readings.count(), 1);
+    EXPECT_EQ(readings.last().first, kHw2Columns);
+    EXPECT_EQ(readings.last().second, m.getMonitorReading());
+    EXPECT_FALSE(readings.last().second.contains(QString()));
+    // A refused reading is announced too, every value empty.
+    simulator->SetFault(kMonitorRead, sim::Fault{sim::Fault::Kind::kStatus, 0, 4, 0});
+    m.refreshMonitor();
+    ASSERT_EQ(readings.count(), 2);
+    EXPECT_EQ(readings.last().first, kHw2Columns);
+    EXPECT_EQ(readings.last().second.join('|'), QString(kHw2Columns.size() - 1, '|'));
+    simulator->ClearFaults();
+
+    // The auto-refresh's readings.
+    m.setMonitorAutoRefresh(true);
+    EXPECT_TRUE(WaitFor([&] { return readings.count() >= 4; }, 5000));
+    // Switched off while its reading waits on a slow lidar: that reading is not announced.
+    simulator->SetFault(kMonitorRead, sim::Fault{sim::Fault::Kind::kDelay, 1500, 0, 0});
+    const uint64_t requests = simulator->RequestCount(kMonitorRead);
+    ASSERT_TRUE(WaitFor([&] { return simulator->RequestCount(kMonitorRead) > requests; }, 3000));
+    const int beforeSlowReading = readings.count();
+    m.setMonitorAutoRefresh(false);
+    EXPECT_EQ(readings.count(), beforeSlowReading);
+    simulator->ClearFaults();
+
+    // A recording's: one a row.
+    TempDir folder;
+    m.setMonitorRecordDurationSec(2);
+    const int beforeRecording = readings.count();
+    m.startMonitorRecord(Url(folder.path()));
+    ASSERT_TRUE(WaitFor([&] { return !m.getIsMonitorRecording(); }, 6000));
+    EXPECT_GE(m.getMonitorRecordRowCount(), 1);
+    EXPECT_EQ(readings.count() - beforeRecording, m.getMonitorRecordRowCount());
+    const QStringList rows = Lines(RecordFile(folder));
+    ASSERT_GE(rows.size(), 2);
+    EXPECT_EQ(rows.back().section(',', 1).split(','), readings.last().second);
 }
 
 TEST(MonitorRecord, AMonitorModuleFirstInItsCatalogueIsRefreshedAndRecorded) {

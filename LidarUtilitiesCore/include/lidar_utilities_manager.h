@@ -509,6 +509,10 @@ class LidarUtilitiesManager : public QObject {
     void monitorAutoRefreshChanged();
     void monitorRecordParamsChanged();
     void isMonitorRecordingChanged();
+    // Each reading of the monitor module by the auto-refresh, a recording or refreshMonitor:
+    // the record's column labels and the values read, those whose request failed left empty.
+    // Emitted on the thread that read; reads of other modules do not emit it.
+    void monitorReadingTaken(QStringList columns, QStringList values);
 
   private:
     static void initInstance(uint8_t tag, std::string configPath);

@@ -104,6 +104,8 @@ LidarUtilitiesManager::LidarUtilitiesManager(uint8_t tag, std::string configPath
             &LidarUtilitiesManager::monitorRecordParamsChanged, Qt::DirectConnection);
     connect(monitor_.get(), &MonitorService::isMonitorRecordingChanged, this,
             &LidarUtilitiesManager::isMonitorRecordingChanged, Qt::DirectConnection);
+    connect(monitor_.get(), &MonitorService::monitorReadingTaken, this,
+            &LidarUtilitiesManager::monitorReadingTaken, Qt::DirectConnection);
     connect(upgrade_.get(), &FirmwareUpgrade::isUpgradingChanged, this,
             &LidarUtilitiesManager::isUpgradingChanged, Qt::DirectConnection);
     connect(logs_.get(), &LogDownload::isDownloadLogChanged, this,

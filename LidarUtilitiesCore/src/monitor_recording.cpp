@@ -140,14 +140,12 @@ void MonitorService::endRecording(const QString& path) {
 // after a failure) writes no row; a value whose request failed is left empty in its row rather
 // than repeating an older reading as this one.
 void MonitorService::recordOneRow(QTextStream& stream) {
-    const std::optional<std::vector<std::string>> failures =
-        reading_.readModule(moduleIndex_.load(), &recording_);
+    const std::optional<std::set<std::string>> failures = readAndAnnounce(&recording_);
     // Stopped in the middle of a reading: nothing more is written.
-    if (!failures || !recording_.load()) return;
+    if (!failures) return;
     // A failure that closed the connection (the lidar was lost): the reading was not made.
     if (!failures->empty() && !reading_.deviceChannelOpen()) return;
-    // Keyed by request, not by name: two variables may share a name, not a request.
-    writeRecordRow(stream, std::set<std::string>(failures->begin(), failures->end()));
+    writeRecordRow(stream, *failures);
     stream.flush();
     recordRows_.fetch_add(1);
 }

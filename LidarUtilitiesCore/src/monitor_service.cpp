@@ -6,7 +6,11 @@
 
 #include <QDir>
 #include <algorithm>
+#include <optional>
+#include <set>
+#include <string>
 #include <system_error>
+#include <vector>
 
 #include "lidar_utilities_manager.h"
 #include "subsystem_views.h"
@@ -150,8 +154,35 @@ QString MonitorService::currentVariant() const {
 // ---- Auto-refresh ----
 
 void MonitorService::refresh() {
+    readAndAnnounce(nullptr);
+}
+
+std::optional<std::set<std::string>> MonitorService::readAndAnnounce(
+    const std::atomic<bool>* keepGoing) {
     const int module = moduleIndex_.load();
-    if (module >= 0) reading_.readModule(module, nullptr);
+    if (module < 0) return std::nullopt;
+    const std::optional<std::vector<std::string>> failures = reading_.readModule(module, keepGoing);
+    // A reading cut short by its switch is no reading: its values are partly the previous ones.
+    if (!failures || (keepGoing != nullptr && !keepGoing->load())) return std::nullopt;
+    // Keyed by request, not by name: two variables may share a name, not a request.
+    std::set<std::string> failed(failures->begin(), failures->end());
+    announceReading(module, failed);
+    return failed;
+}
+
+// Labels and values from one look under the catalogue's lock: a variant swapped in meanwhile
+// gives all of the one or all of the other.
+void MonitorService::announceReading(int module, const std::set<std::string>& failedRequests) {
+    const std::optional<std::vector<ShownValue>> shown = reading_.shownValues(module);
+    if (!shown) return;
+    QStringList columns;
+    QStringList values;
+    for (const ShownValue& value : *shown) {
+        columns << QString::fromStdString(value.name);
+        values << (failedRequests.count(value.request) == 0 ? QString::fromStdString(value.text)
+                                                            : QString());
+    }
+    emit monitorReadingTaken(columns, values);
 }
 
 void MonitorService::setAutoRefresh(bool on) {
@@ -198,8 +229,8 @@ void MonitorService::refreshLoop() {
         // The reading checks the flag between its requests, so switching off does not wait for
         // a whole module from a slow lidar.
         if (link_.linkConnected() && !busy_.upgrading() && !busy_.downloadingLog() &&
-            !recording_.load() && moduleIndex_.load() >= 0)
-            reading_.readModule(moduleIndex_.load(), &refreshRunning_);
+            !recording_.load())
+            readAndAnnounce(&refreshRunning_);
         if (!waitUntil(nextSlot(start, period, Clock::now()), refreshRunning_)) return;
     }
 }

@@ -62,7 +62,7 @@ class MonitorService : public QObject {
     int moduleInUse() const { return moduleInUse_.load(); }
 
     // ---- Auto-refresh (monitor_service.cpp) ----
-    // One reading of the monitor module.
+    // One reading of the monitor module, announced with monitorReadingTaken.
     void refresh();
     bool autoRefresh() const { return autoRefresh_.load(); }
     void setAutoRefresh(bool on);
@@ -104,6 +104,10 @@ class MonitorService : public QObject {
     void monitorAutoRefreshChanged();
     void monitorRecordParamsChanged();
     void isMonitorRecordingChanged();
+    // One reading of the monitor module (the auto-refresh's, a recording's or a single refresh):
+    // the record's column labels and the values it brought, those whose request failed left
+    // empty. A read of the same variables by anything else is not announced here.
+    void monitorReadingTaken(QStringList columns, QStringList values);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -119,6 +123,10 @@ class MonitorService : public QObject {
     std::optional<QStringList> shownLabels() const;
     std::optional<QStringList> shownTexts(const std::set<std::string>& failedRequests) const;
     void endRecording(const QString& path);
+    // Reads the module; nullopt when no reading could be made or `keepGoing` was cleared during
+    // it. Otherwise the requests that failed, after the reading was announced.
+    std::optional<std::set<std::string>> readAndAnnounce(const std::atomic<bool>* keepGoing);
+    void announceReading(int module, const std::set<std::string>& failedRequests);
 
     const DeviceLinkView& link_;
     const BusyView& busy_;

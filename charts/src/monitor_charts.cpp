@@ -156,8 +156,12 @@ std::unique_ptr<MonitorChartSet> MonitorChartSet::fromRecordFile(const QString& 
     return set;
 }
 
+// A new window takes effect at once, counted back from the latest row: a person who narrows it
+// sees the older readings go without waiting for the next one.
 void MonitorChartSet::setTimeWindow(double seconds) {
     window_ = std::max(seconds, 0.0);
+    if (rows_ == 0) return;
+    for (Column& column : charts_) fitToWindow(column, latest_);
 }
 
 int MonitorChartSet::pointCount(int i) const {
@@ -176,6 +180,7 @@ void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values
     }
     ++rows_;
     const double seconds = static_cast<double>(first_.msecsTo(time)) / 1000.0;
+    latest_ = seconds;
     for (int i = 0; i < charts_.size(); ++i) {
         Column& column = charts_[i];
         double value = 0;
@@ -185,10 +190,15 @@ void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values
         } else {
             column.run = nullptr;  // a failed reading: the line breaks here
         }
-        if (window_ > 0) dropPointsBefore(column, seconds - window_);
-        if (column.hasValue) fitValueAxis(column);
-        fitTimeAxis(column, seconds);
+        fitToWindow(column, seconds);
     }
+}
+
+// Drops what the window leaves behind `seconds` (the latest row) and refits both axes.
+void MonitorChartSet::fitToWindow(Column& column, double seconds) {
+    if (window_ > 0) dropPointsBefore(column, seconds - window_);
+    if (column.hasValue) fitValueAxis(column);
+    fitTimeAxis(column, seconds);
 }
 
 // Drops the readings older than `start`, and the runs left empty; the value range is taken

@@ -1,95 +1,29 @@
 #include "monitor_chart_item.h"
 
-#include <QDateTime>
 #include <QPainter>
-#include <QtCharts/QChart>
-#include <QtCharts/QValueAxis>
-#include <cmath>
+#include <algorithm>
 
 namespace {
 
 constexpr int kChartsPerRow = 2;
 
-QtCharts::QAbstractAxis* axisOf(const QtCharts::QChart* chart, Qt::Orientation orientation) {
-    const QList<QtCharts::QAbstractAxis*> axes =
-        chart ? chart->axes(orientation) : QList<QtCharts::QAbstractAxis*>();
-    return axes.isEmpty() ? nullptr : axes.front();
-}
-
 }  // namespace
 
 MonitorChartItem::MonitorChartItem(QQuickItem* parent) : QQuickPaintedItem(parent) {
     setFillColor(Qt::white);
-    startCharts();
 }
 
 MonitorChartItem::~MonitorChartItem() = default;
 
-void MonitorChartItem::setColumns(const QStringList& columns) {
-    if (columns == columns_) return;
-    columns_ = columns;
-    startCharts();
-    emit columnsChanged();
-}
-
-void MonitorChartItem::setShownColumns(const QVariantList& shown) {
-    if (shown == shown_) return;
-    shown_ = shown;
-    emit shownColumnsChanged();
+void MonitorChartItem::setModel(MonitorChartModel* model) {
+    if (model == model_) return;
+    disconnect(modelConnection_);
+    model_ = model;
+    if (model_)
+        modelConnection_ =
+            connect(model_, &MonitorChartModel::chartsChanged, this, &MonitorChartItem::redraw);
+    emit modelChanged();
     redraw();
-}
-
-void MonitorChartItem::setWindowSeconds(double seconds) {
-    if (seconds == windowSeconds_) return;
-    windowSeconds_ = seconds;
-    charts_->setTimeWindow(seconds);
-    emit windowSecondsChanged();
-}
-
-void MonitorChartItem::appendReading(const QStringList& values) {
-    charts_->appendRow(QDateTime::currentDateTime(), values);
-    emit rowsChanged();
-    redraw();
-}
-
-void MonitorChartItem::clear() {
-    startCharts();
-}
-
-// A chart set is made for one list of columns: other columns, or a fresh start, take a new one.
-void MonitorChartItem::startCharts() {
-    const bool hadRows = charts_ && charts_->rowCount() > 0;
-    charts_ = std::make_unique<monitorcharts::MonitorChartSet>(columns_);
-    charts_->setTimeWindow(windowSeconds_);
-    if (hadRows) emit rowsChanged();
-    redraw();
-}
-
-QString MonitorChartItem::chartTitle(int column) const {
-    const QtCharts::QChart* chart = charts_->chart(column);
-    return chart ? chart->title() : QString();
-}
-
-QString MonitorChartItem::valueAxisTitle(int column) const {
-    const QtCharts::QAbstractAxis* axis = axisOf(charts_->chart(column), Qt::Vertical);
-    return axis ? axis->titleText() : QString();
-}
-
-QString MonitorChartItem::timeAxisTitle(int column) const {
-    const QtCharts::QAbstractAxis* axis = axisOf(charts_->chart(column), Qt::Horizontal);
-    return axis ? axis->titleText() : QString();
-}
-
-// The shown indexes that name a chart, in the order given, each once.
-QList<int> MonitorChartItem::drawnColumns() const {
-    QList<int> drawn;
-    for (const QVariant& entry : shown_) {
-        bool ok = false;
-        const int column = entry.toInt(&ok);
-        if (ok && column >= 0 && column < charts_->chartCount() && !drawn.contains(column))
-            drawn.push_back(column);
-    }
-    return drawn;
 }
 
 void MonitorChartItem::geometryChanged(const QRectF& newGeometry, const QRectF& oldGeometry) {
@@ -99,7 +33,7 @@ void MonitorChartItem::geometryChanged(const QRectF& newGeometry, const QRectF& 
 
 // The charts shown, in a grid of up to two a row that fills the item.
 void MonitorChartItem::redraw() {
-    const QList<int> drawn = drawnColumns();
+    const QList<int> drawn = model_ ? model_->drawnColumns() : QList<int>();
     const QSize size = boundingRect().size().toSize();
     QImage frame;
     if (!drawn.isEmpty() && !size.isEmpty()) {
@@ -113,7 +47,7 @@ void MonitorChartItem::redraw() {
         painter.setRenderHint(QPainter::Antialiasing);
         for (int i = 0; i < drawn.size(); ++i) {
             const QPointF corner((i % perRow) * cell.width(), (i / perRow) * cell.height());
-            charts_->renderChart(drawn[i], painter, QRectF(corner, cell));
+            model_->charts().renderChart(drawn[i], painter, QRectF(corner, cell));
         }
     }
     {

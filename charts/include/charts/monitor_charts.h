@@ -71,8 +71,9 @@ class MonitorChartSet {
     void appendRow(const QDateTime& time, const QStringList& values);
 
     // A live chart keeps only the readings of the last `seconds` (counted back from the latest
-    // row): older points are dropped and the axes refit to what is left. 0, the default, keeps
-    // every reading, as a recording's chart does.
+    // row): older points are dropped and the axes refit to what is left, at once and at every
+    // row after. 0, the default, keeps every reading, as a recording's chart does; a window
+    // widened again shows no reading it dropped before.
     void setTimeWindow(double seconds);
     double timeWindow() const { return window_; }
 
@@ -114,10 +115,12 @@ class MonitorChartSet {
     void dropPointsBefore(Column& column, double seconds);
     void fitValueAxis(Column& column);
     void fitTimeAxis(Column& column, double seconds);
+    void fitToWindow(Column& column, double seconds);
 
     QVector<Column> charts_;
     QDateTime first_;
     int rows_ = 0;
+    double latest_ = 0;  // the latest row's seconds from the first
     double window_ = 0;
 };
 

@@ -5,10 +5,14 @@ import Qt.labs.platform 1.1 as Platform
 import Lidar 1.0
 
 // The monitor module: its hardware variant, its values refreshed once a second by the manager's
-// auto-refresh, live charts of the values chosen, and recordings of them to CSV.
+// auto-refresh, live charts of the values chosen, and recordings of them to CSV. The charts'
+// points are the session's (MonitorCharts): they keep coming while another view is shown. The
+// values and the charts take the height the window leaves; below the least they need, it scrolls.
 ScrollView {
     id: view
     clip: true
+    contentWidth: availableWidth
+    contentHeight: page.height
 
     readonly property bool hasMonitor: Manager.monitorModuleIndex >= 0
     readonly property bool canRead: Manager.isConnected && hasMonitor
@@ -49,14 +53,8 @@ ScrollView {
         return minutes + ":" + (rest < 10 ? "0" : "") + rest
     }
 
-    // Every reading the manager announces is a new point of the charts, whether the auto-refresh,
-    // a recording or the refresh button made it.
     Connections {
         target: Manager
-        function onMyMapChanged() {
-            if (Manager.isConnected && view.hasMonitor)
-                monitorChart.appendReading(Manager.getMonitorReading())
-        }
         function onIsMonitorRecordingChanged() {
             if (Manager.isMonitorRecording) view.recordStartedAt = Date.now()
             recordPath.text = Manager.getMonitorRecordFilePath()
@@ -70,8 +68,10 @@ ScrollView {
     }
 
     ColumnLayout {
+        id: page
         width: view.availableWidth
-        spacing: 12
+        height: Math.max(view.availableHeight, implicitHeight)
+        spacing: 8
 
         RowLayout {
             Layout.fillWidth: true
@@ -111,21 +111,25 @@ ScrollView {
 
         RowLayout {
             Layout.fillWidth: true
-            spacing: 12
+            Layout.fillHeight: true
+            spacing: 8
             visible: view.hasMonitor
 
             GroupBox {
                 title: "Values"
-                Layout.preferredWidth: 420
-                Layout.alignment: Qt.AlignTop
+                Layout.preferredWidth: 340
+                Layout.fillHeight: true
                 ListView {
                     id: valuesTable
                     objectName: "monitorValues"
-                    implicitWidth: 396
-                    implicitHeight: contentHeight
-                    interactive: false
+                    anchors.fill: parent
+                    implicitWidth: 316
+                    implicitHeight: 120
+                    clip: true
+                    boundsBehavior: Flickable.StopAtBounds
+                    ScrollBar.vertical: ScrollBar {}
                     model: view.monitorRows(Manager.myMap, Manager.monitorModuleIndex,
-                                            monitorChart.columns)
+                                            MonitorCharts.columns)
                     delegate: RowLayout {
                         width: valuesTable.width
                         Label { text: modelData.name; Layout.fillWidth: true; elide: Text.ElideRight }
@@ -133,9 +137,9 @@ ScrollView {
                             objectName: "monitorValue_" + index
                             text: modelData.value
                             horizontalAlignment: Text.AlignRight
-                            Layout.preferredWidth: 90
+                            Layout.preferredWidth: 80
                         }
-                        Label { text: modelData.unit; color: "gray"; Layout.preferredWidth: 40 }
+                        Label { text: modelData.unit; color: "gray"; Layout.preferredWidth: 36 }
                     }
                 }
             }
@@ -143,24 +147,27 @@ ScrollView {
             GroupBox {
                 title: "Charts"
                 Layout.fillWidth: true
-                Layout.alignment: Qt.AlignTop
+                Layout.fillHeight: true
                 ColumnLayout {
                     anchors.fill: parent
+                    spacing: 4
                     Flow {
                         Layout.fillWidth: true
-                        spacing: 4
+                        spacing: 2
                         Repeater {
-                            model: monitorChart.columns
+                            model: MonitorCharts.columns
                             CheckBox {
                                 objectName: "chartChoice_" + index
                                 text: modelData
-                                checked: monitorChart.shownColumns.indexOf(index) >= 0
+                                topPadding: 2
+                                bottomPadding: 2
+                                checked: MonitorCharts.shownColumns.indexOf(index) >= 0
                                 onToggled: {
-                                    var shown = monitorChart.shownColumns.filter(function(c) {
+                                    var shown = MonitorCharts.shownColumns.filter(function(c) {
                                         return c !== index
                                     })
                                     if (checked) shown.push(index)
-                                    monitorChart.shownColumns = shown.sort(function(a, b) { return a - b })
+                                    MonitorCharts.shownColumns = shown.sort(function(a, b) { return a - b })
                                 }
                             }
                         }
@@ -170,29 +177,24 @@ ScrollView {
                         ComboBox {
                             objectName: "chartWindow"
                             model: [1, 5, 10, 30]
-                            currentIndex: 1
+                            currentIndex: Math.max(model.indexOf(MonitorCharts.windowSeconds / 60), 0)
                             displayText: currentText + " min"
-                            onActivated: monitorChart.windowSeconds = 60 * model[index]
+                            onActivated: MonitorCharts.windowSeconds = 60 * model[index]
                         }
                         Button {
+                            objectName: "clearChartsButton"
                             text: "Clear"
-                            onClicked: monitorChart.clear()
+                            onClicked: MonitorCharts.clear()
                         }
                     }
                     MonitorChart {
                         id: monitorChart
                         objectName: "monitorChart"
+                        model: MonitorCharts
                         Layout.fillWidth: true
-                        Layout.preferredHeight: 260 * Math.max(1, Math.ceil(shownColumns.length / 2))
-                        windowSeconds: 300
-                        // The record's columns: new ones when another variant is applied.
-                        columns: {
-                            Manager.currentMonitorHwVersion
-                            Manager.monitorContentRevision
-                            return Manager.getMonitorColumns()
-                        }
-                        onColumnsChanged: shownColumns = columns.length > 1 ? [0, 1]
-                                                                            : columns.length > 0 ? [0] : []
+                        Layout.fillHeight: true
+                        Layout.minimumHeight: 160
+                        Layout.preferredHeight: 160
                     }
                 }
             }
@@ -203,12 +205,16 @@ ScrollView {
             Layout.fillWidth: true
             visible: view.hasMonitor
             GridLayout {
-                columns: 4
+                anchors.fill: parent
+                columns: 7
+                rowSpacing: 4
+
                 Label { text: "Folder" }
                 TextField {
                     id: recordFolder
                     objectName: "recordFolder"
-                    Layout.preferredWidth: 420
+                    Layout.fillWidth: true
+                    Layout.columnSpan: 2
                     enabled: !Manager.isMonitorRecording
                     text: Desk.localPath(Platform.StandardPaths.writableLocation(
                                              Platform.StandardPaths.DocumentsLocation))
@@ -218,27 +224,30 @@ ScrollView {
                     enabled: !Manager.isMonitorRecording
                     onClicked: folderDialog.open()
                 }
-                Item { Layout.fillWidth: true }
-
-                Label { text: "Duration (s)" }
-                SpinBox {
-                    objectName: "recordDuration"
-                    from: 1
-                    to: 86400
-                    editable: true
-                    enabled: !Manager.isMonitorRecording
-                    value: Manager.monitorRecordDurationSec
-                    onValueModified: Manager.monitorRecordDurationSec = value
+                RowLayout {
+                    Label { text: "Duration (s)" }
+                    SpinBox {
+                        objectName: "recordDuration"
+                        from: 1
+                        to: 86400
+                        editable: true
+                        enabled: !Manager.isMonitorRecording
+                        value: Manager.monitorRecordDurationSec
+                        onValueModified: Manager.monitorRecordDurationSec = value
+                    }
                 }
-                Label { text: "Interval (s)" }
-                SpinBox {
-                    objectName: "recordInterval"
-                    from: 1
-                    to: 3600
-                    editable: true
-                    enabled: !Manager.isMonitorRecording
-                    value: Manager.monitorRecordIntervalSec
-                    onValueModified: Manager.monitorRecordIntervalSec = value
+                RowLayout {
+                    Layout.columnSpan: 2
+                    Label { text: "Interval (s)" }
+                    SpinBox {
+                        objectName: "recordInterval"
+                        from: 1
+                        to: 3600
+                        editable: true
+                        enabled: !Manager.isMonitorRecording
+                        value: Manager.monitorRecordIntervalSec
+                        onValueModified: Manager.monitorRecordIntervalSec = value
+                    }
                 }
 
                 Button {
@@ -258,14 +267,13 @@ ScrollView {
                 }
                 Label {
                     objectName: "recordStatus"
-                    Layout.columnSpan: 2
+                    Layout.preferredWidth: 260
                     text: Manager.isMonitorRecording
                           ? "Recording: " + view.clockText(view.secondsLeft()) + " left, "
                             + view.rowsWritten() + " rows written"
                           : "Not recording"
                 }
-
-                Label { text: "File" }
+                Label { text: "File"; Layout.alignment: Qt.AlignRight }
                 Label {
                     id: recordPath
                     objectName: "recordPath"
@@ -275,6 +283,7 @@ ScrollView {
                     text: Manager.getMonitorRecordFilePath()
                 }
                 Button {
+                    objectName: "openRecordFolderButton"
                     text: "Open folder"
                     enabled: recordPath.text !== ""
                     onClicked: Desk.openFolderOf(recordPath.text)
