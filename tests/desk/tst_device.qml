@@ -142,7 +142,12 @@ WindowTestCase {
         var writes = Probe.requestCount(0x22)
         setBound(data.index, data.text)
         if (data.endIndex !== undefined) setBound(data.endIndex, data.endText)
-        mouseClick(named("fovApply"))
+        // Told at the table as it is typed, and Apply waits for a table the lidar can take.
+        var problem = data.error.replace(/; nothing was sent$/, "")
+        compare(named("fovProblem").text, problem.charAt(0).toUpperCase() + problem.slice(1))
+        verify(!named("fovApply").enabled, "Apply waits")
+        // Applied anyway (a field changed behind the button's back), it is refused the same.
+        window.currentViewItem.apply()
         compare(popups.errorText, data.error)
         // Nothing was queued: the queue is busy from the moment an operation is queued.
         verify(!Desk.queue.busy)

@@ -93,6 +93,13 @@ ScrollView {
         if (Math.abs(tenths - whole) > 1e-6 || whole < 0 || whole > fullCircleTenths) return -1
         return whole
     }
+    // The first problem with the fields as they are typed, shown under the table ("" when none).
+    property string fieldProblem: ""
+    function recheck() {
+        for (var i = 0; i < 2 * regions; ++i)
+            if (!boundField(i)) return
+        fieldProblem = tableProblem().replace(/; nothing was sent$/, "")
+    }
     function tenthsText(tenths) { return (tenths / 10).toFixed(1) }
     function boundName(index) {
         return "region " + (index % regions + 1) + (index < regions ? " start" : " end")
@@ -216,14 +223,25 @@ ScrollView {
                     objectName: "fovBound" + index
                     Layout.preferredWidth: 140
                     selectByMouse: true
+                    onTextChanged: view.recheck()
                 }
                 TextField {
                     id: endField
                     objectName: "fovBound" + (index + view.regions)
                     Layout.preferredWidth: 140
                     selectByMouse: true
+                    onTextChanged: view.recheck()
                 }
             }
+        }
+
+        Label {
+            objectName: "fovProblem"
+            visible: view.fieldProblem !== ""
+            Layout.fillWidth: true
+            wrapMode: Text.Wrap
+            color: "firebrick"
+            text: view.fieldProblem.charAt(0).toUpperCase() + view.fieldProblem.slice(1)
         }
 
         RowLayout {
@@ -243,6 +261,7 @@ ScrollView {
                 objectName: "fovApply"
                 text: "Apply"
                 enabled: Manager.isConnected && !Desk.queue.busy && view.writeModule >= 0
+                         && view.fieldProblem === ""
                 onClicked: view.apply()
             }
             Button {
