@@ -286,6 +286,41 @@ TEST(MonitorChartsLive, ANarrowerWindowDropsTheOlderReadingsAtOnce) {
 }
 
 // One chart drawn into a cell is the cell render() draws for it.
+// Readings taken in one go (the window's charts while nobody looks at them) end as the same
+// charts as readings taken one by one: points, gaps, dropped readings and axes.
+TEST(MonitorChartsLive, ReadingsTakenInOneGoMatchTheSameReadingsOneByOne) {
+    const QStringList labels{"Input Voltage (V)", "Frame Drops"};
+    const QDateTime start = QDateTime::currentDateTime();
+    QVector<QDateTime> times;
+    QVector<QStringList> rows;
+    for (int s = 0; s <= 40; ++s) {
+        times << start.addSecs(s);
+        rows << QStringList{s == 3    ? "95.5"
+                            : s == 30 ? ""
+                                      : QString::number(12 + s % 4 * 0.25),
+                            QString::number(s / 7)};
+    }
+    MonitorChartSet oneByOne(labels), inOneGo(labels);
+    for (MonitorChartSet* set : {&oneByOne, &inOneGo}) set->setTimeWindow(20);
+    for (int r = 0; r < times.size(); ++r) oneByOne.appendRow(times[r], rows[r]);
+    inOneGo.appendRows(times.mid(0, 10), rows.mid(0, 10));
+    inOneGo.appendRows(times.mid(10), rows.mid(10));
+    EXPECT_EQ(inOneGo.rowCount(), oneByOne.rowCount());
+    for (int chart : {0, 1}) {
+        SCOPED_TRACE(chart);
+        EXPECT_EQ(inOneGo.pointCount(chart), oneByOne.pointCount(chart));
+        EXPECT_EQ(runsOf(inOneGo.chart(chart)), runsOf(oneByOne.chart(chart)));
+        for (Qt::Orientation axis : {Qt::Horizontal, Qt::Vertical}) {
+            EXPECT_EQ(axisOf(inOneGo.chart(chart), axis)->min(),
+                      axisOf(oneByOne.chart(chart), axis)->min());
+            EXPECT_EQ(axisOf(inOneGo.chart(chart), axis)->max(),
+                      axisOf(oneByOne.chart(chart), axis)->max());
+        }
+    }
+    EXPECT_LT(axisOf(inOneGo.chart(0), Qt::Vertical)->max(), 20.0) << "the old spike is gone";
+    EXPECT_EQ(runsOf(inOneGo.chart(0)).size(), 2) << "the failed reading breaks the line";
+}
+
 TEST(MonitorChartsLive, ACellDrawnAloneMatchesTheGrid) {
     MonitorChartSet set(QStringList{"A (V)", "B (A)"});
     const QDateTime start = QDateTime::currentDateTime();

@@ -173,6 +173,18 @@ int MonitorChartSet::pointCount(int i) const {
 }
 
 void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values) {
+    appendRows({time}, {values});
+}
+
+void MonitorChartSet::appendRows(const QVector<QDateTime>& times,
+                                 const QVector<QStringList>& rows) {
+    const int count = std::min(times.size(), rows.size());
+    if (count == 0) return;
+    for (int r = 0; r < count; ++r) addRowPoints(times[r], rows[r]);
+    for (Column& column : charts_) fitToWindow(column, latest_);
+}
+
+void MonitorChartSet::addRowPoints(const QDateTime& time, const QStringList& values) {
     if (!first_.isValid()) {
         first_ = time;
         for (Column& column : charts_)
@@ -190,7 +202,6 @@ void MonitorChartSet::appendRow(const QDateTime& time, const QStringList& values
         } else {
             column.run = nullptr;  // a failed reading: the line breaks here
         }
-        fitToWindow(column, seconds);
     }
 }
 

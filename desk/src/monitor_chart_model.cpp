@@ -68,6 +68,7 @@ void MonitorChartModel::setShownColumns(const QVariantList& shown) {
 void MonitorChartModel::setWindowSeconds(double seconds) {
     if (seconds == windowSeconds_) return;
     windowSeconds_ = seconds;
+    settled();
     charts_->setTimeWindow(seconds);
     emit windowSecondsChanged();
     emit chartsChanged();
@@ -80,9 +81,36 @@ void MonitorChartModel::takeReading(const QStringList& columns, const QStringLis
 void MonitorChartModel::appendReading(const QDateTime& time, const QStringList& columns,
                                       const QStringList& values) {
     if (columns != columns_) return;
-    charts_->appendRow(time, values);
+    pendingTimes_.push_back(time);
+    pendingRows_.push_back(values);
+    dropPendingOutsideWindow();
     emit rowsChanged();
     emit chartsChanged();
+}
+
+// A reading the window has left behind would be dropped as soon as it reached the charts. The
+// first reading of the charts stays: their time axis counts from it.
+void MonitorChartModel::dropPendingOutsideWindow() {
+    if (windowSeconds_ <= 0 || pendingTimes_.isEmpty()) return;
+    const QDateTime start =
+        pendingTimes_.back().addMSecs(static_cast<qint64>(-windowSeconds_ * 1000));
+    const int keepFirst = charts_->rowCount() == 0 ? 1 : 0;
+    int old = keepFirst;
+    while (old < pendingTimes_.size() - 1 && pendingTimes_[old] < start) ++old;
+    const int dropped = old - keepFirst;
+    if (dropped <= 0) return;
+    pendingTimes_.remove(keepFirst, dropped);
+    pendingRows_.remove(keepFirst, dropped);
+    pendingDropped_ += dropped;
+}
+
+const monitorcharts::MonitorChartSet& MonitorChartModel::settled() const {
+    if (!pendingTimes_.isEmpty()) {
+        charts_->appendRows(pendingTimes_, pendingRows_);
+        pendingTimes_.clear();
+        pendingRows_.clear();
+    }
+    return *charts_;
 }
 
 void MonitorChartModel::clear() {
@@ -90,29 +118,32 @@ void MonitorChartModel::clear() {
 }
 
 void MonitorChartModel::startCharts() {
-    const bool hadRows = charts_->rowCount() > 0;
+    const bool hadRows = rowCount() > 0;
+    pendingTimes_.clear();
+    pendingRows_.clear();
+    pendingDropped_ = 0;
     charts_ = newCharts(columns_, windowSeconds_);
     if (hadRows) emit rowsChanged();
     emit chartsChanged();
 }
 
 QString MonitorChartModel::chartTitle(int column) const {
-    const QtCharts::QChart* chart = charts_->chart(column);
+    const QtCharts::QChart* chart = settled().chart(column);
     return chart ? chart->title() : QString();
 }
 
 QString MonitorChartModel::valueAxisTitle(int column) const {
-    const QtCharts::QAbstractAxis* axis = axisOf(charts_->chart(column), Qt::Vertical);
+    const QtCharts::QAbstractAxis* axis = axisOf(settled().chart(column), Qt::Vertical);
     return axis ? axis->titleText() : QString();
 }
 
 QString MonitorChartModel::timeAxisTitle(int column) const {
-    const QtCharts::QAbstractAxis* axis = axisOf(charts_->chart(column), Qt::Horizontal);
+    const QtCharts::QAbstractAxis* axis = axisOf(settled().chart(column), Qt::Horizontal);
     return axis ? axis->titleText() : QString();
 }
 
 QColor MonitorChartModel::seriesColor(int column) const {
-    const QtCharts::QChart* chart = charts_->chart(column);
+    const QtCharts::QChart* chart = settled().chart(column);
     if (chart == nullptr || chart->series().isEmpty()) return QColor(Qt::transparent);
     return static_cast<const QtCharts::QLineSeries*>(chart->series().front())->color();
 }
@@ -122,7 +153,7 @@ QList<int> MonitorChartModel::drawnColumns() const {
     for (const QVariant& entry : shown_) {
         bool ok = false;
         const int column = entry.toInt(&ok);
-        if (ok && column >= 0 && column < charts_->chartCount() && !drawn.contains(column))
+        if (ok && column >= 0 && column < settled().chartCount() && !drawn.contains(column))
             drawn.push_back(column);
     }
     return drawn;

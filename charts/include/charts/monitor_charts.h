@@ -69,6 +69,9 @@ class MonitorChartSet {
     // empty cell: that reading failed) leaves a gap in that chart's line: the readings on either
     // side of it are not joined. Each unbroken run of readings is a series of its own.
     void appendRow(const QDateTime& time, const QStringList& values);
+    // The same for readings in time order, the axes fitted once after the last: readings that
+    // were not drawn meanwhile are taken in one go.
+    void appendRows(const QVector<QDateTime>& times, const QVector<QStringList>& rows);
 
     // A live chart keeps only the readings of the last `seconds` (counted back from the latest
     // row): older points are dropped and the axes refit to what is left, at once and at every
@@ -99,6 +102,8 @@ class MonitorChartSet {
                           int perRow = kDefaultPerRow);
 
   private:
+    // One reading's points, the axes left as they are.
+    void addRowPoints(const QDateTime& time, const QStringList& values);
     struct Column {
         ColumnLabel label;
         QtCharts::QChart* chart = nullptr;
