@@ -49,6 +49,8 @@ class MonitorChartModel : public QObject {
     double windowSeconds() const { return charts_->timeWindow(); }
     void setWindowSeconds(double seconds);
     int rowCount() const { return charts_->rowCount() + pendingTimes_.size() + pendingDropped_; }
+    // The readings kept aside, not yet in the charts: never more than the window holds.
+    int readingsAside() const { return pendingTimes_.size(); }
 
     // One reading taken at `time`: values[i] belongs to columns[i]; an empty value is a failed
     // reading. A reading of other columns than the charts' (a variant read just before another
