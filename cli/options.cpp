@@ -421,6 +421,7 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
         "Without --host an embedded simulator of the model answers on 127.0.0.1; run "
         "from the repository root (the catalogues are read from ./Config).",
         "lidarutil");
+    app.set_version_flag("--version", "lidarutil " LIDAR_VERSION, "Print the version and exit");
     ProgramValues values;
     declareProgramOptions(app, values, options);
     CommandArguments args;
@@ -433,6 +434,11 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     for (const std::string& argument : argv) pointers.push_back(argument.c_str());
     try {
         app.parse(static_cast<int>(pointers.size()), pointers.data());
+    } catch (const CLI::CallForVersion& version) {
+        result.helpRequested = true;
+        result.ok = true;
+        result.helpText = QString::fromStdString(version.what());
+        return result;
     } catch (const CLI::CallForHelp&) {
         result.helpRequested = true;
         result.ok = true;

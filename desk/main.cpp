@@ -9,7 +9,9 @@
 #include <QTemporaryDir>
 #include <QTextStream>
 #include <QTimer>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "desk_session.h"
@@ -34,9 +36,21 @@ std::unique_ptr<QTemporaryDir> isolateSettings() {
     return home;
 }
 
+// --version is answered before the application is made: it needs no display.
+bool printVersionIfAsked(int argc, char* argv[]) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--version") == 0 || std::strcmp(argv[i], "-v") == 0) {
+            std::printf("lidar-desk %s\n", LIDAR_VERSION);
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    if (printVersionIfAsked(argc, argv)) return 0;
     // Qt Charts draws through the widget module: the application must be a QApplication.
     QApplication app(argc, argv);
     QApplication::setApplicationName("lidar-desk");

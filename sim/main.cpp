@@ -73,6 +73,7 @@ std::string Wrapped(const std::string& text, size_t indent, size_t width) {
 
 std::string Usage() {
     return "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
+           "       lidar-sim --help | --version\n"
            "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
            "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
            "                 [--partition A|B] [--seed N] [--chaos SEED] [--report FILE]\n"
@@ -407,6 +408,10 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {
             std::cout << Usage();
+            return 0;
+        }
+        if (std::string(argv[i]) == "--version") {
+            std::cout << "lidar-sim " LIDAR_VERSION "\n";
             return 0;
         }
     }

@@ -39,6 +39,13 @@ QString jsonValue(const QJsonDocument& document, const QString& name) {
 
 }  // namespace
 
+TEST(Lidarutil, TellsItsVersion) {
+    const Outcome run = lidarutil({"--version"});
+    EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
+    EXPECT_TRUE(QRegularExpression("^lidarutil \\d+\\.\\d+\\.\\d+\n$").match(run.out).hasMatch())
+        << run.out.toStdString();
+}
+
 TEST(Lidarutil, ListsModelsAndShowsTheCatalogueWithoutALidar) {
     const Outcome models = lidarutil({"models"});
     EXPECT_EQ(models.exitCode, 0) << models.err.toStdString();

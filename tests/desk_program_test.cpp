@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 #include <QSet>
 #include <QTemporaryDir>
 
@@ -102,6 +103,21 @@ INSTANTIATE_TEST_SUITE_P(
                             "wren-04-console.png", "wren-05-firmware.png", "wren-06-logs.png",
                             "wren-07-monitor.png", "wren-08-model-operations.png"}}),
     [](const ::testing::TestParamInfo<Tour>& info) { return std::string(info.param.model); });
+
+// Asked of an installed program on a machine with no display.
+TEST(DeskProgram, TellsItsVersionWithoutADisplay) {
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove("DISPLAY");
+    environment.remove("QT_QPA_PLATFORM");
+    process.setProcessEnvironment(environment);
+    process.start(LIDAR_DESK, QStringList{"--version"});
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
+    const QString out = QString::fromUtf8(process.readAllStandardOutput());
+    EXPECT_TRUE(QRegularExpression("^lidar-desk \\d+\\.\\d+\\.\\d+\n$").match(out).hasMatch())
+        << out.toStdString();
+}
 
 TEST(DeskProgram, RefusesWhatItCannotDoWithAReason) {
     const DeskRun alone = runDesk({"--screenshots", "/tmp/never"});

@@ -23,6 +23,12 @@ for bad in "" "--model" "--model Smoke --port 70000" "--model Smoke --fault 0x07
     fi
 done
 
+version=$("$sim" --version)
+if ! [[ "$version" =~ ^lidar-sim\ [0-9]+\.[0-9]+\.[0-9]+$ ]]; then
+    echo "expected 'lidar-sim X.Y.Z' from --version, got: $version"
+    exit 1
+fi
+
 mkdir -p "$dir/varID/Smoke"
 printf '%s\n%s\n' \
     'module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,default_val' \
