@@ -1,7 +1,7 @@
 #pragma once
 
-// Checks a front end makes before it asks the manager to write into a folder: a download or a
-// recording finds a folder it cannot write only after the lidar has been asked, and the
+// Checks a front end makes before a transfer: a download or a recording finds a folder it cannot
+// write, and an upgrade a package it cannot send, only after the lidar has been asked, and the
 // manager's messages then say little of why.
 
 #include <QString>
@@ -10,3 +10,7 @@
 // the file system gives for refusing a new file there. Asked of the file system itself:
 // permission bits say nothing of a read-only mount or of /proc.
 QString folderWriteProblem(const QString& folder);
+
+// Why a package file cannot be sent as it is ("" when it can): it cannot be opened, is a folder
+// or not a regular file, or is empty. Names the path as given.
+QString packageProblem(const QString& path);

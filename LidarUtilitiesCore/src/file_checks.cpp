@@ -44,3 +44,16 @@ QString folderWriteProblem(const QString& folder) {
     ::unlink(probe.constData());
     return QString();
 }
+
+QString packageProblem(const QString& path) {
+    const QString refusal = "cannot read the package " + path + ": ";
+    const QFileInfo info(path);
+    if (info.isDir()) return refusal + "it is a folder";
+    // Not opened: a named pipe would block the open until something writes into it.
+    if (info.exists() && !info.isFile()) return refusal + "it is not a regular file";
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return refusal + QString::fromLocal8Bit(std::strerror(errno));
+    ::close(fd);
+    if (info.size() == 0) return "the package " + path + " is empty; nothing was sent";
+    return QString();
+}

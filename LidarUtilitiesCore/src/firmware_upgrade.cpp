@@ -3,19 +3,14 @@
 
 #include "firmware_upgrade.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <QFile>
-#include <QFileInfo>
-#include <cerrno>
 #include <chrono>
 #include <climits>
-#include <cstring>
 #include <optional>
 #include <system_error>
 
 #include "developer_log.h"
+#include "file_checks.h"
 #include "lidar_utilities_manager.h"
 #include "parameter_catalogue.h"
 #include "sdk/authorized_vrc_client.h"
@@ -280,16 +275,7 @@ QVariantList LidarUtilitiesManager::firmwareUpgradeVariable() const {
 }
 
 QString LidarUtilitiesManager::firmwarePackageProblem(const QString& path) const {
-    const QString refusal = "cannot read the package " + path + ": ";
-    const QFileInfo info(path);
-    if (info.isDir()) return refusal + "it is a folder";
-    // Not opened: a named pipe would block the open until something writes into it.
-    if (info.exists() && !info.isFile()) return refusal + "it is not a regular file";
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return refusal + QString::fromLocal8Bit(std::strerror(errno));
-    ::close(fd);
-    if (info.size() == 0) return "the package " + path + " is empty; nothing was sent";
-    return QString();
+    return packageProblem(path);
 }
 
 bool LidarUtilitiesManager::getIsUpgrading() const {
