@@ -15,7 +15,7 @@ bool argumentsAreFiles(const Options& options) {
 }
 
 void anchor(QString& path, const QDir& userFolder) {
-    if (!path.isEmpty()) path = QDir::cleanPath(userFolder.absoluteFilePath(path));
+    if (!path.isEmpty()) path = userFolder.absoluteFilePath(path);
 }
 
 }  // namespace
