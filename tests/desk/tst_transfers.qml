@@ -97,7 +97,7 @@ WindowTestCase {
         var path = Probe.writeFile("slow-firmware.bin", 200 * 1024)
         connectSimulated("Egret")
         openView("Firmware")
-        verify(Probe.setFault(0x83, "delay=200"))
+        verify(Probe.setFault(0x83, "delay=1000"))
         choosePackage(path)
         startUpgrade()
         tryVerify(function() { return Manager.isUpgrading }, 5000, "the upgrade runs")
