@@ -47,10 +47,21 @@ bool printVersionIfAsked(int argc, char* argv[]) {
     return false;
 }
 
+// --help needs no display either: the help is printed by the application's own parser, which
+// then runs on the offscreen platform.
+void answerHelpOffscreen(int argc, char* argv[]) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0 ||
+            std::strcmp(argv[i], "--help-all") == 0)
+            setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
     if (printVersionIfAsked(argc, argv)) return 0;
+    answerHelpOffscreen(argc, argv);
     // Qt Charts draws through the widget module: the application must be a QApplication.
     QApplication app(argc, argv);
     QApplication::setApplicationName("lidar-desk");
