@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "output.h"
 #include "session.h"
+#include "workplace.h"
 
 namespace cli {
 
@@ -32,7 +33,9 @@ const std::vector<CommandEntry>& commandTable() {
          "send a raw command: HEADER and PAYLOAD bytes in hex; prints the reply's header and "
          "payload (the payload cut at 1024 bytes) and records the command",
          &commandSend, true, &declareSendArguments},
-        {"history", "the last ten raw commands sent, newest first (./Config/command_log_file.csv)",
+        {"history",
+         "the last ten raw commands sent, newest first (Config/command_log_file.csv of the "
+         "folder lidarutil works in)",
          &commandHistory, true, nullptr},
         {"upgrade",
          "push a firmware package to the lidar with a progress bar (the serial-line models take "
@@ -66,14 +69,10 @@ const CommandEntry* findCommand(const QString& name) {
 
 namespace {
 
-int runInSession(const CommandEntry& entry, SessionHandler handler, const Options& options) {
-    if (!Session::configFolderPresent()) {
-        printDiagnostic(
-            "lidarutil: ./Config/varID not found: run lidarutil from the repository root, the "
-            "folder that holds Config/");
-        return kExitUsage;
-    }
-    Session session(options);
+int runInSession(const CommandEntry& entry, SessionHandler handler, Options options) {
+    std::optional<lidar::Workplace> workplace = settleWorkplace(options);
+    if (!workplace) return kExitUsage;
+    Session session(options, std::move(*workplace));
     if (entry.loadsModel) {
         if (int status = session.loadModel(); status != kExitOk) return status;
     }

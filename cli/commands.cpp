@@ -143,6 +143,21 @@ bool hasChoices(const VarView& view) {
 
 // ---- models ----
 
+const lidar::ModelSource* sourceOf(const lidar::Workplace& workplace, const QString& model) {
+    for (const lidar::ModelSource& source : workplace.models)
+        if (QString::fromStdString(source.name) == model) return &source;
+    return nullptr;
+}
+
+// A model of the user's own with the name of an installed one hides it: say so, in case the
+// user's copy is an old one.
+void warnOfShadowing(const lidar::ModelSource& source) {
+    for (const std::string& hidden : source.shadowed)
+        printDiagnostic("lidarutil: warning: the model " + QString::fromStdString(source.name) +
+                        " of " + QString::fromStdString(source.path) + " hides the one of " +
+                        QString::fromStdString(hidden));
+}
+
 QString connectionKind(const LidarUtilitiesManager& manager, const QString& model) {
     switch (manager.connectTypeOfModel(model)) {
         case 1:
@@ -348,13 +363,18 @@ int commandModels(Session& session) {
     QJsonArray models;
     for (const QVariant& name : session.manager().getLidarModelList()) {
         const QString kind = connectionKind(session.manager(), name.toString());
-        rows.push_back({name.toString(), kind});
-        models.append(QJsonObject{{"name", name.toString()}, {"connection", kind}});
+        const lidar::ModelSource* source = sourceOf(session.workplace(), name.toString());
+        const QString origin = source ? lidar::CatalogueOriginName(source->origin) : QString();
+        const QString path = source ? QString::fromStdString(source->path) : QString();
+        rows.push_back({name.toString(), kind, origin, path});
+        models.append(QJsonObject{
+            {"name", name.toString()}, {"connection", kind}, {"source", origin}, {"path", path}});
+        if (source) warnOfShadowing(*source);
     }
     if (session.options().json)
         printJson(QJsonDocument(models));
     else
-        printResult(formatTable({"MODEL", "CONNECTION"}, rows));
+        printResult(formatTable({"MODEL", "CONNECTION", "SOURCE", "FOLDER"}, rows));
     return kExitOk;
 }
 

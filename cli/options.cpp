@@ -418,8 +418,10 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
 
     CLI::App app(
         "lidarutil: a command-line front end over the lidar utilities manager.\n"
-        "Without --host an embedded simulator of the model answers on 127.0.0.1; run "
-        "from the repository root (the catalogues are read from ./Config).",
+        "Without --host an embedded simulator of the model answers on 127.0.0.1.\n"
+        "The model catalogues are those of ./Config/varID when the current folder has one, "
+        "otherwise the user's own (~/.local/share/lidar-utilities/varID) over the installed "
+        "ones; lidarutil models says where each comes from.",
         "lidarutil");
     app.set_version_flag("--version", "lidarutil " LIDAR_VERSION, "Print the version and exit");
     ProgramValues values;

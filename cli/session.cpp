@@ -36,7 +36,8 @@ QString readFailureText(int code) {
     return QString::fromStdString(lidar::DescribeVrcResult(code));
 }
 
-Session::Session(const Options& options) : options_(options) {
+Session::Session(const Options& options, lidar::Workplace workplace)
+    : options_(options), workplace_(std::move(workplace)) {
     if (options_.host.isEmpty() && options_.rs485.isEmpty()) isolateSettings();
     manager_ = std::make_unique<LidarUtilitiesManager>(0, "");
     receiver_ = std::make_unique<QObject>();
@@ -47,10 +48,6 @@ Session::~Session() {
     receiver_.reset();
     manager_.reset();
     simulator_.reset();
-}
-
-bool Session::configFolderPresent() {
-    return QFileInfo("./Config/varID").isDir();
 }
 
 void Session::isolateSettings() {

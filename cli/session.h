@@ -15,6 +15,7 @@
 
 #include "lidar_utilities_manager.h"
 #include "options.h"
+#include "sdk/catalogue_folders.h"
 #include "sim/lidar_simulator.h"
 #include "sim/serial_lidar_simulator.h"
 
@@ -37,13 +38,11 @@ struct VarPosition {
 
 class Session {
   public:
-    explicit Session(const Options& options);
+    // `workplace`: where the catalogues come from (ports, which needs none, leaves it empty).
+    explicit Session(const Options& options, lidar::Workplace workplace = {});
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
-
-    // The catalogue root must exist before anything else makes sense.
-    static bool configFolderPresent();
 
     // Loads the model's catalogue; kExitUsage (with a message) for a model that is not shipped.
     int loadModel();
@@ -68,6 +67,7 @@ class Session {
 
     LidarUtilitiesManager& manager() { return *manager_; }
     const Options& options() const { return options_; }
+    const lidar::Workplace& workplace() const { return workplace_; }
     // Error messages the manager has shown since the start.
     int errorCount() const { return errors_.load(); }
     // While a progress line runs, the manager's messages wait (counted at once) and are printed
@@ -107,6 +107,7 @@ class Session {
     QString endpoint() const;
 
     Options options_;
+    lidar::Workplace workplace_;
     // The embedded simulator's address must not end up in the user's saved connection settings
     // (a later --host run would take its port), so simulated runs keep the manager's settings
     // file in a private home that disappears with the run.

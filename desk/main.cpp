@@ -3,6 +3,7 @@
 
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QDir>
 #include <QFileInfo>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
@@ -18,6 +19,7 @@
 #include "desk_types.h"
 #include "lidar_utilities_manager.h"
 #include "screenshot_tour.h"
+#include "sdk/catalogue_folders.h"
 
 namespace {
 
@@ -57,6 +59,17 @@ void answerHelpOffscreen(int argc, char* argv[]) {
     }
 }
 
+// The manager reads its catalogues from ./Config: from a folder without one, the window works
+// in the user's working folder, which joins the user's catalogues over the installed ones.
+QString moveToWorkplace() {
+    lidar::Workplace workplace;
+    std::string error;
+    if (!lidar::ChooseWorkplace(&workplace, &error)) return QString::fromStdString(error);
+    if (workplace.moved && !QDir::setCurrent(QString::fromStdString(workplace.folder)))
+        return "cannot work in " + QString::fromStdString(workplace.folder);
+    return QString();
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -82,8 +95,9 @@ int main(int argc, char* argv[]) {
     if (parser.isSet(screenshots) && !parser.isSet(simulate))
         return fail("--screenshots needs --simulate MODEL");
 
-    if (!QFileInfo("./Config/varID").isDir())
-        return fail("no catalogues here: run it from a folder that has Config/varID");
+    // The screenshots' folder is the user's, named from where the window was started.
+    const QString screenshotFolder = QFileInfo(parser.value(screenshots)).absoluteFilePath();
+    if (const QString problem = moveToWorkplace(); !problem.isEmpty()) return fail(problem);
 
     std::unique_ptr<QTemporaryDir> privateHome;
     if (parser.isSet(simulate)) privateHome = isolateSettings();
@@ -110,7 +124,7 @@ int main(int argc, char* argv[]) {
     auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().first());
     if (window == nullptr) return fail("the window could not be loaded");
     window->resize(1280, 800);
-    ScreenshotTour tour(*window, session, parser.value(screenshots));
+    ScreenshotTour tour(*window, session, screenshotFolder);
     int status = 0;
     QObject::connect(&tour, &ScreenshotTour::finished, &app,
                      [&status, &tour](bool ok, const QString& why) {

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "sdk/catalogue_folders.h"
 #include "sim/lidar_simulator.h"
 #include "sim/serial_lidar_simulator.h"
 
@@ -78,7 +79,9 @@ std::string Usage() {
            "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
            "                 [--partition A|B] [--seed N] [--chaos SEED] [--report FILE]\n"
            "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
-           "  --config-dir DIR       folder holding varID/ (default ./Config)\n"
+           "  --config-dir DIR       folder holding varID/ (default: the first of ./Config, the\n"
+           "                         user's ~/.local/share/lidar-utilities and the installed\n"
+           "                         catalogues that has the model)\n"
            "  --port N               TCP port, 0 picks a free one (default 0)\n"
            "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
            "  --token T              require authorisation (0xA1) with this token for writes\n"
@@ -115,6 +118,7 @@ struct Arguments {
     bool serial = false;
     std::optional<sim::SerialState> faultState;
     std::string reportFile;
+    bool configDirGiven = false;
 };
 
 bool ParseNumber(const std::string& text, unsigned long max, int base, unsigned long& out) {
@@ -161,6 +165,7 @@ bool ReadOption(const std::string& name, const std::function<std::string()>& val
         args.options.model = value();
     } else if (name == "--config-dir") {
         args.options.configDir = value();
+        args.configDirGiven = true;
     } else if (name == "--bind") {
         args.options.bindAddress = value();
     } else if (name == "--token") {
@@ -369,6 +374,18 @@ int RunTcp(const Arguments& args, sigset_t& stopSignals) {
     return reported ? 0 : 1;
 }
 
+// Without --config-dir the model's catalogue is looked for where the other programs look.
+bool FindCatalogue(sim::LidarSimulator::Options& options) {
+    const std::vector<lidar::CatalogueFolder> order = lidar::CatalogueSearchOrder();
+    options.configDir = lidar::CatalogueFolderWithModel(options.model, order);
+    if (!options.configDir.empty()) return true;
+    std::cerr << "lidar-sim: no catalogue of the model " << options.model << " in";
+    for (const lidar::CatalogueFolder& folder : order)
+        std::cerr << (&folder == &order.front() ? " " : ", ") << folder.path << "/varID";
+    std::cerr << "\n";
+    return false;
+}
+
 int RunSerial(const Arguments& args, sigset_t& stopSignals) {
     sim::SerialLidarSimulator::Options options;
     options.model = args.options.model;
@@ -423,6 +440,7 @@ int main(int argc, char** argv) {
         std::cerr << "lidar-sim: " << e.message << "\nlidar-sim --help lists the usage\n";
         return kUsageError;
     }
+    if (!args.configDirGiven && !FindCatalogue(args.options)) return 1;
     if (!args.reportFile.empty()) {
         if (const std::string problem = ReportFileProblem(args.reportFile); !problem.empty()) {
             std::cerr << "lidar-sim: cannot write the report " << args.reportFile << ": " << problem

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QImage>
 #include <QProcess>
@@ -22,13 +23,15 @@ struct DeskRun {
     QString err;
 };
 
-// Under Xvfb with Mesa's software OpenGL, from the repository root (its Config/varID).
-DeskRun runDesk(const QStringList& arguments) {
+// Under Xvfb with Mesa's software OpenGL, from the repository root (its Config/varID) unless
+// another folder is given.
+DeskRun runDesk(const QStringList& arguments,
+                const QString& folder = QString::fromStdString(testsupport::SourceDir()),
+                QProcessEnvironment environment = QProcessEnvironment::systemEnvironment()) {
     QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("LIBGL_ALWAYS_SOFTWARE", "1");
     process.setProcessEnvironment(environment);
-    process.setWorkingDirectory(QString::fromStdString(testsupport::SourceDir()));
+    process.setWorkingDirectory(folder);
     process.start(LIDAR_XVFB_RUN,
                   QStringList{"-a", "-s", "-screen 0 1600x1000x24", LIDAR_DESK} + arguments);
     DeskRun run;
@@ -145,3 +148,31 @@ TEST(DeskProgram, RefusesWhatItCannotDoWithAReason) {
 }
 
 }  // namespace
+
+// From a folder without catalogues the window works from the user's own, and the pictures go
+// where the user said, taken from the folder the user is in.
+TEST(DeskProgram, StartsFromAnyFolderWithTheUsersCatalogues) {
+    QTemporaryDir home;
+    QTemporaryDir here;
+    const QString models = home.filePath(".local/share/lidar-utilities/varID");
+    ASSERT_TRUE(QDir().mkpath(models));
+    ASSERT_TRUE(QFile::link(QString::fromStdString(testsupport::SourceDir()) + "/Config/varID/Tern",
+                            models + "/Tern"));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("HOME", home.path());
+    environment.remove("XDG_DATA_HOME");
+    environment.remove("XDG_STATE_HOME");
+    const DeskRun run =
+        runDesk({"--simulate", "Tern", "--screenshots", "pictures"}, here.path(), environment);
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    EXPECT_FALSE(pngsIn(here.filePath("pictures")).isEmpty());
+    EXPECT_EQ(QDir(here.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+              QStringList{"pictures"});
+    EXPECT_TRUE(QFileInfo(home.filePath(".local/state/lidar-utilities/Config/varID/Tern/Tern.csv"))
+                    .isFile());
+
+    const DeskRun unknown = runDesk({"--simulate", "Egret"}, here.path(), environment);
+    EXPECT_EQ(unknown.exitCode, 2);
+    EXPECT_TRUE(unknown.err.contains("unknown model 'Egret'; the models are: Tern"))
+        << unknown.err.toStdString();
+}

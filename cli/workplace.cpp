@@ -1,0 +1,49 @@
+#include "workplace.h"
+
+#include <QStringList>
+
+#include "output.h"
+
+namespace cli {
+namespace {
+
+// The commands whose arguments are files: the firmware or OTA package, the archive to write.
+bool argumentsAreFiles(const Options& options) {
+    if (options.command == "upgrade" || options.command == "oplog") return true;
+    return (options.command == "heron" && options.action == "upgrade") ||
+           (options.command == "ota" && options.action == "inspect");
+}
+
+void anchor(QString& path, const QDir& userFolder) {
+    if (!path.isEmpty()) path = userFolder.absoluteFilePath(path);
+}
+
+}  // namespace
+
+void anchorUserPaths(Options& options, const QDir& userFolder) {
+    if (options.dir.isEmpty()) options.dir = userFolder.absolutePath();
+    anchor(options.dir, userFolder);
+    anchor(options.recordDir, userFolder);
+    anchor(options.output, userFolder);
+    for (QString& file : options.componentFiles) anchor(file, userFolder);
+    if (argumentsAreFiles(options))
+        for (QString& argument : options.arguments) anchor(argument, userFolder);
+}
+
+std::optional<lidar::Workplace> settleWorkplace(Options& options) {
+    lidar::Workplace workplace;
+    std::string error;
+    if (!lidar::ChooseWorkplace(&workplace, &error)) {
+        printDiagnostic("lidarutil: " + QString::fromStdString(error));
+        return std::nullopt;
+    }
+    if (!workplace.moved) return workplace;
+    anchorUserPaths(options, QDir::current());
+    if (!QDir::setCurrent(QString::fromStdString(workplace.folder))) {
+        printDiagnostic("lidarutil: cannot work in " + QString::fromStdString(workplace.folder));
+        return std::nullopt;
+    }
+    return workplace;
+}
+
+}  // namespace cli

@@ -1,0 +1,238 @@
+// lidarutil and lidar-sim as installed: copied with the shipped catalogues into a prefix of
+// their own (bin/, share/lidar-utilities/Config), run from an empty folder by users with homes of
+// their own.
+
+#include <gtest/gtest.h>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <cstdlib>
+#include <string>
+
+#include "cli_support.h"
+#include "test_support.h"
+
+using testsupport::lines;
+using testsupport::Outcome;
+
+namespace {
+
+bool run(const std::string& command) {
+    return std::system(command.c_str()) == 0;
+}
+
+// A prefix holding the two programs and the shipped catalogues (no command history), as the
+// install lays them out.
+class InstalledPrefix {
+  public:
+    InstalledPrefix() {
+        const std::string bin = dir_.file("bin");
+        const std::string config = dir_.file("share/lidar-utilities/Config");
+        const std::string source = testsupport::SourceDir() + "/Config";
+        EXPECT_TRUE(run(
+            "mkdir -p '" + bin + "' '" + config +
+            "' && cp '" LIDAR_BINARY_DIR "/cli/lidarutil' '" LIDAR_BINARY_DIR "/sim/lidar-sim' '" +
+            bin + "' && cp -r '" + source + "/varID' '" + source + "/feature_config.csv' '" +
+            source + "/auth_config.csv' '" + config + "' && chmod -R a-w '" + dir_.path() + "'"));
+    }
+    ~InstalledPrefix() { run("chmod -R u+w '" + dir_.path() + "'"); }
+    QString program(const QString& name) const {
+        return QString::fromStdString(dir_.file("bin/")) + name;
+    }
+    QString config() const {
+        return QString::fromStdString(dir_.file("share/lidar-utilities/Config"));
+    }
+
+    // Every file's path and content, to show that running the programs wrote nothing here.
+    QByteArray fingerprint() const {
+        QCryptographicHash hash(QCryptographicHash::Sha256);
+        QDirIterator it(QString::fromStdString(dir_.path()),
+                        QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                        QDirIterator::Subdirectories);
+        QStringList paths;
+        while (it.hasNext()) paths << it.next();
+        paths.sort();
+        for (const QString& path : paths) {
+            hash.addData(path.toUtf8());
+            QFile file(path);
+            if (file.open(QIODevice::ReadOnly)) hash.addData(file.readAll());
+        }
+        return hash.result();
+    }
+
+  private:
+    testsupport::TempDir dir_;
+};
+
+// A user: a home of their own, and the folder they type commands in.
+class User {
+  public:
+    explicit User(const InstalledPrefix& prefix) : prefix_(prefix) {
+        testsupport::WriteFile(home_.file(".keep"), "");
+        testsupport::WriteFile(here_.file(".keep"), "");
+        environment_.insert("HOME", QString::fromStdString(home_.path()));
+        for (const char* name : {"XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CONFIG_HOME"})
+            environment_.remove(name);
+    }
+    Outcome lidarutil(const QStringList& arguments) const {
+        return execute(prefix_.program("lidarutil"), arguments);
+    }
+    Outcome execute(const QString& program, const QStringList& arguments) const {
+        QProcess process;
+        process.setProcessEnvironment(environment_);
+        process.setWorkingDirectory(here());
+        process.start(program, arguments);
+        Outcome outcome;
+        if (!process.waitForFinished(60000)) {
+            process.kill();
+            process.waitForFinished();
+            ADD_FAILURE() << arguments.join(' ').toStdString() << " did not finish";
+        }
+        outcome.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        outcome.out = QString::fromUtf8(process.readAllStandardOutput());
+        outcome.err = QString::fromUtf8(process.readAllStandardError());
+        return outcome;
+    }
+    QString here() const { return QString::fromStdString(here_.path()); }
+    std::string home(const std::string& name) const { return home_.file(name); }
+    std::string own(const std::string& model) const {
+        return home_.file(".local/share/lidar-utilities/varID/" + model);
+    }
+    QStringList hereEntries() const {
+        return QDir(here()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    }
+
+  private:
+    const InstalledPrefix& prefix_;
+    testsupport::TempDir home_;
+    testsupport::TempDir here_;
+    QProcessEnvironment environment_ = QProcessEnvironment::systemEnvironment();
+};
+
+QString historyOf(const User& user) {
+    const Outcome history = user.lidarutil({"--json", "history"});
+    EXPECT_EQ(history.exitCode, 0) << history.err.toStdString();
+    QStringList commands;
+    for (const QJsonValue& row : QJsonDocument::fromJson(history.out.toUtf8()).array())
+        commands << row.toObject()["command"].toString();
+    return commands.join(',');
+}
+
+}  // namespace
+
+TEST(Installed, RunsFromAnyFolderAndWritesOnlyIntoTheUsersFolders) {
+    const InstalledPrefix prefix;
+    const QByteArray before = prefix.fingerprint();
+    const User first(prefix);
+    const User second(prefix);
+
+    const Outcome models = first.lidarutil({"--json", "models"});
+    ASSERT_EQ(models.exitCode, 0) << models.err.toStdString();
+    const QJsonArray list = QJsonDocument::fromJson(models.out.toUtf8()).array();
+    ASSERT_EQ(list.size(), 6) << models.out.toStdString();
+    for (const QJsonValue& model : list) {
+        EXPECT_EQ(model["source"].toString(), "installed");
+        EXPECT_EQ(model["path"].toString(), prefix.config() + "/varID/" + model["name"].toString());
+    }
+    const Outcome info = first.lidarutil({"info"});
+    ASSERT_EQ(info.exitCode, 0) << info.err.toStdString();
+    EXPECT_TRUE(lines(info.out).contains("Model Name=Egret")) << info.out.toStdString();
+    const Outcome wren = first.lidarutil({"--model", "Wren", "info"});
+    ASSERT_EQ(wren.exitCode, 0) << wren.err.toStdString();
+
+    // Two users, two histories, each in the user's own state folder.
+    ASSERT_EQ(first.lidarutil({"send", "0x07"}).exitCode, 0);
+    ASSERT_EQ(second.lidarutil({"send", "0x75", "01", "00", "00"}).exitCode, 0);
+    ASSERT_EQ(first.lidarutil({"send", "0x08"}).exitCode, 0);
+    EXPECT_EQ(historyOf(first), "08,07");
+    EXPECT_EQ(historyOf(second), "75");
+    EXPECT_TRUE(testsupport::FileExists(
+        first.home(".local/state/lidar-utilities/Config/command_log_file.csv")));
+
+    EXPECT_EQ(prefix.fingerprint(), before);
+    EXPECT_TRUE(first.hereEntries().isEmpty()) << first.hereEntries().join(' ').toStdString();
+}
+
+TEST(Installed, TheFilesAUserNamesAreTakenFromTheFolderTheUserIsIn) {
+    const InstalledPrefix prefix;
+    const User user(prefix);
+    QDir(user.here()).mkdir("logs");
+    const Outcome log = user.lidarutil({"log", "Device Log", "--dir", "logs"});
+    ASSERT_EQ(log.exitCode, 0) << log.err.toStdString();
+    EXPECT_EQ(QDir(user.here() + "/logs").entryList(QDir::Files).size(), 1);
+
+    const Outcome oplog = user.lidarutil({"oplog", "ops"});
+    ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
+    EXPECT_TRUE(QFileInfo(user.here() + "/ops.tar").size() > 0);
+
+    // The log's default folder is the user's too, and a folder given with a slash stays one.
+    const Outcome here = user.lidarutil({"log", "Device Log"});
+    ASSERT_EQ(here.exitCode, 0) << here.err.toStdString();
+    EXPECT_EQ(QDir(user.here()).entryList({"Device Log_*"}, QDir::Files).size(), 1);
+    const Outcome slash = user.lidarutil({"oplog", "logs/"});
+    EXPECT_EQ(slash.exitCode, 2);
+    EXPECT_TRUE(slash.err.contains(user.here() + "/logs/ is a folder")) << slash.err.toStdString();
+
+    // A package that is not there is named where the user looked for it.
+    const Outcome upgrade = user.lidarutil({"upgrade", "missing.bin"});
+    EXPECT_EQ(upgrade.exitCode, 2);
+    EXPECT_TRUE(upgrade.err.contains(user.here() + "/missing.bin")) << upgrade.err.toStdString();
+}
+
+TEST(Installed, AUsersOwnModelWinsAndSaysWhatItHides) {
+    const InstalledPrefix prefix;
+    const User user(prefix);
+    const std::string source = testsupport::SourceDir() + "/Config/varID/";
+    ASSERT_TRUE(run("mkdir -p '" + user.own("Kite") + "' && cp -r '" + source + "Tern' '" +
+                    user.own("Tern") + "' && cp '" + source + "Tern/Tern.csv' '" +
+                    user.own("Kite") + "/Kite.csv'"));
+    const Outcome models = user.lidarutil({"models"});
+    ASSERT_EQ(models.exitCode, 0) << models.err.toStdString();
+    const QStringList rows = lines(models.out);
+    EXPECT_EQ(rows.size(), 8) << models.out.toStdString();  // the header and seven models
+    EXPECT_EQ(rows.filter(QRegExp("^Kite +network +user +")).size(), 1) << models.out.toStdString();
+    EXPECT_EQ(rows.filter(QRegExp("^Tern +network +user +")).size(), 1) << models.out.toStdString();
+    EXPECT_EQ(models.err, "lidarutil: warning: the model Tern of " +
+                              QString::fromStdString(user.own("Tern")) + " hides the one of " +
+                              prefix.config() + "/varID/Tern\n");
+    const Outcome kite = user.lidarutil({"--model", "Kite", "read", "Network"});
+    EXPECT_EQ(kite.exitCode, 0) << kite.err.toStdString();
+
+    // Removed again, the installed Tern is back and nothing is hidden.
+    ASSERT_TRUE(run("rm -r '" + user.own("Tern") + "'"));
+    const Outcome after = user.lidarutil({"models"});
+    EXPECT_EQ(lines(after.out).filter(QRegExp("^Tern +network +installed +")).size(), 1);
+    EXPECT_TRUE(after.err.isEmpty()) << after.err.toStdString();
+}
+
+TEST(Installed, TheSimulatorFindsTheCataloguesAndNothingFoundIsNamed) {
+    const InstalledPrefix prefix;
+    const User user(prefix);
+    QProcess simulator;
+    simulator.setWorkingDirectory(user.here());
+    simulator.start(prefix.program("lidar-sim"), {"--model", "Plover", "--port", "0"});
+    ASSERT_TRUE(simulator.waitForReadyRead(10000));
+    EXPECT_TRUE(simulator.readLine().startsWith("listening on 127.0.0.1:"));
+    simulator.kill();
+    simulator.waitForFinished();
+
+    const Outcome unknown = user.execute(prefix.program("lidar-sim"), {"--model", "Nope"});
+    EXPECT_EQ(unknown.exitCode, 1);
+    EXPECT_EQ(unknown.err, "lidar-sim: no catalogue of the model Nope in ./Config/varID, " +
+                               QString::fromStdString(user.home(".local/share/lidar-utilities")) +
+                               "/varID, " + prefix.config() + "/varID\n");
+
+    // lidarutil built in the tree has no installed catalogues beside it: from an empty folder of
+    // a user without catalogues it names the three places it looked in.
+    const Outcome none = testsupport::lidarutil({"show"}, user.here());
+    EXPECT_EQ(none.exitCode, 2);
+    EXPECT_TRUE(none.err.startsWith("lidarutil: no model catalogues: looked in ./Config/varID, "))
+        << none.err.toStdString();
+}
