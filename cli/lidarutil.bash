@@ -44,7 +44,7 @@ _lidarutil_command_options()
 # The model names: the first column of `lidarutil models`, below its header line.
 _lidarutil_models()
 {
-    "$1" models 2>/dev/null | awk 'NR > 1 && NF > 0 && $1 != "MODEL" { print $1 }'
+    "$1" models 2>/dev/null | awk 'NR > 1 && NF > 0 { print $1 }'
 }
 
 # The module names of a model, one a line: `show` heads each module with "== NAME ==".
