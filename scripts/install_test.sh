@@ -127,8 +127,8 @@ complete_line() {
         COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
         COMP_LINE=$1
         COMP_POINT=${#COMP_LINE}
-        spec=$(complete -p lidarutil) || exit 3
-        function=$(sed -n "s/.*-F \([^ ]*\) .*/\1/p" <<<"$spec")
+        registration=$(complete -p lidarutil) || exit 3
+        function=$(sed -n "s/.*-F \([^ ]*\) .*/\1/p" <<<"$registration")
         [ -n "$function" ] || exit 4
         "$function" lidarutil "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
         printf "%s\n" "${COMPREPLY[@]}"
