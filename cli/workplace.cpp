@@ -8,10 +8,10 @@ namespace cli {
 namespace {
 
 // The commands whose arguments are files: the firmware or OTA package, the archive to write.
+// (ota needs no catalogue and runs where it is started.)
 bool argumentsAreFiles(const Options& options) {
     if (options.command == "upgrade" || options.command == "oplog") return true;
-    return (options.command == "heron" && options.action == "upgrade") ||
-           (options.command == "ota" && options.action == "inspect");
+    return options.command == "heron" && options.action == "upgrade";
 }
 
 void anchor(QString& path, const QDir& userFolder) {
@@ -24,8 +24,6 @@ void anchorUserPaths(Options& options, const QDir& userFolder) {
     if (options.dir.isEmpty()) options.dir = userFolder.absolutePath();
     anchor(options.dir, userFolder);
     anchor(options.recordDir, userFolder);
-    anchor(options.output, userFolder);
-    for (QString& file : options.componentFiles) anchor(file, userFolder);
     if (argumentsAreFiles(options))
         for (QString& argument : options.arguments) anchor(argument, userFolder);
 }

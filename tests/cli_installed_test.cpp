@@ -184,6 +184,12 @@ TEST(Installed, TheFilesAUserNamesAreTakenFromTheFolderTheUserIsIn) {
     const Outcome upgrade = user.lidarutil({"upgrade", "missing.bin"});
     EXPECT_EQ(upgrade.exitCode, 2);
     EXPECT_TRUE(upgrade.err.contains(user.here() + "/missing.bin")) << upgrade.err.toStdString();
+    const Outcome heron = user.lidarutil({"--model", "Heron-VRC", "heron", "upgrade", "new.ota"});
+    EXPECT_EQ(heron.exitCode, 2);
+    EXPECT_TRUE(heron.err.contains(user.here() + "/new.ota")) << heron.err.toStdString();
+    // Other commands' arguments are no files: a module name stays a name.
+    const Outcome read = user.lidarutil({"read", "Network"});
+    EXPECT_EQ(read.exitCode, 0) << read.err.toStdString();
 }
 
 TEST(Installed, AUsersOwnModelWinsAndSaysWhatItHides) {
