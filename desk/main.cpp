@@ -49,6 +49,16 @@ bool printVersionIfAsked(int argc, char* argv[]) {
     return false;
 }
 
+// --help needs no display either: the help is printed by the application's own parser, which
+// then runs on the offscreen platform.
+void answerHelpOffscreen(int argc, char* argv[]) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0 ||
+            std::strcmp(argv[i], "--help-all") == 0)
+            setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    }
+}
+
 // The manager reads its catalogues from ./Config: from a folder without one, the window works
 // in the user's working folder, which joins the user's catalogues over the installed ones.
 QString moveToWorkplace() {
@@ -64,6 +74,7 @@ QString moveToWorkplace() {
 
 int main(int argc, char* argv[]) {
     if (printVersionIfAsked(argc, argv)) return 0;
+    answerHelpOffscreen(argc, argv);
     // Qt Charts draws through the widget module: the application must be a QApplication.
     QApplication app(argc, argv);
     QApplication::setApplicationName("lidar-desk");

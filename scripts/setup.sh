@@ -9,7 +9,8 @@ packages=(cmake g++ make pkg-config qtbase5-dev libqt5serialport5-dev libcsv-dev
           qtdeclarative5-dev qtquickcontrols2-5-dev qml-module-qtquick2 qml-module-qtquick-window2
           qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qtquick-layouts
           qml-module-qtquick-dialogs qml-module-qt-labs-platform qml-module-qtqml-models2
-          qml-module-qtcharts qml-module-qttest xvfb xauth libgl1-mesa-dri)
+          qml-module-qtcharts qml-module-qttest xvfb xauth libgl1-mesa-dri
+          help2man lintian desktop-file-utils bash-completion man-db fakeroot dpkg-dev file gzip)
 
 missing=()
 for p in "${packages[@]}"; do

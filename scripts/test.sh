@@ -4,6 +4,14 @@
 # libFuzzer target for 30 seconds from its corpus; then the soak, a manager against a misbehaving
 # simulator for 3 minutes (LIDAR_SUITES picks a subset; LIDAR_SOAK_SECONDS changes the soak's
 # length).
+# Suites, in the default order "normal install asan tsan fuzz soak":
+#   normal   the tests of a normal build (build/)
+#   install  the Debian package built, installed into a staging folder and used from an empty
+#            folder with a fresh home; its contents and lintian (scripts/install_test.sh)
+#   asan     the tests under AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)
+#   tsan     the tests under ThreadSanitizer (build-tsan/)
+#   fuzz     every libFuzzer target for 30 s
+#   soak     the manager against a misbehaving simulator
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
@@ -29,10 +37,11 @@ run_soak() {
     "$root/build/bench/soak_bench" --seconds "$seconds"
 }
 
-suites=${LIDAR_SUITES:-"normal asan tsan fuzz soak"}
+suites=${LIDAR_SUITES:-"normal install asan tsan fuzz soak"}
 for s in $suites; do
     case $s in
         normal) run_suite build ;;
+        install) echo "== install (the Debian package)"; "$root/scripts/install_test.sh" ;;
         asan) run_suite build-asan "address,undefined" ;;
         tsan) run_suite build-tsan "thread" ;;
         fuzz) echo "== fuzz (30 s per target)"; "$root/scripts/fuzz.sh" 30 ;;
