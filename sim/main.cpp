@@ -73,11 +73,10 @@ std::string Wrapped(const std::string& text, size_t indent, size_t width) {
 }
 
 std::string Usage() {
-    return "usage: lidar-sim --model NAME [--config-dir DIR] [--port N] [--bind ADDR] [--token T]\n"
-           "       lidar-sim --help | --version\n"
-           "                 [--fault CMD:MODE]... [--restart-downtime MS] [--log-size BYTES]\n"
-           "                 [--serial] [--fault-state STATE[:CODE,CODE...]]\n"
-           "                 [--partition A|B] [--seed N] [--chaos SEED] [--report FILE]\n"
+    return "Usage: lidar-sim --model NAME [OPTION]...\n"
+           "  or:  lidar-sim --help | --version\n"
+           "A simulated lidar: serves the model's catalogue over TCP (or its serial lines) until "
+           "Ctrl-C.\n\n"
            "  --model NAME           catalogue DIR/varID/NAME/NAME.csv (or DIR/varID/NAME.csv)\n"
            "  --config-dir DIR       folder holding varID/ (default: the first of ./Config, the\n"
            "                         user's ~/.local/share/lidar-utilities and the installed\n"
