@@ -80,6 +80,15 @@ bool PlaceLink(const fs::path& folder, const std::string& name, const fs::path& 
     if (fs::is_symlink(fs::symlink_status(link, status)) &&
         fs::read_symlink(link, status) == target && !status)
         return true;
+    // Only links are ours to replace: a file or folder the user put here stays, and is named.
+    const fs::file_status present = fs::symlink_status(link, status);
+    if (fs::exists(present) && !fs::is_symlink(present)) {
+        *error = link.string() +
+                 " is in the way of the link the program keeps there; move it away (models and "
+                 "files of your own belong in " +
+                 UserCatalogueFolder() + ")";
+        return false;
+    }
     const fs::path aside = folder / ("." + name + ".new-" + std::to_string(::getpid()));
     std::error_code ignored;
     fs::remove(aside, ignored);
@@ -254,7 +263,10 @@ bool ChooseWorkplace(Workplace* workplace, std::string* error) {
         *error = "no working folder: neither XDG_STATE_HOME nor HOME is set";
         return false;
     }
-    return JoinCatalogues(joined, working, workplace, error);
+    if (JoinCatalogues(joined, working, workplace, error)) return true;
+    // The working folder itself could not be made (a read-only home): say how to work elsewhere.
+    if (!workplace->moved) *error += "; set XDG_STATE_HOME to a folder you can write";
+    return false;
 }
 
 }  // namespace lidar
