@@ -211,6 +211,19 @@ TEST(Installed, AUsersOwnModelWinsAndSaysWhatItHides) {
     const Outcome kite = user.lidarutil({"--model", "Kite", "read", "Network"});
     EXPECT_EQ(kite.exitCode, 0) << kite.err.toStdString();
 
+    // A model the user meant to add but that cannot be used is named, not silently left out.
+    ASSERT_TRUE(
+        run("mkdir '" + user.own("Heron") + "' && ln -s /nonexistent '" + user.own("Moved") + "'"));
+    const Outcome broken = user.lidarutil({"models"});
+    EXPECT_EQ(broken.exitCode, 0) << broken.err.toStdString();
+    EXPECT_EQ(lines(broken.out).size(), 8) << broken.out.toStdString();
+    EXPECT_TRUE(broken.err.endsWith(
+        "lidarutil: warning: no model in " + QString::fromStdString(user.own("Heron")) +
+        ": a folder without Heron.csv\nlidarutil: warning: no model in " +
+        QString::fromStdString(user.own("Moved")) + ": a link to nothing\n"))
+        << broken.err.toStdString();
+    ASSERT_TRUE(run("rm -r '" + user.own("Heron") + "' '" + user.own("Moved") + "'"));
+
     // Removed again, the installed Tern is back and nothing is hidden.
     ASSERT_TRUE(run("rm -r '" + user.own("Tern") + "'"));
     const Outcome after = user.lidarutil({"models"});

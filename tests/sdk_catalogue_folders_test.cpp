@@ -119,6 +119,23 @@ TEST(CatalogueFolders, TheEarlierFolderWinsAModelAndTheLaterIsNamedAsHidden) {
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Tern", f.order()), f.user);
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Egret", f.order()), f.installed);
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Empty", f.order()), "");
+
+    // What looks meant as a model but offers none is named with the reason; the hidden entry,
+    // the text file and the models are not.
+    fs::create_symlink(f.dir.file("gone"), f.user + "/varID/Dangling");
+    fs::create_directories(f.user + "/varID/Looping");
+    fs::create_symlink("Looping.csv", f.user + "/varID/Looping/Looping.csv");
+    EXPECT_EQ(lidar::UnusableEntriesIn(f.order()),
+              (std::vector<std::string>{
+                  f.user + "/varID/Dangling: a link to nothing",
+                  f.user + "/varID/Looping: cannot be read: Too many levels of symbolic links",
+                  f.installed + "/varID/Empty: a folder without Empty.csv"}));
+    // A varID/ that is not a folder is named; a folder without one is no catalogue at all.
+    testsupport::WriteFile(f.dir.file("plain/varID"), "x");
+    EXPECT_EQ(lidar::UnusableEntriesIn({{CatalogueOrigin::User, f.dir.file("plain")},
+                                        {CatalogueOrigin::User, f.dir.file("none")},
+                                        {CatalogueOrigin::User, ""}}),
+              std::vector<std::string>{f.dir.file("plain/varID") + ": not a folder"});
 }
 
 TEST(CatalogueFolders, TheWorkingFolderJoinsThemAndFollowsTheirChanges) {
@@ -140,6 +157,7 @@ TEST(CatalogueFolders, TheWorkingFolderJoinsThemAndFollowsTheirChanges) {
     EXPECT_EQ(LinkTarget(config + "/feature_config.csv"), f.installed + "/feature_config.csv");
     EXPECT_EQ(workplace.authConfig, f.user + "/auth_config.csv");
     EXPECT_EQ(testsupport::ReadFile(config + "/varID/Tern/Tern.csv"), f.user + "\n");
+    EXPECT_TRUE(workplace.unusable.empty());
 
     // The history lives beside the links and survives every join.
     testsupport::WriteFile(config + "/command_log_file.csv", "history\n");

@@ -56,6 +56,23 @@ std::string ModelNameOf(const fs::directory_entry& entry) {
     return std::string();
 }
 
+// Why an entry of varID/ that looks meant as a model offers none; empty when it offers one or
+// is a plain file (a NAME.csv model, or notes kept beside the models).
+std::string WhyNoModel(const fs::path& path) {
+    const std::string name = path.filename().string();
+    if (name.empty() || name[0] == '.') return std::string();
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (status.type() == fs::file_type::not_found) return "a link to nothing";
+    if (error) return "cannot be read: " + error.message();
+    if (!fs::is_directory(status)) return std::string();
+    std::error_code reached;
+    if (fs::is_regular_file(fs::status(path / (name + ".csv"), reached))) return std::string();
+    if (reached && reached != std::errc::no_such_file_or_directory)
+        return "cannot be read: " + reached.message();
+    return "a folder without " + name + ".csv";
+}
+
 // The entries of a folder in name order; none when it cannot be read.
 std::vector<fs::directory_entry> EntriesOf(const fs::path& folder) {
     std::vector<fs::directory_entry> entries;
@@ -210,6 +227,26 @@ std::vector<ModelSource> ModelsIn(const std::vector<CatalogueFolder>& folders) {
     return models;
 }
 
+std::vector<std::string> UnusableEntriesIn(const std::vector<CatalogueFolder>& folders) {
+    std::vector<std::string> unusable;
+    for (const CatalogueFolder& folder : folders) {
+        const fs::path varId = fs::path(folder.path) / "varID";
+        std::error_code error;
+        const fs::file_status status = fs::status(varId, error);
+        if (folder.path.empty() || status.type() == fs::file_type::not_found) continue;
+        if (!fs::is_directory(status)) {
+            unusable.push_back(varId.string() + ": not a folder");
+            continue;
+        }
+        fs::directory_iterator readable(varId, error);
+        if (error) unusable.push_back(varId.string() + ": cannot be read: " + error.message());
+        for (const fs::directory_entry& entry : EntriesOf(varId))
+            if (const std::string why = WhyNoModel(entry.path()); !why.empty())
+                unusable.push_back(entry.path().string() + ": " + why);
+    }
+    return unusable;
+}
+
 std::string CatalogueFolderWithModel(const std::string& model,
                                      const std::vector<CatalogueFolder>& folders) {
     for (const CatalogueFolder& folder : folders) {
@@ -235,6 +272,7 @@ bool JoinCatalogues(const std::vector<CatalogueFolder>& folders, const std::stri
     workplace->folder = working;
     workplace->moved = true;
     workplace->models = ModelsIn(folders);
+    workplace->unusable = UnusableEntriesIn(folders);
     return JoinModels(workplace->models, varId, error) &&
            JoinFile(folders, config, kJoinedFiles[0], &workplace->featureConfig, error) &&
            JoinFile(folders, config, kJoinedFiles[1], &workplace->authConfig, error);
@@ -246,6 +284,7 @@ bool ChooseWorkplace(Workplace* workplace, std::string* error) {
         workplace->folder = ".";
         workplace->moved = false;
         workplace->models = ModelsIn({order[0]});
+        workplace->unusable = UnusableEntriesIn({order[0]});
         workplace->featureConfig = FirstWithFile({order[0]}, kJoinedFiles[0]);
         workplace->authConfig = FirstWithFile({order[0]}, kJoinedFiles[1]);
         return true;
