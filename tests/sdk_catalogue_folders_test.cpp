@@ -120,8 +120,9 @@ TEST(CatalogueFolders, TheEarlierFolderWinsAModelAndTheLaterIsNamedAsHidden) {
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Egret", f.order()), f.installed);
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Empty", f.order()), "");
 
-    // What looks meant as a model but offers none is named with the reason; the hidden entry,
+    // What looks meant as a model but offers none is named with the reason; hidden entries,
     // the text file and the models are not.
+    testsupport::WriteFile(f.user + "/varID/.trash/old.txt", "x");
     fs::create_symlink(f.dir.file("gone"), f.user + "/varID/Dangling");
     fs::create_directories(f.user + "/varID/Looping");
     fs::create_symlink("Looping.csv", f.user + "/varID/Looping/Looping.csv");
