@@ -190,6 +190,25 @@ TEST(Installed, TheFilesAUserNamesAreTakenFromTheFolderTheUserIsIn) {
     // Other commands' arguments are no files: a module name stays a name.
     const Outcome read = user.lidarutil({"read", "Network"});
     EXPECT_EQ(read.exitCode, 0) << read.err.toStdString();
+
+    // Serial lines named by links in the user's folder are opened from that folder.
+    QProcess simulator;
+    simulator.setWorkingDirectory(user.here());
+    simulator.start(prefix.program("lidar-sim"), {"--model", "Wren", "--serial"});
+    QStringList announced;
+    while (announced.size() < 2 && (simulator.canReadLine() || simulator.waitForReadyRead(10000)))
+        announced << QString::fromUtf8(simulator.readLine()).trimmed();
+    ASSERT_EQ(announced.size(), 2) << announced.join('|').toStdString();
+    ASSERT_TRUE(announced[0].startsWith("rs485 /") && announced[1].startsWith("uart /"))
+        << announced.join('|').toStdString();
+    ASSERT_TRUE(QFile::link(announced[0].section(' ', 1), user.here() + "/rs485"));
+    ASSERT_TRUE(QFile::link(announced[1].section(' ', 1), user.here() + "/uart"));
+    const Outcome serial =
+        user.lidarutil({"--model", "Wren", "--rs485", "rs485", "--uart", "uart", "info"});
+    simulator.kill();
+    simulator.waitForFinished();
+    EXPECT_EQ(serial.exitCode, 0) << serial.err.toStdString();
+    EXPECT_TRUE(serial.out.contains("Model Name=Wren")) << serial.out.toStdString();
 }
 
 TEST(Installed, AUsersOwnModelWinsAndSaysWhatItHides) {

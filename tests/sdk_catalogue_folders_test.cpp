@@ -123,11 +123,13 @@ TEST(CatalogueFolders, TheEarlierFolderWinsAModelAndTheLaterIsNamedAsHidden) {
     // What looks meant as a model but offers none is named with the reason; hidden entries,
     // the text file and the models are not.
     testsupport::WriteFile(f.user + "/varID/.trash/old.txt", "x");
+    fs::create_symlink("Circle", f.user + "/varID/Circle");
     fs::create_symlink(f.dir.file("gone"), f.user + "/varID/Dangling");
     fs::create_directories(f.user + "/varID/Looping");
     fs::create_symlink("Looping.csv", f.user + "/varID/Looping/Looping.csv");
     EXPECT_EQ(lidar::UnusableEntriesIn(f.order()),
               (std::vector<std::string>{
+                  f.user + "/varID/Circle: cannot be read: Too many levels of symbolic links",
                   f.user + "/varID/Dangling: a link to nothing",
                   f.user + "/varID/Looping: cannot be read: Too many levels of symbolic links",
                   f.installed + "/varID/Empty: a folder without Empty.csv"}));
