@@ -84,10 +84,12 @@ class User {
     Outcome lidarutil(const QStringList& arguments) const {
         return execute(prefix_.program("lidarutil"), arguments);
     }
-    Outcome execute(const QString& program, const QStringList& arguments) const {
+    // Runs `program` in `folder`, by default the user's folder.
+    Outcome execute(const QString& program, const QStringList& arguments,
+                    const QString& folder = QString()) const {
         QProcess process;
         process.setProcessEnvironment(environment_);
-        process.setWorkingDirectory(here());
+        process.setWorkingDirectory(folder.isEmpty() ? here() : folder);
         process.start(program, arguments);
         Outcome outcome;
         if (!process.waitForFinished(60000)) {
@@ -156,6 +158,15 @@ TEST(Installed, RunsFromAnyFolderAndWritesOnlyIntoTheUsersFolders) {
     EXPECT_TRUE(testsupport::FileExists(
         first.home(".local/state/lidar-utilities/Config/command_log_file.csv")));
 
+    // Started in the installed share folder, whose Config is the install's own: the catalogues
+    // are still the installed ones and the history still goes to the user's state folder.
+    const QString share = prefix.config() + "/..";
+    const Outcome inShare = second.execute(prefix.program("lidarutil"), {"models"}, share);
+    EXPECT_EQ(lines(inShare.out).filter(QRegExp("^Egret +network +installed +")).size(), 1)
+        << inShare.out.toStdString();
+    ASSERT_EQ(second.execute(prefix.program("lidarutil"), {"send", "0x08"}, share).exitCode, 0);
+    EXPECT_EQ(historyOf(second), "08,75");
+
     EXPECT_EQ(prefix.fingerprint(), before);
     EXPECT_TRUE(first.hereEntries().isEmpty()) << first.hereEntries().join(' ').toStdString();
 }
@@ -171,6 +182,11 @@ TEST(Installed, TheFilesAUserNamesAreTakenFromTheFolderTheUserIsIn) {
     const Outcome oplog = user.lidarutil({"oplog", "ops"});
     ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
     EXPECT_TRUE(QFileInfo(user.here() + "/ops.tar").size() > 0);
+
+    QDir(user.here()).mkdir("rec");
+    const Outcome record = user.lidarutil({"monitor", "--record", "rec", "--duration", "1"});
+    ASSERT_EQ(record.exitCode, 0) << record.err.toStdString();
+    EXPECT_EQ(QDir(user.here() + "/rec").entryList({"Monitor_*.csv"}, QDir::Files).size(), 1);
 
     // The log's default folder is the user's too, and a folder given with a slash stays one.
     const Outcome here = user.lidarutil({"log", "Device Log"});

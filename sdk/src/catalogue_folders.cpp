@@ -73,6 +73,11 @@ std::string WhyNoModel(const fs::path& path) {
     return "a folder without " + name + ".csv";
 }
 
+bool SameFolder(const std::string& a, const std::string& b) {
+    std::error_code error;
+    return !a.empty() && !b.empty() && fs::equivalent(a, b, error) && !error;
+}
+
 // The entries of a folder in name order; none when it cannot be read.
 std::vector<fs::directory_entry> EntriesOf(const fs::path& folder) {
     std::vector<fs::directory_entry> entries;
@@ -280,7 +285,9 @@ bool JoinCatalogues(const std::vector<CatalogueFolder>& folders, const std::stri
 
 bool ChooseWorkplace(Workplace* workplace, std::string* error) {
     const std::vector<CatalogueFolder> order = CatalogueSearchOrder();
-    if (HoldsCatalogues(order[0].path)) {
+    // Started in the installed share folder, its Config is still the install: the history must
+    // not be written there, so the working folder is used as from anywhere else.
+    if (HoldsCatalogues(order[0].path) && !SameFolder(order[0].path, order[2].path)) {
         workplace->folder = ".";
         workplace->moved = false;
         workplace->models = ModelsIn({order[0]});
