@@ -371,6 +371,8 @@ int commandModels(Session& session) {
             {"name", name.toString()}, {"connection", kind}, {"source", origin}, {"path", path}});
         if (source) warnOfShadowing(*source);
     }
+    for (const std::string& unusable : session.workplace().unusable)
+        printDiagnostic("lidarutil: warning: no model in " + QString::fromStdString(unusable));
     if (session.options().json)
         printJson(QJsonDocument(models));
     else

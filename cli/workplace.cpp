@@ -24,6 +24,10 @@ void anchorUserPaths(Options& options, const QDir& userFolder) {
     if (options.dir.isEmpty()) options.dir = userFolder.absolutePath();
     anchor(options.dir, userFolder);
     anchor(options.recordDir, userFolder);
+    // Serial lines are opened by path: a relative one (a link the user made to a pseudo-terminal
+    // pair) names a file of the user's folder.
+    anchor(options.rs485, userFolder);
+    anchor(options.uart, userFolder);
     if (argumentsAreFiles(options))
         for (QString& argument : options.arguments) anchor(argument, userFolder);
 }

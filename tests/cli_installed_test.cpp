@@ -84,10 +84,12 @@ class User {
     Outcome lidarutil(const QStringList& arguments) const {
         return execute(prefix_.program("lidarutil"), arguments);
     }
-    Outcome execute(const QString& program, const QStringList& arguments) const {
+    // Runs `program` in `folder`, by default the user's folder.
+    Outcome execute(const QString& program, const QStringList& arguments,
+                    const QString& folder = QString()) const {
         QProcess process;
         process.setProcessEnvironment(environment_);
-        process.setWorkingDirectory(here());
+        process.setWorkingDirectory(folder.isEmpty() ? here() : folder);
         process.start(program, arguments);
         Outcome outcome;
         if (!process.waitForFinished(60000)) {
@@ -156,6 +158,15 @@ TEST(Installed, RunsFromAnyFolderAndWritesOnlyIntoTheUsersFolders) {
     EXPECT_TRUE(testsupport::FileExists(
         first.home(".local/state/lidar-utilities/Config/command_log_file.csv")));
 
+    // Started in the installed share folder, whose Config is the install's own: the catalogues
+    // are still the installed ones and the history still goes to the user's state folder.
+    const QString share = prefix.config() + "/..";
+    const Outcome inShare = second.execute(prefix.program("lidarutil"), {"models"}, share);
+    EXPECT_EQ(lines(inShare.out).filter(QRegExp("^Egret +network +installed +")).size(), 1)
+        << inShare.out.toStdString();
+    ASSERT_EQ(second.execute(prefix.program("lidarutil"), {"send", "0x08"}, share).exitCode, 0);
+    EXPECT_EQ(historyOf(second), "08,75");
+
     EXPECT_EQ(prefix.fingerprint(), before);
     EXPECT_TRUE(first.hereEntries().isEmpty()) << first.hereEntries().join(' ').toStdString();
 }
@@ -171,6 +182,11 @@ TEST(Installed, TheFilesAUserNamesAreTakenFromTheFolderTheUserIsIn) {
     const Outcome oplog = user.lidarutil({"oplog", "ops"});
     ASSERT_EQ(oplog.exitCode, 0) << oplog.err.toStdString();
     EXPECT_TRUE(QFileInfo(user.here() + "/ops.tar").size() > 0);
+
+    QDir(user.here()).mkdir("rec");
+    const Outcome record = user.lidarutil({"monitor", "--record", "rec", "--duration", "1"});
+    ASSERT_EQ(record.exitCode, 0) << record.err.toStdString();
+    EXPECT_EQ(QDir(user.here() + "/rec").entryList({"Monitor_*.csv"}, QDir::Files).size(), 1);
 
     // The log's default folder is the user's too, and a folder given with a slash stays one.
     const Outcome here = user.lidarutil({"log", "Device Log"});
@@ -190,6 +206,25 @@ TEST(Installed, TheFilesAUserNamesAreTakenFromTheFolderTheUserIsIn) {
     // Other commands' arguments are no files: a module name stays a name.
     const Outcome read = user.lidarutil({"read", "Network"});
     EXPECT_EQ(read.exitCode, 0) << read.err.toStdString();
+
+    // Serial lines named by links in the user's folder are opened from that folder.
+    QProcess simulator;
+    simulator.setWorkingDirectory(user.here());
+    simulator.start(prefix.program("lidar-sim"), {"--model", "Wren", "--serial"});
+    QStringList announced;
+    while (announced.size() < 2 && (simulator.canReadLine() || simulator.waitForReadyRead(10000)))
+        announced << QString::fromUtf8(simulator.readLine()).trimmed();
+    ASSERT_EQ(announced.size(), 2) << announced.join('|').toStdString();
+    ASSERT_TRUE(announced[0].startsWith("rs485 /") && announced[1].startsWith("uart /"))
+        << announced.join('|').toStdString();
+    ASSERT_TRUE(QFile::link(announced[0].section(' ', 1), user.here() + "/rs485"));
+    ASSERT_TRUE(QFile::link(announced[1].section(' ', 1), user.here() + "/uart"));
+    const Outcome serial =
+        user.lidarutil({"--model", "Wren", "--rs485", "rs485", "--uart", "uart", "info"});
+    simulator.kill();
+    simulator.waitForFinished();
+    EXPECT_EQ(serial.exitCode, 0) << serial.err.toStdString();
+    EXPECT_TRUE(serial.out.contains("Model Name=Wren")) << serial.out.toStdString();
 }
 
 TEST(Installed, AUsersOwnModelWinsAndSaysWhatItHides) {
@@ -210,6 +245,19 @@ TEST(Installed, AUsersOwnModelWinsAndSaysWhatItHides) {
                               prefix.config() + "/varID/Tern\n");
     const Outcome kite = user.lidarutil({"--model", "Kite", "read", "Network"});
     EXPECT_EQ(kite.exitCode, 0) << kite.err.toStdString();
+
+    // A model the user meant to add but that cannot be used is named, not silently left out.
+    ASSERT_TRUE(
+        run("mkdir '" + user.own("Heron") + "' && ln -s /nonexistent '" + user.own("Moved") + "'"));
+    const Outcome broken = user.lidarutil({"models"});
+    EXPECT_EQ(broken.exitCode, 0) << broken.err.toStdString();
+    EXPECT_EQ(lines(broken.out).size(), 8) << broken.out.toStdString();
+    EXPECT_TRUE(broken.err.endsWith(
+        "lidarutil: warning: no model in " + QString::fromStdString(user.own("Heron")) +
+        ": a folder without Heron.csv\nlidarutil: warning: no model in " +
+        QString::fromStdString(user.own("Moved")) + ": a link to nothing\n"))
+        << broken.err.toStdString();
+    ASSERT_TRUE(run("rm -r '" + user.own("Heron") + "' '" + user.own("Moved") + "'"));
 
     // Removed again, the installed Tern is back and nothing is hidden.
     ASSERT_TRUE(run("rm -r '" + user.own("Tern") + "'"));

@@ -119,6 +119,26 @@ TEST(CatalogueFolders, TheEarlierFolderWinsAModelAndTheLaterIsNamedAsHidden) {
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Tern", f.order()), f.user);
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Egret", f.order()), f.installed);
     EXPECT_EQ(lidar::CatalogueFolderWithModel("Empty", f.order()), "");
+
+    // What looks meant as a model but offers none is named with the reason; hidden entries,
+    // the text file and the models are not.
+    testsupport::WriteFile(f.user + "/varID/.trash/old.txt", "x");
+    fs::create_symlink("Circle", f.user + "/varID/Circle");
+    fs::create_symlink(f.dir.file("gone"), f.user + "/varID/Dangling");
+    fs::create_directories(f.user + "/varID/Looping");
+    fs::create_symlink("Looping.csv", f.user + "/varID/Looping/Looping.csv");
+    EXPECT_EQ(lidar::UnusableEntriesIn(f.order()),
+              (std::vector<std::string>{
+                  f.user + "/varID/Circle: cannot be read: Too many levels of symbolic links",
+                  f.user + "/varID/Dangling: a link to nothing",
+                  f.user + "/varID/Looping: cannot be read: Too many levels of symbolic links",
+                  f.installed + "/varID/Empty: a folder without Empty.csv"}));
+    // A varID/ that is not a folder is named; a folder without one is no catalogue at all.
+    testsupport::WriteFile(f.dir.file("plain/varID"), "x");
+    EXPECT_EQ(lidar::UnusableEntriesIn({{CatalogueOrigin::User, f.dir.file("plain")},
+                                        {CatalogueOrigin::User, f.dir.file("none")},
+                                        {CatalogueOrigin::User, ""}}),
+              std::vector<std::string>{f.dir.file("plain/varID") + ": not a folder"});
 }
 
 TEST(CatalogueFolders, TheWorkingFolderJoinsThemAndFollowsTheirChanges) {
@@ -140,6 +160,7 @@ TEST(CatalogueFolders, TheWorkingFolderJoinsThemAndFollowsTheirChanges) {
     EXPECT_EQ(LinkTarget(config + "/feature_config.csv"), f.installed + "/feature_config.csv");
     EXPECT_EQ(workplace.authConfig, f.user + "/auth_config.csv");
     EXPECT_EQ(testsupport::ReadFile(config + "/varID/Tern/Tern.csv"), f.user + "\n");
+    EXPECT_TRUE(workplace.unusable.empty());
 
     // The history lives beside the links and survives every join.
     testsupport::WriteFile(config + "/command_log_file.csv", "history\n");
@@ -212,12 +233,57 @@ TEST(CatalogueFolders, AFileInTheWayOrAnUnwritableHomeIsNamed) {
     EXPECT_NE(error.find(f.working + "/Config/varID/Egret"), std::string::npos) << error;
     EXPECT_EQ(testsupport::ReadFile(f.working + "/Config/varID/Egret/mine.txt"), "mine");
 
+    // Nor is a file of the user's own where a link belongs: an edited copy of a joined file, or
+    // a model's catalogue copied in beside the links.
+    fs::remove_all(f.working + "/Config/varID/Egret");
+    testsupport::WriteFile(f.installed + "/feature_config.csv", "installed\n");
+    testsupport::WriteFile(f.working + "/Config/feature_config.csv", "edited\n");
+    error.clear();
+    EXPECT_FALSE(lidar::JoinCatalogues(f.order(), f.working, &workplace, &error));
+    EXPECT_EQ(error.find(f.working + "/Config/feature_config.csv is in the way"), 0u) << error;
+    EXPECT_EQ(testsupport::ReadFile(f.working + "/Config/feature_config.csv"), "edited\n");
+    fs::remove(f.working + "/Config/feature_config.csv");
+    testsupport::WriteFile(f.installed + "/varID/Plover.csv", "installed\n");
+    testsupport::WriteFile(f.working + "/Config/varID/Plover.csv", "copied\n");
+    error.clear();
+    EXPECT_FALSE(lidar::JoinCatalogues(f.order(), f.working, &workplace, &error));
+    EXPECT_NE(error.find(f.working + "/Config/varID/Plover.csv is in the way"), std::string::npos)
+        << error;
+    EXPECT_EQ(testsupport::ReadFile(f.working + "/Config/varID/Plover.csv"), "copied\n");
+    // Once it is moved away, the link takes its place.
+    fs::remove(f.working + "/Config/varID/Plover.csv");
+    ASSERT_TRUE(lidar::JoinCatalogues(f.order(), f.working, &workplace, &error)) << error;
+    EXPECT_EQ(LinkTarget(f.working + "/Config/varID/Plover.csv"),
+              f.installed + "/varID/Plover.csv");
+    EXPECT_EQ(LinkTarget(f.working + "/Config/feature_config.csv"),
+              f.installed + "/feature_config.csv");
+
     testsupport::WriteFile(f.dir.file("plain"), "a file, not a folder");
     error.clear();
     EXPECT_FALSE(lidar::JoinCatalogues(f.order(), f.dir.file("plain/work"), &workplace, &error));
     EXPECT_NE(error.find("cannot make the working folder " + f.dir.file("plain/work")),
               std::string::npos)
         << error;
+
+    // A home where the working folder cannot be made: the message says how to work elsewhere.
+    ScopedEnv data("XDG_DATA_HOME", f.dir.file("data"));
+    ScopedEnv state("XDG_STATE_HOME", f.dir.file("plain"));
+    MakeCatalogues(f.dir.file("data/lidar-utilities"), {"Tern"});
+    testsupport::TempDir empty;
+    testsupport::ScopedCwd cwd(empty.path());
+    lidar::Workplace chosen;
+    error.clear();
+    EXPECT_FALSE(lidar::ChooseWorkplace(&chosen, &error));
+    EXPECT_EQ(error.find("cannot make the working folder " + f.dir.file("plain")), 0u) << error;
+    EXPECT_NE(error.find("; set XDG_STATE_HOME to a folder you can write"), std::string::npos)
+        << error;
+    // A working folder that is made but cannot take its links needs no such hint.
+    ScopedEnv usable("XDG_STATE_HOME", f.dir.file("state"));
+    testsupport::WriteFile(f.dir.file("state/lidar-utilities/Config/varID/Tern"), "in the way");
+    error.clear();
+    EXPECT_FALSE(lidar::ChooseWorkplace(&chosen, &error));
+    EXPECT_NE(error.find("is in the way"), std::string::npos) << error;
+    EXPECT_EQ(error.find("XDG_STATE_HOME"), std::string::npos) << error;
 }
 
 TEST(CatalogueFolders, TheCurrentFolderIsKeptWhenItHasCataloguesOtherwiseTheWorkingFolder) {

@@ -56,6 +56,28 @@ std::string ModelNameOf(const fs::directory_entry& entry) {
     return std::string();
 }
 
+// Why an entry of varID/ that looks meant as a model offers none; empty when it offers one or
+// is a plain file (a NAME.csv model, or notes kept beside the models).
+std::string WhyNoModel(const fs::path& path) {
+    const std::string name = path.filename().string();
+    if (name.empty() || name[0] == '.') return std::string();
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (status.type() == fs::file_type::not_found) return "a link to nothing";
+    if (error) return "cannot be read: " + error.message();
+    if (!fs::is_directory(status)) return std::string();
+    std::error_code reached;
+    if (fs::is_regular_file(fs::status(path / (name + ".csv"), reached))) return std::string();
+    if (reached && reached != std::errc::no_such_file_or_directory)
+        return "cannot be read: " + reached.message();
+    return "a folder without " + name + ".csv";
+}
+
+bool SameFolder(const std::string& a, const std::string& b) {
+    std::error_code error;
+    return !a.empty() && !b.empty() && fs::equivalent(a, b, error) && !error;
+}
+
 // The entries of a folder in name order; none when it cannot be read.
 std::vector<fs::directory_entry> EntriesOf(const fs::path& folder) {
     std::vector<fs::directory_entry> entries;
@@ -80,6 +102,15 @@ bool PlaceLink(const fs::path& folder, const std::string& name, const fs::path& 
     if (fs::is_symlink(fs::symlink_status(link, status)) &&
         fs::read_symlink(link, status) == target && !status)
         return true;
+    // Only links are ours to replace: a file or folder the user put here stays, and is named.
+    const fs::file_status present = fs::symlink_status(link, status);
+    if (fs::exists(present) && !fs::is_symlink(present)) {
+        *error = link.string() +
+                 " is in the way of the link the program keeps there; move it away (models and "
+                 "files of your own belong in " +
+                 UserCatalogueFolder() + ")";
+        return false;
+    }
     const fs::path aside = folder / ("." + name + ".new-" + std::to_string(::getpid()));
     std::error_code ignored;
     fs::remove(aside, ignored);
@@ -201,6 +232,26 @@ std::vector<ModelSource> ModelsIn(const std::vector<CatalogueFolder>& folders) {
     return models;
 }
 
+std::vector<std::string> UnusableEntriesIn(const std::vector<CatalogueFolder>& folders) {
+    std::vector<std::string> unusable;
+    for (const CatalogueFolder& folder : folders) {
+        const fs::path varId = fs::path(folder.path) / "varID";
+        std::error_code error;
+        const fs::file_status status = fs::status(varId, error);
+        if (folder.path.empty() || status.type() == fs::file_type::not_found) continue;
+        if (!fs::is_directory(status)) {
+            unusable.push_back(varId.string() + ": not a folder");
+            continue;
+        }
+        fs::directory_iterator readable(varId, error);
+        if (error) unusable.push_back(varId.string() + ": cannot be read: " + error.message());
+        for (const fs::directory_entry& entry : EntriesOf(varId))
+            if (const std::string why = WhyNoModel(entry.path()); !why.empty())
+                unusable.push_back(entry.path().string() + ": " + why);
+    }
+    return unusable;
+}
+
 std::string CatalogueFolderWithModel(const std::string& model,
                                      const std::vector<CatalogueFolder>& folders) {
     for (const CatalogueFolder& folder : folders) {
@@ -226,6 +277,7 @@ bool JoinCatalogues(const std::vector<CatalogueFolder>& folders, const std::stri
     workplace->folder = working;
     workplace->moved = true;
     workplace->models = ModelsIn(folders);
+    workplace->unusable = UnusableEntriesIn(folders);
     return JoinModels(workplace->models, varId, error) &&
            JoinFile(folders, config, kJoinedFiles[0], &workplace->featureConfig, error) &&
            JoinFile(folders, config, kJoinedFiles[1], &workplace->authConfig, error);
@@ -233,10 +285,13 @@ bool JoinCatalogues(const std::vector<CatalogueFolder>& folders, const std::stri
 
 bool ChooseWorkplace(Workplace* workplace, std::string* error) {
     const std::vector<CatalogueFolder> order = CatalogueSearchOrder();
-    if (HoldsCatalogues(order[0].path)) {
+    // Started in the installed share folder, its Config is still the install: the history must
+    // not be written there, so the working folder is used as from anywhere else.
+    if (HoldsCatalogues(order[0].path) && !SameFolder(order[0].path, order[2].path)) {
         workplace->folder = ".";
         workplace->moved = false;
         workplace->models = ModelsIn({order[0]});
+        workplace->unusable = UnusableEntriesIn({order[0]});
         workplace->featureConfig = FirstWithFile({order[0]}, kJoinedFiles[0]);
         workplace->authConfig = FirstWithFile({order[0]}, kJoinedFiles[1]);
         return true;
@@ -254,7 +309,10 @@ bool ChooseWorkplace(Workplace* workplace, std::string* error) {
         *error = "no working folder: neither XDG_STATE_HOME nor HOME is set";
         return false;
     }
-    return JoinCatalogues(joined, working, workplace, error);
+    if (JoinCatalogues(joined, working, workplace, error)) return true;
+    // The working folder itself could not be made (a read-only home): say how to work elsewhere.
+    if (!workplace->moved) *error += "; set XDG_STATE_HOME to a folder you can write";
+    return false;
 }
 
 }  // namespace lidar

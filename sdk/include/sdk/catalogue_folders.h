@@ -36,8 +36,9 @@ struct Workplace {
     std::string folder;
     bool moved = false;  // true: the working folder; false: the current folder's own ./Config
     std::vector<ModelSource> models;
-    std::string featureConfig;  // the file the working folder's feature_config.csv links to
-    std::string authConfig;     // the same for auth_config.csv
+    std::string featureConfig;          // the file the working folder's feature_config.csv links to
+    std::string authConfig;             // the same for auth_config.csv
+    std::vector<std::string> unusable;  // entries of the folders that offer no model, and why
 };
 
 // "this folder", "user" or "installed", as `lidarutil models` says it.
@@ -59,6 +60,11 @@ bool HoldsCatalogues(const std::string& folder);
 
 // The models the folders offer, by name; of two with one name the earlier folder's wins.
 std::vector<ModelSource> ModelsIn(const std::vector<CatalogueFolder>& folders);
+
+// What in the folders looks meant as a model but offers none, one "PATH: why" each: a model
+// folder without its catalogue or that cannot be read, a link to nothing, a varID/ that is not
+// a folder. Without this a user's model would just be missing from the list.
+std::vector<std::string> UnusableEntriesIn(const std::vector<CatalogueFolder>& folders);
 
 // The first of `folders` that holds a catalogue of `model`; empty when none does.
 std::string CatalogueFolderWithModel(const std::string& model,
