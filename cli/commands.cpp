@@ -373,6 +373,11 @@ int commandModels(Session& session) {
     }
     for (const std::string& unusable : session.workplace().unusable)
         printDiagnostic("lidarutil: warning: no model in " + QString::fromStdString(unusable));
+    if (rows.isEmpty() && !session.workplace().moved)
+        printDiagnostic(
+            "lidarutil: warning: ./Config/varID has no model; a folder with its own Config/varID "
+            "uses its catalogues alone: run lidarutil from another folder for yours and the "
+            "installed ones");
     if (session.options().json)
         printJson(QJsonDocument(models));
     else

@@ -373,14 +373,18 @@ int RunTcp(const Arguments& args, sigset_t& stopSignals) {
     return reported ? 0 : 1;
 }
 
-// Without --config-dir the model's catalogue is looked for where the other programs look.
+// Without --config-dir the model's catalogue is looked for where the other programs look: a
+// current folder with ./Config/varID is taken alone, as lidarutil takes it.
 bool FindCatalogue(sim::LidarSimulator::Options& options) {
-    const std::vector<lidar::CatalogueFolder> order = lidar::CatalogueSearchOrder();
-    options.configDir = lidar::CatalogueFolderWithModel(options.model, order);
+    const std::vector<lidar::CatalogueFolder> folders = lidar::CataloguesInUse();
+    options.configDir = lidar::CatalogueFolderWithModel(options.model, folders);
     if (!options.configDir.empty()) return true;
     std::cerr << "lidar-sim: no catalogue of the model " << options.model << " in";
-    for (const lidar::CatalogueFolder& folder : order)
-        std::cerr << (&folder == &order.front() ? " " : ", ") << folder.path << "/varID";
+    for (const lidar::CatalogueFolder& folder : folders)
+        std::cerr << (&folder == &folders.front() ? " " : ", ") << folder.path << "/varID";
+    if (folders.front().origin == lidar::CatalogueOrigin::CurrentFolder)
+        std::cerr << " (the current folder's catalogues are used alone: --config-dir names "
+                     "another folder)";
     std::cerr << "\n";
     return false;
 }

@@ -279,9 +279,28 @@ TEST(Installed, TheSimulatorFindsTheCataloguesAndNothingFoundIsNamed) {
 
     const Outcome unknown = user.execute(prefix.program("lidar-sim"), {"--model", "Nope"});
     EXPECT_EQ(unknown.exitCode, 1);
-    EXPECT_EQ(unknown.err, "lidar-sim: no catalogue of the model Nope in ./Config/varID, " +
+    EXPECT_EQ(unknown.err, "lidar-sim: no catalogue of the model Nope in " +
                                QString::fromStdString(user.home(".local/share/lidar-utilities")) +
                                "/varID, " + prefix.config() + "/varID\n");
+
+    // A folder with catalogues of its own uses them alone, in the simulator as in lidarutil.
+    QDir(user.here()).mkpath("bench/Config/varID");
+    const QString bench = user.here() + "/bench";
+    QProcess local;
+    local.setWorkingDirectory(bench);
+    local.start(prefix.program("lidar-sim"), {"--model", "Egret"});
+    ASSERT_TRUE(local.waitForFinished(10000));
+    EXPECT_EQ(local.exitCode(), 1);
+    EXPECT_EQ(QString::fromUtf8(local.readAllStandardError()),
+              "lidar-sim: no catalogue of the model Egret in ./Config/varID (the current "
+              "folder's catalogues are used alone: --config-dir names another folder)\n");
+    QProcess models;
+    models.setWorkingDirectory(bench);
+    models.start(prefix.program("lidarutil"), {"models"});
+    ASSERT_TRUE(models.waitForFinished(30000));
+    EXPECT_EQ(models.exitCode(), 0);
+    EXPECT_TRUE(QString::fromUtf8(models.readAllStandardError())
+                    .startsWith("lidarutil: warning: ./Config/varID has no model; "));
 
     // lidarutil built in the tree has no installed catalogues beside it: from an empty folder of
     // a user without catalogues it names the three places it looked in.

@@ -283,20 +283,27 @@ bool JoinCatalogues(const std::vector<CatalogueFolder>& folders, const std::stri
            JoinFile(folders, config, kJoinedFiles[1], &workplace->authConfig, error);
 }
 
-bool ChooseWorkplace(Workplace* workplace, std::string* error) {
+std::vector<CatalogueFolder> CataloguesInUse() {
     const std::vector<CatalogueFolder> order = CatalogueSearchOrder();
     // Started in the installed share folder, its Config is still the install: the history must
-    // not be written there, so the working folder is used as from anywhere else.
-    if (HoldsCatalogues(order[0].path) && !SameFolder(order[0].path, order[2].path)) {
+    // not be written there, so the folders are those of anywhere else.
+    if (HoldsCatalogues(order[0].path) && !SameFolder(order[0].path, order[2].path))
+        return {order[0]};
+    return {order[1], order[2]};
+}
+
+bool ChooseWorkplace(Workplace* workplace, std::string* error) {
+    const std::vector<CatalogueFolder> inUse = CataloguesInUse();
+    if (inUse.front().origin == CatalogueOrigin::CurrentFolder) {
         workplace->folder = ".";
         workplace->moved = false;
-        workplace->models = ModelsIn({order[0]});
-        workplace->unusable = UnusableEntriesIn({order[0]});
-        workplace->featureConfig = FirstWithFile({order[0]}, kJoinedFiles[0]);
-        workplace->authConfig = FirstWithFile({order[0]}, kJoinedFiles[1]);
+        workplace->models = ModelsIn(inUse);
+        workplace->unusable = UnusableEntriesIn(inUse);
+        workplace->featureConfig = FirstWithFile(inUse, kJoinedFiles[0]);
+        workplace->authConfig = FirstWithFile(inUse, kJoinedFiles[1]);
         return true;
     }
-    const std::vector<CatalogueFolder> joined(order.begin() + 1, order.end());
+    const std::vector<CatalogueFolder>& joined = inUse;
     if (!HoldsCatalogues(joined[0].path) && !HoldsCatalogues(joined[1].path)) {
         *error = "no model catalogues: looked in ./Config/varID, " +
                  (joined[0].path.empty() ? std::string("the user's folder (HOME is not set)")

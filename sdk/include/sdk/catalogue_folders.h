@@ -55,6 +55,10 @@ std::string UserWorkingFolder();
 // The three folders in the order they are searched.
 std::vector<CatalogueFolder> CatalogueSearchOrder();
 
+// The folders the programs take their catalogues from: the current folder's ./Config alone when
+// it holds varID/ (and is not the install itself), otherwise the user's over the installed ones.
+std::vector<CatalogueFolder> CataloguesInUse();
+
 // True when `folder` holds a varID/ folder.
 bool HoldsCatalogues(const std::string& folder);
 
