@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "sdk/catalogue_folders.h"
+#include "sim/lidar_fleet.h"
 #include "sim/lidar_simulator.h"
 #include "sim/serial_lidar_simulator.h"
 
@@ -82,6 +83,11 @@ std::string Usage() {
            "                         user's ~/.local/share/lidar-utilities and the installed\n"
            "                         catalogues that has the model)\n"
            "  --port N               TCP port, 0 picks a free one (default 0)\n"
+           "  --count N              serve N lidars (1-256) on consecutive ports from --port "
+           "(with\n"
+           "                         0, a free block), each with its own serial number, MAC\n"
+           "                         address and settings; a \"listening on\" line each (TCP "
+           "only)\n"
            "  --bind ADDR            IPv4 address to listen on (default 127.0.0.1)\n"
            "  --token T              require authorisation (0xA1) with this token for writes\n"
            "  --fault CMD:MODE       " +
@@ -118,6 +124,8 @@ struct Arguments {
     std::optional<sim::SerialState> faultState;
     std::string reportFile;
     bool configDirGiven = false;
+    int count = 1;
+    bool countGiven = false;
 };
 
 bool ParseNumber(const std::string& text, unsigned long max, int base, unsigned long& out) {
@@ -184,6 +192,15 @@ bool ReadOption(const std::string& name, const std::function<std::string()>& val
         if (text != "A" && text != "B")
             throw UsageError{"--partition takes A or B, not '" + text + "'"};
         args.options.partition = text[0];
+    } else if (name == "--count") {
+        const std::string text = value();
+        unsigned long count = 0;
+        if (!ParseNumber(text, sim::LidarFleet::kMaxCount, 10, count) || count == 0) {
+            throw UsageError{"--count needs a whole number from 1 to " +
+                             std::to_string(sim::LidarFleet::kMaxCount) + ", not '" + text + "'"};
+        }
+        args.count = static_cast<int>(count);
+        args.countGiven = true;
     } else if (name == "--report") {
         args.reportFile = value();
         if (args.reportFile.empty()) throw UsageError{"--report needs a file name"};
@@ -231,6 +248,11 @@ Arguments ParseArguments(int argc, char** argv) {
     }
     if (args.options.model.empty()) throw UsageError{"--model is required"};
     if (args.serial && args.options.chaosSeed) throw UsageError{"--chaos is for TCP only"};
+    if (args.serial && args.countGiven) throw UsageError{"--count is for TCP only"};
+    if (args.options.port != 0 && args.options.port + args.count - 1 > 65535) {
+        throw UsageError{"--count " + std::to_string(args.count) + " from --port " +
+                         std::to_string(args.options.port) + " would go past port 65535"};
+    }
     return args;
 }
 
@@ -291,36 +313,44 @@ std::string TransferLine(const sim::Transfer& t) {
            (t.completed ? "completed" : "incomplete");
 }
 
-// The counters line first (as it always came), then a line per transfer and the partition on
-// standard output; with a file, the same as one JSON object. False, with the reason printed,
-// when the file cannot be written.
-bool ReportReceived(const Received& received, const std::string& model,
-                    const std::string& reportFile) {
+// The counters line first (as it always came), then a line per transfer and the partition.
+void PrintReceived(const Received& received) {
     std::string line = "requests:";
-    std::string json = "{\"model\":" + JsonText(model) + ",\"requests\":{";
+    for (const auto& [command, count] : received.requests)
+        line += " " + Hex(command, 2) + "=" + std::to_string(count);
+    if (received.requests.empty()) line += " none";
+    std::cout << line << "\n";
+    for (const sim::Transfer& transfer : received.transfers)
+        std::cout << TransferLine(transfer) << "\n";
+    if (received.transfers.empty()) std::cout << "received: no transfer\n";
+    if (received.partition) std::cout << "running partition: " << *received.partition << "\n";
+    std::cout << std::flush;
+}
+
+// The same as one JSON object; one of several lidars also names its port.
+std::string ReceivedJson(const Received& received, const std::string& model,
+                         std::optional<uint16_t> port) {
+    std::string json = "{";
+    if (port) json += "\"port\":" + std::to_string(*port) + ",";
+    json += "\"model\":" + JsonText(model) + ",\"requests\":{";
     for (const auto& [command, count] : received.requests) {
         if (json.back() != '{') json += ",";
         json += "\"" + Hex(command, 2) + "\":" + std::to_string(count);
-        line += " " + Hex(command, 2) + "=" + std::to_string(count);
     }
-    if (received.requests.empty()) line += " none";
-    std::cout << line << "\n";
     json += "},\"received\":[";
-    for (size_t i = 0; i < received.transfers.size(); ++i) {
-        std::cout << TransferLine(received.transfers[i]) << "\n";
+    for (size_t i = 0; i < received.transfers.size(); ++i)
         json += (i == 0 ? "" : ",") + TransferJson(received.transfers[i]);
-    }
-    if (received.transfers.empty()) std::cout << "received: no transfer\n";
     json += "]";
-    if (received.partition) {
-        std::cout << "running partition: " << *received.partition << "\n";
+    if (received.partition)
         json += ",\"running_partition\":\"" + std::string(1, *received.partition) + "\"";
-    }
-    json += "}\n";
-    std::cout << std::flush;
+    return json + "}";
+}
+
+// False, with the reason printed, when the file cannot be written; nothing to do without one.
+bool WriteReport(const std::string& reportFile, const std::string& json) {
     if (reportFile.empty()) return true;
     std::ofstream out(reportFile, std::ios::trunc);
-    if (!(out << json) || !out.flush()) {
+    if (!(out << json << "\n") || !out.flush()) {
         std::cerr << "lidar-sim: cannot write the report " << reportFile << "\n";
         return false;
     }
@@ -348,28 +378,58 @@ void ApplyFaults(const Arguments& args, Simulator& simulator) {
     for (const auto& [command, fault] : args.faults) simulator.SetFault(command, fault);
 }
 
-int RunTcp(const Arguments& args, sigset_t& stopSignals) {
-    sim::LidarSimulator simulator(args.options);
-    ApplyFaults(args, simulator);
-    if (args.faultState) {
-        simulator.SetSerialFaultState(args.faultState->faultState, args.faultState->faultCodes);
+Received ReceivedBy(sim::LidarSimulator& simulator, const std::string& model) {
+    std::optional<char> partition;
+    if (model == "Heron-VRC") partition = simulator.RunningPartition();
+    return {simulator.Transfers(), partition, simulator.RequestCounts()};
+}
+
+// What every lidar received, in port order; with several, each under a line naming it and the
+// report a JSON array of them.
+bool ReportFleet(sim::LidarFleet& fleet, const Arguments& args) {
+    const bool several = fleet.Count() > 1;
+    std::string json;
+    for (int index = 0; index < fleet.Count(); ++index) {
+        sim::LidarSimulator& lidar = fleet.At(index);
+        if (several)
+            std::cout << "lidar " << args.options.bindAddress << ":" << lidar.Port() << "\n";
+        const Received received = ReceivedBy(lidar, args.options.model);
+        PrintReceived(received);
+        if (args.options.chaosSeed) std::cout << ChaosLine(lidar.ChaosPlayed()) << std::endl;
+        std::optional<uint16_t> port;
+        if (several) port = lidar.Port();
+        json += (index == 0 ? "" : ",") + ReceivedJson(received, args.options.model, port);
     }
+    return WriteReport(args.reportFile, several ? "[" + json + "]" : json);
+}
+
+int RunTcp(const Arguments& args, sigset_t& stopSignals) {
+    sim::LidarFleet fleet(args.options, args.count);
     std::string error;
-    if (!simulator.Start(&error)) {
+    const bool started = fleet.Start(
+        [&](sim::LidarSimulator& simulator) {
+            ApplyFaults(args, simulator);
+            if (args.faultState) {
+                simulator.SetSerialFaultState(args.faultState->faultState,
+                                              args.faultState->faultCodes);
+            }
+        },
+        &error);
+    if (!started) {
         std::cerr << "lidar-sim: " << error << "\n";
         return 1;
     }
-    std::cout << "listening on " << args.options.bindAddress << ":" << simulator.Port()
-              << std::endl;
+    for (int index = 0; index < fleet.Count(); ++index) {
+        std::cout << "listening on " << args.options.bindAddress << ":" << fleet.At(index).Port()
+                  << "\n";
+    }
+    std::cout << std::flush;
     int received = 0;
     sigwait(&stopSignals, &received);
-    simulator.Stop();
-    std::optional<char> partition;
-    if (args.options.model == "Heron-VRC") partition = simulator.RunningPartition();
-    const bool reported =
-        ReportReceived({simulator.Transfers(), partition, simulator.RequestCounts()},
-                       args.options.model, args.reportFile);
-    if (args.options.chaosSeed) std::cout << ChaosLine(simulator.ChaosPlayed()) << std::endl;
+    // Every lidar stops before any is reported, so that none still counts while others print.
+    for (int index = 0; index < fleet.Count(); ++index) fleet.At(index).Stop();
+    const bool reported = ReportFleet(fleet, args);
+    fleet.Stop();
     return reported ? 0 : 1;
 }
 
@@ -416,8 +476,9 @@ int RunSerial(const Arguments& args, sigset_t& stopSignals) {
         std::cout << "uart " << uartPath << std::endl;
     }
     simulator.Stop();
-    return ReportReceived({simulator.Transfers(), std::nullopt, simulator.RequestCounts()},
-                          args.options.model, args.reportFile)
+    const Received received{simulator.Transfers(), std::nullopt, simulator.RequestCounts()};
+    PrintReceived(received);
+    return WriteReport(args.reportFile, ReceivedJson(received, args.options.model, std::nullopt))
                ? 0
                : 1;
 }

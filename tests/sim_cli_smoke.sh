@@ -13,7 +13,9 @@ trap cleanup EXIT
 
 for bad in "" "--model" "--model Smoke --port 70000" "--model Smoke --fault 0x07:sometimes" \
            "--model Smoke --bogus" "--model Smoke --fault-state 1:xyz" "--model Smoke --serial=1" \
-           "--model Smoke --partition C" "--model Smoke --chaos -1" "--model Smoke --serial --chaos 1"; do
+           "--model Smoke --partition C" "--model Smoke --chaos -1" "--model Smoke --serial --chaos 1" \
+           "--model Smoke --count 0" "--model Smoke --count 999" "--model Smoke --count 2 --serial" \
+           "--model Smoke --count=x" "--model Smoke --port 65535 --count 2"; do
     status=0
     # shellcheck disable=SC2086
     "$sim" $bad >/dev/null 2>"$dir/usage" || status=$?

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "identity.h"
 #include "value_codec.h"
 
 namespace sim::detail {
@@ -140,6 +141,29 @@ void BlockStore::FinishFixedBlocks(std::map<BlockKey, Bytes>& blocks,
     Bytes& network = blocks[{kNetworkCommand, {}}];
     if (network.size() < kNetworkMinSize) network.resize(kNetworkMinSize, 0);
     blocks.emplace(BlockKey{kGetFovCommand, {}}, DefaultFovBlock());
+}
+
+void BlockStore::StampIdentity(const std::vector<const VarInfo*>& vars, int index) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const VarInfo* var : vars) {
+        VarInfo stamped = *var;
+        if (var->var_type == "SN") {
+            stamped.default_val = IndexedSerialNumber(var->default_val, index);
+        } else if (var->var_type == "MAC") {
+            stamped.default_val = IndexedMacAddress(var->default_val, index);
+        } else {
+            continue;
+        }
+        BlockKey key;
+        bool parsed = false;
+        const Bytes value = EncodeDefaultValue(stamped, &parsed);
+        if (!parsed || !GetKeyOf(*var, key) || !PositionUsable(var->get_start_pos, var->offset)) {
+            continue;
+        }
+        const size_t start = static_cast<size_t>(var->get_start_pos);
+        PutBytes(blocks_[key], start, value);
+        PutBytes(defaults_[key], start, value);
+    }
 }
 
 void BlockStore::RestoreDefaults() {

@@ -43,6 +43,9 @@ class BlockStore {
     // Adds a block (also to the defaults) unless the catalogue already defines it.
     void EnsureBlock(uint8_t command, const Bytes& payload, const Bytes& block);
     void RestoreDefaults();
+    // Gives the serial number (SN) and MAC address variables the identity of lidar `index`
+    // (identity.h), in the blocks and in their defaults, which a reset returns to.
+    void StampIdentity(const std::vector<const VarInfo*>& vars, int index);
 
     // True when (command, payload) names a catalogue block.
     bool HasBlock(uint8_t command, const Bytes& payload) const;

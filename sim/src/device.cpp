@@ -189,6 +189,7 @@ bool Device::Load(const std::string& model, const std::string& configDir, std::s
         }
     }
     blocks_.Build(VariablesOf(parser), variantVars, model, monitorVars, monitorSeed_);
+    if (identityIndex_ >= 0) blocks_.StampIdentity(VariablesOf(parser), identityIndex_);
     if (ReachedOverSerialLine()) {
         blocks_.EnsureBlock(kGetBaudRate, {}, BigEndian32(kDefaultBaudRate));
     }

@@ -46,6 +46,9 @@ class Device {
     void SetLogBytes(size_t bytes) { logBytes_ = bytes; }
     // Chooses the curves of the live monitor readings; set before Load.
     void SetMonitorSeed(uint32_t seed) { monitorSeed_ = seed; }
+    // Gives the device the serial number and MAC address of lidar `index` of several (identity.h)
+    // instead of the catalogue's; -1 keeps the catalogue's. Set before Load.
+    void SetIdentityIndex(int index) { identityIndex_ = index; }
 
     Reply Handle(const lidar::vrc::Frame& request, Session& session);
     // Work that follows a reply, while the request's bytes still exist.
@@ -107,6 +110,7 @@ class Device {
     SerialDevice serial_{blocks_};
     size_t logBytes_ = 4096;
     uint32_t monitorSeed_ = 1;
+    int identityIndex_ = -1;
 
     // Shared by the connections' threads.
     mutable std::mutex stateMutex_;

@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "device.h"
+#include "identity.h"
 #include "request_log.h"
 #include "sdk/vrc_frame.h"
 
@@ -119,6 +120,11 @@ bool LidarSimulator::Impl::Start(std::string* error) {
         return false;
     }
     device.SetMonitorSeed(options.monitorSeed);
+    if (options.identityIndex < -1 || options.identityIndex > detail::kMaxIdentityIndex) {
+        if (error) *error = "the identity index must be from 0 to 255 (or -1, the catalogue's)";
+        return false;
+    }
+    device.SetIdentityIndex(options.identityIndex);
     if (options.partition != 'A' && options.partition != 'B') {
         if (error) *error = "the running partition must be A or B";
         return false;

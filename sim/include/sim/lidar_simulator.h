@@ -154,6 +154,10 @@ class LidarSimulator {
         char partition = 'A';          // application partition running at start: 'A' or 'B'
         // Set: random faults (Chaos) on every command that has no fault of its own.
         std::optional<uint32_t> chaosSeed;
+        // 0-255: lidar number `identityIndex` of several served together, its serial number
+        // ending in the index (three digits) and its MAC address's last byte the index, so that
+        // each is told apart and keeps its identity from run to run; -1 the catalogue's identity.
+        int identityIndex = -1;
     };
 
     explicit LidarSimulator(Options options);
