@@ -35,6 +35,14 @@ mkdir -p "$dir/varID/Smoke"
 printf '%s\n%s\n' \
     'module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,offset,default_val' \
     'M,P,v,V,uint16,0x40,,0,0,2,513' >"$dir/varID/Smoke/Smoke.csv"
+# The last block that fits below port 65536 is not a usage error: without its model's catalogue
+# the start fails instead (status 1).
+status=0
+"$sim" --model Absent --config-dir "$dir" --port 65534 --count 2 >/dev/null 2>"$dir/err" || status=$?
+if [ "$status" != 1 ] || ! grep -q 'no catalogue' "$dir/err"; then
+    echo "expected --port 65534 --count 2 to pass the usage checks, got $status:"; cat "$dir/err"
+    exit 1
+fi
 # Chaos seed 1 leaves the first two requests alone; 0x41's own fault wins anyway.
 "$sim" --model Smoke --config-dir "$dir" --port 0 --fault 0x41:status=4 --chaos 1 \
     >"$dir/out" 2>"$dir/err" &

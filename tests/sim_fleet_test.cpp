@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -334,6 +335,29 @@ TEST(LidarFleetTest, IdentityIndexStampsSerialAndMacAndSurvivesAReset) {
         EXPECT_FALSE(refused.Start(&error)) << bad;
         EXPECT_NE(error.find("identity"), std::string::npos) << error;
     }
+}
+
+// A serial number shorter than the index's three digits keeps its length; a MAC address written
+// in lower case gets the same last byte.
+TEST(LidarFleetTest, IdentityOfAShortSerialNumberAndALowerCaseMac) {
+    testsupport::TempDir dir;
+    ASSERT_EQ(::mkdir((dir.path() + "/varID").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((dir.path() + "/varID/Tiny").c_str(), 0755), 0);
+    std::ofstream(dir.path() + "/varID/Tiny/Tiny.csv")
+        << "module,page,var_id,var_name,var_type,get_cmd,set_cmd,get_start_pos,set_start_pos,"
+           "offset,default_val\n"
+           "M,P,sn,SN,SN,0x07,,0,0,16, AB\n"
+           "M,P,mac,MAC,MAC,0x07,,16,0,6,0a:1b:2c:3d:4e:5f\n";
+    sim::LidarSimulator::Options options;
+    options.model = "Tiny";
+    options.configDir = dir.path();
+    options.identityIndex = 0x2C;
+    sim::LidarSimulator simulator(options);
+    std::string error;
+    ASSERT_TRUE(simulator.Start(&error)) << error;
+    const Bytes info = simulator.Block(kDeviceInfo);
+    EXPECT_EQ(SerialText(info), "44");
+    EXPECT_EQ(Slice(info, kMacStart, kMacLength), (Bytes{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x2C}));
 }
 
 TEST(LidarFleetTest, StartsTheCountAppliesPrepareToEachAndRefusesBadCounts) {

@@ -1,7 +1,6 @@
 #include "identity.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 
 namespace sim::detail {
@@ -14,13 +13,6 @@ std::string Trimmed(const std::string& text) {
     const size_t first = text.find_first_not_of(" \t");
     if (first == std::string::npos) return "";
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-bool LowerCaseHex(const std::string& text) {
-    for (char c : text) {
-        if (std::islower(static_cast<unsigned char>(c))) return true;
-    }
-    return false;
 }
 
 }  // namespace
@@ -39,7 +31,7 @@ std::string IndexedMacAddress(const std::string& mac, int index) {
     std::string text = Trimmed(mac);
     if (text.size() < 2) return text;
     char digits[8];
-    std::snprintf(digits, sizeof digits, LowerCaseHex(text) ? "%02x" : "%02X", index & 0xFF);
+    std::snprintf(digits, sizeof digits, "%02X", index & 0xFF);
     text.replace(text.size() - 2, 2, digits);
     return text;
 }

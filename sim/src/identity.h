@@ -13,8 +13,8 @@ constexpr int kMaxIdentityIndex = 255;  // the MAC address's last byte carries t
 // `serial` with its last three characters replaced by the index in three decimal digits (all of
 // it, the index's last digits, when it is shorter); the length stays the same.
 std::string IndexedSerialNumber(const std::string& serial, int index);
-// "AA:BB:CC:DD:EE:FF" with its last byte replaced by the index ("...:EE:03"); the separators and
-// the case of the hexadecimal digits stay as they were.
+// "AA:BB:CC:DD:EE:FF" with its last two characters, its last byte, replaced by the index in
+// hexadecimal ("...:EE:03").
 std::string IndexedMacAddress(const std::string& mac, int index);
 
 }  // namespace sim::detail

@@ -7,9 +7,8 @@ namespace sim {
 LidarFleet::LidarFleet(LidarSimulator::Options options, int count)
     : options_(std::move(options)), count_(count) {}
 
-LidarFleet::~LidarFleet() {
-    Stop();
-}
+// Each simulator stops as it is destroyed.
+LidarFleet::~LidarFleet() = default;
 
 bool LidarFleet::Start(const std::function<void(LidarSimulator&)>& prepare, std::string* error) {
     if (count_ < 1 || count_ > kMaxCount) {
