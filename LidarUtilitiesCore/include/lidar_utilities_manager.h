@@ -162,6 +162,9 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE QString getSelectedLidarModel() const;
     // The settings file that a connect writes the connection settings into.
     Q_INVOKABLE QString connectionSettingsFilePath() const;
+    // Ours. False: connecting no longer writes the connection settings into that file, for a
+    // front end that runs many processes at once (they would race on it). True by default.
+    void setRemembersConnectionSettings(bool remembers);
     Q_INVOKABLE bool getIsConnected() const;
     Q_INVOKABLE int getConnectType() const;
     Q_INVOKABLE bool getIsUpgrading() const;

@@ -64,6 +64,7 @@ QString DeviceLink::writableSettingsFilePath() {
 }
 
 void DeviceLink::saveConnectionSettings() {
+    if (!remembersSettings_) return;
     QSettings settings(writableSettingsFilePath(), QSettings::IniFormat);
     std::lock_guard<std::mutex> lock(mutex_);
     settings.setValue("device_ip_address", QString::fromStdString(ipAddress_));
@@ -78,6 +79,7 @@ void DeviceLink::saveConnectionSettings() {
 }
 
 void DeviceLink::savePointCloudBaudRate() {
+    if (!remembersSettings_) return;
     QSettings settings(writableSettingsFilePath(), QSettings::IniFormat);
     std::lock_guard<std::mutex> lock(mutex_);
     settings.setValue("point_cloud_baudrate", QString::number(pointCloudBaudRate_));
@@ -366,6 +368,10 @@ std::string LidarUtilitiesManager::getSelectLidarModel() const {
 
 QString LidarUtilitiesManager::getSelectedLidarModel() const {
     return QString::fromStdString(link_->selectedModel());
+}
+
+void LidarUtilitiesManager::setRemembersConnectionSettings(bool remembers) {
+    link_->setRemembersSettings(remembers);
 }
 
 QString LidarUtilitiesManager::connectionSettingsFilePath() const {

@@ -71,6 +71,9 @@ class DeviceLink : public QObject, public DeviceLinkView, public PointCloudRateS
     void readSettings();
     void saveConnectionSettings();
     void savePointCloudBaudRate();
+    // False: the two saves above write nothing (a process of many run at once, which would race
+    // on the one settings file).
+    void setRemembersSettings(bool remembers) { remembersSettings_ = remembers; }
     // ---- PointCloudRateSetting ----
     void keepPointCloudBaudRate(uint32_t rate) override;
 
@@ -161,6 +164,7 @@ class DeviceLink : public QObject, public DeviceLinkView, public PointCloudRateS
     std::string selectLidarModel_;
     std::string vrcClientHostPort_ = "ANY";
     std::atomic<bool> enableVrcClientHostPortUi_{false};
+    std::atomic<bool> remembersSettings_{true};
 
     // The clients, under clientMutex_.
     mutable std::mutex clientMutex_;
