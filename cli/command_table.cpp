@@ -25,6 +25,18 @@ const std::vector<CommandEntry>& commandTable() {
          "show the mode and the channel field of view, or write it: ten bounds in degrees, "
          "INDEX=VALUE (0-4 starts, 5-9 ends) or mode=VALUE",
          &commandFov, true, &declareFovArguments},
+        {"export",
+         "capture the lidar's settings (of the modules named, or all) to a profile file; the "
+         "lidar's own address and MAC are left out unless --include-network",
+         &commandExport, true, &declareExportArguments},
+        {"diff",
+         "compare the lidar with a profile: what differs, per set command (status 3 when "
+         "something does)",
+         &commandDiff, true, &declareDiffArguments},
+        {"apply",
+         "bring the lidar to a profile: write what differs, network settings last, then read "
+         "back and verify (status 4 when written but not verified)",
+         &commandApply, true, &declareApplyArguments},
         {"watch",
          "print the module's timer-refreshed values at each refresh (about every 3 s) until "
          "Ctrl-C or N refreshes",

@@ -36,6 +36,13 @@ struct CommandArguments {
     std::array<std::string, 5> componentFiles;
     std::string output;
     int vlan = -1;  // wren net
+    // export, diff, apply
+    std::vector<std::string> excluded;
+    bool includeNetwork = false;
+    bool all = false;
+    bool dryRun = false;
+    bool noVerify = false;
+    bool restart = false;
 };
 
 // A subcommand that talks to a lidar (or reads the catalogues) through a session, and one that
@@ -76,5 +83,8 @@ void declareMonitorArguments(CLI::App& command, CommandArguments& values);
 void declareHeronCommands(CLI::App& command, CommandArguments& values);
 void declareOtaCommands(CLI::App& command, CommandArguments& values);
 void declareWrenCommands(CLI::App& command, CommandArguments& values);
+void declareExportArguments(CLI::App& command, CommandArguments& values);
+void declareDiffArguments(CLI::App& command, CommandArguments& values);
+void declareApplyArguments(CLI::App& command, CommandArguments& values);
 
 }  // namespace cli

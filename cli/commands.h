@@ -24,6 +24,10 @@ int commandWatch(Session& session);
 // request failed still counts as read (its other values are printed), but `complete` is false.
 // Shared by read and fov.
 int connectAndRead(Session& session, const QVector<int>& modules, bool& complete);
+// profile_commands.cpp
+int commandExport(Session& session);
+int commandDiff(Session& session);
+int commandApply(Session& session);
 // fov_command.cpp
 int commandFov(Session& session);
 // console_commands.cpp

@@ -176,6 +176,46 @@ void declareWatchArguments(CLI::App& command, CommandArguments& args) {
         ->check(kPositiveWhole);
 }
 
+namespace {
+
+void declareExclusion(CLI::App& command, CommandArguments& args) {
+    command
+        .add_option("--exclude", args.excluded,
+                    "leave this variable out (its name or var_id); may be repeated")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+}
+
+}  // namespace
+
+void declareExportArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("MODULE", args.rest, "the modules to take (default: all)");
+    command
+        .add_option("-o,--output", args.output,
+                    "write the profile to FILE, or to DIR/<serial number>.json for a folder "
+                    "(default: standard output)")
+        ->type_name("FILE|DIR")
+        ->check(notEmpty("a file or folder (an empty name names none)"));
+    command.add_flag("--include-network", args.includeNetwork,
+                     "take the lidar's own address and MAC too (left out by default)");
+    declareExclusion(command, args);
+    command.add_flag("--all", args.all, "record the read-only variables too (never written)");
+}
+
+void declareDiffArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("PROFILE", args.rest, "the profile file")->required();
+}
+
+void declareApplyArguments(CLI::App& command, CommandArguments& args) {
+    command.add_option("PROFILE", args.rest, "the profile file")->required();
+    command.add_flag("--dry-run", args.dryRun, "print what would be written, write nothing");
+    command.add_flag("--no-verify", args.noVerify,
+                     "do not read back and compare after writing (exit status 4)");
+    command.add_flag("--restart", args.restart,
+                     "after network settings, restart the lidar and verify it at its new "
+                     "address");
+}
+
 void declareSendArguments(CLI::App& command, CommandArguments& args) {
     command.add_option("HEADER PAYLOAD", args.rest, "the command code, then the payload bytes")
         ->required();
@@ -408,6 +448,13 @@ void readBack(const CLI::App& app, const ProgramValues& values, const CommandArg
     for (const std::string& argument : args.rest)
         options.arguments << QString::fromStdString(argument);
     readHeronAndOtaArguments(*app.get_subcommands().front(), args, options);
+    if (options.command == "export") options.output = QString::fromStdString(args.output);
+    for (const std::string& name : args.excluded) options.excluded << QString::fromStdString(name);
+    options.includeNetwork = args.includeNetwork;
+    options.all = args.all;
+    options.dryRun = args.dryRun;
+    options.noVerify = args.noVerify;
+    options.restart = args.restart;
 }
 
 }  // namespace

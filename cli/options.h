@@ -10,8 +10,10 @@ namespace cli {
 
 // Exit statuses shared by every subcommand.
 constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;  // the lidar or the manager reported a failure
-constexpr int kExitUsage = 2;   // the request itself is wrong (arguments, names, values)
+constexpr int kExitFailed = 1;      // the lidar or the manager reported a failure
+constexpr int kExitUsage = 2;       // the request itself is wrong (arguments, names, values)
+constexpr int kExitDiffers = 3;     // diff: the lidar differs from the profile
+constexpr int kExitUnverified = 4;  // apply: written, but not all of it verified
 
 struct Options {
     QString model = "Egret";
@@ -41,6 +43,14 @@ struct Options {
     QString action;
     QMap<QString, QString> componentFiles;
     QString output;
+    // export, diff, apply: variables left out, the lidar's own address kept, the read-only
+    // variables recorded; apply's plan only, no read-back, a restart after network settings.
+    QStringList excluded;
+    bool includeNetwork = false;
+    bool all = false;
+    bool dryRun = false;
+    bool noVerify = false;
+    bool restart = false;
 };
 
 struct ParsedCommandLine {

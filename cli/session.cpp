@@ -1,7 +1,9 @@
 #include "session.h"
 
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFileInfo>
+#include <QThread>
 #include <QTimer>
 #include <algorithm>
 #include <cstdlib>
@@ -271,10 +273,28 @@ bool Session::reconnect() {
     return attemptConnection();
 }
 
-bool Session::attemptConnection() {
+bool Session::awaitLidar(const QString& host, int seconds) {
+    if (!host.isEmpty()) manager_->setIpAddress(host);
+    printDiagnostic("waiting for the lidar at " + endpoint() + " to answer ...");
+    QElapsedTimer clock;
+    clock.start();
+    while (true) {
+        holdMessages();
+        const bool connected = attemptConnection(true);
+        takeHeldMessages();
+        if (connected) return true;
+        if (clock.elapsed() >= qint64{seconds} * 1000) break;
+        QThread::msleep(1000);
+    }
+    printDiagnostic("error: the lidar at " + endpoint() + " did not answer within " +
+                    QString::number(seconds) + " s");
+    return false;
+}
+
+bool Session::attemptConnection(bool quiet) {
     const int errorsBefore = errors_;
     if (!manager_->ConnectLidar()) {
-        printDiagnostic("error: the manager did not start a connection");
+        if (!quiet) printDiagnostic("error: the manager did not start a connection");
         return false;
     }
     QEventLoop loop;
@@ -286,13 +306,15 @@ bool Session::attemptConnection() {
     QTimer::singleShot(kConnectDeadlineMs, &loop, [&loop] { loop.exit(1); });
     const bool timedOut = loop.exec() != 0;
     if (timedOut) {
-        printDiagnostic("error: no answer from " + endpoint() + " within " +
-                        QString::number(kConnectDeadlineMs / 1000) + " s");
+        if (!quiet)
+            printDiagnostic("error: no answer from " + endpoint() + " within " +
+                            QString::number(kConnectDeadlineMs / 1000) + " s");
         return false;
     }
     manager_->waitForWorkers();
     if (manager_->getIsConnected()) return baudRateAnswered();
-    if (errors_ == errorsBefore) printDiagnostic("error: could not connect to " + endpoint());
+    if (errors_ == errorsBefore && !quiet)
+        printDiagnostic("error: could not connect to " + endpoint());
     return false;
 }
 

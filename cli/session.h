@@ -57,6 +57,9 @@ class Session {
     int connect();
     // Connects again to the same lidar (after a network-settings write closed the connection).
     bool reconnect();
+    // After a restart: connects to the lidar at `host` (empty: the same address), trying again
+    // quietly until it answers or `seconds` have passed; false, said, when it never did.
+    bool awaitLidar(const QString& host, int seconds);
     // Reads one module with a progress line; false when the connection broke while reading.
     ReadOutcome readModule(int module);
     // After a refused command: when the lidar refused it for want of authorisation, says so in
@@ -102,7 +105,8 @@ class Session {
     bool startSimulator();
     bool startSerialSimulator();
     bool chooseSerialLines();
-    bool attemptConnection();
+    // Quiet: failures are not printed (a caller that tries again says what came of it).
+    bool attemptConnection(bool quiet = false);
     bool baudRateAnswered();
     QString endpoint() const;
 

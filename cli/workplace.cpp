@@ -11,6 +11,7 @@ namespace {
 // (ota needs no catalogue and runs where it is started.)
 bool argumentsAreFiles(const Options& options) {
     if (options.command == "upgrade" || options.command == "oplog") return true;
+    if (options.command == "diff" || options.command == "apply") return true;
     return options.command == "heron" && options.action == "upgrade";
 }
 
@@ -24,6 +25,7 @@ void anchorUserPaths(Options& options, const QDir& userFolder) {
     if (options.dir.isEmpty()) options.dir = userFolder.absolutePath();
     anchor(options.dir, userFolder);
     anchor(options.recordDir, userFolder);
+    if (options.command == "export") anchor(options.output, userFolder);
     // Serial lines are opened by path: a relative one (a link the user made to a pseudo-terminal
     // pair) names a file of the user's folder.
     anchor(options.rs485, userFolder);

@@ -41,6 +41,7 @@
 #include "sdk/config_parser.h"
 #include "sdk/types.h"
 #include "sdk/var_info.h"
+#include "settings_profile.h"
 
 namespace lidar {
 class SerialSource;
@@ -252,6 +253,10 @@ class LidarUtilitiesManager : public QObject {
     static QString limitsText(const VarInfo& var);
     // Whether the catalogue's limits are checked for this variable at all.
     static bool limitsApply(const VarInfo& var);
+    // A field's bytes as the pages show them; nullopt when its type has no display text or the
+    // bytes are too few for it.
+    static std::optional<std::string> valueText(const VarInfo& var,
+                                                const std::vector<uint8_t>& bytes);
     // CheckVarIsWithinRange's verdict on a text instead of the staged value.
     static bool textWithinLimits(const VarInfo& var, const std::string& text);
     void updateSingleVarFromOutput(VarInfo& var, uint8_t cmd, const std::vector<uint8_t>& output,
@@ -458,6 +463,40 @@ class LidarUtilitiesManager : public QObject {
     Q_INVOKABLE void applyPage(int page);
     // Connected, and the kind's client is open.
     Q_INVOKABLE bool isDeviceLinkOpen() const;
+
+    // ---- Settings profiles (profile_operations.cpp) ----
+    // Ours (docs/profiles.md): a lidar's settings captured, compared with a profile and brought to
+    // it, with the bytes as read; the front ends read and write the files. Each call reads the
+    // lidar, so none is for the UI thread.
+    struct ProfileScope {
+        QVector<int> modules;            // module indexes; empty: every module
+        QStringList excluded;            // variables left out, by name or var_id
+        bool includeOwnAddress = false;  // keep the lidar's own address and MAC
+        bool withRecord = false;         // record the read-only variables too
+    };
+    // Reads what the scope takes and captures it (without a time: the caller stamps it). False,
+    // with *error, for an excluded name the catalogue does not have or a request not answered.
+    bool captureProfile(const ProfileScope& scope, profile::SettingsProfile* out, QString* error);
+    // Every reason the loaded model cannot take the profile, each naming the key ("model",
+    // "settings[3].bytes", "field_of_view.bounds[2]"); empty when it can be applied.
+    QStringList profileRefusals(const profile::SettingsProfile& profile) const;
+    // Reads the profile's fields from the lidar and compares them byte for byte. False, with
+    // *error, when the lidar did not answer.
+    bool compareWithProfile(const profile::SettingsProfile& profile,
+                            profile::ProfileComparison* out, QString* error);
+    // Writes a comparison's differences: each planned set command on its own, with exactly the
+    // profile's bytes for the differing fields and the lidar's own bytes for the rest, through
+    // the staging and write-back (the field of view through its own path); the network command
+    // last. Stops at the first command that fails; the user has been told why.
+    struct ProfileWrite {
+        QStringList written;          // the commands sent and accepted, in order
+        QString failed;               // the command that failed, or ""
+        bool networkWritten = false;  // the network command went: the link is closed now
+    };
+    ProfileWrite writeProfileDifferences(const profile::ProfileComparison& comparison);
+    // The lidar's own settings, left out of a profile unless asked for: its address (the first
+    // field of the network command) and its MAC address.
+    static bool isOwnAddressVariable(const VarInfo& var);
 
     // ---- The machine's serial ports (serial_port_list.cpp) ----
     // One map per serial port the system reports, for a connection view to offer: "portName",

@@ -118,14 +118,18 @@ class StagedCommandSender {
         UserMessageSink& messages;
     };
 
+    using StagedBytes = std::map<const VarInfo*, std::vector<uint8_t>>;
+
     StagedCommandSender(const Parts& parts, SetChannel channel,
-                        const std::set<const VarInfo*>& typed, EditStaging::FovBounds fovTable)
+                        const std::set<const VarInfo*>& typed, const StagedBytes& stagedBytes,
+                        EditStaging::FovBounds fovTable)
         : link_(parts.link),
           catalogue_(parts.catalogue),
           reads_(parts.reads),
           messages_(parts.messages),
           channel_(std::move(channel)),
           typed_(typed),
+          stagedBytes_(stagedBytes),
           fovTable_(fovTable) {}
 
     // True when every command of the plan was handled without failure.
@@ -184,10 +188,15 @@ class StagedCommandSender {
         return true;
     }
 
-    // Only what the user typed is encoded from text. Every other field goes out with exactly the
-    // bytes the lidar just returned: its display text is rounded and would move the value.
+    // Only what the user typed is encoded from text, and bytes staged as bytes go as they are.
+    // Every other field goes out with exactly the bytes the lidar just returned: its display text
+    // is rounded and would move the value.
     void encodeValues(const VarGroup& group) {
         for (const VarInfo* var : group) {
+            if (const auto staged = stagedBytes_.find(var); staged != stagedBytes_.end()) {
+                bytes_[var->var_name] = staged->second;
+                continue;
+            }
             if (!var->get_cmd.empty() && typed_.count(var) == 0) {
                 keepReadBackBytes(*var);
                 continue;
@@ -297,6 +306,7 @@ class StagedCommandSender {
     UserMessageSink& messages_;
     SetChannel channel_;
     const std::set<const VarInfo*>& typed_;
+    const StagedBytes& stagedBytes_;
     EditStaging::FovBounds fovTable_;
     BytesByName bytes_;
     std::string command_;
@@ -374,6 +384,12 @@ void EditStaging::record(VarInfo* edited, VarInfo* written) {
     typedVars_.insert(written);
 }
 
+void EditStaging::stageBytes(const VarInfo* var, const std::vector<uint8_t>& bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    setMap_[var->set_cmd] = true;
+    stagedBytes_[var] = bytes;
+}
+
 void EditStaging::stageCommand(const std::string& setCmd) {
     std::lock_guard<std::mutex> lock(mutex_);
     setMap_[setCmd] = true;
@@ -406,6 +422,7 @@ void EditStaging::clear() {
     setMap_.clear();
     editedVarMap_.clear();
     typedVars_.clear();
+    stagedBytes_.clear();
 }
 
 // A worker that stops the connection (the upgrade's outcome, its restart request) leaves the
@@ -445,12 +462,12 @@ std::pair<std::string, std::string> EditStaging::twoCases(const QString& name) {
 
 // ---- Applying ----
 
-void EditStaging::runOverVrc(int page, const FovBounds& fov) {
-    if (!catalogue_.catalogueLoaded()) return;
+bool EditStaging::runOverVrc(int page, const FovBounds& fov) {
+    if (!catalogue_.catalogueLoaded()) return false;
     std::shared_ptr<AuthorizedVrcClient> client = link_.vrcClient();
     if (!client || !client->IsOpen() || !link_.linkConnected()) {
         messages_.showError("Please connect to lidar first");
-        return;
+        return false;
     }
     SetChannel channel;
     channel.protocol = "VRC";
@@ -462,20 +479,17 @@ void EditStaging::runOverVrc(int page, const FovBounds& fov) {
         return client->SetAllChannelFov(values, count, mode);
     };
     channel.networkSetClosesConnection = true;
-    apply(page, channel, fov);
+    return apply(page, channel, fov);
 }
 
-void EditStaging::runOverSerialLines(int page, const FovBounds& fov) {
+bool EditStaging::runOverSerialLines(int page, const FovBounds& fov) {
     // The VRC-over-serial kind applies as the network kind does, over its VRC client.
-    if (link_.connectionKind() != kSerialLinesKind) {
-        runOverVrc(page, fov);
-        return;
-    }
-    if (!catalogue_.catalogueLoaded()) return;
+    if (link_.connectionKind() != kSerialLinesKind) return runOverVrc(page, fov);
+    if (!catalogue_.catalogueLoaded()) return false;
     std::shared_ptr<lidar::SerialClient> client = link_.serialClient();
     if (!client || !client->IsOpen() || !link_.linkConnected()) {
         messages_.showError("Please connect to lidar first");
-        return;
+        return false;
     }
     SetChannel channel;
     channel.protocol = "Serial";
@@ -483,37 +497,40 @@ void EditStaging::runOverSerialLines(int page, const FovBounds& fov) {
         return reads_.queryKindClient(command, payload, reply);
     };
     channel.lastCode = [client] { return client->GetLastReturnCode(); };
-    apply(page, channel, fov);
+    return apply(page, channel, fov);
 }
 
 // Run's steps from the busy checks on, over the given client.
-void EditStaging::apply(int page, const SetChannel& channel, const FovBounds& fov) {
+bool EditStaging::apply(int page, const SetChannel& channel, const FovBounds& fov) {
     if (busy_.upgrading()) {
         messages_.showError("Please wait for the lidar to upgrade completely");
-        return;
+        return false;
     }
     if (busy_.downloadingLog()) {
         messages_.showError("Please wait for the operation log to download completely");
-        return;
+        return false;
     }
     const std::optional<CatalogueEditView::VarGroups> groups = catalogue_.pageGroups(page);
-    if (!groups) return;
+    if (!groups) return false;
 
     std::map<std::string, bool> staged;
     std::set<const VarInfo*> typed;
+    std::map<const VarInfo*, std::vector<uint8_t>> bytes;
     {
         // The staged commands are consumed whatever happens next.
         std::lock_guard<std::mutex> lock(mutex_);
         staged.swap(setMap_);
         typed = typedVars_;
+        bytes.swap(stagedBytes_);
     }
     const SetCommandPlan plan = planStagedCommands(*groups, staged, catalogue_);
-    StagedCommandSender sender({link_, catalogue_, reads_, messages_}, channel, typed, fov);
+    StagedCommandSender sender({link_, catalogue_, reads_, messages_}, channel, typed, bytes, fov);
     const bool allSent = sender.sendAll(plan);
     // The typed values went with the staged commands, which are consumed either way.
     std::lock_guard<std::mutex> lock(mutex_);
     typedVars_.clear();
     if (allSent) editedVarMap_.clear();
+    return allSent;
 }
 
 // ---- The façade's staging operations ----

@@ -17,6 +17,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "sdk/types.h"
 #include "subsystem_views.h"
@@ -38,6 +39,10 @@ class EditStaging : public QObject, public EditStagingSink {
     // option index. A text that is not a number raises std::stoi's error on kind 3.
     void setText(int type, int page, int group, int row, const QString& text);
     void stageCommand(const std::string& setCmd) override;
+    // Stages exactly these bytes for a variable's field (a settings profile's): they go into its
+    // set command as they are, in place of an encoding of a text; the command's other fields go
+    // back as the lidar holds them.
+    void stageBytes(const VarInfo* var, const std::vector<uint8_t>& bytes);
     unsigned long stagedCommandCount() const;
     size_t editedVarCount() const;
     // The set commands that hold staged edits, in the set map's order.
@@ -48,10 +53,11 @@ class EditStaging : public QObject, public EditStagingSink {
     // clear() now on the owner thread, queued to its event loop from any other.
     void clearOnOwnerThread();
 
-    // Over the VRC client (kinds 0 and 2).
-    void runOverVrc(int page, const FovBounds& fov);
+    // Over the VRC client (kinds 0 and 2). True when every staged command of the page was sent
+    // and accepted (none staged counts); the user has been told either way.
+    bool runOverVrc(int page, const FovBounds& fov);
     // Over the serial client on kind 1; over the VRC client on the other kinds.
-    void runOverSerialLines(int page, const FovBounds& fov);
+    bool runOverSerialLines(int page, const FovBounds& fov);
 
     // Hexadecimal pairs appended as bytes; a "0x" prefix and a last odd digit are skipped.
     static void writeSubCmdIntoInput(const std::string& text, u8Array_t& out);
@@ -64,7 +70,7 @@ class EditStaging : public QObject, public EditStagingSink {
     void stageOption(VarInfo* var, const std::string& value);
     // Records an edit: the command that carries `written`, the row the user edited.
     void record(VarInfo* edited, VarInfo* written);
-    void apply(int page, const SetChannel& channel, const FovBounds& fov);
+    bool apply(int page, const SetChannel& channel, const FovBounds& fov);
 
     DeviceLinkView& link_;
     const BusyView& busy_;
@@ -80,4 +86,6 @@ class EditStaging : public QObject, public EditStagingSink {
     // The variables whose value the user typed since the last apply; only these are encoded
     // from text, every other field of a command goes back as the lidar returned it. Under mutex_.
     std::set<const VarInfo*> typedVars_;
+    // The fields staged as bytes since the last apply. Under mutex_.
+    std::map<const VarInfo*, std::vector<uint8_t>> stagedBytes_;
 };

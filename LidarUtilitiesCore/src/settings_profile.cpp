@@ -7,11 +7,14 @@
 #include <QJsonParseError>
 #include <QJsonValue>
 #include <QSet>
+#include <cmath>
 #include <utility>
 
 namespace profile {
 
 const char* const kFormatName = "lidar-utilities-profile";
+const char* const kNetworkSetCommand = "0x21";
+const char* const kFieldOfViewSetCommand = "0x22";
 
 bool operator==(const ProfileEntry& a, const ProfileEntry& b) {
     return a.module == b.module && a.page == b.page && a.name == b.name && a.varId == b.varId &&
@@ -27,6 +30,55 @@ bool operator==(const SettingsProfile& a, const SettingsProfile& b) {
     return a.model == b.model && a.serialNumber == b.serialNumber && a.partNumber == b.partNumber &&
            a.firmwareVersion == b.firmwareVersion && a.time == b.time && a.excluded == b.excluded &&
            a.settings == b.settings && a.fieldOfView == b.fieldOfView && a.record == b.record;
+}
+
+// ---- Comparing --------------------------------------------------------------------------------
+
+std::optional<int> boundTenths(const QString& text) {
+    bool ok = false;
+    const double degrees = text.toDouble(&ok);
+    if (!ok || !(degrees >= 0.0 && degrees <= 360.0)) return std::nullopt;
+    const double tenths = degrees * 10.0;
+    const double whole = std::round(tenths);
+    // Decimal texts such as "72.3" are not exact in binary; a whole number of tenths is within a
+    // hair of one.
+    if (std::fabs(tenths - whole) > 1e-6) return std::nullopt;
+    return static_cast<int>(whole);
+}
+
+namespace {
+
+bool sameFieldOfView(const ProfileFieldOfView& a, const ProfileFieldOfView& b) {
+    bool okA = false, okB = false;
+    if (a.mode.toInt(&okA) != b.mode.toInt(&okB) || !okA || !okB) return false;
+    if (a.bounds.size() != b.bounds.size()) return false;
+    for (int i = 0; i < a.bounds.size(); ++i) {
+        const std::optional<int> x = boundTenths(a.bounds[i]);
+        if (!x || x != boundTenths(b.bounds[i])) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ProfileComparison::fieldOfViewDiffers() const {
+    if (!profileFieldOfView) return false;
+    return !lidarFieldOfView || !sameFieldOfView(*lidarFieldOfView, *profileFieldOfView);
+}
+
+QStringList ProfileComparison::plannedCommands() const {
+    QStringList commands;
+    bool network = false;
+    for (const FieldDifference& difference : differences) {
+        if (difference.setCommand == kNetworkSetCommand)
+            network = true;
+        else if (!commands.contains(difference.setCommand))
+            commands << difference.setCommand;
+    }
+    if (fieldOfViewDiffers()) commands << kFieldOfViewSetCommand;
+    // The lidar drops the connection once it takes the network command.
+    if (network) commands << kNetworkSetCommand;
+    return commands;
 }
 
 // ---- Writing ---------------------------------------------------------------------------------

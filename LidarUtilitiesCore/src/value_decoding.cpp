@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include "developer_log.h"
@@ -158,6 +159,53 @@ std::string numericText(const std::string& type, const std::vector<uint8_t>& val
 
 enum class StagedVerdict { kPass, kTooLong, kBadIp, kBadMac, kOutOfRange, kNotANumber };
 
+// A field's display text, or why there is none: a problem for the SDK's logger (the catalogue
+// promises a length the bytes do not have) or for the developer lines (a type nobody decodes).
+struct DecodedText {
+    std::optional<std::string> text;
+    std::string loggerProblem;
+    std::string developerProblem;
+};
+
+DecodedText decodeText(const VarInfo& var, const std::vector<uint8_t>& value) {
+    const std::string& type = var.var_type;
+    DecodedText out;
+    if (type == "IP") {
+        out.text = joinedDecimalBytes(value);
+    } else if (type == "MAC") {
+        // A short one is said and shown empty, as designed.
+        out.text = value.size() >= 6 ? macText(value) : std::string();
+        if (value.size() < 6)
+            out.loggerProblem = "MAC address size is less than 6, please check your config file";
+    } else if (type == "HWVER" || type == "SWVER_YMD") {
+        if (value.size() != 16) {
+            // The same message for both types, spelling included: log readers search for it.
+            out.loggerProblem = "HWVER size is not qual to 16, please check your config file";
+        } else {
+            out.text =
+                type == "HWVER" ? hardwareVersionText(value) : softwareDateVersionText(value);
+        }
+    } else if (type == "string") {
+        out.text = LidarUtilitiesManager::trim(std::string(value.begin(), value.end()));
+    } else if (type == "DT") {
+        out.text = durationText(value);
+    } else if (const size_t width = numericWidth(type); width > 0) {
+        // The catalogue promises offset == width; a shorter one must not read past the bytes.
+        if (value.size() < width)
+            out.loggerProblem = type + " size is less than " + std::to_string(width) +
+                                ", please check your config file";
+        else
+            out.text = numericText(type, value, var.scale);
+    } else if (type == "SN" || type == "PN") {
+        out.text = paddedText(value);
+    } else if (type == "BYTES") {
+        out.text = hexPairsText(value);
+    } else {
+        out.developerProblem = "var_type not support: " + type;
+    }
+    return out;
+}
+
 bool exactlyMatches(const char* pattern, const std::string& text) {
     // QRegExp is not safe to share between threads (it caches match state), so one per call.
     QRegExp expression(pattern);
@@ -279,47 +327,13 @@ void PageReader::updateSingleVarFromOutput(VarInfo& var, uint8_t cmd,
     if (!extractValue(var, cmd, output, value) || !update) return;
 
     // The text is computed first and stored under the lock, so readers never see half a text.
-    const std::string& type = var.var_type;
-    std::string text;
-    if (type == "IP") {
-        text = joinedDecimalBytes(value);
-    } else if (type == "MAC") {
-        if (value.size() >= 6) {
-            text = macText(value);
-        } else {
-            logToSdkLogger(__LINE__, Q_FUNC_INFO,
-                           "MAC address size is less than 6, please check your config file");
-        }
-    } else if (type == "HWVER" || type == "SWVER_YMD") {
-        if (value.size() != 16) {
-            // The same message for both types, spelling included: log readers search for it.
-            logToSdkLogger(__LINE__, Q_FUNC_INFO,
-                           "HWVER size is not qual to 16, please check your config file");
-            return;
-        }
-        text = type == "HWVER" ? hardwareVersionText(value) : softwareDateVersionText(value);
-    } else if (type == "string") {
-        text = LidarUtilitiesManager::trim(std::string(value.begin(), value.end()));
-    } else if (type == "DT") {
-        text = durationText(value);
-    } else if (const size_t width = numericWidth(type); width > 0) {
-        // The catalogue promises offset == width; a shorter one must not read past the bytes.
-        if (value.size() < width) {
-            logToSdkLogger(__LINE__, Q_FUNC_INFO,
-                           type + " size is less than " + std::to_string(width) +
-                               ", please check your config file");
-            return;
-        }
-        text = numericText(type, value, var.scale);
-    } else if (type == "SN" || type == "PN") {
-        text = paddedText(value);
-    } else if (type == "BYTES") {
-        text = hexPairsText(value);
-    } else {
-        developer_log::writeDeveloperLine("var_type not support: " + type);
-        return;
-    }
-
+    const DecodedText decoded = decodeText(var, value);
+    if (!decoded.loggerProblem.empty())
+        logToSdkLogger(__LINE__, Q_FUNC_INFO, decoded.loggerProblem);
+    if (!decoded.developerProblem.empty())
+        developer_log::writeDeveloperLine(decoded.developerProblem);
+    if (!decoded.text) return;
+    const std::string& text = *decoded.text;
     catalogue_.storeCurrentValue(var, text);
 }
 
@@ -347,6 +361,11 @@ QString qs(const std::string& text) {
 }
 
 }  // namespace
+
+std::optional<std::string> LidarUtilitiesManager::valueText(const VarInfo& var,
+                                                            const std::vector<uint8_t>& bytes) {
+    return decodeText(var, bytes).text;
+}
 
 bool LidarUtilitiesManager::textWithinLimits(const VarInfo& var, const std::string& text) {
     if (!limitsApply(var)) return true;

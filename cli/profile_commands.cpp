@@ -1,0 +1,339 @@
+// export, diff and apply: a lidar's settings captured to a profile file, compared with one, and
+// brought to one (docs/profiles.md). The manager reads, compares and writes; this file reads and
+// writes the files and says what happened.
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+
+#include "commands.h"
+#include "output.h"
+#include "session.h"
+#include "settings_profile.h"
+
+namespace cli {
+namespace {
+
+// How long a restarted lidar may take to answer again.
+constexpr int kRestartAnswerSeconds = 60;
+
+QString utcNow() {
+    return QDateTime::currentDateTimeUtc().toString(Qt::ISODate);
+}
+
+// Where export writes: the file named, or <serial number>.json in the folder named.
+QString exportPath(const QString& output, const profile::SettingsProfile& captured,
+                   QString* error) {
+    if (!QFileInfo(output).isDir()) return output;
+    if (captured.serialNumber.isEmpty()) {
+        *error = "the lidar reported no serial number to name the file in " + output +
+                 " after; name the file instead";
+        return QString();
+    }
+    return QDir(output).filePath(captured.serialNumber + ".json");
+}
+
+bool writeFile(const QString& path, const QByteArray& content, QString* error) {
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size() ||
+        !file.commit()) {
+        *error = "cannot write " + path + ": " + file.errorString();
+        return false;
+    }
+    return true;
+}
+
+// Reads and checks a profile file; kExitOk, or kExitUsage with the reason printed.
+int loadProfile(const QString& path, profile::SettingsProfile* out) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        printDiagnostic("error: cannot read " + path + ": " + file.errorString());
+        return kExitUsage;
+    }
+    QString error;
+    if (!profile::readProfile(file.readAll(), out, &error)) {
+        printDiagnostic("error: " + path + " is not a profile this program reads: " + error);
+        return kExitUsage;
+    }
+    return kExitOk;
+}
+
+// The refusals of a profile the loaded model cannot take, each on its own line; kExitOk when
+// there is none.
+int refuseUnfitProfile(Session& session, const QString& path,
+                       const profile::SettingsProfile& loaded) {
+    const QStringList refusals = session.manager().profileRefusals(loaded);
+    if (refusals.isEmpty()) return kExitOk;
+    for (const QString& refusal : refusals) printDiagnostic("error: " + path + ": " + refusal);
+    printDiagnostic("nothing was written");
+    return kExitUsage;
+}
+
+QString withUnit(const QString& text, const QString& unit) {
+    return unit.isEmpty() ? text : text + " " + unit;
+}
+
+void printFieldOfViewDifferences(const profile::ProfileComparison& comparison) {
+    printResult(QString(profile::kFieldOfViewSetCommand) + " (field of view):");
+    const profile::ProfileFieldOfView& wanted = *comparison.profileFieldOfView;
+    const profile::ProfileFieldOfView lidar =
+        comparison.lidarFieldOfView.value_or(profile::ProfileFieldOfView{});
+    if (lidar.mode != wanted.mode) printResult("  mode: " + lidar.mode + " -> " + wanted.mode);
+    for (int i = 0; i < wanted.bounds.size(); ++i) {
+        const QString now = i < lidar.bounds.size() ? lidar.bounds[i] : QString("?");
+        if (profile::boundTenths(now) != profile::boundTenths(wanted.bounds[i]))
+            printResult("  " + QString(i < 5 ? "start " : "end ") + QString::number(i % 5 + 1) +
+                        ": " + now + " -> " + wanted.bounds[i] + " °");
+    }
+}
+
+// The differences for people: grouped by the set command that writes them, in the order an
+// apply sends them.
+void printDifferences(const profile::ProfileComparison& comparison) {
+    for (const QString& command : comparison.plannedCommands()) {
+        if (command == profile::kFieldOfViewSetCommand) {
+            printFieldOfViewDifferences(comparison);
+            continue;
+        }
+        bool headed = false;
+        for (const profile::FieldDifference& difference : comparison.differences) {
+            if (difference.setCommand != command) continue;
+            if (!headed)
+                printResult(command + " (" + difference.module + " / " + difference.page + "):");
+            headed = true;
+            printResult("  " + difference.name + ": " +
+                        withUnit(difference.lidarText, difference.unit) + " -> " +
+                        withUnit(difference.profileText, difference.unit));
+        }
+    }
+}
+
+QJsonObject differencesJson(const profile::ProfileComparison& comparison) {
+    QJsonArray fields;
+    for (const profile::FieldDifference& difference : comparison.differences)
+        fields.append(QJsonObject{{"set_command", difference.setCommand},
+                                  {"module", difference.module},
+                                  {"page", difference.page},
+                                  {"name", difference.name},
+                                  {"var_id", difference.varId},
+                                  {"lidar_bytes", QString(difference.lidarBytes.toHex())},
+                                  {"profile_bytes", QString(difference.profileBytes.toHex())},
+                                  {"lidar_text", difference.lidarText},
+                                  {"profile_text", difference.profileText},
+                                  {"unit", difference.unit}});
+    QJsonObject json{{"matches", comparison.matches()},
+                     {"differences", fields},
+                     {"warnings", QJsonArray::fromStringList(comparison.warnings)}};
+    if (comparison.fieldOfViewDiffers()) {
+        const auto fov = [](const profile::ProfileFieldOfView& f) {
+            return QJsonObject{{"mode", f.mode}, {"bounds", QJsonArray::fromStringList(f.bounds)}};
+        };
+        json["field_of_view"] = QJsonObject{
+            {"lidar", fov(comparison.lidarFieldOfView.value_or(profile::ProfileFieldOfView{}))},
+            {"profile", fov(*comparison.profileFieldOfView)}};
+    }
+    return json;
+}
+
+int differenceCount(const profile::ProfileComparison& comparison) {
+    return comparison.differences.size() + (comparison.fieldOfViewDiffers() ? 1 : 0);
+}
+
+// Reads the lidar and compares; kExitOk with *out filled, or kExitFailed, said.
+int compare(Session& session, const profile::SettingsProfile& loaded,
+            profile::ProfileComparison* out) {
+    QString error;
+    if (!session.manager().compareWithProfile(loaded, out, &error)) {
+        printDiagnostic("error: " + error);
+        return kExitFailed;
+    }
+    for (const QString& warning : out->warnings) printDiagnostic("warning: " + warning);
+    return kExitOk;
+}
+
+// The profile's address for the lidar, when it holds one that the network command writes.
+QString profileAddress(Session& session, const profile::SettingsProfile& loaded) {
+    for (const profile::ProfileEntry& entry : loaded.settings) {
+        const VarInfo* var = session.manager().searchVarPtr(entry.varId.toStdString(), "var_id");
+        if (var != nullptr && LidarUtilitiesManager::isOwnAddressVariable(*var))
+            return QString::fromStdString(
+                LidarUtilitiesManager::valueText(*var, {entry.bytes.begin(), entry.bytes.end()})
+                    .value_or(std::string()));
+    }
+    return QString();
+}
+
+}  // namespace
+
+// ---- export ----
+
+int commandExport(Session& session) {
+    LidarUtilitiesManager::ProfileScope scope;
+    for (const QString& name : session.options().arguments) {
+        const int module = session.findModule(name);
+        if (module < 0)
+            return usageError("unknown module '" + name +
+                              "'; the modules are: " + session.moduleNames().join(", "));
+        scope.modules << module;
+    }
+    scope.excluded = session.options().excluded;
+    scope.includeOwnAddress = session.options().includeNetwork;
+    scope.withRecord = session.options().all;
+    if (int status = session.connect(); status != kExitOk) return status;
+
+    profile::SettingsProfile captured;
+    QString error;
+    if (!session.manager().captureProfile(scope, &captured, &error)) {
+        printDiagnostic("error: " + error);
+        return error.startsWith("--exclude") ? kExitUsage : kExitFailed;
+    }
+    captured.time = utcNow();
+    const QByteArray json = profile::writeProfile(captured);
+    const QString output = session.options().output;
+    if (output.isEmpty()) {
+        printResult(QString::fromUtf8(json).trimmed());
+        return kExitOk;
+    }
+    const QString path = exportPath(output, captured, &error);
+    if (path.isEmpty() || !writeFile(path, json, &error)) {
+        printDiagnostic("error: " + error);
+        return kExitFailed;
+    }
+    printDiagnostic("wrote " + path + ": " + QString::number(captured.settings.size()) +
+                    " settings" + (captured.fieldOfView ? ", the field of view" : "") +
+                    (captured.record.isEmpty()
+                         ? QString()
+                         : ", " + QString::number(captured.record.size()) + " recorded values"));
+    printResult(path);
+    return kExitOk;
+}
+
+// ---- diff ----
+
+int commandDiff(Session& session) {
+    if (session.options().arguments.size() != 1) return usageError("diff takes one profile file");
+    const QString path = session.options().arguments.front();
+    profile::SettingsProfile loaded;
+    if (int status = loadProfile(path, &loaded); status != kExitOk) return status;
+    if (loaded.model != session.options().model)
+        return usageError("the profile " + path + " is for " + loaded.model + ", not " +
+                          session.options().model + " (use --model " + loaded.model + ")");
+    if (int status = session.connect(); status != kExitOk) return status;
+    profile::ProfileComparison comparison;
+    if (int status = compare(session, loaded, &comparison); status != kExitOk) return status;
+    if (session.options().json)
+        printJson(QJsonDocument(differencesJson(comparison)));
+    else
+        printDifferences(comparison);
+    if (comparison.matches()) {
+        printDiagnostic("the lidar matches " + path);
+        return kExitOk;
+    }
+    printDiagnostic(QString::number(differenceCount(comparison)) + " field(s) differ from " + path);
+    return kExitDiffers;
+}
+
+// ---- apply ----
+
+namespace {
+
+// After the network command: connects again (restarting the lidar first with --restart) and
+// verifies. The status apply ends with.
+int verifyAfterNetworkWrite(Session& session, const profile::SettingsProfile& loaded) {
+    const bool restart = session.options().restart;
+    if (!session.reconnect()) {
+        printDiagnostic("error: the network settings were written; the lidar did not answer at " +
+                        QString("its old address afterwards, so nothing could be verified"));
+        return kExitFailed;
+    }
+    if (restart) {
+        printDiagnostic("restarting the lidar so that it takes the network settings ...");
+        if (session.manager().Restart() != 0) {
+            printDiagnostic(
+                "error: the lidar did not take the restart command; the network "
+                "settings are written, not verified");
+            return kExitFailed;
+        }
+        session.manager().Stop();
+        if (!session.awaitLidar(profileAddress(session, loaded), kRestartAnswerSeconds))
+            return kExitFailed;
+    }
+    profile::ProfileComparison after;
+    if (int status = compare(session, loaded, &after); status != kExitOk) return status;
+    // Before a restart the lidar may still report the network settings it runs with.
+    if (!restart) {
+        QVector<profile::FieldDifference> others;
+        for (const profile::FieldDifference& difference : after.differences)
+            if (difference.setCommand != profile::kNetworkSetCommand) others << difference;
+        after.differences = others;
+    }
+    if (!after.matches()) {
+        printDiagnostic("error: after writing, the lidar still differs from the profile:");
+        printDifferences(after);
+        return kExitFailed;
+    }
+    if (restart) {
+        printDiagnostic(
+            "verified: the lidar holds the profile's bytes, the network settings "
+            "too, after its restart");
+        return kExitOk;
+    }
+    printDiagnostic("verified: every other setting; the network settings (" +
+                    QString(profile::kNetworkSetCommand) +
+                    ") were written, and the lidar takes them at its next restart: not verified "
+                    "(--restart restarts it and verifies them)");
+    return kExitUnverified;
+}
+
+}  // namespace
+
+int commandApply(Session& session) {
+    if (session.options().arguments.size() != 1) return usageError("apply takes one profile file");
+    const QString path = session.options().arguments.front();
+    profile::SettingsProfile loaded;
+    if (int status = loadProfile(path, &loaded); status != kExitOk) return status;
+    if (int status = refuseUnfitProfile(session, path, loaded); status != kExitOk) return status;
+    if (int status = session.connect(); status != kExitOk) return status;
+
+    profile::ProfileComparison comparison;
+    if (int status = compare(session, loaded, &comparison); status != kExitOk) return status;
+    if (comparison.matches()) {
+        printDiagnostic("the lidar already matches " + path + "; nothing to write");
+        return kExitOk;
+    }
+    printResult(QString(session.options().dryRun ? "would write" : "writing") + ":");
+    printDifferences(comparison);
+    if (session.options().dryRun) return kExitOk;
+
+    const LidarUtilitiesManager::ProfileWrite written =
+        session.manager().writeProfileDifferences(comparison);
+    if (!written.failed.isEmpty()) {
+        printDiagnostic("error: " + written.failed + " was not written" +
+                        (written.written.isEmpty()
+                             ? QString("; nothing was written")
+                             : "; written before it: " + written.written.join(", ")));
+        return kExitFailed;
+    }
+    if (session.options().noVerify) {
+        printDiagnostic("written: " + written.written.join(", ") + "; not verified (--no-verify)");
+        return kExitUnverified;
+    }
+    if (written.networkWritten) return verifyAfterNetworkWrite(session, loaded);
+    profile::ProfileComparison after;
+    if (int status = compare(session, loaded, &after); status != kExitOk) return status;
+    if (!after.matches()) {
+        printDiagnostic("error: after writing, the lidar still differs from the profile:");
+        printDifferences(after);
+        return kExitFailed;
+    }
+    printDiagnostic("verified: the lidar holds the profile's bytes (" + written.written.join(", ") +
+                    " written)");
+    return kExitOk;
+}
+
+}  // namespace cli
