@@ -252,7 +252,7 @@ TEST(Profile, CaptureScopeTakesModulesExclusionsAndTheRecord) {
     EXPECT_TRUE(error.contains("Warp Drive"));
 }
 
-TEST(Profile, RefusalsNameTheKeyAndWriteNothing) {
+TEST(Profile, EveryRefusalNamesItsKey) {
     auto lidar = StartSimulator("Egret");
     profile::SettingsProfile taken = capture(*lidar, "Egret");
     ManagerSession s("Egret");

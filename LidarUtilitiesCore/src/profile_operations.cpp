@@ -440,6 +440,10 @@ LidarUtilitiesManager::ProfileWrite LidarUtilitiesManager::writeProfileDifferenc
         int module = -1;
         if (command == profile::kFieldOfViewSetCommand) {
             const VarInfo* modeVar = fieldOfViewModeVariable(placed);
+            if (modeVar == nullptr || !comparison.profileFieldOfView) {
+                result.failed = command;
+                return result;
+            }
             const profile::ProfileFieldOfView& wanted = *comparison.profileFieldOfView;
             for (int i = 0; i < wanted.bounds.size(); ++i) fov_->setBound(i, wanted.bounds[i]);
             staging_->stageBytes(modeVar, {static_cast<uint8_t>(wanted.mode.toInt())});
@@ -449,6 +453,7 @@ LidarUtilitiesManager::ProfileWrite LidarUtilitiesManager::writeProfileDifferenc
             for (const profile::FieldDifference& difference : comparison.differences) {
                 if (difference.setCommand != command) continue;
                 const PlacedVariable* found = findByVarId(placed, difference.varId);
+                if (found == nullptr) continue;  // a comparison made with another catalogue
                 staging_->stageBytes(found->var, toBytes(difference.profileBytes));
                 module = found->module;
             }
