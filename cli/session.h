@@ -103,6 +103,7 @@ class Session {
     bool startSerialSimulator();
     bool chooseSerialLines();
     bool attemptConnection();
+    void tellSerialNumber();
     bool baudRateAnswered();
     QString endpoint() const;
 
