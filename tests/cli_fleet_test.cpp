@@ -17,6 +17,7 @@
 #include <QSet>
 #include <QString>
 #include <QStringList>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -282,33 +283,49 @@ TEST(Fleet, UsageErrorsAreRefusedBeforeAnyLidarIsReached) {
     }
 }
 
-// lidarutil --hosts in a process group of its own, as a shell runs a foreground job: a Ctrl-C at
-// the terminal signals the whole group. One lidar at a time, each slow to give its device
-// information, so that when the first line is out the second lidar runs and the third waits.
+// lidarutil --hosts -j 2 in a process group of its own, as a shell runs a foreground job: a
+// Ctrl-C at the terminal signals the whole group. The first lidar answers at once, the three
+// others are slow to give their device information: when the first lidar's line is out, the
+// second lidar has been running since the start, the third has just started and the fourth
+// waits.
 class InterruptedFleet {
   public:
-    InterruptedFleet() : lidars_(3, {"0x07:delay=400"}), folder_(lidars_.hosts()) {
+    InterruptedFleet() : fast_(1), slow_(3, {"0x07:delay=400"}) {
+        hosts_ = fast_.hosts() + slow_.hosts();
+        folder_ = std::make_unique<FleetFolder>(hosts_);
         testsupport::ProcessSetup setup;
-        setup.workingDirectory = folder_.path().toStdString();
+        setup.workingDirectory = folder_->path().toStdString();
         setup.ownGroup = true;
         setup.stopSignal = SIGKILL;
         fleet_ = std::make_unique<ProgramProcess>(
-            kLidarutil, std::vector<std::string>{"--hosts", "hosts.txt", "-j", "1", "info"}, setup);
+            kLidarutil, std::vector<std::string>{"--hosts", "hosts.txt", "-j", "2", "info"}, setup);
     }
-    // The first lidar's line, then Ctrl-C at the terminal: the fleet warns and goes on.
+    // The first lidar's line, then Ctrl-C at the terminal: the fleet warns.
     void interruptAfterTheFirstLidar() {
-        const QJsonObject first = jsonLines(QString::fromStdString(fleet_->Line())).at(0);
-        EXPECT_EQ(text(first, "host"), lidars_.hosts()[0]);
+        const std::vector<QJsonObject> first = jsonLines(QString::fromStdString(fleet_->Line()));
+        ASSERT_EQ(first.size(), 1u);
+        EXPECT_EQ(text(first[0], "host"), hosts_[0]);
         fleet_->SignalGroup(SIGINT);
         EXPECT_TRUE(fleet_->WaitForErrorLine("stopping now leaves", &warning_));
     }
     ProgramProcess& fleet() { return *fleet_; }
-    const QString warning() const { return QString::fromStdString(warning_); }
-    const Lidars& lidars() const { return lidars_; }
+    QString warning() const { return QString::fromStdString(warning_); }
+    // The lines printed after the first, by host.
+    std::map<QString, QJsonObject> laterLines() {
+        const QString rest = QString::fromStdString(fleet_->RestOfOutput());
+        std::map<QString, QJsonObject> byHost;
+        for (const QJsonObject& line : jsonLines(rest)) byHost[text(line, "host")] = line;
+        EXPECT_EQ(byHost.size(), 3u) << rest.toStdString();
+        return byHost;
+    }
+    // "127.0.0.1:PORT" of the slow lidar I, and its serial number.
+    const QString& slowHost(int index) const { return slow_.hosts()[index]; }
 
   private:
-    Lidars lidars_;
-    FleetFolder folder_;
+    Lidars fast_;
+    Lidars slow_;
+    QStringList hosts_;
+    std::unique_ptr<FleetFolder> folder_;
     std::unique_ptr<ProgramProcess> fleet_;
     std::string warning_;
 };
@@ -317,38 +334,34 @@ TEST(Fleet, TheFirstCtrlCOnlyWarnsWhatStoppingWouldLeaveAndEveryLidarStillSuccee
     InterruptedFleet run;
     run.interruptAfterTheFirstLidar();
     EXPECT_TRUE(
-        run.warning().contains("1 lidar done, 1 running (their command cut short), 1 not "
-                               "started"))
+        run.warning().contains("1 lidar done, 2 running (their command cut short), 1 not started"))
         << run.warning().toStdString();
     EXPECT_EQ(run.fleet().WaitForExit(), 0);
-    const QString rest = QString::fromStdString(run.fleet().RestOfOutput());
-    const std::vector<QJsonObject> later = jsonLines(rest);
-    ASSERT_EQ(later.size(), 2u) << rest.toStdString();
-    for (size_t i = 0; i < later.size(); ++i) {
-        EXPECT_EQ(text(later[i], "host"), run.lidars().hosts()[int(i) + 1]);
-        EXPECT_EQ(exitStatus(later[i]), 0) << text(later[i], "error").toStdString();
-        EXPECT_EQ(text(later[i], "serial_number"), simulatedSerialNumber(int(i) + 1));
+    std::map<QString, QJsonObject> later = run.laterLines();
+    for (int i = 0; i < 3; ++i) {
+        const QJsonObject& line = later[run.slowHost(i)];
+        EXPECT_EQ(exitStatus(line), 0) << text(line, "error").toStdString();
+        EXPECT_EQ(text(line, "serial_number"), simulatedSerialNumber(i));
     }
     const QString errors = QString::fromStdString(run.fleet().RestOfErrors());
-    EXPECT_TRUE(errors.contains("3 lidars: 3 succeeded, 0 failed")) << errors.toStdString();
+    EXPECT_TRUE(errors.contains("4 lidars: 4 succeeded, 0 failed")) << errors.toStdString();
 }
 
-TEST(Fleet, TheSecondCtrlCAbandonsTheRunningLidarAndStartsNoOther) {
+TEST(Fleet, TheSecondCtrlCAbandonsTheRunningLidarsAndStartsNoOther) {
     InterruptedFleet run;
     run.interruptAfterTheFirstLidar();
     run.fleet().SignalGroup(SIGINT);
     EXPECT_EQ(run.fleet().WaitForExit(), 1);
-    const QString rest = QString::fromStdString(run.fleet().RestOfOutput());
-    const std::vector<QJsonObject> later = jsonLines(rest);
-    ASSERT_EQ(later.size(), 2u) << rest.toStdString();
-    EXPECT_EQ(text(later[0], "host"), run.lidars().hosts()[1]);
-    EXPECT_EQ(exitStatus(later[0]), -1);
-    EXPECT_TRUE(text(later[0], "error").contains("abandoned")) << rest.toStdString();
-    EXPECT_EQ(text(later[1], "host"), run.lidars().hosts()[2]);
-    EXPECT_EQ(exitStatus(later[1]), -1);
-    EXPECT_TRUE(text(later[1], "error").contains("not started")) << rest.toStdString();
+    std::map<QString, QJsonObject> later = run.laterLines();
+    for (int i = 0; i < 2; ++i) {
+        const QJsonObject& line = later[run.slowHost(i)];
+        EXPECT_EQ(exitStatus(line), -1);
+        EXPECT_EQ(text(line, "error"), "abandoned by Ctrl-C");
+    }
+    EXPECT_EQ(exitStatus(later[run.slowHost(2)]), -1);
+    EXPECT_TRUE(text(later[run.slowHost(2)], "error").startsWith("not started"));
     const QString errors = QString::fromStdString(run.fleet().RestOfErrors());
-    EXPECT_TRUE(errors.contains("3 lidars: 1 succeeded, 0 failed, 1 abandoned, 1 not started"))
+    EXPECT_TRUE(errors.contains("4 lidars: 1 succeeded, 0 failed, 2 abandoned, 1 not started"))
         << errors.toStdString();
 }
 
