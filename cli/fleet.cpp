@@ -130,7 +130,7 @@ class FleetRun {
         poll.start(kPollMs);
         QTimer::singleShot(0, &loop_, [this] { startWaiting(); });
         loop_.exec();
-        board_.draw(runs_);
+        board_.erase();
         printDiagnostic(closingTable(runs_));
         printDiagnostic(totalLine(runs_));
         if (reportFailed_) return kExitFailed;
@@ -193,19 +193,18 @@ class FleetRun {
 
     void tell(const LidarRun& run, const QByteArray& err) {
         const QString line = jsonLine(run);
+        board_.erase();
         printResult(line);
         if (report_ != nullptr && !reportFailed_) {
             const QByteArray bytes = (line + "\n").toUtf8();
             if (report_->write(bytes) != bytes.size() || !report_->flush()) {
                 reportFailed_ = true;
-                board_.leaveDrawing();
                 printDiagnostic("error: cannot write the report " + report_->fileName() + ": " +
                                 report_->errorString());
             }
         }
         // --verbose: what the child said, after its line, each line under the lidar's name.
         if (options_.verbose && !err.isEmpty()) {
-            board_.leaveDrawing();
             for (const QByteArray& said : err.split('\n'))
                 if (!said.isEmpty())
                     printDiagnostic(shownHost(run.host) + ": " + QString::fromUtf8(said));
@@ -216,7 +215,7 @@ class FleetRun {
     // The first Ctrl-C warns what stopping now leaves; the second abandons the fleet.
     void checkInterrupts() {
         if (!interrupted.exchange(false) || abandoned_) return;
-        board_.leaveDrawing();
+        board_.erase();
         if (++interrupts_ == 1) {
             printDiagnostic(interruptWarning(options_.command, runs_));
             board_.draw(runs_);

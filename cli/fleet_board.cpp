@@ -62,7 +62,9 @@ void FleetBoard::draw(const QVector<LidarRun>& runs) {
     drawnLines_ = lines.size();
 }
 
-void FleetBoard::leaveDrawing() {
+void FleetBoard::erase() {
+    if (!terminal_ || drawnLines_ == 0) return;
+    writeProgress("\x1b[" + QString::number(drawnLines_) + "A\r\x1b[J", false);
     drawnLines_ = 0;
 }
 

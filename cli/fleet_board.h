@@ -17,8 +17,10 @@ class FleetBoard {
     explicit FleetBoard(int lidarCount);
     // Draws the lidars' states over the previous drawing.
     void draw(const QVector<LidarRun>& runs);
-    // Lines were written below the drawing: the next one starts below them.
-    void leaveDrawing();
+    // Takes the drawing off the screen, for a line to be printed where it was (a lidar's JSON
+    // line when the results go to the same terminal, a warning, the closing table); the next
+    // drawing comes below that line.
+    void erase();
 
   private:
     QStringList linesFor(const QVector<LidarRun>& runs) const;

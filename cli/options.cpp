@@ -376,9 +376,12 @@ struct ProgramValues {
 
 // Fleet mode: one command against every lidar of a hosts file (fleet.h).
 void declareFleetOptions(CLI::App& app, ProgramValues& values, Options& options) {
+    const std::string commands = fleetCommands().join(", ").toStdString();
     app.add_option("--hosts", values.hostsFile,
-                   "run the command against every lidar of FILE (one HOST[:PORT] a line), each "
-                   "in a lidarutil of its own; one JSON line per lidar on standard output")
+                   "run the command (" + commands +
+                       ") against every lidar of FILE (one HOST[:PORT] a line, # comments), "
+                       "each in a lidarutil of its own; one JSON line per lidar on standard "
+                       "output, a table on standard error")
         ->type_name("FILE")
         ->check(notEmpty("a hosts file"));
     app.add_option("-j,--jobs", options.jobs,
