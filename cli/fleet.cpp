@@ -17,6 +17,7 @@
 #include "fleet_outcome.h"
 #include "interrupt.h"
 #include "output.h"
+#include "sdk/catalogue_folders.h"
 #include "workplace.h"
 
 namespace cli {
@@ -257,6 +258,23 @@ class FleetRun {
     bool reportFailed_ = false;
 };
 
+// What every child would refuse alike, refused once: no catalogues (their working folder is made
+// here, before the children start together) or a model they do not have.
+bool catalogueHasModel(const QString& model) {
+    lidar::Workplace workplace;
+    std::string error;
+    if (!lidar::ChooseWorkplace(&workplace, &error)) {
+        usageError(QString::fromStdString(error));
+        return false;
+    }
+    QStringList names;
+    for (const lidar::ModelSource& source : workplace.models)
+        names << QString::fromStdString(source.name);
+    if (names.contains(model)) return true;
+    usageError("unknown model '" + model + "'; the models are: " + names.join(", "));
+    return false;
+}
+
 }  // namespace
 
 QStringList fleetChildArguments(const Options& options, const FleetHost& host,
@@ -269,7 +287,8 @@ QStringList fleetChildArguments(const Options& options, const FleetHost& host,
 
 int runFleet(const Options& options) {
     QVector<FleetHost> hosts;
-    if (!readHosts(options.hostsFile, &hosts)) return kExitUsage;
+    if (!readHosts(options.hostsFile, &hosts) || !catalogueHasModel(options.model))
+        return kExitUsage;
     QFile report(options.reportFile);
     if (!options.reportFile.isEmpty() &&
         !report.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))

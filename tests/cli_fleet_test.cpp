@@ -270,6 +270,7 @@ TEST(Fleet, UsageErrorsAreRefusedBeforeAnyLidarIsReached) {
         {{"--hosts", "missing.txt", "info"}, "missing.txt"},
         {{"--hosts", "hosts.txt", "-j", "0", "info"}, "-j"},
         {{"--hosts", "hosts.txt", "set", "Return Mode=1"}, "info, read"},
+        {{"--hosts", "hosts.txt", "--model", "Osprey", "info"}, "unknown model 'Osprey'"},
         {{"-j", "2", "info"}, "--hosts"},
         {{"--report", "r.jsonl", "info"}, "--hosts"},
         {{"--hosts", "hosts.txt", "--report", "no-such-folder/r.jsonl", "info"}, "r.jsonl"},
