@@ -92,10 +92,16 @@ QStringList withAbsolutePaths(const QStringList& arguments, const Options& optio
 // fleet, and ended (SIGTERM) when the fleet dies without ending it.
 class ChildProcess : public QProcess {
   protected:
+    // Runs in the child, between fork and exec.
     void setupChildProcess() override {
         ::setpgid(0, 0);
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        // The fleet may have died before the request was made: nobody would then end this one.
+        if (::getppid() != fleet_) ::_exit(kExitFailed);
     }
+
+  private:
+    const pid_t fleet_ = ::getpid();
 };
 
 bool readHosts(const QString& path, QVector<FleetHost>* hosts) {
@@ -112,6 +118,8 @@ bool readHosts(const QString& path, QVector<FleetHost>* hosts) {
     return true;
 }
 
+// The fleet's event loop: starts the children, at most options.jobs at a time, tells each lidar's
+// end as it comes and follows Ctrl-C; the closing table and the exit status at the end.
 class FleetRun {
   public:
     FleetRun(const Options& options, const QVector<FleetHost>& hosts, QFile* report)
