@@ -26,20 +26,14 @@ bool saysSomething(const QString& line) {
     return line.contains(kWord);
 }
 
-// The starts of the lines in which lidarutil says what failed: its own errors and usage errors,
-// the manager's ERROR lines and a refused authorisation. The first three are taken off: the JSON
-// line's key already says that it is an error.
-const QStringList& errorLineStarts() {
-    static const QStringList kStarts = {"error: ", "ERROR: ", "lidarutil: ", "not authorised: "};
-    return kStarts;
-}
-
-// The error a line tells, or an empty text.
+// The error a line of lidarutil's standard error tells, or an empty text: its own errors and
+// usage errors and the manager's ERROR lines, their label taken off (the JSON line's key already
+// says that it is an error), and a refused authorisation, whose start is part of the sentence.
 QString errorIn(const QString& line) {
-    const QStringList& starts = errorLineStarts();
-    for (int i = 0; i < starts.size(); ++i)
-        if (line.startsWith(starts[i])) return i < 3 ? line.mid(starts[i].size()) : line;
-    return QString();
+    static const QStringList kLabels = {"error: ", "ERROR: ", "lidarutil: "};
+    for (const QString& label : kLabels)
+        if (line.startsWith(label)) return line.mid(label.size());
+    return line.startsWith("not authorised: ") ? line : QString();
 }
 
 // "N lidar" or "N lidars".
