@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -255,6 +256,23 @@ TEST(Fleet, OneLidarAtATimeGoesInTheFileOrderAndFourAtATimeReachEveryLidarToo) {
         testsupport::lidarutil({"--hosts", "hosts.txt", "-j4", "info"}, folder.path());
     EXPECT_EQ(parallel.exitCode, 0) << parallel.err.toStdString();
     expectEverySucceeded(jsonLines(parallel.out), lidars);
+}
+
+TEST(Fleet, ARelativePathReachesEveryChildAsThePathOfTheUsersFolder) {
+    const QStringList hosts = {"127.0.0.1:2368", "127.0.0.1:2369"};
+    FleetFolder folder(hosts);
+    // Each child refuses the missing package before connecting, naming the path it was given.
+    const testsupport::Outcome run =
+        testsupport::lidarutil({"--hosts", "hosts.txt", "upgrade", "missing.bin"}, folder.path());
+    EXPECT_EQ(run.exitCode, 1) << run.err.toStdString();
+    const std::vector<QJsonObject> objects = jsonLines(run.out);
+    ASSERT_EQ(objects.size(), 2u) << run.out.toStdString();
+    const QString userFolder = QFileInfo(folder.path()).canonicalFilePath();
+    for (const QJsonObject& object : objects) {
+        EXPECT_EQ(exitStatus(object), 2);
+        EXPECT_TRUE(text(object, "error").contains(" " + userFolder + "/missing.bin:"))
+            << text(object, "error").toStdString();
+    }
 }
 
 TEST(Fleet, UsageErrorsAreRefusedBeforeAnyLidarIsReached) {
