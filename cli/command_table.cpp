@@ -1,6 +1,7 @@
 #include "command_table.h"
 
 #include "commands.h"
+#include "fleet.h"
 #include "output.h"
 #include "session.h"
 #include "workplace.h"
@@ -94,6 +95,7 @@ int runInSession(const CommandEntry& entry, SessionHandler handler, Options opti
 }  // namespace
 
 int runCommand(const Options& options) {
+    if (!options.hostsFile.isEmpty()) return runFleet(options);
     const CommandEntry* entry = findCommand(options.command);
     if (entry == nullptr) return usageError("unknown command '" + options.command + "'");
     if (const auto* standalone = std::get_if<StandaloneHandler>(&entry->handler))

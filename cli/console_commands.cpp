@@ -70,10 +70,14 @@ int commandSend(Session& session) {
     }
     if (int status = session.connect(); status != kExitOk) return status;
     LidarUtilitiesManager& manager = session.manager();
-    manager.GetLocalCommandFileLog();
+    // The children of a fleet run at once and would race on the one history file: a child
+    // leaves it alone. Loading it is no mere read either: the manager creates a missing file and
+    // moves aside one it cannot read.
+    const bool keepsHistory = !session.options().fleetChild;
+    if (keepsHistory) manager.GetLocalCommandFileLog();
     const int errorsBefore = session.errorCount();
     manager.SendCommand(arguments.front(), arguments.mid(1).join(' '));
-    manager.WriteCommandLogToLocalCommandFile();
+    if (keepsHistory) manager.WriteCommandLogToLocalCommandFile();
 
     const QString header = manager.getSendVrcCommandReturnHeader();
     if (header.isEmpty()) {

@@ -1,17 +1,18 @@
 # Tab completion for lidarutil.                                  -*- shell-script -*-
 #
-# Completes the commands, the program's options, the options of the command being typed, the
-# commands of the heron, ota and wren groups, the model names after --model (from
-# `lidarutil models`) and a module name after `read` or `watch` (from `lidarutil --model M show`,
-# for the model already typed on the line). Keep the lists below in step with cli/options.cpp and
+# Completes the commands, the program's options (file names after --hosts and --report), the
+# options of the command being typed, the commands of the heron, ota and wren groups, the model
+# names after --model (from `lidarutil models`) and a module name after `read` or `watch` (from
+# `lidarutil --model M show`, for the model already typed on the line). Keep the lists below in step with cli/options.cpp and
 # cli/command_table.cpp.
 
 _lidarutil_commands="models ports show info read set fov watch send history upgrade log oplog
     monitor heron ota wren"
 _lidarutil_program_options="--model --host --port --local-port --token --rs485 --uart --json
-    -v --verbose -h --help --version"
+    -v --verbose -h --help --version --hosts -j --jobs --report"
 # Every option, of the program or of a command, that takes the next word as its value.
-_lidarutil_valued_options="--model --host --port --local-port --token --rs485 --uart --count
+_lidarutil_valued_options="--model --host --port --local-port --token --rs485 --uart --hosts
+    -j --jobs --report --count
     --variable --dir --variant --record --duration --interval --vlan --bmb-app-a --bmb-app-b
     --bmb-fpga --tmb-fpga --tmb-param -o --output"
 
@@ -93,7 +94,7 @@ _lidarutil()
             COMPREPLY=($(compgen -W "$(_lidarutil_models "$program")" -- "$cur"))
             return
             ;;
-        --rs485 | --uart | --bmb-app-a | --bmb-app-b | --bmb-fpga | --tmb-fpga | --tmb-param | \
+        --rs485 | --uart | --hosts | --report | --bmb-app-a | --bmb-app-b | --bmb-fpga | --tmb-fpga | --tmb-param | \
             -o | --output)
             _filedir
             return
@@ -102,7 +103,7 @@ _lidarutil()
             _filedir -d
             return
             ;;
-        --host | --port | --local-port | --token | --count | --variable | --variant | \
+        --host | --port | --local-port | --token | -j | --jobs | --count | --variable | --variant | \
             --duration | --interval | --vlan)
             return
             ;;

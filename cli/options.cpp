@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "command_table.h"
+#include "fleet.h"
 #include "sdk/authorized_vrc_client.h"
 
 namespace cli {
@@ -29,8 +30,32 @@ bool sameDevice(const QString& first, const QString& second) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// The options of fleet mode, checked before the single-lidar ones: with --hosts the lidars are
+// the file's, each with its own port.
+QString fleetCombinationError(const Options& options) {
+    if (options.hostsFile.isEmpty()) {
+        if (options.jobsGiven) return "-j needs --hosts (it limits how many lidars run at once)";
+        if (!options.reportFile.isEmpty())
+            return "--report needs --hosts (it keeps the lines of a fleet's lidars)";
+        return QString();
+    }
+    if (!options.host.isEmpty())
+        return "--hosts and --host exclude each other (the hosts file names every lidar)";
+    if (!options.port.isEmpty())
+        return "--port goes with --host; with --hosts a lidar's port is on its line (HOST:PORT)";
+    if (!options.token.isEmpty())
+        return "--token applies to the embedded simulator only, not to the lidars of --hosts";
+    if (!options.rs485.isEmpty())
+        return "--rs485 and --uart name serial lines; --hosts names network lidars";
+    if (!fleetCommands().contains(options.command))
+        return "--hosts runs " + fleetCommands().join(", ") + " against every lidar, not '" +
+               options.command + "'";
+    return QString();
+}
+
 // Cross-checks that need the whole command line.
 QString combinationError(const Options& options) {
+    if (const QString fleet = fleetCombinationError(options); !fleet.isEmpty()) return fleet;
     // A real lidar's token is the access configuration's (./Config/auth_config.csv), which the
     // manager reads itself; the option only configures the simulator.
     if (!options.token.isEmpty() && !options.host.isEmpty())
@@ -335,8 +360,9 @@ namespace {
 // a command when no subcommand matched.
 QString firstPositional(const QStringList& arguments) {
     static const QStringList kValued = {
-        "--model",   "--host",   "--port",     "--local-port", "--token", "--variable", "--dir",
-        "--variant", "--record", "--duration", "--interval",   "--rs485", "--uart",     "--vlan"};
+        "--model", "--host",    "--port",   "--local-port", "--token",    "--variable",
+        "--dir",   "--variant", "--record", "--duration",   "--interval", "--rs485",
+        "--uart",  "--vlan",    "--hosts",  "-j",           "--jobs",     "--report"};
     for (int i = 0; i < arguments.size(); ++i) {
         if (kValued.contains(arguments[i])) {
             ++i;
@@ -384,7 +410,31 @@ struct ProgramValues {
     std::string token;
     std::string rs485;
     std::string uart;
+    std::string hostsFile;
+    std::string reportFile;
 };
+
+// Fleet mode: one command against every lidar of a hosts file (fleet.h).
+void declareFleetOptions(CLI::App& app, ProgramValues& values, Options& options) {
+    const std::string commands = fleetCommands().join(", ").toStdString();
+    app.add_option("--hosts", values.hostsFile,
+                   "run the command (" + commands +
+                       ") against every lidar of FILE (one HOST[:PORT] a line, # comments), "
+                       "each in a lidarutil of its own; one JSON line per lidar on standard "
+                       "output, a table on standard error")
+        ->type_name("FILE")
+        ->check(notEmpty("a hosts file"));
+    app.add_option("-j,--jobs", options.jobs,
+                   "with --hosts: at most N lidars at a time (default 8)")
+        ->type_name("N")
+        ->check(kPositiveWhole);
+    app.add_option("--report", values.reportFile, "with --hosts: also write the JSON lines to FILE")
+        ->type_name("FILE")
+        ->check(notEmpty("a report file"));
+    // Hidden: set by the fleet on the lidarutil it starts for each lidar (fleet.h says what such
+    // a run does differently).
+    app.add_flag(kFleetChildOption, options.fleetChild)->group("");
+}
 
 // The options of the whole program (--model, --host, ...), its description and its footer.
 void declareProgramOptions(CLI::App& app, ProgramValues& values, Options& options) {
@@ -421,7 +471,11 @@ void declareProgramOptions(CLI::App& app, ProgramValues& values, Options& option
     app.add_flag("--json", options.json, "machine-readable output on standard output");
     app.add_flag("-v,--verbose", options.verbose,
                  "the manager's log and developer lines on standard error");
-    app.footer("Exit status: 0 success, 1 an operation failed, 2 a usage error.");
+    declareFleetOptions(app, values, options);
+    app.footer(
+        "Exit status: 0 success, 1 an operation failed, 2 a usage error. With --hosts: 0 when "
+        "the command succeeded on every lidar, 3 when it failed on none and exited 3 on some, "
+        "1 otherwise.");
 }
 
 // After a successful parse: the values CLI11 filled, into the Options.
@@ -434,6 +488,9 @@ void readBack(const CLI::App& app, const ProgramValues& values, const CommandArg
     options.token = QString::fromStdString(values.token);
     options.rs485 = QString::fromStdString(values.rs485);
     options.uart = QString::fromStdString(values.uart);
+    options.hostsFile = QString::fromStdString(values.hostsFile);
+    options.reportFile = QString::fromStdString(values.reportFile);
+    options.jobsGiven = app.count("-j") > 0;
     options.vlan = args.vlan;
     options.command = QString::fromStdString(app.get_subcommands().front()->get_name());
     options.count = args.count;
@@ -505,6 +562,7 @@ ParsedCommandLine parseCommandLine(const QStringList& arguments) {
     }
 
     readBack(app, values, args, options);
+    options.commandLine = arguments;
     result.error = combinationError(options);
     result.ok = result.error.isEmpty();
     return result;

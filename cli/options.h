@@ -26,9 +26,17 @@ struct Options {
     int vlan = -1;  // wren net: the VLAN id (-1: none)
     bool verbose = false;
     bool json = false;
-    int count = 0;     // watch: stop after this many refreshes (0: until SIGINT)
-    QString variable;  // upgrade: the catalogue variable that names the upgrade command
-    QString dir;       // log: the folder the log is saved in
+    // Fleet mode (fleet.h): the hosts file, at most `jobs` lidars at a time, the JSON lines also
+    // written to `reportFile`. `fleetChild`: this process is one lidar's run of a fleet.
+    QString hostsFile;
+    int jobs = 8;
+    bool jobsGiven = false;
+    QString reportFile;
+    bool fleetChild = false;
+    QStringList commandLine;  // the arguments as given, for the fleet's children
+    int count = 0;            // watch: stop after this many refreshes (0: until SIGINT)
+    QString variable;         // upgrade: the catalogue variable that names the upgrade command
+    QString dir;              // log: the folder the log is saved in
     // monitor: the hardware variant to apply, and a recording's folder, length, interval and
     // chart
     QString variant;

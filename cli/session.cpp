@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <tuple>
 
+#include "fleet.h"
 #include "output.h"
 #include "sdk/authorized_vrc_client.h"
 #include "sdk/logger.h"
@@ -42,6 +43,9 @@ Session::Session(const Options& options, lidar::Workplace workplace)
     : options_(options), workplace_(std::move(workplace)) {
     if (options_.host.isEmpty() && options_.rs485.isEmpty()) isolateSettings();
     manager_ = std::make_unique<LidarUtilitiesManager>(0, "");
+    // The children of one fleet run at once: saving the connection settings, they would race on
+    // the one file.
+    if (options_.fleetChild) manager_->setRemembersConnectionSettings(false);
     receiver_ = std::make_unique<QObject>();
     wireMessages();
 }
@@ -265,7 +269,23 @@ int Session::connect() {
     const QString what =
         simulator_ || serialSimulator_ ? " (simulated " + options_.model + ")" : QString();
     printDiagnostic("connecting to " + endpoint() + what + " ...");
-    return attemptConnection() ? kExitOk : kExitFailed;
+    if (!attemptConnection()) return kExitFailed;
+    if (options_.fleetChild) tellSerialNumber();
+    return kExitOk;
+}
+
+// A fleet child tells its parent which lidar answered (fleet.h): the catalogue's variable of type
+// SN, read now; an empty number when the model has none or the lidar did not give it.
+void Session::tellSerialNumber() {
+    QString number;
+    for (const VarPosition& position : variables()) {
+        if (position.var->var_type != "SN") continue;
+        std::vector<uint8_t> value;
+        manager_->GetInfoFromLidar(position.var, value);
+        if (!value.empty()) number = manager_->currentValueOf(position.var).trimmed();
+        break;
+    }
+    printDiagnostic(kFleetSerialNumberPrefix + number);
 }
 
 bool Session::reconnect() {

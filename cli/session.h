@@ -107,6 +107,7 @@ class Session {
     bool chooseSerialLines();
     // Quiet: failures are not printed (a caller that tries again says what came of it).
     bool attemptConnection(bool quiet = false);
+    void tellSerialNumber();
     bool baudRateAnswered();
     QString endpoint() const;
 

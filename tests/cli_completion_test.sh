@@ -77,6 +77,14 @@ expect "$(lines Wren Wren-VRC)" lidarutil --model = W
 expect "$(lines Egret)" lidarutil info --model E
 # A value of an option is not a command: after --host's value come the commands.
 expect "$(lines info)" lidarutil --host 10.0.0.2 inf
+# Fleet mode: its options, a file after --hosts and --report, nothing after -j, and the commands
+# after their values.
+expect "$(lines --host --hosts)" lidarutil --hos
+expect "$(lines --jobs)" lidarutil --hosts README.md info --jo
+expect "$(lines README.md)" lidarutil --hosts READ
+expect "$(lines README.md)" lidarutil --hosts bench.txt --report READ
+expect "" lidarutil --hosts bench.txt -j ""
+expect "$(lines info)" lidarutil --hosts bench.txt -j 4 --report r.jsonl inf
 
 # Module names after read and watch, of the model typed on the line, quoted as typed.
 modules_of() { "$lidarutil" --model "$1" show | sed -n 's/^== \(.*\) ==$/\1/p'; }

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "process_support.h"
 #include "sdk/vrc_client.h"
 #include "sim/lidar_fleet.h"
 #include "sim/lidar_simulator.h"
@@ -37,62 +38,7 @@ constexpr size_t kScanLength = 8;
 // Where the Egret catalogue places its identity in the 0x07 block.
 constexpr size_t kSerialStart = 0, kSerialLength = 16, kMacStart = 16, kMacLength = 6;
 
-// Runs lidar-sim with its standard output and standard error each on a pipe.
-class SimProcess {
-  public:
-    explicit SimProcess(const std::vector<std::string>& args) {
-        int out[2], err[2];
-        if (::pipe(out) != 0 || ::pipe(err) != 0) return;
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(out[1], STDOUT_FILENO);
-            ::dup2(err[1], STDERR_FILENO);
-            ::close(out[0]);
-            ::close(err[0]);
-            std::vector<char*> argv;
-            const std::string program = std::string(LIDAR_BINARY_DIR) + "/sim/lidar-sim";
-            argv.push_back(const_cast<char*>(program.c_str()));
-            for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-            argv.push_back(nullptr);
-            ::execv(program.c_str(), argv.data());
-            ::_exit(127);
-        }
-        ::close(out[1]);
-        ::close(err[1]);
-        out_ = ::fdopen(out[0], "r");
-        err_ = ::fdopen(err[0], "r");
-    }
-    ~SimProcess() {
-        if (pid_ > 0) Stop();
-        if (out_) std::fclose(out_);
-        if (err_) std::fclose(err_);
-    }
-    std::string Line() { return LineOf(out_); }
-    std::string ErrorLine() { return LineOf(err_); }
-    // Stops it with SIGINT (unless it has ended by itself) and gives its exit status.
-    int Stop() { return Wait(true); }
-    int WaitForExit() { return Wait(false); }
-
-  private:
-    static std::string LineOf(FILE* stream) {
-        char buffer[512];
-        if (!stream || !std::fgets(buffer, sizeof buffer, stream)) return "";
-        std::string line = buffer;
-        if (!line.empty() && line.back() == '\n') line.pop_back();
-        return line;
-    }
-    int Wait(bool interrupt) {
-        if (interrupt) ::kill(pid_, SIGINT);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    pid_t pid_ = -1;
-    FILE* out_ = nullptr;
-    FILE* err_ = nullptr;
-};
+using testsupport::SimProcess;
 
 std::vector<std::string> EgretArgs(std::vector<std::string> more) {
     std::vector<std::string> args = {"--model", "Egret", "--config-dir",

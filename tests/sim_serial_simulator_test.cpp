@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "process_support.h"
 #include "sdk/serial_client.h"
 #include "sdk/serial_source.h"
 #include "sim/lidar_simulator.h"
@@ -20,50 +21,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Runs lidar-sim with its standard output on a pipe.
-class SimProcess {
-  public:
-    explicit SimProcess(const std::vector<std::string>& args) {
-        int out[2];
-        if (::pipe(out) != 0) return;
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(out[1], STDOUT_FILENO);
-            ::close(out[0]);
-            std::vector<char*> argv;
-            const std::string program = std::string(LIDAR_BINARY_DIR) + "/sim/lidar-sim";
-            argv.push_back(const_cast<char*>(program.c_str()));
-            for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-            argv.push_back(nullptr);
-            ::execv(program.c_str(), argv.data());
-            ::_exit(127);
-        }
-        ::close(out[1]);
-        stream_ = ::fdopen(out[0], "r");
-    }
-    ~SimProcess() {
-        if (pid_ > 0) Stop();
-        if (stream_) std::fclose(stream_);
-    }
-    std::string Line() {
-        char buffer[256];
-        if (!stream_ || !std::fgets(buffer, sizeof buffer, stream_)) return "";
-        std::string line = buffer;
-        if (!line.empty() && line.back() == '\n') line.pop_back();
-        return line;
-    }
-    int Stop() {
-        ::kill(pid_, SIGINT);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-  private:
-    pid_t pid_ = -1;
-    FILE* stream_ = nullptr;
-};
+using testsupport::SimProcess;
 
 // The path of a line printed as "NAME /dev/pts/N" exactly; empty (and a failure) otherwise.
 std::string PtsPathAfter(const std::string& line, const std::string& name) {
