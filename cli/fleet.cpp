@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
 #include <QHash>
 #include <QProcess>
 #include <QTimer>
@@ -297,6 +298,13 @@ int runFleet(const Options& options) {
     QVector<FleetHost> hosts;
     if (!readHosts(options.hostsFile, &hosts) || !catalogueHasModel(options.model))
         return kExitUsage;
+    // Every child would write the one file.
+    if (options.command == "export" && !options.output.isEmpty() &&
+        !QFileInfo(options.output).isDir())
+        return usageError(
+            "with --hosts, export -o names a folder that exists (each lidar's "
+            "profile goes to FOLDER/<serial number>.json), not " +
+            options.output);
     QFile report(options.reportFile);
     if (!options.reportFile.isEmpty() &&
         !report.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))

@@ -29,12 +29,13 @@
 
 namespace cli {
 
-// Status of a fleet in which no lidar failed but some ran commands that exited with it (a diff
-// that found differences).
-constexpr int kExitDiffers = 3;
+// A fleet in which no lidar failed but some exited with kExitDiffers (options.h: a diff that
+// found differences) ends with that status too.
 
 inline constexpr char kFleetChildOption[] = "--fleet-child";
 inline constexpr char kFleetSerialNumberPrefix[] = "lidarutil-fleet-serial-number:";
+// A child's one-line outcome, when its command says one (Session::tellOutcome): the summary.
+inline constexpr char kFleetSummaryPrefix[] = "lidarutil-fleet-summary:";
 
 // The commands that run with --hosts.
 const QStringList& fleetCommands();

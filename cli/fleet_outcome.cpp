@@ -83,15 +83,20 @@ QString shownHost(const FleetHost& host) {
 
 void takeChildOutput(LidarRun& run, const QByteArray& out, const QByteArray& err) {
     QStringList diagnostics;
+    QString outcome;
     for (const QString& line : linesOf(err)) {
         if (line.startsWith(kFleetSerialNumberPrefix))
             run.serialNumber = line.mid(int(qstrlen(kFleetSerialNumberPrefix))).trimmed();
+        else if (line.startsWith(kFleetSummaryPrefix))
+            outcome = line.mid(int(qstrlen(kFleetSummaryPrefix))).trimmed();
         else
             diagnostics << line;
     }
     const QStringList results = linesOf(out);
     const auto said = std::find_if(results.rbegin(), results.rend(), saysSomething);
-    if (said != results.rend())
+    if (!outcome.isEmpty())
+        run.summary = outcome;
+    else if (said != results.rend())
         run.summary = said->trimmed();
     else if (!diagnostics.isEmpty())
         run.summary = diagnostics.last().trimmed();

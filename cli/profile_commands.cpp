@@ -29,6 +29,10 @@ QString utcNow() {
 // Where export writes: the file named, or <serial number>.json in the folder named.
 QString exportPath(const QString& output, const profile::SettingsProfile& captured,
                    QString* error) {
+    if (output.endsWith('/') && !QFileInfo(output).isDir()) {
+        *error = "no folder " + output;
+        return QString();
+    }
     if (!QFileInfo(output).isDir()) return output;
     if (captured.serialNumber.isEmpty()) {
         *error = "the lidar reported no serial number to name the file in " + output +
@@ -204,11 +208,12 @@ int commandExport(Session& session) {
         printDiagnostic("error: " + error);
         return kExitFailed;
     }
-    printDiagnostic("wrote " + path + ": " + QString::number(captured.settings.size()) +
-                    " settings" + (captured.fieldOfView ? ", the field of view" : "") +
-                    (captured.record.isEmpty()
-                         ? QString()
-                         : ", " + QString::number(captured.record.size()) + " recorded values"));
+    session.tellOutcome(
+        "wrote " + path + ": " + QString::number(captured.settings.size()) + " settings" +
+        (captured.fieldOfView ? ", the field of view" : "") +
+        (captured.record.isEmpty()
+             ? QString()
+             : ", " + QString::number(captured.record.size()) + " recorded values"));
     printResult(path);
     return kExitOk;
 }
@@ -231,10 +236,11 @@ int commandDiff(Session& session) {
     else
         printDifferences(comparison);
     if (comparison.matches()) {
-        printDiagnostic("the lidar matches " + path);
+        session.tellOutcome("the lidar matches " + path);
         return kExitOk;
     }
-    printDiagnostic(QString::number(differenceCount(comparison)) + " field(s) differ from " + path);
+    session.tellOutcome(QString::number(differenceCount(comparison)) + " field(s) differ from " +
+                        path);
     return kExitDiffers;
 }
 
@@ -278,15 +284,16 @@ int verifyAfterNetworkWrite(Session& session, const profile::SettingsProfile& lo
         return kExitFailed;
     }
     if (restart) {
-        printDiagnostic(
+        session.tellOutcome(
             "verified: the lidar holds the profile's bytes, the network settings "
             "too, after its restart");
         return kExitOk;
     }
-    printDiagnostic("verified: every other setting; the network settings (" +
-                    QString(profile::kNetworkSetCommand) +
-                    ") were written, and the lidar takes them at its next restart: not verified "
-                    "(--restart restarts it and verifies them)");
+    session.tellOutcome(
+        "verified: every other setting; the network settings (" +
+        QString(profile::kNetworkSetCommand) +
+        ") were written, and the lidar takes them at its next restart: not verified "
+        "(--restart restarts it and verifies them)");
     return kExitUnverified;
 }
 
@@ -303,7 +310,7 @@ int commandApply(Session& session) {
     profile::ProfileComparison comparison;
     if (int status = compare(session, loaded, &comparison); status != kExitOk) return status;
     if (comparison.matches()) {
-        printDiagnostic("the lidar already matches " + path + "; nothing to write");
+        session.tellOutcome("the lidar already matches " + path + "; nothing to write");
         return kExitOk;
     }
     printResult(QString(session.options().dryRun ? "would write" : "writing") + ":");
@@ -320,7 +327,8 @@ int commandApply(Session& session) {
         return kExitFailed;
     }
     if (session.options().noVerify) {
-        printDiagnostic("written: " + written.written.join(", ") + "; not verified (--no-verify)");
+        session.tellOutcome("written: " + written.written.join(", ") +
+                            "; not verified (--no-verify)");
         return kExitUnverified;
     }
     if (written.networkWritten) return verifyAfterNetworkWrite(session, loaded);
@@ -331,8 +339,8 @@ int commandApply(Session& session) {
         printDifferences(after);
         return kExitFailed;
     }
-    printDiagnostic("verified: the lidar holds the profile's bytes (" + written.written.join(", ") +
-                    " written)");
+    session.tellOutcome("verified: the lidar holds the profile's bytes (" +
+                        written.written.join(", ") + " written)");
     return kExitOk;
 }
 

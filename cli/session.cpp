@@ -288,6 +288,11 @@ void Session::tellSerialNumber() {
     printDiagnostic(kFleetSerialNumberPrefix + number);
 }
 
+void Session::tellOutcome(const QString& line) const {
+    printDiagnostic(line);
+    if (options_.fleetChild) printDiagnostic(kFleetSummaryPrefix + line);
+}
+
 bool Session::reconnect() {
     printDiagnostic("connecting again to " + endpoint() + " ...");
     return attemptConnection();

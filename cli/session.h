@@ -65,6 +65,9 @@ class Session {
     // After a refused command: when the lidar refused it for want of authorisation, says so in
     // plain words and returns true.
     bool explainRefusal() const;
+    // The command's outcome in one line, on standard error; a fleet child also hands it to its
+    // parent as the lidar's summary.
+    void tellOutcome(const QString& line) const;
     void explainSerialTimeout(const std::vector<LidarUtilitiesManager::ReadFailure>& failures);
     bool connectionAlive() const;
 
