@@ -228,11 +228,19 @@ void declareExportArguments(CLI::App& command, CommandArguments& args) {
 }
 
 void declareDiffArguments(CLI::App& command, CommandArguments& args) {
-    command.add_option("PROFILE", args.rest, "the profile file")->required();
+    command.add_option("PROFILE", args.rest, "the profile file")->required()->expected(1);
+    command.footer(
+        "Exit status: 0 the lidar matches, 1 the lidar did not answer, 2 the profile cannot be "
+        "used with this model (each reason named), 3 some field differs.");
 }
 
 void declareApplyArguments(CLI::App& command, CommandArguments& args) {
-    command.add_option("PROFILE", args.rest, "the profile file")->required();
+    command.add_option("PROFILE", args.rest, "the profile file")->required()->expected(1);
+    command.footer(
+        "Exit status: 0 everything written was read back and verified (or nothing differed), "
+        "1 a write failed or the lidar still differs, 2 the profile was refused and nothing was "
+        "written (each reason named), 4 written but not verified (--no-verify, or network "
+        "settings without --restart).");
     command.add_flag("--dry-run", args.dryRun, "print what would be written, write nothing");
     command.add_flag("--no-verify", args.noVerify,
                      "do not read back and compare after writing (exit status 4)");

@@ -2,6 +2,10 @@
 // brought to one (docs/profiles.md). The manager reads, compares and writes; this file reads and
 // writes the files and says what happened.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -9,9 +13,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
+#include <cerrno>
+#include <cstdio>
 
 #include "commands.h"
+#include "interrupt.h"
 #include "output.h"
 #include "session.h"
 #include "settings_profile.h"
@@ -42,14 +48,50 @@ QString exportPath(const QString& output, const profile::SettingsProfile& captur
     return QDir(output).filePath(captured.serialNumber + ".json");
 }
 
+// Writes beside the file and renames it into place once every byte is on the disk, so that a
+// full disk or a device in the way never leaves a cut file in place of a good one.
+// True when nothing is at path, or a regular file is: a device or a pipe is never replaced.
+bool mayReplace(const QString& path) {
+    struct stat status {};
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0) return errno == ENOENT;
+    return S_ISREG(status.st_mode);
+}
+
 bool writeFile(const QString& path, const QByteArray& content, QString* error) {
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size() ||
-        !file.commit()) {
+    if (!mayReplace(path)) {
+        *error = "cannot write " + path + ": not a regular file";
+        return false;
+    }
+    const QString temporary = path + ".part-" + QString::number(QCoreApplication::applicationPid());
+    QFile file(temporary);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         *error = "cannot write " + path + ": " + file.errorString();
         return false;
     }
+    const bool written =
+        file.write(content) == content.size() && file.flush() && ::fsync(file.handle()) == 0;
+    const QString why = written ? QString() : file.errorString();
+    file.close();
+    if (!written || QFileInfo(temporary).size() != content.size() ||
+        std::rename(QFile::encodeName(temporary).constData(),
+                    QFile::encodeName(path).constData()) != 0) {
+        QFile::remove(temporary);
+        *error = "cannot write " + path + ": " + (why.isEmpty() ? qt_error_string(errno) : why);
+        return false;
+    }
     return true;
+}
+
+// Why export cannot write where -o says, known before the lidar is asked; "" when it can.
+QString outputProblem(const QString& output) {
+    const QFileInfo info(output);
+    if (info.isDir() || output.endsWith('/'))
+        return info.isDir() && info.isWritable() ? QString()
+                                                 : "no folder " + output + " to write into";
+    const QFileInfo folder(info.absolutePath());
+    if (!folder.isDir()) return "no folder " + folder.filePath() + " to write " + output + " into";
+    if (!mayReplace(output)) return output + " is not a regular file";
+    return QString();
 }
 
 // Reads and checks a profile file; kExitOk, or kExitUsage with the reason printed.
@@ -61,7 +103,7 @@ int loadProfile(const QString& path, profile::SettingsProfile* out) {
     }
     QString error;
     if (!profile::readProfile(file.readAll(), out, &error)) {
-        printDiagnostic("error: " + path + " is not a profile this program reads: " + error);
+        printDiagnostic("error: " + path + ": " + error);
         return kExitUsage;
     }
     return kExitOk;
@@ -70,11 +112,11 @@ int loadProfile(const QString& path, profile::SettingsProfile* out) {
 // The refusals of a profile the loaded model cannot take, each on its own line; kExitOk when
 // there is none.
 int refuseUnfitProfile(Session& session, const QString& path,
-                       const profile::SettingsProfile& loaded) {
+                       const profile::SettingsProfile& loaded, bool writing) {
     const QStringList refusals = session.manager().profileRefusals(loaded);
     if (refusals.isEmpty()) return kExitOk;
     for (const QString& refusal : refusals) printDiagnostic("error: " + path + ": " + refusal);
-    printDiagnostic("nothing was written");
+    if (writing) printDiagnostic("nothing was written");
     return kExitUsage;
 }
 
@@ -110,9 +152,15 @@ void printDifferences(const profile::ProfileComparison& comparison) {
             if (!headed)
                 printResult(command + " (" + difference.module + " / " + difference.page + "):");
             headed = true;
+            // A change finer than the text shows is told by its bytes.
+            const QString bytes =
+                difference.lidarText != difference.profileText
+                    ? QString()
+                    : " (bytes " + QString(difference.lidarBytes.toHex()) + " -> " +
+                          QString(difference.profileBytes.toHex()) + ")";
             printResult("  " + difference.name + ": " +
                         withUnit(difference.lidarText, difference.unit) + " -> " +
-                        withUnit(difference.profileText, difference.unit));
+                        withUnit(difference.profileText, difference.unit) + bytes);
         }
     }
 }
@@ -144,8 +192,19 @@ QJsonObject differencesJson(const profile::ProfileComparison& comparison) {
     return json;
 }
 
+// The fields that differ: the field of view's mode and bounds each count.
 int differenceCount(const profile::ProfileComparison& comparison) {
-    return comparison.differences.size() + (comparison.fieldOfViewDiffers() ? 1 : 0);
+    int count = comparison.differences.size();
+    if (!comparison.fieldOfViewDiffers()) return count;
+    const profile::ProfileFieldOfView& wanted = *comparison.profileFieldOfView;
+    const profile::ProfileFieldOfView lidar =
+        comparison.lidarFieldOfView.value_or(profile::ProfileFieldOfView{});
+    if (lidar.mode != wanted.mode) ++count;
+    for (int i = 0; i < wanted.bounds.size(); ++i)
+        if (i >= lidar.bounds.size() ||
+            profile::boundTenths(lidar.bounds[i]) != profile::boundTenths(wanted.bounds[i]))
+            ++count;
+    return count;
 }
 
 // Reads the lidar and compares; kExitOk with *out filled, or kExitFailed, said.
@@ -161,13 +220,14 @@ int compare(Session& session, const profile::SettingsProfile& loaded,
 }
 
 // The profile's address for the lidar, when it holds one that the network command writes.
-QString profileAddress(Session& session, const profile::SettingsProfile& loaded) {
-    for (const profile::ProfileEntry& entry : loaded.settings) {
-        const VarInfo* var = session.manager().searchVarPtr(entry.varId.toStdString(), "var_id");
+// The address the lidar answers at after a restart: the profile's own address when the network
+// command changed it, otherwise the one it was reached at (empty).
+QString addressAfterRestart(Session& session, const profile::ProfileComparison& comparison) {
+    for (const profile::FieldDifference& difference : comparison.differences) {
+        const VarInfo* var =
+            session.manager().searchVarPtr(difference.varId.toStdString(), "var_id");
         if (var != nullptr && LidarUtilitiesManager::isOwnAddressVariable(*var))
-            return QString::fromStdString(
-                LidarUtilitiesManager::valueText(*var, {entry.bytes.begin(), entry.bytes.end()})
-                    .value_or(std::string()));
+            return difference.profileText;
     }
     return QString();
 }
@@ -188,14 +248,22 @@ int commandExport(Session& session) {
     scope.excluded = session.options().excluded;
     scope.includeOwnAddress = session.options().includeNetwork;
     scope.withRecord = session.options().all;
+    if (QString problem = session.manager().profileScopeProblem(scope); !problem.isEmpty())
+        return usageError(problem);
+    if (!session.options().output.isEmpty()) {
+        if (QString problem = outputProblem(session.options().output); !problem.isEmpty())
+            return usageError(problem);
+    }
     if (int status = session.connect(); status != kExitOk) return status;
 
     profile::SettingsProfile captured;
     QString error;
     if (!session.manager().captureProfile(scope, &captured, &error)) {
         printDiagnostic("error: " + error);
-        return error.startsWith("--exclude") ? kExitUsage : kExitFailed;
+        return kExitFailed;
     }
+    if (captured.settings.isEmpty() && !captured.fieldOfView)
+        printDiagnostic("warning: the profile holds no setting (the modules taken have none)");
     captured.time = utcNow();
     const QByteArray json = profile::writeProfile(captured);
     const QString output = session.options().output;
@@ -225,9 +293,8 @@ int commandDiff(Session& session) {
     const QString path = session.options().arguments.front();
     profile::SettingsProfile loaded;
     if (int status = loadProfile(path, &loaded); status != kExitOk) return status;
-    if (loaded.model != session.options().model)
-        return usageError("the profile " + path + " is for " + loaded.model + ", not " +
-                          session.options().model + " (use --model " + loaded.model + ")");
+    if (int status = refuseUnfitProfile(session, path, loaded, false); status != kExitOk)
+        return status;
     if (int status = session.connect(); status != kExitOk) return status;
     profile::ProfileComparison comparison;
     if (int status = compare(session, loaded, &comparison); status != kExitOk) return status;
@@ -250,24 +317,32 @@ namespace {
 
 // After the network command: connects again (restarting the lidar first with --restart) and
 // verifies. The status apply ends with.
-int verifyAfterNetworkWrite(Session& session, const profile::SettingsProfile& loaded) {
+int verifyAfterNetworkWrite(Session& session, const profile::SettingsProfile& loaded,
+                            const profile::ProfileComparison& written) {
     const bool restart = session.options().restart;
+    const QString sent =
+        QString("the network settings (") + profile::kNetworkSetCommand + ") were sent";
     if (!session.reconnect()) {
-        printDiagnostic("error: the network settings were written; the lidar did not answer at " +
-                        QString("its old address afterwards, so nothing could be verified"));
+        printDiagnostic("error: " + sent +
+                        "; the lidar did not answer at its address "
+                        "afterwards, so nothing could be verified");
         return kExitFailed;
     }
     if (restart) {
         printDiagnostic("restarting the lidar so that it takes the network settings ...");
         if (session.manager().Restart() != 0) {
-            printDiagnostic(
-                "error: the lidar did not take the restart command; the network "
-                "settings are written, not verified");
+            printDiagnostic("error: " + sent +
+                            "; the lidar did not take the restart command: "
+                            "nothing verified");
             return kExitFailed;
         }
         session.manager().Stop();
-        if (!session.awaitLidar(profileAddress(session, loaded), kRestartAnswerSeconds))
+        if (!session.awaitLidar(addressAfterRestart(session, written), kRestartAnswerSeconds)) {
+            printDiagnostic("error: " + sent +
+                            " and the lidar was restarted; it did not answer "
+                            "again, so nothing could be verified");
             return kExitFailed;
+        }
     }
     profile::ProfileComparison after;
     if (int status = compare(session, loaded, &after); status != kExitOk) return status;
@@ -279,21 +354,21 @@ int verifyAfterNetworkWrite(Session& session, const profile::SettingsProfile& lo
         after.differences = others;
     }
     if (!after.matches()) {
-        printDiagnostic("error: after writing, the lidar still differs from the profile:");
+        printDiagnostic("error: after writing, the lidar still differs from the profile");
+        printResult("still differs:");
         printDifferences(after);
         return kExitFailed;
     }
     if (restart) {
         session.tellOutcome(
-            "verified: the lidar holds the profile's bytes, the network settings "
-            "too, after its restart");
+            "verified: the lidar holds the profile's bytes, the network "
+            "settings too, after its restart");
         return kExitOk;
     }
-    session.tellOutcome(
-        "verified: every other setting; the network settings (" +
-        QString(profile::kNetworkSetCommand) +
-        ") were written, and the lidar takes them at its next restart: not verified "
-        "(--restart restarts it and verifies them)");
+    const bool othersWritten = written.plannedCommands().size() > 1;
+    session.tellOutcome((othersWritten ? "verified: every other setting; " : QString()) + sent +
+                        ", and the lidar takes them at its next restart: not verified "
+                        "(--restart restarts it and verifies them)");
     return kExitUnverified;
 }
 
@@ -304,7 +379,8 @@ int commandApply(Session& session) {
     const QString path = session.options().arguments.front();
     profile::SettingsProfile loaded;
     if (int status = loadProfile(path, &loaded); status != kExitOk) return status;
-    if (int status = refuseUnfitProfile(session, path, loaded); status != kExitOk) return status;
+    if (int status = refuseUnfitProfile(session, path, loaded, true); status != kExitOk)
+        return status;
     if (int status = session.connect(); status != kExitOk) return status;
 
     profile::ProfileComparison comparison;
@@ -317,25 +393,29 @@ int commandApply(Session& session) {
     printDifferences(comparison);
     if (session.options().dryRun) return kExitOk;
 
+    // Ctrl-C waits until the commands are written: a lidar left with half a command set is
+    // worse than a second's wait.
+    const InterruptGuard guard;
     const LidarUtilitiesManager::ProfileWrite written =
         session.manager().writeProfileDifferences(comparison);
     if (!written.failed.isEmpty()) {
-        printDiagnostic("error: " + written.failed + " was not written" +
+        printDiagnostic("error: writing " + written.failed + " failed (the lines above say why); " +
                         (written.written.isEmpty()
-                             ? QString("; nothing was written")
-                             : "; written before it: " + written.written.join(", ")));
+                             ? QString("nothing was written before it")
+                             : "written before it: " + written.written.join(", ")));
         return kExitFailed;
     }
-    if (session.options().noVerify) {
-        session.tellOutcome("written: " + written.written.join(", ") +
-                            "; not verified (--no-verify)");
+    if (session.options().noVerify || interrupted) {
+        session.tellOutcome("written: " + written.written.join(", ") + "; not verified (" +
+                            (interrupted ? "Ctrl-C" : "--no-verify") + ")");
         return kExitUnverified;
     }
-    if (written.networkWritten) return verifyAfterNetworkWrite(session, loaded);
+    if (written.networkWritten) return verifyAfterNetworkWrite(session, loaded, comparison);
     profile::ProfileComparison after;
     if (int status = compare(session, loaded, &after); status != kExitOk) return status;
     if (!after.matches()) {
-        printDiagnostic("error: after writing, the lidar still differs from the profile:");
+        printDiagnostic("error: after writing, the lidar still differs from the profile");
+        printResult("still differs:");
         printDifferences(after);
         return kExitFailed;
     }

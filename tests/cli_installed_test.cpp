@@ -206,6 +206,13 @@ TEST(Installed, TheFilesAUserNamesAreTakenFromTheFolderTheUserIsIn) {
     // Other commands' arguments are no files: a module name stays a name.
     const Outcome read = user.lidarutil({"read", "Network"});
     EXPECT_EQ(read.exitCode, 0) << read.err.toStdString();
+    const Outcome exported = user.lidarutil({"export", "Operation", "-o", "mine.json"});
+    ASSERT_EQ(exported.exitCode, 0) << exported.err.toStdString();
+    EXPECT_TRUE(QFileInfo(user.here() + "/mine.json").isFile());
+    const Outcome compared = user.lidarutil({"diff", "mine.json"});
+    EXPECT_EQ(compared.exitCode, 0) << compared.err.toStdString();
+    const Outcome applied = user.lidarutil({"apply", "mine.json"});
+    EXPECT_EQ(applied.exitCode, 0) << applied.err.toStdString();
 
     // Serial lines named by links in the user's folder are opened from that folder.
     QProcess simulator;

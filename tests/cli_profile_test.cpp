@@ -73,7 +73,8 @@ TEST(ProfileCommands, ExportDiffApplyBringOneLidarToAnother) {
 
     const Outcome differs = on(*target, {"diff", file});
     EXPECT_EQ(differs.exitCode, 3) << differs.err.toStdString();
-    EXPECT_TRUE(differs.out.contains("Spin Rate: 600 -> 1200")) << differs.out.toStdString();
+    EXPECT_TRUE(differs.out.contains("Spin Rate: 600 (600 rpm) -> 1200 (1200 rpm)"))
+        << differs.out.toStdString();
     EXPECT_TRUE(differs.out.contains("Data Port: 2368 -> 3000"));
     // The network command comes last, as it is written.
     EXPECT_GT(differs.out.indexOf("0x21 ("), differs.out.indexOf("0x31 ("));
@@ -140,17 +141,98 @@ TEST(ProfileCommands, AProfileTheLidarCannotTakeIsRefusedBeforeConnecting) {
     EXPECT_EQ(otherModel.exitCode, 2);
     EXPECT_TRUE(otherModel.err.contains("model: the profile is for Tern, the lidar is Egret"));
 
+    // diff holds a profile to the same checks before it reads the lidar.
+    const Outcome diffBad =
+        on(*lidar, {"diff", QString::fromStdString(folder.file("edited.json"))});
+    EXPECT_EQ(diffBad.exitCode, 2) << diffBad.err.toStdString();
+    EXPECT_TRUE(diffBad.err.contains("model: the profile is for Tern"));
+
     const Outcome notAProfile = applyEdited([](QJsonObject& p) { p["version"] = 9; });
     EXPECT_EQ(notAProfile.exitCode, 2);
-    EXPECT_TRUE(notAProfile.err.contains("is not a profile this program reads: version"))
-        << notAProfile.err.toStdString();
+    EXPECT_TRUE(notAProfile.err.contains("edited.json: version")) << notAProfile.err.toStdString();
     EXPECT_EQ(lidar->ConnectionCount(), connectionsBefore);
     EXPECT_EQ(setRequests(*lidar), 0u);
 
     const Outcome diffOther = on(*lidar, {"--model", "Plover", "diff", good});
     EXPECT_EQ(diffOther.exitCode, 2);
-    EXPECT_TRUE(diffOther.err.contains("use --model Egret")) << diffOther.err.toStdString();
+    EXPECT_TRUE(diffOther.err.contains("model: the profile is for Egret, the lidar is Plover"))
+        << diffOther.err.toStdString();
+    EXPECT_EQ(lidar->ConnectionCount(), connectionsBefore);
     const Outcome unknownExclusion = on(*lidar, {"export", "--exclude", "Warp Drive"});
     EXPECT_EQ(unknownExclusion.exitCode, 2);
     EXPECT_TRUE(unknownExclusion.err.contains("Warp Drive"));
+}
+
+TEST(ProfileCommands, WritesThatDoNotHoldAndUnverifiedWritesAreNeverReportedAsVerified) {
+    auto lidar = startLidar();
+    testsupport::TempDir folder;
+    const QString file = QString::fromStdString(folder.file("p.json"));
+    ASSERT_EQ(on(*lidar, {"export", "Operation", "-o", file}).exitCode, 0);
+    lidar->WriteBlock(0x30, {}, 0, {0x04, 0xB0});  // the lidar now spins at 1200 rpm
+
+    const Outcome unverified = on(*lidar, {"apply", "--no-verify", file});
+    EXPECT_EQ(unverified.exitCode, 4) << unverified.err.toStdString();
+    EXPECT_TRUE(unverified.err.contains("written: 0x31; not verified (--no-verify)"));
+    EXPECT_EQ(lidar->Block(0x30).at(1), 0x58);
+
+    // A lidar that acknowledges the command but keeps its value: the read-back says so.
+    lidar->WriteBlock(0x30, {}, 0, {0x04, 0xB0});
+    sim::Fault ignored;
+    ASSERT_TRUE(sim::Fault::Parse("status=0", ignored));
+    lidar->SetFault(0x31, ignored);
+    const Outcome held = on(*lidar, {"apply", file});
+    EXPECT_EQ(held.exitCode, 1) << held.err.toStdString();
+    EXPECT_TRUE(held.err.contains("still differs")) << held.err.toStdString();
+    EXPECT_TRUE(held.out.contains("still differs:\n0x31 (Operation / Scan):\n  Spin Rate: 1200"))
+        << held.out.toStdString();
+
+    // A lidar that refuses it: the command is named, and what went before it.
+    ASSERT_TRUE(sim::Fault::Parse("status=4", ignored));
+    lidar->SetFault(0x31, ignored);
+    const Outcome refused = on(*lidar, {"apply", file});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.err.contains("writing 0x31 failed")) << refused.err.toStdString();
+    EXPECT_TRUE(refused.err.contains("nothing was written before it"));
+}
+
+TEST(ProfileCommands, TheSerialLinesModelTakesAProfileToo) {
+    testsupport::TempDir folder;
+    const QString file = QString::fromStdString(folder.file("wren.json"));
+    // Each run has its own simulated lidar at its defaults: export, then ask for another mode.
+    ASSERT_EQ(lidarutil({"--model", "Wren", "export", "-o", file}).exitCode, 0);
+    QFile edited(file);
+    ASSERT_TRUE(edited.open(QIODevice::ReadOnly));
+    QByteArray text = edited.readAll();
+    edited.close();
+    const int at = text.indexOf("\"return_mode\"");
+    ASSERT_GT(at, 0);
+    const int bytes = text.indexOf("\"bytes\": \"00\"", at);
+    ASSERT_GT(bytes, at);
+    text.replace(bytes, 13, "\"bytes\": \"01\"");
+    ASSERT_TRUE(edited.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    edited.write(text);
+    edited.close();
+    const Outcome applied = lidarutil({"--model", "Wren", "apply", file});
+    EXPECT_EQ(applied.exitCode, 0) << applied.err.toStdString();
+    EXPECT_TRUE(applied.out.contains("Return Mode: 0")) << applied.out.toStdString();
+    EXPECT_TRUE(applied.err.contains("verified: the lidar holds the profile's bytes (0x03"))
+        << applied.err.toStdString();
+}
+
+TEST(ProfileCommands, FilesAndNamesThatCannotBeUsedAreRefusedBeforeTheLidarIsAsked) {
+    auto lidar = startLidar();
+    const int connections = lidar->ConnectionCount();
+    const Outcome device = on(*lidar, {"export", "-o", "/dev/null"});
+    EXPECT_EQ(device.exitCode, 2);
+    EXPECT_TRUE(device.err.contains("/dev/null is not a regular file"));
+    const Outcome folder = on(*lidar, {"export", "-o", "/nonexistent-folder/p.json"});
+    EXPECT_EQ(folder.exitCode, 2);
+    EXPECT_TRUE(folder.err.contains("no folder /nonexistent-folder")) << folder.err.toStdString();
+    const Outcome fov = on(*lidar, {"export", "--exclude", "Region 1 Start"});
+    EXPECT_EQ(fov.exitCode, 2);
+    EXPECT_TRUE(fov.err.contains("the field of view is taken whole"));
+    const Outcome readOnly = on(*lidar, {"export", "--exclude", "Serial Number"});
+    EXPECT_EQ(readOnly.exitCode, 2);
+    EXPECT_EQ(on(*lidar, {"export", "--all", "--exclude", "Serial Number"}).exitCode, 0);
+    EXPECT_EQ(lidar->ConnectionCount(), connections + 1);
 }

@@ -477,6 +477,9 @@ class LidarUtilitiesManager : public QObject {
     // Reads what the scope takes and captures it (without a time: the caller stamps it). False,
     // with *error, for an excluded name the catalogue does not have or a request not answered.
     bool captureProfile(const ProfileScope& scope, profile::SettingsProfile* out, QString* error);
+    // Why the scope cannot be taken from the loaded model (an --exclude name it does not have, or
+    // one that is not in a profile anyway); "" when it can. Needs no lidar.
+    QString profileScopeProblem(const ProfileScope& scope) const;
     // Every reason the loaded model cannot take the profile, each naming the key ("model",
     // "settings[3].bytes", "field_of_view.bounds[2]"); empty when it can be applied.
     QStringList profileRefusals(const profile::SettingsProfile& profile) const;
@@ -497,6 +500,9 @@ class LidarUtilitiesManager : public QObject {
     // The lidar's own settings, left out of a profile unless asked for: its address (the first
     // field of the network command) and its MAC address.
     static bool isOwnAddressVariable(const VarInfo& var);
+    // Whether connecting to a lidar of that model writes its serial baud rate (VRC over a serial
+    // line), which a profile then leaves to the connection.
+    bool connectionSetsBaudRateOf(const QString& model) const;
 
     // ---- The machine's serial ports (serial_port_list.cpp) ----
     // One map per serial port the system reports, for a connection view to offer: "portName",

@@ -2,9 +2,12 @@
 // what the lidar holds, comparing it with a profile byte for byte, and writing the differences
 // through the staging and write-back. The file format is settings_profile.h's.
 
+#include <QRegularExpression>
 #include <QSet>
 #include <algorithm>
+#include <cstring>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -121,7 +124,70 @@ QString hexOf(const QByteArray& bytes) {
     return QString::fromLatin1(bytes.toHex());
 }
 
+// The serial baud-rate command: on a VRC-over-serial connection, every connect writes the rate
+// the user connects with (as designed), so the lidar's rate is the connection's, not a setting a
+// profile could carry.
+const char* const kSerialBaudRateSetCommand = "0xB1";
+
+bool isConnectionBaudRate(const VarInfo& var) {
+    return QString::fromStdString(var.set_cmd)
+               .compare(kSerialBaudRateSetCommand, Qt::CaseInsensitive) == 0;
+}
+
+// Why --exclude NAME makes no sense for this catalogue; "" when it leaves something out.
+QString exclusionProblem(const std::vector<PlacedVariable>& placed, const QString& name,
+                         bool withRecord, const QString& model) {
+    bool known = false;
+    for (const PlacedVariable& p : placed) {
+        if (!namedBy(*p.var, name)) continue;
+        known = true;
+        if (isFieldOfViewVariable(*p.var))
+            return "the field of view is taken whole; leave out its module instead (export "
+                   "MODULE...)";
+        if (isSetting(*p.var) || (withRecord && isRecorded(*p.var))) return QString();
+    }
+    if (!known) return "the " + model + " catalogue has no variable of that name";
+    return "it is not a setting, so a profile holds it only with --all";
+}
+
+uint64_t bigEndianNumber(const Bytes& bytes) {
+    uint64_t number = 0;
+    for (uint8_t byte : bytes) number = (number << 8) | byte;
+    return number;
+}
+
+// The value as the limits are checked: floating-point fields in full, not rounded as the pages
+// show them, so that a value a hair outside the limits is not taken for one inside.
+std::optional<std::string> limitText(const VarInfo& var, const Bytes& bytes) {
+    if (var.var_type == "float32" && bytes.size() == 4) {
+        const auto raw = static_cast<uint32_t>(bigEndianNumber(bytes));
+        float value = 0;
+        std::memcpy(&value, &raw, sizeof value);
+        return QString::number(static_cast<double>(value) * var.scale, 'g', 17).toStdString();
+    }
+    if (var.var_type == "double" && bytes.size() == 8) {
+        const uint64_t raw = bigEndianNumber(bytes);
+        double value = 0;
+        std::memcpy(&value, &raw, sizeof value);
+        return QString::number(value * var.scale, 'g', 17).toStdString();
+    }
+    return LidarUtilitiesManager::valueText(var, bytes);
+}
+
+// The value as people read it on the pages: a selection with its option's name.
+QString displayText(const VarInfo& var, const Bytes& bytes) {
+    const QString text = qs(LidarUtilitiesManager::valueText(var, bytes).value_or(std::string()));
+    bool isNumber = false;
+    const auto option = var.value_to_option.find(text.toInt(&isNumber));
+    if (!isNumber || option == var.value_to_option.end()) return text;
+    return text + " (" + qs(option->second) + ")";
+}
+
 }  // namespace
+
+bool LidarUtilitiesManager::connectionSetsBaudRateOf(const QString& model) const {
+    return connectTypeOfModel(model) == kVrcOverSerialKind;
+}
 
 bool LidarUtilitiesManager::isOwnAddressVariable(const VarInfo& var) {
     // The protocol puts the lidar's own address first in the network command.
@@ -162,6 +228,11 @@ class FieldReader {
         const int ret = reader_.readGroupFromLidar(group, &replies, true);
         QStringList names;
         for (const VarInfo* var : group) names << qs(var->var_name);
+        if (ret > 0) {
+            *error = "the lidar refused " + qs(key) + " (" + names.join(", ") + "): status " +
+                     QString::number(ret);
+            return false;
+        }
         if (ret != 0) {
             *error = "the lidar did not answer " + qs(key) + " (" + names.join(", ") +
                      "): result " + QString::number(ret);
@@ -185,6 +256,16 @@ class FieldReader {
 
 // ---- Capturing ----
 
+QString LidarUtilitiesManager::profileScopeProblem(const ProfileScope& scope) const {
+    const std::vector<PlacedVariable> placed = placedVariables(*catalogue_);
+    for (const QString& name : scope.excluded) {
+        const QString problem =
+            exclusionProblem(placed, name, scope.withRecord, getSelectedLidarModel());
+        if (!problem.isEmpty()) return "--exclude " + name + ": " + problem;
+    }
+    return QString();
+}
+
 bool LidarUtilitiesManager::captureProfile(const ProfileScope& scope, profile::SettingsProfile* out,
                                            QString* error) {
     const std::vector<PlacedVariable> placed = placedVariables(*catalogue_);
@@ -192,15 +273,10 @@ bool LidarUtilitiesManager::captureProfile(const ProfileScope& scope, profile::S
         *error = "no model is loaded";
         return false;
     }
-    for (const QString& name : scope.excluded) {
-        const bool known = std::any_of(placed.begin(), placed.end(), [&](const PlacedVariable& p) {
-            return namedBy(*p.var, name);
-        });
-        if (!known) {
-            *error = "--exclude " + name + ": the " + getSelectedLidarModel() +
-                     " catalogue has no variable of that name";
-            return false;
-        }
+    const bool connectionSetsBaudRate = connectionSetsBaudRateOf(getSelectedLidarModel());
+    if (QString problem = profileScopeProblem(scope); !problem.isEmpty()) {
+        *error = problem;
+        return false;
     }
     const auto inScope = [&](const PlacedVariable& p) {
         return scope.modules.isEmpty() || scope.modules.contains(p.module);
@@ -217,6 +293,7 @@ bool LidarUtilitiesManager::captureProfile(const ProfileScope& scope, profile::S
     QSet<QString> excludedNames;
     for (const PlacedVariable& p : placed) {
         if (!inScope(p) || p.var->get_cmd.empty()) continue;
+        if (connectionSetsBaudRate && isConnectionBaudRate(*p.var)) continue;
         const bool ownAddress = !scope.includeOwnAddress && isOwnAddressVariable(*p.var);
         if (ownAddress || excludedByName(*p.var)) {
             if (isSetting(*p.var) || (scope.withRecord && isRecorded(*p.var)))
@@ -248,6 +325,9 @@ bool LidarUtilitiesManager::captureProfile(const ProfileScope& scope, profile::S
     }
     for (VarInfo* var : {serial, part, firmware})
         if (var != nullptr) toRead.push_back(var);
+    // The field of view's mode is its first field, read with the others.
+    const VarInfo* mode = fieldOfViewModeVariable(placed);
+    if (!fieldOfView.empty() && mode != nullptr) toRead.push_back(const_cast<VarInfo*>(mode));
 
     FieldBytes bytes;
     if (!FieldReader(*reader_).read(toRead, bytes, error)) return false;
@@ -261,8 +341,7 @@ bool LidarUtilitiesManager::captureProfile(const ProfileScope& scope, profile::S
     captured.firmwareVersion = textOf(firmware);
     for (const PlacedVariable* p : settings) captured.settings << entryOf(*p, bytes[p->var]);
     for (const PlacedVariable* p : record) captured.record << entryOf(*p, bytes[p->var]);
-    if (!fieldOfView.empty()) {
-        const VarInfo* mode = fieldOfViewModeVariable(placed);
+    if (!fieldOfView.empty() && mode != nullptr) {
         profile::ProfileFieldOfView fov;
         fov.mode = QString::number(bytes[mode].empty() ? 0 : bytes[mode].front());
         for (float bound : fov_->bounds()) fov.bounds << QString::number(bound, 'f', 1);
@@ -285,8 +364,8 @@ namespace {
 QString bytesProblem(const VarInfo& var, const QByteArray& bytes) {
     const QString name = qs(var.var_name);
     if (var.offset > 0 && bytes.size() != var.offset)
-        return QString::number(bytes.size()) + " bytes where " + name + " holds " +
-               QString::number(var.offset);
+        return QString::number(bytes.size()) + (bytes.size() == 1 ? " byte" : " bytes") +
+               " where " + name + " holds " + QString::number(var.offset);
     const std::optional<std::string> text = LidarUtilitiesManager::valueText(var, toBytes(bytes));
     if (!text) return name + ": the bytes " + hexOf(bytes) + " do not make a value";
     if (!var.options.empty()) {
@@ -300,18 +379,20 @@ QString bytesProblem(const VarInfo& var, const QByteArray& bytes) {
             return name + " takes " + choices.join(", ") + "; the bytes hold " + qs(*text);
         }
     }
-    if (!LidarUtilitiesManager::textWithinLimits(var, *text))
+    const std::string exact = limitText(var, toBytes(bytes)).value_or(*text);
+    if (!LidarUtilitiesManager::textWithinLimits(var, exact))
         return name + " must be " + LidarUtilitiesManager::limitsText(var) + "; the bytes hold " +
-               qs(*text);
+               qs(exact);
     return QString();
 }
 
 QStringList fieldOfViewRefusals(const profile::ProfileFieldOfView& fov, const VarInfo* modeVar) {
     QStringList refusals;
     if (modeVar == nullptr) return {"field_of_view: this model has no channel field of view"};
-    bool ok = false;
-    const int mode = fov.mode.toInt(&ok);
-    if (!ok || mode < 0 || mode > 255) {
+    static const QRegularExpression kModeNumber("^(0|[1-9][0-9]{0,2})$");
+    bool ok = kModeNumber.match(fov.mode).hasMatch();
+    const int mode = fov.mode.toInt();
+    if (!ok || mode > 255) {
         refusals << "field_of_view.mode: '" + fov.mode + "' is not a mode number (0 to 255)";
     } else if (const QString problem =
                    bytesProblem(*modeVar, QByteArray(1, static_cast<char>(mode)));
@@ -346,6 +427,12 @@ QStringList LidarUtilitiesManager::profileRefusals(const profile::SettingsProfil
         const VarInfo& var = *found->var;
         if (!isSetting(var)) {
             refusals << key + ".var_id: " + qs(var.var_name) + " is not a setting a profile writes";
+            continue;
+        }
+        if (connectionSetsBaudRateOf(model) && isConnectionBaudRate(var)) {
+            refusals << key + ".var_id: " + qs(var.var_name) +
+                            " is written by every connection (the baud rate connected with), "
+                            "not by a profile";
             continue;
         }
         if (entry.setCommand.compare(qs(var.set_cmd), Qt::CaseInsensitive) != 0) {
@@ -401,10 +488,8 @@ bool LidarUtilitiesManager::compareWithProfile(const profile::SettingsProfile& p
         difference.setCommand = qs(found->var->set_cmd);
         difference.lidarBytes = lidarBytes;
         difference.profileBytes = entry->bytes;
-        difference.lidarText =
-            qs(valueText(*found->var, bytes[found->var]).value_or(std::string()));
-        difference.profileText =
-            qs(valueText(*found->var, toBytes(entry->bytes)).value_or(std::string()));
+        difference.lidarText = displayText(*found->var, bytes[found->var]);
+        difference.profileText = displayText(*found->var, toBytes(entry->bytes));
         difference.unit = entryOf(*found, {}).unit;
         comparison.differences << difference;
     }

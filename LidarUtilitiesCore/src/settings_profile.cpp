@@ -6,6 +6,7 @@
 #include <QJsonObject>
 #include <QJsonParseError>
 #include <QJsonValue>
+#include <QRegularExpression>
 #include <QSet>
 #include <cmath>
 #include <utility>
@@ -35,6 +36,10 @@ bool operator==(const SettingsProfile& a, const SettingsProfile& b) {
 // ---- Comparing --------------------------------------------------------------------------------
 
 std::optional<int> boundTenths(const QString& text) {
+    // Plain decimals only: what the lidar reports is written so, and "1e1" or " 10" are not
+    // what a person means by a bound.
+    static const QRegularExpression kDecimal("^[0-9]{1,3}(\\.[0-9]+)?$");
+    if (!kDecimal.match(text).hasMatch()) return std::nullopt;
     bool ok = false;
     const double degrees = text.toDouble(&ok);
     if (!ok || !(degrees >= 0.0 && degrees <= 360.0)) return std::nullopt;
