@@ -300,6 +300,16 @@ TEST(ProfileFiles, AfterTheNetworkCommandTheApplyIsVerifiedOnceConnectedAgain) {
     EXPECT_TRUE(verified["verified"].toBool());
     EXPECT_TRUE(verified["networkNotVerified"].toBool());
     EXPECT_EQ(slice(b.lidar->Block(kNetworkGet), kGatewayOffset, 4), gateway);
+    // Until its restart the lidar may report the network settings it runs with: those are set
+    // aside while the network command waits, and only then.
+    b.lidar->WriteBlock(kNetworkGet, {}, kGatewayOffset, {10, 1, 2, 3});
+    const QVariantMap pending = b.m().verifyProfileFile(urlOf(path), true);
+    EXPECT_TRUE(pending["verified"].toBool());
+    EXPECT_TRUE(pending["differences"].toList().isEmpty());
+    const QVariantMap strict = b.m().verifyProfileFile(urlOf(path), false);
+    EXPECT_FALSE(strict["verified"].toBool());
+    EXPECT_FALSE(strict["networkNotVerified"].toBool());
+    EXPECT_EQ(text(rowNamed(strict, "differences", "Gateway")["lidarText"]), "10.1.2.3");
 
     // A profile that gives the lidar another address says where it will answer.
     const std::string moved = b.folder.file("moved.json");
