@@ -136,8 +136,8 @@ WindowTestCase {
         mouseClick(named("reconnectButton", overlay()))
         tryVerify(function() { return Manager.isConnected }, 10000)
         tryCompare(named("profileOutcome", view), "text",
-                   "Verified every other setting. The network settings (0x21) were written; the "
-                   + "lidar takes them at its next restart, so they are not verified.", 10000)
+                   "Written: 0x21. Every other setting is verified; the lidar takes the network "
+                   + "settings (0x21) at its next restart, so they are not verified.", 10000)
         verify(!named("verifyProfileButton", view).visible)
     }
 

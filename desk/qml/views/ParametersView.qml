@@ -49,6 +49,7 @@ Pane {
     // The file of an apply whose network command closed the connection: what is verified once
     // the lidar is connected again.
     property string profileToVerify: ""
+    property string profileWritten: ""
     readonly property bool editsWait: stagedCount > 0 || editedRows.length > 0
 
     function reload() {
@@ -216,6 +217,7 @@ Pane {
             profileOutcome = "Verified: the lidar holds the profile (" + written + " written)."
         } else if (result.state === "unverified") {
             profileToVerify = profilePath
+            profileWritten = written
             profileOutcome = "Written (" + written + "), not verified: the lidar took the network "
                              + "settings and closed the connection. Connect again to verify the "
                              + "other settings."
@@ -237,9 +239,9 @@ Pane {
             return
         }
         profileOutcome = result.networkNotVerified
-                ? "Verified every other setting. The network settings (" + ProfileText.networkCommand
-                  + ") were written; the lidar takes them at its next restart, so they are not "
-                  + "verified."
+                ? "Written: " + profileWritten + ". Every other setting is verified; the lidar "
+                  + "takes the network settings (" + ProfileText.networkCommand + ") at its next "
+                  + "restart, so they are not verified."
                 : "Verified: the lidar holds the profile."
     }
     function profileFinished(result) {
@@ -407,7 +409,7 @@ Pane {
                     CheckBox {
                         id: includeOwnAddress
                         objectName: "includeOwnAddress"
-                        text: "With its own address and MAC"
+                        text: "With the lidar's own address and MAC"
                     }
                     CheckBox {
                         id: recordReadOnly
