@@ -243,6 +243,7 @@ TEST(ProfileFiles, ApplyRefusesWhileEditsWaitAndTellsACommandThatFailed) {
     const QVariantMap waiting = b.m().applyProfileFile(urlOf(path));
     EXPECT_EQ(text(waiting["state"]), "refused");
     EXPECT_EQ(text(waiting["error"]), "edits wait to be applied; apply or discard them first");
+    EXPECT_TRUE(waiting.contains("written") && waiting["written"].toStringList().isEmpty());
     EXPECT_EQ(b.setRequests(), 0u);
     b.m().ClearSetMap();
 

@@ -517,7 +517,8 @@ class LidarUtilitiesManager : public QObject {
     // when there are refusals or edits wait in the staging, writes the differences, then
     // compares again. "state": "refused", "matched" (nothing to write), "failed" (a command
     // failed: "failedCommand"; "written" the ones before it), "differs" (written, yet the lidar
-    // still differs: "after" holds the comparison), "verified", or "unverified" (the network
+    // still differs: "after" holds the comparison), "unread" (written; reading back failed:
+    // "error"), "verified", or "unverified" (the network
     // command went and the lidar closed the connection: verify once connected again, with
     // verifyProfileFile). "written": the commands sent; "newAddress": the profile's address for
     // the lidar when it is another than the one connected to.

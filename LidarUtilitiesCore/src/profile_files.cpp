@@ -154,6 +154,26 @@ QString newAddressIn(const LidarUtilitiesManager& manager, const profile::Settin
     return QString();
 }
 
+// Reads the lidar again and says whether it holds the profile: the outcome map of
+// verifyProfileFile.
+QVariantMap verification(LidarUtilitiesManager& manager, const profile::SettingsProfile& loaded,
+                         bool networkPending) {
+    if (!manager.isDeviceLinkOpen()) return failure("not connected to a lidar");
+    profile::ProfileComparison comparison;
+    QString error;
+    if (!manager.compareWithProfile(loaded, &comparison, &error)) return failure(error);
+    const bool networkInProfile = std::any_of(
+        loaded.settings.begin(), loaded.settings.end(), [](const profile::ProfileEntry& entry) {
+            return entry.setCommand.compare(profile::kNetworkSetCommand, Qt::CaseInsensitive) == 0;
+        });
+    if (networkPending) comparison = withoutNetworkFields(comparison);
+    QVariantMap result{{"ok", true}, {"error", QString()}};
+    addComparison(comparison, &result);
+    result["verified"] = comparison.matches();
+    result["networkNotVerified"] = networkPending && networkInProfile;
+    return result;
+}
+
 }  // namespace
 
 QVariantMap LidarUtilitiesManager::exportProfileFile(QUrl file, bool includeOwnAddress,
@@ -189,6 +209,7 @@ QVariantMap LidarUtilitiesManager::applyProfileFile(QUrl file) {
     if (getSetMapSize() > 0 || getEditedVarCount() > 0) {
         QVariantMap result = failure("edits wait to be applied; apply or discard them first");
         result["state"] = "refused";
+        result["written"] = QStringList();
         return result;
     }
     profile::SettingsProfile loaded;
@@ -219,28 +240,22 @@ QVariantMap LidarUtilitiesManager::applyProfileFile(QUrl file) {
         result["state"] = "unverified";
         return result;
     }
-    const QVariantMap after = verifyProfileFile(file, false);
+    // Verified against the profile that was written, whatever the file holds by now.
+    const QVariantMap after = verification(*this, loaded, false);
     result["after"] = after;
     result["ok"] = after["ok"].toBool() && after["verified"].toBool();
-    result["state"] = result["ok"].toBool() ? "verified" : "differs";
-    result["error"] = after["ok"].toBool() ? QString() : after["error"].toString();
+    if (!after["ok"].toBool()) {
+        result["state"] = "unread";
+        result["error"] = after["error"];
+    } else {
+        result["state"] = after["verified"].toBool() ? "verified" : "differs";
+    }
     return result;
 }
 
 QVariantMap LidarUtilitiesManager::verifyProfileFile(QUrl file, bool networkPending) {
     profile::SettingsProfile loaded;
-    profile::ProfileComparison comparison;
-    QVariantMap result = loadAndCompare(*this, file, &loaded, &comparison);
-    if (!result["ok"].toBool()) return result;
-    const bool networkInProfile = std::any_of(
-        loaded.settings.begin(), loaded.settings.end(), [](const profile::ProfileEntry& entry) {
-            return entry.setCommand == profile::kNetworkSetCommand;
-        });
-    if (networkPending) {
-        comparison = withoutNetworkFields(comparison);
-        addComparison(comparison, &result);
-    }
-    result["verified"] = comparison.matches();
-    result["networkNotVerified"] = networkPending && networkInProfile;
-    return result;
+    QString error;
+    if (!loadProfileFile(localPathOf(file), &loaded, &error)) return failure(error);
+    return verification(*this, loaded, networkPending);
 }

@@ -208,11 +208,11 @@ Pane {
                              + (written === "" ? "; nothing was written."
                                                : "; written before it: " + written + ".")
         } else if (result.state === "differs") {
-            if (result.after.ok)
-                profileDiffers("Written (" + written + "), yet the lidar still differs from the "
-                               + "profile.", result.after)
-            else
-                profileOutcome = "Written (" + written + "), not verified: " + result.error + "."
+            profileDiffers("Written (" + written + "), yet the lidar still differs from the "
+                           + "profile.", result.after)
+        } else if (result.state === "unread") {
+            profileOutcome = "Written (" + written + "), not verified: reading back failed: "
+                             + result.error + "."
         } else if (result.state === "verified") {
             profileOutcome = "Verified: the lidar holds the profile (" + written + " written)."
         } else if (result.state === "unverified") {
