@@ -147,6 +147,17 @@ TEST(ProfileFiles, CompareListsEachDifferingFieldWithBothValues) {
     EXPECT_EQ(changed["plan"].toStringList(), (QStringList{"0x20", "0x22"}));
     EXPECT_EQ(changed["differenceCount"].toInt(), 2);
     EXPECT_EQ(b.setRequests(), 0u) << "comparing writes nothing";
+
+    // A profile of other firmware: a warning beside the differences.
+    profile::SettingsProfile older = readBack(path);
+    older.firmwareVersion = "EGRET-FW-V1-23.01.1";
+    const std::string olderPath = b.folder.file("older.json");
+    testsupport::WriteFile(olderPath, profile::writeProfile(older).toStdString());
+    const QVariantMap warned = b.m().compareProfileFile(urlOf(olderPath));
+    ASSERT_TRUE(warned["ok"].toBool()) << text(warned["error"]);
+    ASSERT_EQ(warned["warnings"].toStringList().size(), 1);
+    EXPECT_TRUE(warned["warnings"].toStringList()[0].contains("EGRET-FW-V1-23.01.1"));
+    EXPECT_EQ(warned["differenceCount"].toInt(), 2);
 }
 
 TEST(ProfileFiles, AFileThatIsNoProfileOrDoesNotFitIsRefusedNamingTheKey) {

@@ -141,6 +141,37 @@ WindowTestCase {
         verify(!named("verifyProfileButton", view).visible)
     }
 
+    function test_aCommandTheLidarRefusesIsNamedWithWhatWasWrittenBeforeIt() {
+        var view = openParameters()
+        exportTo(view, "refused.json")
+        var port = wordAt(networkGet, dataPortOffset)
+        var end1 = wordAt(fieldOfViewGet, 4)
+        verify(Probe.writeBlock(networkGet, dataPortOffset, wordBytes(port === 3000 ? 3001 : 3000)))
+        verify(Probe.writeBlock(fieldOfViewGet, 4, wordBytes(end1 === 300 ? 301 : 300)))
+        var changedFieldOfView = Probe.block(fieldOfViewGet)
+        verify(Probe.setFault(0x22, "status=3"))
+
+        askToApply(view)
+        mouseClick(named("confirmOkButton", overlay()))
+        tryCompare(named("profileOutcome", view), "text",
+                   "Not applied: 0x22 was not written; written before it: 0x20.", 10000)
+        compare(wordAt(networkGet, dataPortOffset), port)
+        compare(Probe.block(fieldOfViewGet), changedFieldOfView)
+    }
+
+    // The serial lines carry the same profiles.
+    function test_aSerialLidarMatchesItsOwnExport() {
+        connectSimulated("Wren")
+        var view = openView("Parameters")
+        tryVerify(function() { return !Desk.queue.busy }, 10000)
+        var path = exportTo(view, "wren.json")
+        var written = JSON.parse(Probe.readText(path))
+        compare(written.model, "Wren")
+        verify(written.settings.length > 0, "the serial lidar's settings")
+        mouseClick(named("compareProfileButton", view))
+        tryCompare(named("profileOutcome", view), "text", "The lidar matches the profile.", 10000)
+    }
+
     function test_aProfileThatDoesNotFitIsRefusedNamingTheKey() {
         var view = openParameters()
         var path = exportTo(view, "fits.json")
