@@ -40,6 +40,13 @@ WindowTestCase {
                   outcome(view))
         return path
     }
+    // Presses a button of the view once it is enabled. Not a mouse click: an error pop-up of an
+    // earlier test may lie over the view's top.
+    function press(view, name) {
+        var button = named(name, view)
+        tryVerify(function() { return button.enabled }, 10000, name + " enabled")
+        button.clicked()
+    }
     function choose(view, path) {
         var field = named("profilePath", view)
         field.text = path
@@ -58,8 +65,7 @@ WindowTestCase {
     }
     // Presses Apply profile and waits for the plan to be asked about.
     function askToApply(view) {
-        tryVerify(function() { return named("applyProfileButton", view).enabled }, 10000)
-        mouseClick(named("applyProfileButton", view))
+        press(view, "applyProfileButton")
         return shown("confirmQuestion")
     }
 
@@ -84,7 +90,7 @@ WindowTestCase {
         verify(Probe.writeBlock(networkGet, dataPortOffset, wordBytes(otherPort)))
         verify(Probe.writeBlock(fieldOfViewGet, 4, wordBytes(otherEnd1)))
         Probe.resetCounters()
-        mouseClick(named("compareProfileButton", view))
+        press(view, "compareProfileButton")
         var details = shown("profileDetailsText").text
         verify(details.indexOf("0x20 (Network / Data Destination):\n  Data Port: " + otherPort
                                + " -> " + port + "\n") >= 0, details)
@@ -155,6 +161,7 @@ WindowTestCase {
         mouseClick(named("confirmOkButton", overlay()))
         tryCompare(named("profileOutcome", view), "text",
                    "Not applied: 0x22 was not written; written before it: 0x20.", 10000)
+        tryVerify(function() { return popups.errorShown }, 5000, "the lidar's refusal is shown")
         compare(wordAt(networkGet, dataPortOffset), port)
         compare(Probe.block(fieldOfViewGet), changedFieldOfView)
     }
@@ -168,7 +175,7 @@ WindowTestCase {
         var written = JSON.parse(Probe.readText(path))
         compare(written.model, "Wren")
         verify(written.settings.length > 0, "the serial lidar's settings")
-        mouseClick(named("compareProfileButton", view))
+        press(view, "compareProfileButton")
         tryCompare(named("profileOutcome", view), "text", "The lidar matches the profile.", 10000)
     }
 
@@ -182,15 +189,14 @@ WindowTestCase {
         Probe.resetCounters()
 
         choose(view, other)
-        tryVerify(function() { return named("applyProfileButton", view).enabled }, 10000)
-        mouseClick(named("applyProfileButton", view))
+        press(view, "applyProfileButton")
         compare(shown("profileDetailsText").text, "model: the profile is for Plover, the lidar is Egret")
         compare(outcome(view), "Not applied; nothing was written: the profile does not fit this lidar.")
         mouseClick(named("closeProfileDialog", overlay()))
 
         var broken = Probe.writeText("broken.json", json.replace('"bytes": "', '"bytes": "x'))
         choose(view, broken)
-        mouseClick(named("compareProfileButton", view))
+        press(view, "compareProfileButton")
         tryVerify(function() { return outcome(view).indexOf("Not compared: ") === 0 }, 10000,
                   outcome(view))
         verify(outcome(view).indexOf(broken + " is not a profile this program reads: settings[0].bytes")
@@ -209,7 +215,14 @@ WindowTestCase {
         Probe.pressKey(spin, spin.currentIndex < spin.count - 1 ? Qt.Key_Down : Qt.Key_Up)
         tryCompare(named("editedMark", row(view, "Spin Rate")), "text", "edited")
         verify(!named("applyProfileButton", view).enabled)
-        mouseClick(named("discardButton", view))
-        tryVerify(function() { return named("applyProfileButton", view).enabled }, 10000)
+        press(view, "discardButton")
+        tryVerify(function() { return named("applyProfileButton", view).enabled }, 10000,
+                  "edits wait: " + view.editsWait + " (" + view.stagedCount + " staged, "
+                  + editedNames(view) + "), link ready: " + view.linkReady)
+    }
+    function editedNames(view) {
+        var names = []
+        for (var i = 0; i < view.editedRows.length; ++i) names.push(view.editedRows[i].name)
+        return names.join(", ")
     }
 }
