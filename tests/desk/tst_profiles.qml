@@ -209,8 +209,10 @@ WindowTestCase {
         mouseClick(named("moduleTab_Operation", view))
         tryVerify(function() {
             var spin = row(view, "Spin Rate")
-            return spin !== null && named("value", spin).text !== "" && !Desk.queue.busy
+            return spin !== null && named("value", spin).text !== ""
         }, 10000)
+        // The view's read has come back and its values are shown.
+        tryVerify(function() { return view.readTicket < 0 && !Desk.queue.busy }, 10000)
         var spin = named("optionField", row(view, "Spin Rate"))
         Probe.pressKey(spin, spin.currentIndex < spin.count - 1 ? Qt.Key_Down : Qt.Key_Up)
         tryCompare(named("editedMark", row(view, "Spin Rate")), "text", "edited")
