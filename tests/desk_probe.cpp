@@ -275,6 +275,14 @@ QString DeskProbe::writeFile(const QString& name, int size) const {
     return path;
 }
 
+QString DeskProbe::writeText(const QString& name, const QString& text) const {
+    const QString path = QDir(folder_).filePath(name);
+    QFile file(path);
+    const QByteArray bytes = text.toUtf8();
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size()) return QString();
+    return path;
+}
+
 qint64 DeskProbe::fileSize(const QString& path) const {
     const QFileInfo info(path);
     return info.exists() ? info.size() : -1;

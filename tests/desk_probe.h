@@ -71,6 +71,9 @@ class DeskProbe : public QObject {
     // The test's own folder, and files in it.
     Q_INVOKABLE QString folder() const { return folder_; }
     Q_INVOKABLE QString writeFile(const QString& name, int size) const;
+    // A file `name` in the test's folder holding `text` in UTF-8; its path, "" when it could not
+    // be written.
+    Q_INVOKABLE QString writeText(const QString& name, const QString& text) const;
     Q_INVOKABLE qint64 fileSize(const QString& path) const;
     Q_INVOKABLE QStringList filesIn(const QString& folder) const;
     Q_INVOKABLE QString readText(const QString& path) const;

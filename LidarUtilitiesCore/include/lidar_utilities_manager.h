@@ -504,6 +504,37 @@ class LidarUtilitiesManager : public QObject {
     // line), which a profile then leaves to the connection.
     bool connectionSetsBaudRateOf(const QString& model) const;
 
+    // ---- Settings profile files, for the window (profile_files.cpp) ----
+    // The operations above with the file read or written, each outcome as a map a view shows:
+    // "ok" and "error" always; the rest per call, below. Each reads the lidar: a front end calls
+    // them through its queue, never on the UI thread.
+    // The connected lidar's settings into a file (its own address and MAC left out unless
+    // `includeOwnAddress`; the read-only values recorded with `withRecord`): "path",
+    // "settings" (how many), "fieldOfView" (whether it holds one), "recorded" (how many).
+    Q_INVOKABLE QVariantMap exportProfileFile(QUrl file, bool includeOwnAddress, bool withRecord);
+    // The lidar against a profile file: "refusals" (why the lidar cannot take it, each naming
+    // the key; nothing is compared then), "warnings", "matches", "differences" (one map per
+    // field: "setCommand", "module", "page", "name", "varId", "lidarText", "profileText",
+    // "unit", "lidarBytes", "profileBytes"), "fieldOfView" (the differing mode and bounds:
+    // "name", "lidarText", "profileText", "unit"), "plan" (the set commands an apply sends) and
+    // "differenceCount".
+    Q_INVOKABLE QVariantMap compareProfileFile(QUrl file);
+    // Brings the lidar to a profile file: compares (the keys above), refuses with nothing written
+    // when there are refusals or edits wait in the staging, writes the differences, then
+    // compares again. "state": "refused", "matched" (nothing to write), "failed" (a command
+    // failed: "failedCommand"; "written" the ones before it), "differs" (written, yet the lidar
+    // still differs: "after" holds the comparison), "unread" (written; reading back failed:
+    // "error"), "verified", or "unverified" (the network
+    // command went and the lidar closed the connection: verify once connected again, with
+    // verifyProfileFile). "written": the commands sent; "newAddress": the profile's address for
+    // the lidar when it is another than the one connected to.
+    Q_INVOKABLE QVariantMap applyProfileFile(QUrl file);
+    // Compares again after an apply and says whether the lidar holds the profile: "verified",
+    // "differences" as above. With `networkPending` the network settings' differences are set
+    // aside ("networkNotVerified"): the lidar takes them at its next restart and may report the
+    // ones it runs with until then.
+    Q_INVOKABLE QVariantMap verifyProfileFile(QUrl file, bool networkPending);
+
     // ---- The machine's serial ports (serial_port_list.cpp) ----
     // One map per serial port the system reports, for a connection view to offer: "portName",
     // "systemLocation", "description", "manufacturer", "serialNumber" (empty when not known).

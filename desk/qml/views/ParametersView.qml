@@ -1,15 +1,19 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
+import Qt.labs.platform 1.1 as Platform
 import Lidar 1.0
 import "../controls"
 import "../controls/editedRows.js" as EditedRows
 import "../controls/values.js" as Values
+import "../controls/profileText.js" as ProfileText
 
 // The loaded model's variables: modules as tabs, pages as sections, one row per shown variable
 // (name, value, unit, editor). Every read and apply goes through the device queue; edits are
 // staged in the manager at once and sent by Apply. The rows show the manager's map: they are
-// re-read when it announces new values, and updated in place.
+// re-read when it announces new values, and updated in place. A settings profile is exported,
+// compared with the lidar and applied from here as well (docs/profiles.md): Apply profile shows
+// what it would write and asks first, then writes and reads back.
 Pane {
     id: view
     objectName: "parametersView"
@@ -34,6 +38,19 @@ Pane {
     property bool applyDropsConnection: false
     property string addressAfterApply: ""
     property var applyOutcomes: []
+    // Settings profiles: the file, the operation in the queue and what the last one came to
+    // (a line, and the fields or refusals behind it).
+    property string profilePath: ""
+    property int profileTicket: -1
+    property string profileAction: ""
+    property string profileOutcome: ""
+    property string profileDetails: ""
+    property string profileDetailsTitle: ""
+    // The file of an apply whose network command closed the connection: what is verified once
+    // the lidar is connected again.
+    property string profileToVerify: ""
+    property string profileWritten: ""
+    readonly property bool editsWait: stagedCount > 0 || editedRows.length > 0
 
     function reload() {
         variableMap = Manager.catalogueVariableMap()
@@ -107,6 +124,136 @@ Pane {
         applyOutcomes = applyOutcomes.concat([text])
     }
 
+    // ---- Settings profiles: each call reads the lidar, so each goes through the queue ----
+    function runProfile(action, method, args) {
+        profileAction = action
+        profileOutcome = ""
+        profileDetails = ""
+        profileTicket = Desk.queue.call(method, args)
+    }
+    function exportProfile(path) {
+        profilePath = path
+        runProfile("export", "exportProfileFile",
+                   [Desk.fileUrl(path), includeOwnAddress.checked, recordReadOnly.checked])
+    }
+    function compareProfile() {
+        runProfile("compare", "compareProfileFile", [Desk.fileUrl(profilePath)])
+    }
+    // Compares first: the differences are the plan the person confirms.
+    function requestApplyProfile() {
+        runProfile("plan", "compareProfileFile", [Desk.fileUrl(profilePath)])
+    }
+    function startApplyProfile() {
+        runProfile("apply", "applyProfileFile", [Desk.fileUrl(profilePath)])
+    }
+    function verifyProfile() {
+        runProfile("verify", "verifyProfileFile", [Desk.fileUrl(profileToVerify), true])
+    }
+    function showProfileDetails(title, text) {
+        profileDetailsTitle = title
+        profileDetails = text
+        if (text !== "") profileDialog.open()
+    }
+    function warningsOf(result) {
+        var warnings = result.warnings || []
+        return warnings.length === 0 ? "" : " Warning: " + warnings.join("; ") + "."
+    }
+    // A call that did nothing: why, and each refusal (naming its key) in the details.
+    function profileFailed(what, result) {
+        profileOutcome = what + ": " + result.error + "."
+        var refusals = result.refusals || []
+        if (refusals.length > 0) showProfileDetails("Profile refused", refusals.join("\n"))
+    }
+    function profileDiffers(outcome, result) {
+        profileOutcome = outcome
+        showProfileDetails("Differences from the profile (lidar -> profile)",
+                           ProfileText.differenceLines(result))
+    }
+    function exportFinished(result) {
+        if (!result.ok) return profileFailed("Not exported", result)
+        profilePath = result.path
+        profileOutcome = "Exported " + ProfileText.count(result.settings, "setting", "settings")
+                         + (result.fieldOfView ? " and the field of view" : "")
+                         + (result.recorded > 0 ? ", " + result.recorded + " read-only values recorded" : "")
+                         + " to " + result.path + "."
+    }
+    function compareFinished(result) {
+        if (!result.ok) return profileFailed("Not compared", result)
+        if (result.matches) {
+            profileOutcome = "The lidar matches the profile." + warningsOf(result)
+            return
+        }
+        profileDiffers(ProfileText.count(result.differenceCount, "field differs", "fields differ")
+                       + " from the profile." + warningsOf(result), result)
+    }
+    function planFinished(result) {
+        if (!result.ok) return profileFailed("Not applied; nothing was written", result)
+        if (result.matches) {
+            profileOutcome = "The lidar already matches the profile; nothing to write."
+                             + warningsOf(result)
+            return
+        }
+        profileOutcome = warningsOf(result).trim()
+        profileConfirm.ask("Apply profile", ProfileText.applyQuestion(result),
+                           view.startApplyProfile, ProfileText.differenceLines(result))
+    }
+    function applyFinished(result) {
+        var written = result.written.join(", ")
+        if (result.state === "refused") {
+            profileFailed("Not applied; nothing was written", result)
+        } else if (result.state === "matched") {
+            profileOutcome = "The lidar already matches the profile; nothing was written."
+        } else if (result.state === "failed") {
+            profileOutcome = "Not applied: " + result.failedCommand + " was not written"
+                             + (written === "" ? "; nothing was written."
+                                               : "; written before it: " + written + ".")
+        } else if (result.state === "differs") {
+            profileDiffers("Written (" + written + "), yet the lidar still differs from the "
+                           + "profile.", result.after)
+        } else if (result.state === "unread") {
+            profileOutcome = "Written (" + written + "), not verified: reading back failed: "
+                             + result.error + "."
+        } else if (result.state === "verified") {
+            profileOutcome = "Verified: the lidar holds the profile (" + written + " written)."
+        } else if (result.state === "unverified") {
+            profileToVerify = profilePath
+            profileWritten = written
+            profileOutcome = "Written (" + written + "), not verified: the lidar took the network "
+                             + "settings and closed the connection. Connect again to verify the "
+                             + "other settings."
+            addressAfterApply = result.newAddress
+        }
+        reload()
+        if (!Manager.isConnected && result.state === "unverified") reconnectDialog.open()
+        else if (Manager.isConnected) readCurrentModule()
+    }
+    function verifyFinished(result) {
+        if (!result.ok) {
+            profileOutcome = "Written, not verified: " + result.error + ". Verify again once the "
+                             + "lidar answers."
+            return
+        }
+        profileToVerify = ""
+        if (!result.verified) {
+            profileDiffers("After writing, the lidar still differs from the profile.", result)
+            return
+        }
+        profileOutcome = result.networkNotVerified
+                ? "Written: " + profileWritten + ". Every other setting is verified; the lidar "
+                  + "takes the network settings (" + ProfileText.networkCommand + ") at its next "
+                  + "restart, so they are not verified."
+                : "Verified: the lidar holds the profile."
+    }
+    function profileFinished(result) {
+        var action = profileAction
+        profileAction = ""
+        if (action === "export") exportFinished(result)
+        else if (action === "compare") compareFinished(result)
+        else if (action === "plan") planFinished(result)
+        else if (action === "apply") applyFinished(result)
+        else if (action === "verify") verifyFinished(result)
+    }
+
     onCurrentModuleChanged: readCurrentModule()
     Component.onCompleted: {
         reload()
@@ -122,14 +269,20 @@ Pane {
         function onConnectTypeChanged() { view.reload() }
         function onIsConnectedChanged() {
             view.reload()
-            if (Manager.isConnected) view.readCurrentModule()
+            if (!Manager.isConnected) return
+            view.readCurrentModule()
+            if (view.profileToVerify !== "") view.verifyProfile()
         }
         function onSuccessMessageChanged() { view.noteOutcome(Manager.successMessage) }
         function onErrorMessageChanged() { view.noteOutcome(Manager.errorMessage) }
     }
     Connections {
         target: Desk.queue
-        function onFinished(ticket) {
+        function onFinished(ticket, method, result) {
+            if (ticket === view.profileTicket) {
+                view.profileTicket = -1
+                view.profileFinished(result)
+            }
             if (ticket === view.readTicket) {
                 view.readTicket = -1
                 view.reload()
@@ -221,6 +374,92 @@ Pane {
             color: "darkorange"
         }
 
+        GroupBox {
+            objectName: "profileBox"
+            title: "Settings profile"
+            Layout.fillWidth: true
+            ColumnLayout {
+                anchors.fill: parent
+                RowLayout {
+                    Layout.fillWidth: true
+                    Label { text: "File" }
+                    TextField {
+                        objectName: "profilePath"
+                        Layout.fillWidth: true
+                        text: view.profilePath
+                        placeholderText: "a profile file (.json) to compare the lidar with or apply"
+                        selectByMouse: true
+                        onEditingFinished: view.profilePath = text
+                    }
+                    Button {
+                        text: "Choose..."
+                        onClicked: profileChooser.open()
+                    }
+                }
+                RowLayout {
+                    Layout.fillWidth: true
+                    Button {
+                        objectName: "exportProfileButton"
+                        text: "Export profile..."
+                        enabled: view.linkReady
+                        ToolTip.visible: hovered
+                        ToolTip.text: "Save the lidar's settings into a profile file"
+                        onClicked: exportChooser.open()
+                    }
+                    CheckBox {
+                        id: includeOwnAddress
+                        objectName: "includeOwnAddress"
+                        text: "With the lidar's own address and MAC"
+                    }
+                    CheckBox {
+                        id: recordReadOnly
+                        objectName: "recordReadOnly"
+                        text: "Record read-only values"
+                    }
+                    Item { Layout.fillWidth: true }
+                    Button {
+                        objectName: "compareProfileButton"
+                        text: "Compare with profile"
+                        enabled: view.linkReady && view.profilePath !== ""
+                        onClicked: view.compareProfile()
+                    }
+                    Button {
+                        objectName: "applyProfileButton"
+                        text: "Apply profile"
+                        enabled: view.linkReady && view.profilePath !== "" && !view.editsWait
+                        ToolTip.visible: hovered
+                        ToolTip.text: view.editsWait
+                                      ? "Apply or discard the edits first"
+                                      : "Show what the profile would change, then write it"
+                        onClicked: view.requestApplyProfile()
+                    }
+                    Button {
+                        objectName: "verifyProfileButton"
+                        text: "Verify"
+                        visible: view.profileToVerify !== ""
+                        enabled: view.linkReady
+                        onClicked: view.verifyProfile()
+                    }
+                }
+                RowLayout {
+                    Layout.fillWidth: true
+                    visible: view.profileOutcome !== "" || view.profileTicket >= 0
+                    Label {
+                        objectName: "profileOutcome"
+                        Layout.fillWidth: true
+                        wrapMode: Text.Wrap
+                        text: view.profileTicket >= 0 ? "Reading the lidar..." : view.profileOutcome
+                    }
+                    Button {
+                        objectName: "profileDetailsButton"
+                        text: "Details"
+                        visible: view.profileDetails !== ""
+                        onClicked: profileDialog.open()
+                    }
+                }
+            }
+        }
+
         ScrollView {
             id: scroller
             Layout.fillWidth: true
@@ -310,6 +549,60 @@ Pane {
                         }
                     }
                 }
+            }
+        }
+    }
+
+    Platform.FileDialog {
+        id: profileChooser
+        title: "Choose a settings profile"
+        fileMode: Platform.FileDialog.OpenFile
+        nameFilters: ["Settings profiles (*.json)", "All files (*)"]
+        onAccepted: view.profilePath = Desk.localPath(file)
+    }
+    Platform.FileDialog {
+        id: exportChooser
+        title: "Export the lidar's settings as"
+        fileMode: Platform.FileDialog.SaveFile
+        defaultSuffix: "json"
+        nameFilters: ["Settings profiles (*.json)"]
+        onAccepted: view.exportProfile(Desk.localPath(file))
+    }
+    ConfirmDialog {
+        id: profileConfirm
+        objectName: "profileConfirm"
+        okText: "Apply"
+        onRejected: view.profileOutcome = "Not applied: cancelled; nothing was written."
+    }
+    Dialog {
+        id: profileDialog
+        objectName: "profileDialog"
+        parent: Overlay.overlay
+        anchors.centerIn: parent
+        modal: true
+        focus: true
+        title: view.profileDetailsTitle
+        onOpened: closeProfileDialog.forceActiveFocus()
+        ColumnLayout {
+            ScrollView {
+                Layout.preferredWidth: 560
+                Layout.preferredHeight: Math.min(profileDetailsText.implicitHeight, 400)
+                clip: true
+                Label {
+                    id: profileDetailsText
+                    objectName: "profileDetailsText"
+                    width: 560
+                    wrapMode: Text.Wrap
+                    font.family: "monospace"
+                    text: view.profileDetails
+                }
+            }
+            DialogButton {
+                id: closeProfileDialog
+                objectName: "closeProfileDialog"
+                Layout.alignment: Qt.AlignRight
+                text: "Close"
+                onClicked: profileDialog.close()
             }
         }
     }
