@@ -2,10 +2,6 @@
 // brought to one (docs/profiles.md). The manager reads, compares and writes; this file reads and
 // writes the files and says what happened.
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -13,10 +9,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <cerrno>
-#include <cstdio>
 
 #include "commands.h"
+#include "file_checks.h"
 #include "interrupt.h"
 #include "output.h"
 #include "session.h"
@@ -50,38 +45,6 @@ QString exportPath(const QString& output, const profile::SettingsProfile& captur
 
 // Writes beside the file and renames it into place once every byte is on the disk, so that a
 // full disk or a device in the way never leaves a cut file in place of a good one.
-// True when nothing is at path, or a regular file is: a device or a pipe is never replaced.
-bool mayReplace(const QString& path) {
-    struct stat status {};
-    if (::stat(QFile::encodeName(path).constData(), &status) != 0) return errno == ENOENT;
-    return S_ISREG(status.st_mode);
-}
-
-bool writeFile(const QString& path, const QByteArray& content, QString* error) {
-    if (!mayReplace(path)) {
-        *error = "cannot write " + path + ": not a regular file";
-        return false;
-    }
-    const QString temporary = path + ".part-" + QString::number(QCoreApplication::applicationPid());
-    QFile file(temporary);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        *error = "cannot write " + path + ": " + file.errorString();
-        return false;
-    }
-    const bool written =
-        file.write(content) == content.size() && file.flush() && ::fsync(file.handle()) == 0;
-    const QString why = written ? QString() : file.errorString();
-    file.close();
-    if (!written || QFileInfo(temporary).size() != content.size() ||
-        std::rename(QFile::encodeName(temporary).constData(),
-                    QFile::encodeName(path).constData()) != 0) {
-        QFile::remove(temporary);
-        *error = "cannot write " + path + ": " + (why.isEmpty() ? qt_error_string(errno) : why);
-        return false;
-    }
-    return true;
-}
-
 // Why export cannot write where -o says, known before the lidar is asked; "" when it can.
 QString outputProblem(const QString& output) {
     const QFileInfo info(output);
@@ -90,7 +53,7 @@ QString outputProblem(const QString& output) {
                                                  : "no folder " + output + " to write into";
     const QFileInfo folder(info.absolutePath());
     if (!folder.isDir()) return "no folder " + folder.filePath() + " to write " + output + " into";
-    if (!mayReplace(output)) return output + " is not a regular file";
+    if (!replaceableFile(output)) return output + " is not a regular file";
     return QString();
 }
 
@@ -153,11 +116,10 @@ void printDifferences(const profile::ProfileComparison& comparison) {
                 printResult(command + " (" + difference.module + " / " + difference.page + "):");
             headed = true;
             // A change finer than the text shows is told by its bytes.
-            const QString bytes =
-                difference.lidarText != difference.profileText
-                    ? QString()
-                    : " (bytes " + QString(difference.lidarBytes.toHex()) + " -> " +
-                          QString(difference.profileBytes.toHex()) + ")";
+            const QString bytes = difference.lidarText != difference.profileText
+                                      ? QString()
+                                      : " (bytes " + QString(difference.lidarBytes.toHex()) +
+                                            " -> " + QString(difference.profileBytes.toHex()) + ")";
             printResult("  " + difference.name + ": " +
                         withUnit(difference.lidarText, difference.unit) + " -> " +
                         withUnit(difference.profileText, difference.unit) + bytes);
@@ -272,7 +234,7 @@ int commandExport(Session& session) {
         return kExitOk;
     }
     const QString path = exportPath(output, captured, &error);
-    if (path.isEmpty() || !writeFile(path, json, &error)) {
+    if (path.isEmpty() || !writeFileWhole(path, json, &error)) {
         printDiagnostic("error: " + error);
         return kExitFailed;
     }

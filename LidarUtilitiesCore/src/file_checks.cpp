@@ -1,12 +1,14 @@
 #include "file_checks.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -56,4 +58,36 @@ QString packageProblem(const QString& path) {
     ::close(fd);
     if (info.size() == 0) return "the package " + path + " is empty; nothing was sent";
     return QString();
+}
+
+bool replaceableFile(const QString& path) {
+    struct stat status {};
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0) return errno == ENOENT;
+    return S_ISREG(status.st_mode);
+}
+
+bool writeFileWhole(const QString& path, const QByteArray& content, QString* error) {
+    if (!replaceableFile(path)) {
+        *error = "cannot write " + path + ": not a regular file";
+        return false;
+    }
+    const QString temporary = path + ".part-" + QString::number(QCoreApplication::applicationPid());
+    QFile file(temporary);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        *error = "cannot write " + path + ": " + file.errorString();
+        return false;
+    }
+    const bool written =
+        file.write(content) == content.size() && file.flush() && ::fsync(file.handle()) == 0;
+    const QString why = written ? QString() : file.errorString();
+    file.close();
+    if (!written || QFileInfo(temporary).size() != content.size() ||
+        std::rename(QFile::encodeName(temporary).constData(),
+                    QFile::encodeName(path).constData()) != 0) {
+        const QString cause = why.isEmpty() ? qt_error_string(errno) : why;
+        QFile::remove(temporary);
+        *error = "cannot write " + path + ": " + cause;
+        return false;
+    }
+    return true;
 }

@@ -5,11 +5,11 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 #include <QVariantList>
 #include <QVariantMap>
 #include <algorithm>
 
+#include "file_checks.h"
 #include "lidar_utilities_manager.h"
 
 namespace {
@@ -44,13 +44,7 @@ bool saveFile(const QString& path, const QByteArray& content, QString* error) {
         *error = path + " is a folder; name the profile file";
         return false;
     }
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size() ||
-        !file.commit()) {
-        *error = "cannot write " + path + ": " + file.errorString();
-        return false;
-    }
-    return true;
+    return writeFileWhole(path, content, error);
 }
 
 QVariantMap differenceMap(const profile::FieldDifference& difference) {
