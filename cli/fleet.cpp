@@ -59,32 +59,31 @@ QStringList withoutFleetOptions(const QStringList& arguments) {
 }
 
 // The paths of the command line made absolute, as a single run anchors them
-// (anchorUserPaths): each value that anchoring changed is replaced where it stands after the
-// command, alone or as the value of "--option=VALUE".
+// (anchorUserPaths): the value of an option that names a path ("-o FILE", "--dir=DIR"), and the
+// positional arguments of a command whose arguments are files. A module name that happens to
+// name a folder too stays a name.
 QStringList withAbsolutePaths(const QStringList& arguments, const Options& options,
                               const QDir& userFolder) {
-    Options anchored = options;
-    anchorUserPaths(anchored, userFolder);
-    QHash<QString, QString> moved;
-    const auto note = [&moved](const QString& given, const QString& absolute) {
-        if (!given.isEmpty() && given != absolute) moved.insert(given, absolute);
+    static const QStringList kPathOptions = {"-o", "--output", "--dir", "--record"};
+    const auto absolute = [&userFolder](const QString& path) {
+        return path.isEmpty() ? path : userFolder.absoluteFilePath(path);
     };
-    note(options.dir, anchored.dir);
-    note(options.recordDir, anchored.recordDir);
-    note(options.output, anchored.output);
-    for (int i = 0; i < options.arguments.size() && i < anchored.arguments.size(); ++i)
-        note(options.arguments[i], anchored.arguments[i]);
-
     QStringList result = arguments;
     const int command = result.indexOf(options.command);
+    const bool positionalFiles = argumentsAreFiles(options);
     for (int i = command + 1; command >= 0 && i < result.size(); ++i) {
         QString& argument = result[i];
+        const QString previous = result[i - 1];
         const int equals = argument.indexOf('=');
-        if (moved.contains(argument))
-            argument = moved.value(argument);
-        else if (argument.startsWith("--") && equals > 2 &&
-                 moved.contains(argument.mid(equals + 1)))
-            argument = argument.left(equals + 1) + moved.value(argument.mid(equals + 1));
+        if (kPathOptions.contains(previous)) {
+            argument = absolute(argument);
+        } else if (argument.startsWith("--") && equals > 2 &&
+                   kPathOptions.contains(argument.left(equals))) {
+            argument = argument.left(equals + 1) + absolute(argument.mid(equals + 1));
+        } else if (positionalFiles && !argument.startsWith('-') &&
+                   options.arguments.contains(argument)) {
+            argument = absolute(argument);
+        }
     }
     return result;
 }
@@ -195,7 +194,12 @@ class FleetRun {
             run.error = "could not start lidarutil: " + child.errorString();
         if (run.state == LidarRun::State::kCrashed && run.error.isEmpty())
             run.error = "lidarutil crashed";
-        if (run.state == LidarRun::State::kAbandoned) run.error = "abandoned by Ctrl-C";
+        // A child that ended on its own after the Ctrl-C says what stopping left; one the signal
+        // ended said nothing more.
+        if (run.state == LidarRun::State::kAbandoned)
+            run.error = run.exitCode < 0 || run.error.isEmpty()
+                            ? QString("abandoned by Ctrl-C")
+                            : "abandoned by Ctrl-C: " + run.error;
         child.disconnect();
         if (!abandoned_) startWaiting();
         tell(run, err);
@@ -235,15 +239,18 @@ class FleetRun {
         abandon();
     }
 
+    // Each running child is stopped as a person stops a single run: Ctrl-C until it ends (an
+    // upgrade abandons its transfer and says what that leaves, an apply finishes the command it
+    // is writing), and killed only when it does not end in kStopSeconds.
     void abandon() {
         abandoned_ = true;
         for (int i = 0; i < runs_.size(); ++i) {
             if (runs_[i].state != LidarRun::State::kRunning) continue;
             ChildProcess& child = *processes_[static_cast<size_t>(i)];
             child.disconnect();
-            child.kill();
-            child.waitForFinished();
+            interruptUntilEnded(child);
             runs_[i].state = LidarRun::State::kAbandoned;
+            runs_[i].exitCode = child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1;
             end(i);
         }
         for (LidarRun& run : runs_) {
@@ -253,6 +260,18 @@ class FleetRun {
             tell(run, QByteArray());
         }
         loop_.quit();
+    }
+
+    static void interruptUntilEnded(ChildProcess& child) {
+        constexpr int kStopSeconds = 15;
+        constexpr int kBetweenInterruptsMs = 500;
+        const auto group = static_cast<pid_t>(child.processId());
+        for (int waited = 0; waited < kStopSeconds * 1000; waited += kBetweenInterruptsMs) {
+            if (group > 0) ::kill(-group, SIGINT);
+            if (child.waitForFinished(kBetweenInterruptsMs)) return;
+        }
+        child.kill();
+        child.waitForFinished();
     }
 
     const Options& options_;
@@ -298,13 +317,15 @@ int runFleet(const Options& options) {
     QVector<FleetHost> hosts;
     if (!readHosts(options.hostsFile, &hosts) || !catalogueHasModel(options.model))
         return kExitUsage;
-    // Every child would write the one file.
-    if (options.command == "export" && !options.output.isEmpty() &&
-        !QFileInfo(options.output).isDir())
+    if (!options.reportFile.isEmpty() && QFileInfo(options.reportFile).absoluteFilePath() ==
+                                             QFileInfo(options.hostsFile).absoluteFilePath())
+        return usageError("--report " + options.reportFile + " would write over the hosts file");
+    // Every child would write the one file, or each its profile where nobody keeps it.
+    if (options.command == "export" && !QFileInfo(options.output).isDir())
         return usageError(
-            "with --hosts, export -o names a folder that exists (each lidar's "
-            "profile goes to FOLDER/<serial number>.json), not " +
-            options.output);
+            "with --hosts, export needs -o FOLDER, a folder that exists: each "
+            "lidar's profile goes to FOLDER/<serial number>.json" +
+            (options.output.isEmpty() ? QString() : ", and " + options.output + " is none"));
     QFile report(options.reportFile);
     if (!options.reportFile.isEmpty() &&
         !report.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))

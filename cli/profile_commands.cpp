@@ -182,6 +182,16 @@ int compare(Session& session, const profile::SettingsProfile& loaded,
 }
 
 // The profile's address for the lidar, when it holds one that the network command writes.
+// The name of the profile's entry that holds the lidar's own address or MAC, or "".
+QString ownAddressEntry(Session& session, const profile::SettingsProfile& loaded) {
+    for (const profile::ProfileEntry& entry : loaded.settings) {
+        const VarInfo* var = session.manager().searchVarPtr(entry.varId.toStdString(), "var_id");
+        if (var != nullptr && LidarUtilitiesManager::isOwnAddressVariable(*var))
+            return QString::fromStdString(var->var_name);
+    }
+    return QString();
+}
+
 // The address the lidar answers at after a restart: the profile's own address when the network
 // command changed it, otherwise the one it was reached at (empty).
 QString addressAfterRestart(Session& session, const profile::ProfileComparison& comparison) {
@@ -343,6 +353,14 @@ int commandApply(Session& session) {
     if (int status = loadProfile(path, &loaded); status != kExitOk) return status;
     if (int status = refuseUnfitProfile(session, path, loaded, true); status != kExitOk)
         return status;
+    if (session.options().fleetChild) {
+        if (const QString own = ownAddressEntry(session, loaded); !own.isEmpty()) {
+            printDiagnostic("error: " + path + " holds the lidar's own " + own +
+                            ": applied to many lidars it would give them all one; export the "
+                            "profile without --include-network. Nothing was written");
+            return kExitUsage;
+        }
+    }
     if (int status = session.connect(); status != kExitOk) return status;
 
     profile::ProfileComparison comparison;

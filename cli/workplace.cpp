@@ -5,7 +5,6 @@
 #include "output.h"
 
 namespace cli {
-namespace {
 
 // The commands whose arguments are files: the firmware or OTA package, the archive to write.
 // (ota needs no catalogue and runs where it is started.)
@@ -14,6 +13,8 @@ bool argumentsAreFiles(const Options& options) {
     if (options.command == "diff" || options.command == "apply") return true;
     return options.command == "heron" && options.action == "upgrade";
 }
+
+namespace {
 
 void anchor(QString& path, const QDir& userFolder) {
     if (!path.isEmpty()) path = userFolder.absoluteFilePath(path);

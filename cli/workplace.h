@@ -12,6 +12,9 @@
 
 namespace cli {
 
+// Whether the command's positional arguments name files (a package, an archive, a profile).
+bool argumentsAreFiles(const Options& options);
+
 // Makes the files and folders the user named absolute, taken from `userFolder`, so that they
 // keep naming the user's files once the program works elsewhere.
 void anchorUserPaths(Options& options, const QDir& userFolder);

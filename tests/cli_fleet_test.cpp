@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <QFile>
+#include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -292,6 +293,9 @@ TEST(Fleet, UsageErrorsAreRefusedBeforeAnyLidarIsReached) {
         {{"-j", "2", "info"}, "--hosts"},
         {{"--report", "r.jsonl", "info"}, "--hosts"},
         {{"--hosts", "hosts.txt", "--report", "no-such-folder/r.jsonl", "info"}, "r.jsonl"},
+        {{"--hosts", "hosts.txt", "--report", "hosts.txt", "info"}, "over the hosts file"},
+        {{"--hosts", "hosts.txt", "export"}, "export needs -o FOLDER"},
+        {{"--hosts", "hosts.txt", "export", "-o", "hosts.txt"}, "hosts.txt is none"},
     };
     for (const Case& c : cases) {
         const testsupport::Outcome run = testsupport::lidarutil(c.arguments, folder.path());
@@ -385,3 +389,51 @@ TEST(Fleet, TheSecondCtrlCAbandonsTheRunningLidarsAndStartsNoOther) {
 }
 
 }  // namespace
+
+// Profiles across a fleet: one file per lidar named by its serial number, a module name that is
+// also a folder's name stays a module, diff's status 3 is the fleet's, and a profile that holds
+// a lidar's own address is refused by every lidar before anything is written.
+TEST(Fleet, ProfilesGoToOneFilePerLidarAndOneAddressIsNeverGivenToAll) {
+    const Lidars lidars(3);
+    FleetFolder folder(lidars.hosts());
+    ASSERT_TRUE(QDir(folder.path()).mkdir("Operation"));
+    const testsupport::Outcome exported = testsupport::lidarutil(
+        {"--hosts", "hosts.txt", "export", "Operation", "-o", "Operation"}, folder.path());
+    EXPECT_EQ(exported.exitCode, 0) << exported.err.toStdString();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(
+            QFileInfo(folder.path() + "/Operation/" + simulatedSerialNumber(i) + ".json").isFile())
+            << i;
+
+    // Lidar 0's profile with another spin rate: every lidar differs from it in that field.
+    const QString source = folder.path() + "/Operation/" + simulatedSerialNumber(0) + ".json";
+    QString profile = QString::fromStdString(testsupport::ReadFile(source.toStdString()));
+    const int spin = profile.indexOf("\"bytes\": \"0258\"");  // 600 rpm, the first setting
+    ASSERT_GT(spin, 0);
+    profile.replace(spin, 15, "\"bytes\": \"04b0\"");
+    testsupport::WriteFile(folder.file("faster.json"), profile.toStdString());
+    const testsupport::Outcome differs =
+        testsupport::lidarutil({"--hosts", "hosts.txt", "diff", "faster.json"}, folder.path());
+    EXPECT_EQ(differs.exitCode, 3) << differs.err.toStdString();
+    for (const QJsonObject& object : jsonLines(differs.out)) {
+        EXPECT_EQ(exitStatus(object), 3);
+        EXPECT_EQ(text(object, "summary"), "1 field(s) differ from " +
+                                               QFileInfo(folder.path()).canonicalFilePath() +
+                                               "/faster.json");
+    }
+
+    const testsupport::Outcome own =
+        testsupport::lidarutil({"--host", lidars.hosts()[0].section(':', 0, 0), "--port",
+                                lidars.hosts()[0].section(':', 1), "export", "Network",
+                                "--include-network", "-o", "own.json"},
+                               folder.path());
+    ASSERT_EQ(own.exitCode, 0) << own.err.toStdString();
+    const testsupport::Outcome refused =
+        testsupport::lidarutil({"--hosts", "hosts.txt", "apply", "own.json"}, folder.path());
+    EXPECT_EQ(refused.exitCode, 1);
+    for (const QJsonObject& object : jsonLines(refused.out)) {
+        EXPECT_EQ(exitStatus(object), 2);
+        EXPECT_TRUE(text(object, "error").contains("holds the lidar's own IP Address"))
+            << text(object, "error").toStdString();
+    }
+}

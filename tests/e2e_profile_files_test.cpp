@@ -335,3 +335,27 @@ TEST(ProfileFiles, AfterTheNetworkCommandTheApplyIsVerifiedOnceConnectedAgain) {
     EXPECT_EQ(text(readdressed["newAddress"]), "10.9.8.7");
     EXPECT_EQ(slice(b.lidar->Block(kNetworkGet), 0, 4), (Bytes{10, 9, 8, 7}));
 }
+
+TEST(ProfileFiles, OnlyThePlanThePersonConfirmedIsWritten) {
+    Bench b;
+    ASSERT_TRUE(b.connect());
+    const std::string path = b.exportTo("egret.json");
+    b.lidar->WriteBlock(kNetworkGet, {}, kDataPortOffset, {0x0B, 0xB8});
+    const QVariantMap plan = b.m().compareProfileFile(urlOf(path));
+    ASSERT_TRUE(plan["ok"].toBool()) << text(plan["error"]);
+    const QString confirmed = plan["planKey"].toString();
+    EXPECT_FALSE(confirmed.isEmpty());
+
+    // The field of view changes at the lidar after the plan was shown: nothing is written.
+    b.lidar->WriteBlock(kFieldOfViewGet, {}, 4, {0x01, 0x2C});
+    const QVariantMap changed = b.m().applyProfileFile(urlOf(path), confirmed);
+    EXPECT_FALSE(changed["ok"].toBool());
+    EXPECT_EQ(text(changed["state"]), "changed");
+    EXPECT_EQ(b.setRequests(), 0u);
+
+    // The plan shown again is the one written.
+    const QVariantMap again = b.m().compareProfileFile(urlOf(path));
+    const QVariantMap applied = b.m().applyProfileFile(urlOf(path), again["planKey"].toString());
+    EXPECT_EQ(text(applied["state"]), "verified") << text(applied["error"]);
+    EXPECT_EQ(applied["written"].toStringList(), (QStringList{"0x20", "0x22"}));
+}

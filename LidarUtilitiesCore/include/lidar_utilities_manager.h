@@ -528,7 +528,9 @@ class LidarUtilitiesManager : public QObject {
     // command went and the lidar closed the connection: verify once connected again, with
     // verifyProfileFile). "written": the commands sent; "newAddress": the profile's address for
     // the lidar when it is another than the one connected to.
-    Q_INVOKABLE QVariantMap applyProfileFile(QUrl file);
+    // With `confirmedPlan` (compareProfileFile's "planKey"), writes only when the lidar and the
+    // file still give that plan; otherwise "changed", and nothing is written.
+    Q_INVOKABLE QVariantMap applyProfileFile(QUrl file, QString confirmedPlan = QString());
     // Compares again after an apply and says whether the lidar holds the profile: "verified",
     // "differences" as above. With `networkPending` the network settings' differences are set
     // aside ("networkNotVerified"): the lidar takes them at its next restart and may report the

@@ -112,6 +112,23 @@ profile::ProfileComparison withoutNetworkFields(profile::ProfileComparison compa
     return comparison;
 }
 
+// What a comparison would write, as one text: two comparisons with the same key write the same
+// bytes over the same bytes. The window confirms a plan by it.
+QString planKeyOf(const profile::ProfileComparison& comparison) {
+    QStringList parts;
+    for (const profile::FieldDifference& difference : comparison.differences)
+        parts << difference.varId + ":" + QString(difference.lidarBytes.toHex()) + ">" +
+                     QString(difference.profileBytes.toHex());
+    if (comparison.fieldOfViewDiffers()) {
+        const profile::ProfileFieldOfView lidar =
+            comparison.lidarFieldOfView.value_or(profile::ProfileFieldOfView{});
+        parts << "fov:" + lidar.mode + "," + lidar.bounds.join(",") + ">" +
+                     comparison.profileFieldOfView->mode + "," +
+                     comparison.profileFieldOfView->bounds.join(",");
+    }
+    return parts.join(';');
+}
+
 // The file read, the profile checked against the loaded model and the lidar compared with it:
 // the outcome map of compareProfileFile, and *loaded and *comparison when "ok".
 QVariantMap loadAndCompare(LidarUtilitiesManager& manager, const QUrl& file,
@@ -129,6 +146,7 @@ QVariantMap loadAndCompare(LidarUtilitiesManager& manager, const QUrl& file,
     if (!manager.compareWithProfile(*loaded, comparison, &error)) return failure(error);
     QVariantMap result{{"ok", true}, {"error", QString()}};
     addComparison(*comparison, &result);
+    result["planKey"] = planKeyOf(*comparison);
     return result;
 }
 
@@ -198,7 +216,7 @@ QVariantMap LidarUtilitiesManager::compareProfileFile(QUrl file) {
     return loadAndCompare(*this, file, &loaded, &comparison);
 }
 
-QVariantMap LidarUtilitiesManager::applyProfileFile(QUrl file) {
+QVariantMap LidarUtilitiesManager::applyProfileFile(QUrl file, QString confirmedPlan) {
     // The write goes through the staging: it would send the person's waiting edits with it.
     if (getSetMapSize() > 0 || getEditedVarCount() > 0) {
         QVariantMap result = failure("edits wait to be applied; apply or discard them first");
@@ -216,6 +234,15 @@ QVariantMap LidarUtilitiesManager::applyProfileFile(QUrl file) {
     }
     if (comparison.matches()) {
         result["state"] = "matched";
+        return result;
+    }
+    // The lidar or the file may have changed since the person confirmed the plan: only that plan
+    // is written.
+    if (!confirmedPlan.isEmpty() && planKeyOf(comparison) != confirmedPlan) {
+        result["ok"] = false;
+        result["state"] = "changed";
+        result["error"] =
+            "the lidar or the file changed since the plan was shown; nothing was written";
         return result;
     }
     result["newAddress"] = newAddressIn(*this, loaded);

@@ -41,6 +41,10 @@ Pane {
     // Settings profiles: the file, the operation in the queue and what the last one came to
     // (a line, and the fields or refusals behind it).
     property string profilePath: ""
+    // The plan the person confirmed (compareProfileFile's planKey): only it is written.
+    property string confirmedPlan: ""
+    // Typing breaks the field's binding: a file chosen later is put into it here.
+    onProfilePathChanged: if (profilePathField.text !== profilePath) profilePathField.text = profilePath
     property int profileTicket: -1
     property string profileAction: ""
     property string profileOutcome: ""
@@ -144,7 +148,7 @@ Pane {
         runProfile("plan", "compareProfileFile", [Desk.fileUrl(profilePath)])
     }
     function startApplyProfile() {
-        runProfile("apply", "applyProfileFile", [Desk.fileUrl(profilePath)])
+        runProfile("apply", "applyProfileFile", [Desk.fileUrl(profilePath), confirmedPlan])
     }
     function verifyProfile() {
         runProfile("verify", "verifyProfileFile", [Desk.fileUrl(profileToVerify), true])
@@ -194,6 +198,7 @@ Pane {
             return
         }
         profileOutcome = warningsOf(result).trim()
+        confirmedPlan = result.planKey
         profileConfirm.ask("Apply profile", ProfileText.applyQuestion(result),
                            view.startApplyProfile, ProfileText.differenceLines(result))
     }
@@ -201,6 +206,9 @@ Pane {
         var written = result.written.join(", ")
         if (result.state === "refused") {
             profileFailed("Not applied; nothing was written", result)
+        } else if (result.state === "changed") {
+            profileOutcome = "Not applied: the lidar or the file changed since the plan was "
+                             + "shown; nothing was written. Apply again to see the new plan."
         } else if (result.state === "matched") {
             profileOutcome = "The lidar already matches the profile; nothing was written."
         } else if (result.state === "failed") {
@@ -384,11 +392,14 @@ Pane {
                     Layout.fillWidth: true
                     Label { text: "File" }
                     TextField {
+                        id: profilePathField
                         objectName: "profilePath"
                         Layout.fillWidth: true
                         text: view.profilePath
                         placeholderText: "a profile file (.json) to compare the lidar with or apply"
                         selectByMouse: true
+                        // Each key counts: the buttons follow the path as it is typed.
+                        onTextEdited: view.profilePath = text
                         onEditingFinished: view.profilePath = text
                     }
                     Button {
