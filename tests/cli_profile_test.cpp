@@ -93,6 +93,7 @@ TEST(ProfileCommands, ExportDiffApplyBringOneLidarToAnother) {
     const Outcome same = on(*target, {"diff", file});
     EXPECT_EQ(same.exitCode, 0) << same.out.toStdString();
     EXPECT_EQ(same.out, "");
+    EXPECT_TRUE(same.err.contains("the lidar matches " + file)) << same.err.toStdString();
     const Outcome nothing = on(*target, {"apply", file});
     EXPECT_EQ(nothing.exitCode, 0);
     EXPECT_TRUE(nothing.err.contains("already matches"));
@@ -235,4 +236,34 @@ TEST(ProfileCommands, FilesAndNamesThatCannotBeUsedAreRefusedBeforeTheLidarIsAsk
     EXPECT_EQ(readOnly.exitCode, 2);
     EXPECT_EQ(on(*lidar, {"export", "--all", "--exclude", "Serial Number"}).exitCode, 0);
     EXPECT_EQ(lidar->ConnectionCount(), connections + 1);
+}
+
+TEST(ProfileCommands, AProfileOnStandardOutputReadsBackAndAChangeFinerThanItsTextShowsItsBytes) {
+    sim::LidarSimulator::Options options;
+    options.model = "Tern";
+    options.configDir = testsupport::SourceDir() + "/Config";
+    sim::LidarSimulator lidar(options);
+    ASSERT_TRUE(lidar.Start());
+    const Outcome exported = on(lidar, {"--model", "Tern", "export", "Scan Settings"});
+    ASSERT_EQ(exported.exitCode, 0) << exported.err.toStdString();
+    const QJsonObject json = QJsonDocument::fromJson(exported.out.toUtf8()).object();
+    EXPECT_EQ(json["model"].toString(), "Tern");
+    EXPECT_FALSE(json["settings"].toArray().isEmpty());
+    testsupport::TempDir folder;
+    const QString file = QString::fromStdString(folder.file("tern.json"));
+    testsupport::WriteFile(file.toStdString(), exported.out.toStdString());
+
+    // The mounting pitch (a float32 at 0x32's byte 7) moves by its last bit: 0.50 both ways.
+    const std::vector<uint8_t> pitch = slice(lidar.Block(0x32), 7, 4);
+    ASSERT_EQ(pitch.size(), 4u);
+    std::vector<uint8_t> nudged = pitch;
+    nudged[3] ^= 1;
+    lidar.WriteBlock(0x32, {}, 7, nudged);
+    const Outcome differs = on(lidar, {"--model", "Tern", "diff", file});
+    EXPECT_EQ(differs.exitCode, 3);
+    const auto hex = [](const std::vector<uint8_t>& bytes) {
+        return QString(QByteArray(reinterpret_cast<const char*>(bytes.data()), 4).toHex());
+    };
+    EXPECT_TRUE(differs.out.contains("(bytes " + hex(nudged) + " -> " + hex(pitch) + ")"))
+        << differs.out.toStdString();
 }

@@ -229,6 +229,8 @@ TEST(Profile, CaptureScopeTakesModulesExclusionsAndTheRecord) {
     EXPECT_EQ(operation.excluded, QStringList{"Standby"});
     EXPECT_FALSE(operation.fieldOfView.has_value());
     EXPECT_EQ(operation.serialNumber, "EG2411050123");
+    EXPECT_EQ(operation.partNumber, "EGR-064-0001-02");
+    EXPECT_EQ(operation.firmwareVersion, "EGRET-FW-V2-24.11.5");
     EXPECT_EQ(operation.settings[0].setCommand, "0x31");
     EXPECT_EQ(operation.settings[0].bytes, QByteArray::fromHex("0258"));
     EXPECT_EQ(operation.settings[3].unit, QString());
