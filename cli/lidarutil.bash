@@ -6,15 +6,15 @@
 # `lidarutil --model M show`, for the model already typed on the line). Keep the lists below in step with cli/options.cpp and
 # cli/command_table.cpp.
 
-_lidarutil_commands="models ports show info read set fov watch send history upgrade log oplog
-    monitor heron ota wren"
+_lidarutil_commands="models ports show info read set fov export diff apply watch send history
+    upgrade log oplog monitor heron ota wren"
 _lidarutil_program_options="--model --host --port --local-port --token --rs485 --uart --json
     -v --verbose -h --help --version --hosts -j --jobs --report"
 # Every option, of the program or of a command, that takes the next word as its value.
 _lidarutil_valued_options="--model --host --port --local-port --token --rs485 --uart --hosts
     -j --jobs --report --count
     --variable --dir --variant --record --duration --interval --vlan --bmb-app-a --bmb-app-b
-    --bmb-fpga --tmb-fpga --tmb-param -o --output"
+    --bmb-fpga --tmb-fpga --tmb-param -o --output --exclude"
 
 # The commands of a group (heron, ota, wren); nothing for a command that is no group.
 _lidarutil_group_commands()
@@ -35,6 +35,8 @@ _lidarutil_command_options()
     case $1 in
         watch) echo "--count" ;;
         upgrade) echo "--variable" ;;
+        export) echo "-o --output --include-network --exclude --all" ;;
+        apply) echo "--dry-run --no-verify --restart" ;;
         log) echo "--dir" ;;
         monitor) echo "--variant --count --record --duration --interval --plot" ;;
         "ota pack") echo "--bmb-app-a --bmb-app-b --bmb-fpga --tmb-fpga --tmb-param -o --output" ;;
@@ -104,7 +106,7 @@ _lidarutil()
             return
             ;;
         --host | --port | --local-port | --token | -j | --jobs | --count | --variable | --variant | \
-            --duration | --interval | --vlan)
+            --duration | --interval | --vlan | --exclude)
             return
             ;;
     esac
@@ -158,6 +160,12 @@ _lidarutil()
         read | watch)
             ((${#positionals[@]} == 0)) &&
                 _lidarutil_reply_lines "$(_lidarutil_modules "$program" "$model")" "$cur"
+            ;;
+        export)
+            _lidarutil_reply_lines "$(_lidarutil_modules "$program" "$model")" "$cur"
+            ;;
+        diff | apply)
+            ((${#positionals[@]} == 0)) && _filedir
             ;;
         upgrade | oplog | "heron upgrade" | "ota inspect")
             _filedir

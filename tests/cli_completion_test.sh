@@ -60,6 +60,10 @@ expect "" lidarutil wren standby on ""
 # Options: the program's and the command's being typed.
 expect "$(lines --record)" lidarutil monitor --rec
 expect "$(lines --variable)" lidarutil upgrade --va
+expect "$(lines export)" lidarutil exp
+expect "$(lines --dry-run)" lidarutil apply --dr
+expect "$(lines --include-network)" lidarutil export --inc
+expect "$(lines Operation)" lidarutil export Network Ope
 expect "$(lines --variant)" lidarutil monitor --va
 expect "$(lines --verbose --version)" lidarutil info --ver
 expect "$(lines --tmb-fpga --tmb-param --token)" lidarutil ota pack --t

@@ -190,23 +190,10 @@ TEST(Fleet, ALidarThatDoesNotAnswerIsReportedWithItsErrorAndTheOthersSucceed) {
 // connection settings).
 testsupport::Outcome lidarutilAtHome(const QStringList& arguments, const QString& folder,
                                      const QString& home) {
-    QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("HOME", home);
     environment.remove("XDG_CONFIG_HOME");
-    process.setProcessEnvironment(environment);
-    process.setWorkingDirectory(folder);
-    process.start(QString::fromStdString(kLidarutil), arguments);
-    testsupport::Outcome run;
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        ADD_FAILURE() << "lidarutil " << arguments.join(' ').toStdString() << " did not finish";
-    }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
+    return testsupport::lidarutil(arguments, folder, environment);
 }
 
 // The files a connection and a raw command leave: the connection settings under the home, the

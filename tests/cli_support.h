@@ -24,7 +24,8 @@ struct Outcome {
 
 inline Outcome lidarutil(
     const QStringList& arguments,
-    const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir())) {
+    const QString& workingDirectory = QString::fromStdString(testsupport::SourceDir()),
+    const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment()) {
     const QString program = LIDAR_BINARY_DIR "/cli/lidarutil";
     Outcome run;
     if (!QFileInfo(program).isExecutable()) {
@@ -32,6 +33,7 @@ inline Outcome lidarutil(
         return run;
     }
     QProcess process;
+    process.setProcessEnvironment(environment);
     process.setWorkingDirectory(workingDirectory);
     process.start(program, arguments);
     if (!process.waitForFinished(60000)) {

@@ -336,12 +336,13 @@ WindowTestCase {
         openMonitor()
         var chart = MonitorCharts
         mouseClick(named("autoRefreshSwitch"))
-        tryVerify(function() { return !Manager.monitorAutoRefresh && !Desk.queue.busy }, 5000)
+        tryVerify(function() { return !Manager.monitorAutoRefresh && !Desk.queue.busy }, 10000)
         var requests = Probe.requestCount(monitorRead)
         var rows = chart.rowCount
         mouseClick(named("refreshMonitorButton"))
-        tryVerify(function() { return chart.rowCount === rows + 1 }, 5000)
-        tryVerify(function() { return !Desk.queue.busy }, 5000)
+        tryVerify(function() { return chart.rowCount === rows + 1 }, 10000,
+                  "rows " + chart.rowCount + ", wanted " + (rows + 1))
+        tryVerify(function() { return !Desk.queue.busy }, 10000)
         compare(Probe.requestCount(monitorRead), requests + 1)
     }
 
