@@ -142,6 +142,7 @@ class FleetRun {
         board_.erase();
         printDiagnostic(closingTable(runs_));
         printDiagnostic(totalLine(runs_));
+        for (const QString& warning : sameLidarWarnings(runs_)) printDiagnostic(warning);
         if (reportFailed_) return kExitFailed;
         return fleetExitStatus(runs_);
     }

@@ -49,12 +49,13 @@ bool exitedWith(const LidarRun& run, int status) {
     return run.state == State::kExited && run.exitCode == status;
 }
 
-// A lidar whose command went wrong: every end but exit 0 or 3, an abandoned or unstarted one
-// counted apart.
+// A lidar whose command went wrong: every end but exit 0, 3 or 4 (written, not verified), an
+// abandoned or unstarted one counted apart.
 bool failed(const LidarRun& run) {
     switch (run.state) {
         case State::kExited:
-            return run.exitCode != kExitOk && run.exitCode != kExitDiffers;
+            return run.exitCode != kExitOk && run.exitCode != kExitDiffers &&
+                   run.exitCode != kExitUnverified;
         case State::kCrashed:
         case State::kFailedToStart:
             return true;
@@ -104,7 +105,11 @@ void takeChildOutput(LidarRun& run, const QByteArray& out, const QByteArray& err
     QStringList errors;
     for (const QString& line : diagnostics)
         if (const QString error = errorIn(line).trimmed(); !error.isEmpty()) errors << error;
-    const bool clean = run.state == State::kExited && run.exitCode == kExitOk;
+    // Differences found, or settings written and not verified, are outcomes the child said in its
+    // outcome line, not errors.
+    const bool told =
+        !outcome.isEmpty() && (run.exitCode == kExitDiffers || run.exitCode == kExitUnverified);
+    const bool clean = run.state == State::kExited && (run.exitCode == kExitOk || told);
     if (errors.isEmpty() && !clean && !diagnostics.isEmpty())
         errors << diagnostics.last().trimmed();
     if (!errors.isEmpty()) run.error = errors.join("; ");
@@ -156,6 +161,11 @@ QString totalLine(const QVector<LidarRun>& runs) {
         QString::number(countOf(runs, failed)) + " failed"};
     const int differ = countOf(runs, [](const LidarRun& r) { return exitedWith(r, kExitDiffers); });
     if (differ > 0) parts.insert(1, QString::number(differ) + " with differences (status 3)");
+    const int unverified =
+        countOf(runs, [](const LidarRun& r) { return exitedWith(r, kExitUnverified); });
+    if (unverified > 0)
+        parts.insert(parts.size() - 1,
+                     QString::number(unverified) + " written, not verified (status 4)");
     const int abandoned =
         countOf(runs, [](const LidarRun& r) { return r.state == State::kAbandoned; });
     if (abandoned > 0) parts << QString::number(abandoned) + " abandoned";
@@ -163,6 +173,24 @@ QString totalLine(const QVector<LidarRun>& runs) {
         countOf(runs, [](const LidarRun& r) { return r.state == State::kNotStarted; });
     if (unstarted > 0) parts << QString::number(unstarted) + " not started";
     return lidars(runs.size()) + ": " + parts.join(", ");
+}
+
+QStringList sameLidarWarnings(const QVector<LidarRun>& runs) {
+    QStringList warnings;
+    for (int i = 0; i < runs.size(); ++i) {
+        if (runs[i].serialNumber.isEmpty()) continue;
+        QStringList hosts{shownHost(runs[i].host)};
+        bool seenBefore = false;
+        for (int j = 0; j < runs.size(); ++j) {
+            if (j == i || runs[j].serialNumber != runs[i].serialNumber) continue;
+            if (j < i) seenBefore = true;
+            hosts << shownHost(runs[j].host);
+        }
+        if (hosts.size() > 1 && !seenBefore)
+            warnings << "warning: " + hosts.join(", ") + " answered with one serial number, " +
+                            runs[i].serialNumber + ": one lidar listed more than once?";
+    }
+    return warnings;
 }
 
 int fleetExitStatus(const QVector<LidarRun>& runs) {

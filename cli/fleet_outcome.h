@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 #include "hosts_file.h"
@@ -53,6 +54,10 @@ QString stateText(const LidarRun& run);
 // ("8 lidars: 7 succeeded, 1 failed").
 QString closingTable(const QVector<LidarRun>& runs);
 QString totalLine(const QVector<LidarRun>& runs);
+
+// One warning for each serial number that more than one host answered with (the same lidar under
+// two names, or two lidars that share a number): empty when none did.
+QStringList sameLidarWarnings(const QVector<LidarRun>& runs);
 
 // 0 when every child exited 0; kExitDiffers when none failed and some exited with it; 1
 // otherwise.

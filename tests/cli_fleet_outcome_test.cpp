@@ -90,8 +90,37 @@ TEST(FleetOutcome, TheTotalCountsEachKindOfEnd) {
     EXPECT_EQ(cli::totalLine({exited(0)}), "1 lidar: 1 succeeded, 0 failed");
     EXPECT_EQ(cli::totalLine({exited(0), exited(3), exited(4), ended(State::kCrashed),
                               ended(State::kAbandoned), ended(State::kNotStarted)}),
-              "6 lidars: 1 succeeded, 1 with differences (status 3), 2 failed, 1 abandoned, 1 "
-              "not started");
+              "6 lidars: 1 succeeded, 1 with differences (status 3), 1 written, not verified "
+              "(status 4), 1 failed, 1 abandoned, 1 not started");
+}
+
+TEST(FleetOutcome, AnOutcomeLineOfStatusThreeOrFourIsNoErrorButAnErrorLineStillIs) {
+    const QByteArray said =
+        QByteArray(cli::kFleetSummaryPrefix) + "2 field(s) differ from p.json\n";
+    LidarRun differs = exited(3);
+    cli::takeChildOutput(differs, "0x31 (Operation / Scan):\n", "connecting ...\n" + said);
+    EXPECT_EQ(differs.summary, "2 field(s) differ from p.json");
+    EXPECT_EQ(differs.error, "");
+    LidarRun refused = exited(3);
+    cli::takeChildOutput(refused, "", "error: the lidar refused 0x30\n" + said);
+    EXPECT_EQ(refused.error, "the lidar refused 0x30");
+    LidarRun silent = exited(4);
+    cli::takeChildOutput(silent, "", "connecting ...\n");
+    EXPECT_EQ(silent.error, "connecting ...")
+        << "a status 4 with no outcome line says its last line";
+}
+
+TEST(FleetOutcome, OneSerialNumberFromTwoHostsIsWarnedOnce) {
+    QVector<LidarRun> runs = {ended(State::kExited, 0, "10.0.0.1"),
+                              ended(State::kExited, 0, "lidar-a"),
+                              ended(State::kExited, 0, "10.0.0.3"), ended(State::kExited, 1, "x")};
+    runs[0].serialNumber = runs[1].serialNumber = "EG2411050001";
+    runs[2].serialNumber = "EG2411050003";
+    EXPECT_EQ(cli::sameLidarWarnings(runs),
+              QStringList{"warning: 10.0.0.1, lidar-a answered with one serial number, "
+                          "EG2411050001: one lidar listed more than once?"});
+    runs[1].serialNumber = "EG2411050002";
+    EXPECT_TRUE(cli::sameLidarWarnings(runs).isEmpty());
 }
 
 TEST(FleetOutcome, TheFirstCtrlCSaysWhatStoppingWouldLeave) {
